@@ -1,0 +1,331 @@
+// The platform port: everything the SDK needs from the phone, as small interfaces.
+//
+// The core never calls the operating system directly. A host installs one KOPlatform before it
+// starts the SDK; the simulated device (Kovantis::sim) implements every interface in-process for
+// Linux, and a bridge to a real phone implements the same interfaces.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kovantis/KOValue.h"
+
+// ------------------------------------------------------------------------------- geometry and UI
+
+struct KOSize {
+  double width = 0;
+  double height = 0;
+  friend bool operator==(const KOSize&, const KOSize&) = default;
+};
+
+struct KORect {
+  double x = 0;
+  double y = 0;
+  double width = 0;
+  double height = 0;
+  friend bool operator==(const KORect&, const KORect&) = default;
+};
+
+/// An sRGB colour with components from 0 to 1.
+struct KOColor {
+  double red = 0;
+  double green = 0;
+  double blue = 0;
+  double alpha = 1;
+  friend bool operator==(const KOColor&, const KOColor&) = default;
+};
+
+/// A font by name and point size; an empty name means the system font.
+struct KOFont {
+  std::string name;
+  double pointSize = 17;
+};
+
+/// An image as far as layout needs it.
+struct KOImage {
+  KOSize size;
+};
+
+/// The kinds of input widget whose value the SDK reads back from in-app forms.
+enum class KOWidgetKind { StarRating, TextField, TextView, Switch, Slider, Other };
+
+/// A view on screen, reduced to what the SDK reads from it.
+struct KOView {
+  KOWidgetKind kind = KOWidgetKind::Other;
+  double numericValue = 0;  // star rating, slider
+  bool isOn = false;        // switch
+  std::string text;         // text field, text view
+};
+
+enum class KOViewControllerKind { Plain, Navigation, TabBar, Alert };
+
+/// A screen of the host application: the tree the top-screen lookup walks.
+struct KOViewController {
+  std::string name;
+  KOViewControllerKind kind = KOViewControllerKind::Plain;
+  std::shared_ptr<KOViewController> presented;                   // modally presented on top
+  std::vector<std::shared_ptr<KOViewController>> children;       // navigation stack or tab items
+  std::size_t selectedIndex = 0;                                 // tab bar selection
+
+  /// The last controller of a navigation stack.
+  std::shared_ptr<KOViewController> topViewController() const {
+    return children.empty() ? nullptr : children.back();
+  }
+  /// The selected controller of a tab bar.
+  std::shared_ptr<KOViewController> selectedViewController() const {
+    return selectedIndex < children.size() ? children[selectedIndex] : nullptr;
+  }
+};
+
+enum class KOAlertActionStyle { Default, Cancel, Destructive };
+
+struct KOAlertAction {
+  std::string title;
+  KOAlertActionStyle style = KOAlertActionStyle::Default;
+  std::function<void()> handler;
+};
+
+enum class KOUserInterfaceIdiom { Phone, Pad };
+
+// ------------------------------------------------------------------------------------ interfaces
+
+/// The application bundle.
+class KOAppInfo {
+ public:
+  virtual ~KOAppInfo() = default;
+  /// "CFBundleShortVersionString", or nothing.
+  virtual std::optional<std::string> shortVersion() const = 0;
+  /// "CFBundleVersion", or nothing.
+  virtual std::optional<std::string> buildVersion() const = 0;
+  /// "CFBundleIdentifier", or nothing.
+  virtual std::optional<std::string> bundleIdentifier() const = 0;
+  /// The whole info dictionary of the main bundle.
+  virtual KODictionary infoDictionary() const = 0;
+};
+
+/// The device and its screen.
+class KODeviceInfo {
+ public:
+  virtual ~KODeviceInfo() = default;
+  /// Upper-case UUID text, or empty when the platform cannot give one yet.
+  virtual std::string identifierForVendor() const = 0;
+  virtual std::string model() const = 0;
+  virtual std::string name() const = 0;
+  virtual std::string systemName() const = 0;
+  virtual std::string systemVersion() const = 0;
+  virtual std::string localizedModel() const = 0;
+  virtual KOUserInterfaceIdiom idiom() const = 0;
+  /// Main screen bounds in points.
+  virtual KOSize screenSize() const = 0;
+  virtual double screenScale() const = 0;
+};
+
+/// The optional advertising framework.
+class KOAdvertising {
+ public:
+  virtual ~KOAdvertising() = default;
+  /// Whether the advertising framework is present at all.
+  virtual bool isAvailable() const = 0;
+  virtual bool isAdvertisingTrackingEnabled() const = 0;
+  /// Upper-case UUID text.
+  virtual std::string advertisingIdentifier() const = 0;
+};
+
+/// One key-value preference store (the standard one or an app-group suite). Thread-safe.
+class KOPreferenceStore {
+ public:
+  virtual ~KOPreferenceStore() = default;
+  /// The stored value, or nil.
+  virtual KOValue objectForKey(std::string_view key) const = 0;
+  /// Stores the value; nil removes the key.
+  virtual void setObject(const KOValue& value, std::string_view key) = 0;
+  virtual void removeObjectForKey(std::string_view key) = 0;
+  /// Writes pending changes to disk; returns false when that failed.
+  virtual bool synchronize() = 0;
+  /// Every key and value, for inspection.
+  virtual KODictionary dictionaryRepresentation() const = 0;
+};
+
+/// The standard store and the app-group suites.
+class KOPreferences {
+ public:
+  virtual ~KOPreferences() = default;
+  virtual KOPreferenceStore& standard() = 0;
+  /// The suite shared with app extensions; nullptr when the app may not use that group.
+  virtual KOPreferenceStore* suite(std::string_view groupIdentifier) = 0;
+};
+
+/// The failure of one file-system primitive.
+struct KOFileError {
+  int code = 0;  // an errno value
+  std::string message;
+};
+
+/// The sandbox's files. Primitives only; the core's atomic writer composes them, so a test can
+/// wrap this to inject faults between any two steps.
+class KOFileSystem {
+ public:
+  virtual ~KOFileSystem() = default;
+  /// "<sandbox>/Documents".
+  virtual std::string documentsDirectory() const = 0;
+  /// "<sandbox>/Library/Caches".
+  virtual std::string cachesDirectory() const = 0;
+  /// "<sandbox>/tmp".
+  virtual std::string temporaryDirectory() const = 0;
+  /// The whole file, or nothing when it is missing or unreadable (error set when given).
+  virtual std::optional<std::string> readFile(const std::string& path, KOFileError* error = nullptr) const = 0;
+  /// Creates or truncates the file, writes every byte and flushes it to the device.
+  virtual bool writeFile(const std::string& path, std::string_view bytes, KOFileError* error = nullptr,
+                         unsigned mode = 0644) = 0;
+  /// Replaces `to` with `from` in one step.
+  virtual bool renameFile(const std::string& from, const std::string& to, KOFileError* error = nullptr) = 0;
+  /// Removes a file or a whole directory tree; a missing path counts as removed.
+  virtual bool removeItem(const std::string& path, KOFileError* error = nullptr) = 0;
+  virtual bool createDirectories(const std::string& path, KOFileError* error = nullptr) = 0;
+  virtual bool fileExists(const std::string& path) const = 0;
+  /// Names (not paths) of the entries of a directory; empty when it is missing.
+  virtual std::vector<std::string> listDirectory(const std::string& path) const = 0;
+};
+
+/// Keychain status codes, as the platform's security framework numbers them.
+enum KOKeychainStatus : int {
+  KOKeychainSuccess = 0,
+  KOKeychainItemNotFound = -25300,
+  KOKeychainDuplicateItem = -25299,
+  KOKeychainParamError = -50,
+  KOKeychainIOError = -36,
+};
+
+/// Generic-password items, kept outside the app's sandbox so that they survive an uninstall.
+class KOKeychainStore {
+ public:
+  virtual ~KOKeychainStore() = default;
+  virtual int add(const std::string& service, const std::string& account, std::string_view data,
+                  std::string_view accessibility) = 0;
+  virtual int copyMatching(const std::string& service, const std::string& account, std::string* data) const = 0;
+  virtual int remove(const std::string& service, const std::string& account) = 0;
+};
+
+enum class KOApplicationState { Active, Inactive, Background };
+
+using KOBackgroundTaskIdentifier = std::uint64_t;
+inline constexpr KOBackgroundTaskIdentifier KOBackgroundTaskInvalid = 0;
+
+/// The running application.
+class KOApplication {
+ public:
+  virtual ~KOApplication() = default;
+  virtual KOApplicationState applicationState() const = 0;
+  virtual std::int64_t applicationIconBadgeNumber() const = 0;
+  virtual void setApplicationIconBadgeNumber(std::int64_t badge) = 0;
+  /// Asks for time to finish work in the background; the handler runs if that time runs out.
+  virtual KOBackgroundTaskIdentifier beginBackgroundTask(const std::string& name,
+                                                         std::function<void()> expirationHandler) = 0;
+  virtual void endBackgroundTask(KOBackgroundTaskIdentifier task) = 0;
+  virtual bool canOpenURL(const std::string& url) const = 0;
+  virtual void openURL(const std::string& url, std::function<void(bool success)> completion) = 0;
+  /// The app's page in the system settings.
+  virtual void openSettings() = 0;
+  virtual void registerForRemoteNotifications() = 0;
+  virtual bool isRegisteredForRemoteNotifications() const = 0;
+  /// The root of the key window's screens; nullptr before the app shows anything.
+  virtual std::shared_ptr<KOViewController> keyWindowRootViewController() const = 0;
+  /// The root of the application delegate's window, the fallback of the top-screen lookup.
+  virtual std::shared_ptr<KOViewController> delegateWindowRootViewController() const = 0;
+  virtual bool isKeyboardShown() const = 0;
+};
+
+/// What the user sees and answers.
+class KOUserInterface {
+ public:
+  virtual ~KOUserInterface() = default;
+  /// Whether the modern alert controller exists (otherwise the older alert view is used).
+  virtual bool supportsAlertController() const = 0;
+  virtual void presentAlert(const std::string& title, const std::string& message,
+                            std::vector<KOAlertAction> actions, const KOViewController* presenter) = 0;
+  /// The share sheet; anchored in a popover on a tablet, modal on a phone.
+  virtual void presentShareSheet(const KOArray& items, const std::vector<std::string>& excludedActivityTypes,
+                                 const KOViewController* presenter, std::optional<KORect> popoverAnchor) = 0;
+  /// The size of the text drawn on one line.
+  virtual KOSize sizeOfText(const std::string& text, const KOFont& font) const = 0;
+  /// The height of the text wrapped at the width.
+  virtual double heightOfText(const std::string& text, double width, const KOFont& font) const = 0;
+  virtual double systemFontSize() const = 0;
+};
+
+/// Locale and time zone.
+class KOLocale {
+ public:
+  virtual ~KOLocale() = default;
+  /// For example "en_IN".
+  virtual std::string localeIdentifier() const = 0;
+  virtual std::string languageCode() const = 0;
+  virtual std::string countryCode() const = 0;
+  /// The name of a code in the current locale's language ("en" -> "English").
+  virtual std::string displayNameForLanguage(const std::string& code) const = 0;
+  virtual std::string displayNameForCountry(const std::string& code) const = 0;
+  /// For example "Asia/Kolkata".
+  virtual std::string timeZoneName() const = 0;
+  /// Offset of local time from GMT at the given moment, in seconds.
+  virtual std::int64_t secondsFromGMT(double atSecondsSince1970) const = 0;
+};
+
+/// The device clock.
+class KOClock {
+ public:
+  virtual ~KOClock() = default;
+  /// Seconds since 1970, with fraction.
+  virtual double now() const = 0;
+};
+
+/// The line sink of the logger.
+class KOConsole {
+ public:
+  virtual ~KOConsole() = default;
+  virtual void writeLine(std::string_view line) = 0;
+};
+
+using KODispatchToken = std::uint64_t;
+
+/// The main queue and the shared concurrent queue.
+class KODispatch {
+ public:
+  virtual ~KODispatch() = default;
+  virtual void asyncMain(std::function<void()> work) = 0;
+  virtual void asyncBackground(std::function<void()> work) = 0;
+  /// Runs the work on the main queue (or the background queue) after the delay, unless cancelled.
+  virtual KODispatchToken afterMain(double delaySeconds, std::function<void()> work) = 0;
+  virtual KODispatchToken afterBackground(double delaySeconds, std::function<void()> work) = 0;
+  /// Cancels a delayed call that has not started; returns whether it was still pending.
+  virtual bool cancel(KODispatchToken token) = 0;
+  virtual bool isMainThread() const = 0;
+};
+
+/// Everything the SDK reaches on the device. Every member must be set before install.
+struct KOPlatform {
+  std::shared_ptr<KOAppInfo> appInfo;
+  std::shared_ptr<KODeviceInfo> deviceInfo;
+  std::shared_ptr<KOAdvertising> advertising;
+  std::shared_ptr<KOPreferences> preferences;
+  std::shared_ptr<KOFileSystem> fileSystem;
+  std::shared_ptr<KOKeychainStore> keychain;
+  std::shared_ptr<KOApplication> application;
+  std::shared_ptr<KOUserInterface> userInterface;
+  std::shared_ptr<KOLocale> locale;
+  std::shared_ptr<KOClock> clock;
+  std::shared_ptr<KOConsole> console;
+  std::shared_ptr<KODispatch> dispatch;
+
+  /// Makes this the platform the SDK uses from now on. Throws KOAssertionFailure when a member is
+  /// missing. An earlier platform stays alive until the process ends, so that work still running
+  /// on it never touches freed memory.
+  static void install(std::shared_ptr<const KOPlatform> platform);
+  /// The installed platform. Throws KOAssertionFailure when none is installed.
+  static const KOPlatform& current();
+  static bool isInstalled() noexcept;
+};

@@ -1,0 +1,182 @@
+#include "KOPropertyListSerialization.h"
+
+#include <plist/plist.h>
+#include <rapidjson/encodings.h>
+#include <rapidjson/memorystream.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+
+namespace {
+
+// Property-list dates count from 2001-01-01; ours count from 1970.
+constexpr double kAppleEpochOffset = 978307200.0;
+
+struct PlistFree {
+  void operator()(void* p) const { plist_free(static_cast<plist_t>(p)); }
+};
+using PlistPtr = std::unique_ptr<void, PlistFree>;
+
+bool isValidUTF8(const char* s, std::size_t n) {
+  rapidjson::MemoryStream ms(s, n);
+  while (ms.Tell() < n) {
+    unsigned codepoint = 0;
+    if (!rapidjson::UTF8<>::Decode(ms, &codepoint)) return false;
+  }
+  return true;
+}
+
+KOValue toValue(plist_t node, int depth) {
+  if (depth > KOValue::kMaxNestingDepth) throw KOParseError("property list nested too deeply");
+  switch (plist_get_node_type(node)) {
+    case PLIST_BOOLEAN: {
+      std::uint8_t b = 0;
+      plist_get_bool_val(node, &b);
+      return KOValue(b != 0);
+    }
+    case PLIST_UINT: {
+      std::uint64_t u = 0;
+      plist_get_uint_val(node, &u);
+      return KOValue(static_cast<std::int64_t>(u));  // the library keeps negative integers as two's complement
+    }
+    case PLIST_UID: {
+      std::uint64_t u = 0;
+      plist_get_uid_val(node, &u);
+      return KOValue(static_cast<std::int64_t>(u));
+    }
+    case PLIST_REAL: {
+      double d = 0;
+      plist_get_real_val(node, &d);
+      return KOValue(d);
+    }
+    case PLIST_STRING:
+    case PLIST_KEY: {
+      std::uint64_t length = 0;
+      const char* s = plist_get_string_ptr(node, &length);
+      if (!s) return KOValue(std::string());
+      if (!isValidUTF8(s, length)) throw KOParseError("property list string is not valid UTF-8");
+      return KOValue(std::string(s, length));
+    }
+    case PLIST_DATE: {
+      std::int32_t sec = 0, usec = 0;
+      plist_get_date_val(node, &sec, &usec);
+      return KOValue(KODate{kAppleEpochOffset + sec + usec / 1e6});
+    }
+    case PLIST_DATA: {
+      std::uint64_t length = 0;
+      const char* p = plist_get_data_ptr(node, &length);
+      KOData data;
+      if (p) data.bytes.assign(reinterpret_cast<const std::uint8_t*>(p), reinterpret_cast<const std::uint8_t*>(p) + length);
+      return KOValue(std::move(data));
+    }
+    case PLIST_ARRAY: {
+      const std::uint32_t n = plist_array_get_size(node);
+      KOArray array;
+      array.reserve(n);
+      for (std::uint32_t i = 0; i < n; ++i) array.push_back(toValue(plist_array_get_item(node, i), depth + 1));
+      return KOValue(std::move(array));
+    }
+    case PLIST_DICT: {
+      KODictionary dict;
+      dict.reserve(plist_dict_get_size(node));
+      plist_dict_iter it = nullptr;
+      plist_dict_new_iter(node, &it);
+      std::unique_ptr<void, decltype(&std::free)> iter(it, &std::free);
+      for (;;) {
+        char* rawKey = nullptr;
+        plist_t item = nullptr;
+        plist_dict_next_item(node, it, &rawKey, &item);
+        if (!item) {
+          std::free(rawKey);
+          break;
+        }
+        std::unique_ptr<char, decltype(&std::free)> key(rawKey, &std::free);
+        std::string keyText = key ? key.get() : "";
+        if (!isValidUTF8(keyText.data(), keyText.size())) throw KOParseError("property list key is not valid UTF-8");
+        dict.set(std::move(keyText), toValue(item, depth + 1));
+      }
+      return KOValue(std::move(dict));
+    }
+    default: throw KOParseError("unsupported property list node");
+  }
+}
+
+plist_t newString(const std::string& s) {
+  if (!isValidUTF8(s.data(), s.size())) throw KOTypeError("string is not valid UTF-8");
+  return plist_new_string(s.c_str());
+}
+
+// Returns nullptr for nil and null, which the caller leaves out or replaces.
+plist_t toNode(const KOValue& v, int depth) {
+  using Kind = KOValue::Kind;
+  if (depth > KOValue::kMaxNestingDepth) throw KOTypeError("property list nesting too deep");
+  switch (v.kind()) {
+    case Kind::Nil:
+    case Kind::Null: return nullptr;
+    case Kind::Bool: return plist_new_bool(v.boolValue() ? 1 : 0);
+    case Kind::Integer: return plist_new_uint(static_cast<std::uint64_t>(v.intValue()));
+    case Kind::Real: {
+      if (!std::isfinite(v.doubleValue())) throw KOTypeError("invalid number in property list (NaN or infinity)");
+      return plist_new_real(v.doubleValue());
+    }
+    case Kind::String: return newString(v.stringValue());
+    case Kind::URL: return newString(v.urlValue().absoluteString);
+    case Kind::Date: {
+      const double since2001 = v.dateValue().secondsSince1970 - kAppleEpochOffset;
+      const double whole = std::floor(since2001);
+      if (!std::isfinite(since2001) || whole < std::numeric_limits<std::int32_t>::min() ||
+          whole > std::numeric_limits<std::int32_t>::max()) {
+        throw KOTypeError("date out of the property-list range");
+      }
+      const auto usec = static_cast<std::int32_t>(std::lround((since2001 - whole) * 1e6));
+      return plist_new_date(static_cast<std::int32_t>(whole), usec >= 1000000 ? 999999 : usec);
+    }
+    case Kind::Data: {
+      const auto& bytes = v.dataValue().bytes;
+      return plist_new_data(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    }
+    case Kind::Array: {
+      PlistPtr array(plist_new_array());
+      for (const auto& item : v.arrayValue()) {
+        plist_t child = toNode(item, depth + 1);
+        plist_array_append_item(array.get(), child ? child : plist_new_string(""));
+      }
+      return static_cast<plist_t>(array.release());
+    }
+    case Kind::Dictionary: {
+      PlistPtr dict(plist_new_dict());
+      for (const auto& [key, item] : v.dictionaryValue()) {
+        if (!isValidUTF8(key.data(), key.size())) throw KOTypeError("dictionary key is not valid UTF-8");
+        if (plist_t child = toNode(item, depth + 1)) plist_dict_set_item(dict.get(), key.c_str(), child);
+      }
+      return static_cast<plist_t>(dict.release());
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+KOValue KOPropertyListSerialization::parse(std::string_view bytes) {
+  if (bytes.empty()) throw KOParseError("empty property list");
+  if (bytes.size() >= std::numeric_limits<std::uint32_t>::max()) throw KOParseError("property list too large");
+  plist_t raw = nullptr;
+  plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &raw);
+  PlistPtr root(raw);
+  if (!root) throw KOParseError("unreadable property list");
+  return toValue(raw, 0);
+}
+
+std::string KOPropertyListSerialization::writeXML(const KOValue& value) {
+  PlistPtr root(toNode(value, 0));
+  if (!root) throw KOTypeError("nothing to write: the property list root is nil or null");
+  char* xml = nullptr;
+  std::uint32_t length = 0;
+  plist_to_xml(static_cast<plist_t>(root.get()), &xml, &length);
+  if (!xml) throw KOTypeError("property list write failed");
+  std::string out(xml, length);
+  plist_to_xml_free(xml);
+  return out;
+}

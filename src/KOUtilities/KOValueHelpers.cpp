@@ -1,0 +1,49 @@
+#include "KOValueHelpers.h"
+
+#include "KOLogger.h"
+#include "KOStringFormat.h"
+
+namespace {
+
+const KOValue& nonNull(const KOValue& v) { return v.isNull() ? KOValue::nil() : v; }
+
+std::string keyText(const KOValue& key) { return key.isString() ? key.stringValue() : key.description(); }
+
+}  // namespace
+
+const KOValue& validObjectForKey(const KODictionary& dict, std::string_view key) { return nonNull(dict[key]); }
+
+const KOValue& validObjectForKey(const KOValue& dict, std::string_view key) {
+  return dict.isDictionary() ? validObjectForKey(dict.dictionaryValue(), key) : KOValue::nil();
+}
+
+const KOValue& validObjectForKeyPath(const KODictionary& dict, std::string_view keyPath) {
+  const KODictionary* current = &dict;
+  for (;;) {
+    const auto dot = keyPath.find('.');
+    const KOValue& v = validObjectForKey(*current, keyPath.substr(0, dot));
+    if (dot == std::string_view::npos) return v;
+    if (!v.isDictionary()) return KOValue::nil();
+    current = &v.dictionaryValue();
+    keyPath.remove_prefix(dot + 1);
+  }
+}
+
+const KOValue& validObjectForKeyPath(const KOValue& dict, std::string_view keyPath) {
+  return dict.isDictionary() ? validObjectForKeyPath(dict.dictionaryValue(), keyPath) : KOValue::nil();
+}
+
+const KOValue& safeObjectForKey(const KODictionary& dict, std::string_view key) { return nonNull(dict[key]); }
+
+void setObjectNilHandled(KODictionary& dict, const KOValue& object, const KOValue& forKey) {
+  if (forKey.isNil()) {
+    KOLogger::logPlain(KOStringFormat::format("Kovantis - Key can't be nil. Object is %@", {object}));
+    return;
+  }
+  dict.set(keyText(forKey), object.isNil() ? KOValue(std::string()) : object);
+}
+
+void removeValidObjectForKey(KODictionary& dict, const KOValue& key) {
+  if (key.isNil()) return;
+  dict.remove(keyText(key));
+}

@@ -1,0 +1,130 @@
+#include "KOSimApplication.h"
+
+KOSimApplication::KOSimApplication(KODispatch& dispatch) : dispatch_(dispatch) {}
+
+KOApplicationState KOSimApplication::applicationState() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return state_;
+}
+
+void KOSimApplication::setApplicationState(KOApplicationState state) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  state_ = state;
+}
+
+std::int64_t KOSimApplication::applicationIconBadgeNumber() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return badge_;
+}
+
+void KOSimApplication::setApplicationIconBadgeNumber(std::int64_t badge) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  badge_ = badge;
+}
+
+KOBackgroundTaskIdentifier KOSimApplication::beginBackgroundTask(const std::string& name,
+                                                                 std::function<void()> expirationHandler) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const KOBackgroundTaskIdentifier id = nextTask_++;
+  tasks_.emplace(id, Task{name, std::move(expirationHandler)});
+  return id;
+}
+
+void KOSimApplication::endBackgroundTask(KOBackgroundTaskIdentifier task) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  tasks_.erase(task);
+}
+
+std::vector<std::string> KOSimApplication::activeBackgroundTasks() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::string> names;
+  for (const auto& [id, task] : tasks_) names.push_back(task.name);
+  return names;
+}
+
+void KOSimApplication::expireBackgroundTasks() {
+  std::vector<std::function<void()>> handlers;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& [id, task] : tasks_) {
+      if (task.expiration) handlers.push_back(task.expiration);
+    }
+  }
+  for (auto& handler : handlers) handler();
+}
+
+bool KOSimApplication::canOpenURL(const std::string& url) const {
+  const auto colon = url.find(':');
+  if (colon == std::string::npos || colon == 0) return false;
+  std::lock_guard<std::mutex> lock(mutex_);
+  return schemes_.count(url.substr(0, colon)) > 0;
+}
+
+void KOSimApplication::openURL(const std::string& url, std::function<void(bool success)> completion) {
+  const bool ok = canOpenURL(url);
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (ok) opened_.push_back(url);
+  }
+  if (completion) dispatch_.asyncMain([completion = std::move(completion), ok] { completion(ok); });
+}
+
+void KOSimApplication::addOpenableScheme(const std::string& scheme) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  schemes_.insert(scheme);
+}
+
+std::vector<std::string> KOSimApplication::openedURLs() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return opened_;
+}
+
+void KOSimApplication::openSettings() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ++settingsOpened_;
+}
+
+int KOSimApplication::settingsOpenedCount() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return settingsOpened_;
+}
+
+void KOSimApplication::registerForRemoteNotifications() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  registeredForRemote_ = true;
+}
+
+bool KOSimApplication::isRegisteredForRemoteNotifications() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return registeredForRemote_;
+}
+
+std::shared_ptr<KOViewController> KOSimApplication::keyWindowRootViewController() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return keyRoot_;
+}
+
+std::shared_ptr<KOViewController> KOSimApplication::delegateWindowRootViewController() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return delegateRoot_;
+}
+
+void KOSimApplication::setKeyWindowRootViewController(std::shared_ptr<KOViewController> root) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  keyRoot_ = std::move(root);
+}
+
+void KOSimApplication::setDelegateWindowRootViewController(std::shared_ptr<KOViewController> root) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  delegateRoot_ = std::move(root);
+}
+
+bool KOSimApplication::isKeyboardShown() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return keyboardShown_;
+}
+
+void KOSimApplication::setKeyboardShown(bool shown) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  keyboardShown_ = shown;
+}

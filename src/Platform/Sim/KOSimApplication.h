@@ -1,0 +1,66 @@
+// The running application on the simulated device: state, badge, background tasks, URLs and the
+// screens on show. Records what the SDK asked of it so tests can read it back.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "kovantis/KOPlatform.h"
+
+class KOSimApplication : public KOApplication {
+ public:
+  explicit KOSimApplication(KODispatch& dispatch);
+
+  KOApplicationState applicationState() const override;
+  std::int64_t applicationIconBadgeNumber() const override;
+  void setApplicationIconBadgeNumber(std::int64_t badge) override;
+  KOBackgroundTaskIdentifier beginBackgroundTask(const std::string& name,
+                                                 std::function<void()> expirationHandler) override;
+  void endBackgroundTask(KOBackgroundTaskIdentifier task) override;
+  bool canOpenURL(const std::string& url) const override;
+  void openURL(const std::string& url, std::function<void(bool success)> completion) override;
+  void openSettings() override;
+  void registerForRemoteNotifications() override;
+  bool isRegisteredForRemoteNotifications() const override;
+  std::shared_ptr<KOViewController> keyWindowRootViewController() const override;
+  std::shared_ptr<KOViewController> delegateWindowRootViewController() const override;
+  bool isKeyboardShown() const override;
+
+  // Scripting and inspection.
+  void setApplicationState(KOApplicationState state);
+  void setKeyWindowRootViewController(std::shared_ptr<KOViewController> root);
+  void setDelegateWindowRootViewController(std::shared_ptr<KOViewController> root);
+  void setKeyboardShown(bool shown);
+  /// URL schemes the device can open (http, https, tel, mailto and sms by default).
+  void addOpenableScheme(const std::string& scheme);
+  std::vector<std::string> openedURLs() const;
+  int settingsOpenedCount() const;
+  /// Names of the background tasks begun and not yet ended.
+  std::vector<std::string> activeBackgroundTasks() const;
+  /// Runs the expiration handlers of every active background task, as the system does when the
+  /// app's background time runs out.
+  void expireBackgroundTasks();
+
+ private:
+  struct Task {
+    std::string name;
+    std::function<void()> expiration;
+  };
+
+  KODispatch& dispatch_;
+  mutable std::mutex mutex_;
+  KOApplicationState state_ = KOApplicationState::Inactive;
+  std::int64_t badge_ = 0;
+  KOBackgroundTaskIdentifier nextTask_ = 1;
+  std::map<KOBackgroundTaskIdentifier, Task> tasks_;
+  std::set<std::string> schemes_{"http", "https", "tel", "mailto", "sms"};
+  std::vector<std::string> opened_;
+  int settingsOpened_ = 0;
+  bool registeredForRemote_ = false;
+  bool keyboardShown_ = false;
+  std::shared_ptr<KOViewController> keyRoot_;
+  std::shared_ptr<KOViewController> delegateRoot_;
+};

@@ -1,0 +1,95 @@
+#include "KOSimDevice.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+
+#include "kovantis/KOConstants.h"
+#include "kovantis/KONotificationCenter.h"
+
+namespace {
+
+std::string makeTemporaryRoot() {
+  std::string pattern = (std::filesystem::temp_directory_path() / "kovantis-sim-XXXXXX").string();
+  if (!::mkdtemp(pattern.data())) throw std::runtime_error("cannot create a temporary device directory");
+  return pattern;
+}
+
+}  // namespace
+
+KOSimDevice::KOSimDevice(KOSimDeviceConfig config) : config_(std::move(config)) {
+  if (config_.rootDirectory.empty()) {
+    root_ = makeTemporaryRoot();
+    ownsRoot_ = true;
+  } else {
+    root_ = config_.rootDirectory;
+    std::filesystem::create_directories(root_);
+  }
+  files_ = std::make_shared<KOSimFileSystem>(sandboxDirectory());
+  faulty_ = std::make_shared<KOSimFaultyFileSystem>(files_);
+  dispatch_ = std::make_shared<KOSimDispatch>(config_.backgroundThreads);
+  profile_ = std::make_shared<KOSimDeviceProfile>(*files_, root_ + "/Device/identifierForVendor", config_.profile);
+  preferences_ = std::make_shared<KOSimPreferences>(*faulty_, standardPreferencesPath(), root_ + "/AppGroups",
+                                                    config_.appGroups);
+  keychain_ = std::make_shared<KOSimKeychain>(*files_, keychainDirectory());
+  application_ = std::make_shared<KOSimApplication>(*dispatch_);
+  userInterface_ = std::make_shared<KOSimUserInterface>(*dispatch_);
+  console_ = std::make_shared<KOSimConsole>(config_.echoConsole);
+  clock_ = std::make_shared<KOSimClock>();
+
+  platform_ = std::make_shared<KOPlatform>();
+  platform_->appInfo = profile_;
+  platform_->deviceInfo = profile_;
+  platform_->advertising = profile_;
+  platform_->locale = profile_;
+  platform_->preferences = preferences_;
+  platform_->fileSystem = faulty_;
+  platform_->keychain = keychain_;
+  platform_->application = application_;
+  platform_->userInterface = userInterface_;
+  platform_->clock = clock_;
+  platform_->console = console_;
+  platform_->dispatch = dispatch_;
+}
+
+KOSimDevice::~KOSimDevice() {
+  // Queued work must stop before the directory it may write to disappears.
+  dispatch_->shutdown();
+  if (ownsRoot_) {
+    std::error_code ec;
+    std::filesystem::remove_all(root_, ec);
+  }
+}
+
+void KOSimDevice::install() { KOPlatform::install(platform_); }
+
+std::string KOSimDevice::standardPreferencesPath() const {
+  return sandboxDirectory() + "/Library/Preferences/" + config_.profile.bundleIdentifier + ".plist";
+}
+
+void KOSimDevice::uninstall() {
+  std::error_code ec;
+  std::filesystem::remove_all(sandboxDirectory(), ec);
+  std::filesystem::remove_all(root_ + "/AppGroups", ec);
+  profile_->resetVendorId();
+  files_->prepareSandbox();
+  preferences_->reloadAll();
+  application_->setApplicationState(KOApplicationState::Inactive);
+  application_->setApplicationIconBadgeNumber(0);
+}
+
+void KOSimDevice::post(const char* name, KOApplicationState state) {
+  application_->setApplicationState(state);
+  KONotificationCenter::defaultCenter().post(name);
+}
+
+void KOSimDevice::launch() { post(KOApplicationDidFinishLaunchingNotification, KOApplicationState::Inactive); }
+void KOSimDevice::becomeActive() { post(KOApplicationDidBecomeActiveNotification, KOApplicationState::Active); }
+void KOSimDevice::resignActive() { post(KOApplicationWillResignActiveNotification, KOApplicationState::Inactive); }
+void KOSimDevice::enterBackground() {
+  post(KOApplicationDidEnterBackgroundNotification, KOApplicationState::Background);
+}
+void KOSimDevice::enterForeground() {
+  post(KOApplicationWillEnterForegroundNotification, KOApplicationState::Inactive);
+}
+void KOSimDevice::terminate() { post(KOApplicationWillTerminateNotification, KOApplicationState::Background); }

@@ -1,0 +1,118 @@
+#include "KOSimFileSystem.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool fail(KOFileError* error, int code, const std::string& what) {
+  if (error) {
+    error->code = code;
+    error->message = what + ": " + std::strerror(code);
+  }
+  return false;
+}
+
+}  // namespace
+
+KOSimFileSystem::KOSimFileSystem(std::string sandboxDirectory) : sandbox_(std::move(sandboxDirectory)) {
+  prepareSandbox();
+}
+
+void KOSimFileSystem::prepareSandbox() {
+  std::error_code ec;
+  for (const char* dir : {"/Documents", "/Library/Preferences", "/Library/Caches", "/tmp"}) {
+    fs::create_directories(sandbox_ + dir, ec);
+  }
+}
+
+std::string KOSimFileSystem::documentsDirectory() const { return sandbox_ + "/Documents"; }
+std::string KOSimFileSystem::cachesDirectory() const { return sandbox_ + "/Library/Caches"; }
+std::string KOSimFileSystem::temporaryDirectory() const { return sandbox_ + "/tmp"; }
+
+std::optional<std::string> KOSimFileSystem::readFile(const std::string& path, KOFileError* error) const {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    fail(error, errno, "open " + path);
+    return std::nullopt;
+  }
+  std::string out;
+  char buffer[65536];
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    if (n == 0) break;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      fail(error, errno, "read " + path);
+      ::close(fd);
+      return std::nullopt;
+    }
+    out.append(buffer, static_cast<std::size_t>(n));
+  }
+  ::close(fd);
+  return out;
+}
+
+bool KOSimFileSystem::writeFile(const std::string& path, std::string_view bytes, KOFileError* error, unsigned mode) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, static_cast<mode_t>(mode));
+  if (fd < 0) return fail(error, errno, "open " + path);
+  ::fchmod(fd, static_cast<mode_t>(mode));  // the umask must not widen or narrow what was asked
+  std::size_t written = 0;
+  while (written < bytes.size()) {
+    const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      const int code = errno;
+      ::close(fd);
+      return fail(error, code, "write " + path);
+    }
+    written += static_cast<std::size_t>(n);
+  }
+  if (::fsync(fd) != 0) {
+    const int code = errno;
+    ::close(fd);
+    return fail(error, code, "fsync " + path);
+  }
+  if (::close(fd) != 0) return fail(error, errno, "close " + path);
+  return true;
+}
+
+bool KOSimFileSystem::renameFile(const std::string& from, const std::string& to, KOFileError* error) {
+  if (::rename(from.c_str(), to.c_str()) != 0) return fail(error, errno, "rename " + from);
+  return true;
+}
+
+bool KOSimFileSystem::removeItem(const std::string& path, KOFileError* error) {
+  std::error_code ec;
+  fs::remove_all(path, ec);
+  if (ec) return fail(error, ec.value(), "remove " + path);
+  return true;
+}
+
+bool KOSimFileSystem::createDirectories(const std::string& path, KOFileError* error) {
+  std::error_code ec;
+  fs::create_directories(path, ec);
+  if (ec) return fail(error, ec.value(), "mkdir " + path);
+  return true;
+}
+
+bool KOSimFileSystem::fileExists(const std::string& path) const {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+std::vector<std::string> KOSimFileSystem::listDirectory(const std::string& path) const {
+  std::vector<std::string> names;
+  std::error_code ec;
+  for (fs::directory_iterator it(path, ec), end; !ec && it != end; it.increment(ec)) {
+    names.push_back(it->path().filename().string());
+  }
+  return names;
+}

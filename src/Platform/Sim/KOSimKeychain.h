@@ -1,0 +1,26 @@
+// Keychain items of the simulated device: one 0600 property-list file per item, in a directory
+// beside the sandbox, so that they survive an uninstall of the app.
+#pragma once
+
+#include <mutex>
+#include <string>
+
+#include "kovantis/KOPlatform.h"
+
+class KOSimKeychain : public KOKeychainStore {
+ public:
+  KOSimKeychain(KOFileSystem& fs, std::string directory);
+
+  int add(const std::string& service, const std::string& account, std::string_view data,
+          std::string_view accessibility) override;
+  int copyMatching(const std::string& service, const std::string& account, std::string* data) const override;
+  int remove(const std::string& service, const std::string& account) override;
+
+  std::string itemPath(const std::string& service, const std::string& account) const;
+  const std::string& directory() const { return directory_; }
+
+ private:
+  KOFileSystem& fs_;
+  std::string directory_;
+  mutable std::mutex mutex_;
+};
