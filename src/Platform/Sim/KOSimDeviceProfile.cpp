@@ -20,14 +20,10 @@ KOSimProfileSettings KOSimDeviceProfile::settings() const {
 }
 
 std::string KOSimDeviceProfile::makeUUID() {
-  static std::mutex m;
-  static std::mt19937_64 rng{std::random_device{}()};
-  std::uint64_t hi, lo;
-  {
-    std::lock_guard<std::mutex> lock(m);
-    hi = rng();
-    lo = rng();
-  }
+  // Fresh entropy on every call: a forked process must not repeat its parent's identifiers.
+  std::random_device entropy;
+  std::uint64_t hi = (static_cast<std::uint64_t>(entropy()) << 32) | entropy();
+  std::uint64_t lo = (static_cast<std::uint64_t>(entropy()) << 32) | entropy();
   hi = (hi & 0xFFFFFFFFFFFF0FFFULL) | 0x0000000000004000ULL;  // version 4
   lo = (lo & 0x3FFFFFFFFFFFFFFFULL) | 0x8000000000000000ULL;  // variant 1
   char buf[40];

@@ -1,0 +1,58 @@
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include "KOTestDevice.h"
+#include "KOUtilities/KOKeychain.h"
+#include "KOUtilities/KOLogger.h"
+
+class KOKeychainTest : public KOTestDevice {};
+
+TEST_F(KOKeychainTest, SaveLoadReplaceRemove) {
+  EXPECT_TRUE(KOKeychain::load("svc").isNil());
+  KOKeychain::save("svc", KOValue("P-1"));
+  EXPECT_EQ(KOKeychain::load("svc"), KOValue("P-1"));
+  KOKeychain::save("svc", KOValue("P-2"));  // a second save replaces, never duplicates
+  EXPECT_EQ(KOKeychain::keychainItem("svc"), "P-2");
+  KOKeychain::save("svc", KOValue(KODictionary{{"n", 1}}));
+  EXPECT_EQ(KOKeychain::keychainItem("svc"), "");  // not a string
+  KOKeychain::remove("svc");
+  EXPECT_TRUE(KOKeychain::load("svc").isNil());
+
+  const KODictionary query = KOKeychain::getKeychainQuery("svc");
+  EXPECT_EQ(query["svce"], KOValue("svc"));
+  EXPECT_EQ(query["acct"], KOValue("svc"));
+}
+
+TEST_F(KOKeychainTest, ItemsLiveOutsideTheSandboxWithOwnerOnlyAccess) {
+  KOKeychain::save("svc", KOValue("secret"));
+  const std::string path = device().keychain().itemPath("svc", "svc");
+  EXPECT_EQ(path.rfind(device().keychainDirectory(), 0), 0u);
+  struct stat st {};
+  ASSERT_EQ(::stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  device().uninstall();
+  EXPECT_EQ(KOKeychain::load("svc"), KOValue("secret"));
+}
+
+TEST_F(KOKeychainTest, CorruptItemIsLoggedAndReadsAsNil) {
+  KOLogger::debug(1);
+  KOKeychain::save("svc", KOValue("ok"));
+  device().rawFiles().writeFile(device().keychain().itemPath("svc", "svc"), "<plist><dict><key>v_Data</key><data>!!");
+  EXPECT_TRUE(KOKeychain::load("svc").isNil());
+  // The item itself is readable but its archive is not: that is the unarchive failure.
+  device().keychain().remove("svc", "svc");
+  device().keychain().add("svc", "svc", "not an archive", "ak");
+  EXPECT_TRUE(KOKeychain::load("svc").isNil());
+  EXPECT_TRUE(device().console().contains("Kovantis - Unarchive of svc failed:"));
+}
+
+TEST_F(KOKeychainTest, PersistenceIdIsMadeFromTheVendorId) {
+  const KOValue id = KOKeychain::savePersistenceIDForService("svc");
+  ASSERT_TRUE(id.isString());
+  EXPECT_EQ(id.stringValue().rfind("P-", 0), 0u);
+  EXPECT_EQ(KOKeychain::load("svc"), id);
+  device().profile().update([](KOSimProfileSettings& s) { s.vendorIdAvailable = false; });
+  device().uninstall();
+  EXPECT_TRUE(KOKeychain::savePersistenceIDForService("other").isNil());
+}
