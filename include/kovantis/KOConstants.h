@@ -35,3 +35,57 @@ inline constexpr const char* KOApplicationDidEnterBackgroundNotification = "UIAp
 inline constexpr const char* KOApplicationWillEnterForegroundNotification = "UIApplicationWillEnterForegroundNotification";
 inline constexpr const char* KOApplicationWillTerminateNotification = "UIApplicationWillTerminateNotification";
 inline constexpr const char* KOCurrentLocaleDidChangeNotification = "NSCurrentLocaleDidChangeNotification";
+
+// Service hosts (production) and methods.
+inline constexpr const char* PROD_SCHEME = "https";
+inline constexpr const char* PROD_URL = "api.kovantis.com";
+inline constexpr const char* PROD_URL_INDIA = "api-in.kovantis.com";
+inline constexpr const char* INBOX_HOST = "inbox.kovantis.com";
+inline constexpr const char* LOGENTRIES_HOST = "logs.kovantis.com";
+inline constexpr const char* DEV_URL = "dev-api.kovantis.com";
+inline constexpr const char* kGET = "GET";
+inline constexpr const char* kPOST = "POST";
+
+// Service paths, by service number 0 to 10.
+inline constexpr const char* kServiceInitializeV2 = "/v2/device/add";
+inline constexpr const char* kServiceSendReportsV2 = "/v2/report/add";
+inline constexpr const char* kServiceGetInAppsV2 = "/campaigns/inappcampaigns/fetch";
+inline constexpr const char* kServiceGetSingleInApp = "/campaigns/inappcampaign/fetch";
+inline constexpr const char* kServiceSmartTriggerInApps = "/v2/autotriggerinapps";
+inline constexpr const char* kServiceInbox = "/v1/getInboxMessages";
+inline constexpr const char* kServiceSendCategories = "/v2/categories/add";
+inline constexpr const char* kServiceGeofenceHit = "/v1/geoFenceHit";
+inline constexpr const char* kServiceGetGeofences = "/v1/geoFences";
+inline constexpr const char* kServiceGetConfig = "/v1/getConfig";
+inline constexpr const char* kServiceSendLogs = "/noformat/logs/";
+
+/// Service numbers, the first argument of every request.
+enum KOService : int {
+  KOServiceNumberInitializeV2 = 0,
+  KOServiceNumberSendReportsV2 = 1,
+  KOServiceNumberGetInAppsV2 = 2,
+  KOServiceNumberGetSingleInApp = 3,
+  KOServiceNumberSmartTriggerInApps = 4,
+  KOServiceNumberInbox = 5,
+  KOServiceNumberSendCategories = 6,
+  KOServiceNumberGeofenceHit = 7,
+  KOServiceNumberGetGeofences = 8,
+  KOServiceNumberGetConfig = 9,
+  KOServiceNumberSendLogs = 10,
+};
+
+// Preference keys of the networking layer.
+inline constexpr const char* KO_SHOULD_REDIRECT_DATA = "KO_SHOULD_REDIRECT_DATA";
+inline constexpr const char* kLogEntriesTokenKey = "LOG_ENTRIES_TOKEN";
+inline constexpr const char* kConfigLastUpdatedKey = "CONFIG_LAST_UPDATED";
+inline constexpr const char* kEventsBatchCount = "KOV_EVENT_BATCH_COUNT";
+inline constexpr const char* KOV_NOTIFICATION_CATEGORIES_SENT = "KOV_NOTIFICATION_CATEGORIES_SENT";
+inline constexpr const char* KOV_UNITY_SDK_VERSION = "KovantisUnitySDKVersion";
+inline constexpr const char* KOV_CORDOVA_SDK_VERSION = "KOVANTIS_CORDOVA_SDK_VERSION";
+inline constexpr const char* KOV_REACT_NATIVE_SDK_VERSION = "KOVANTIS_REACT_NATIVE_SDK_VERSION";
+inline constexpr const char* KOV_SEGMENT_SDK_VERSION = "KOVANTIS_SEGMENT_SDK_VERSION";
+inline constexpr const char* KOV_APP_GROUP_ID_KEY = "Kov_App_Group_ID";
+inline constexpr const char* KOV_APP_GROUP_PARAMS_KEY = "kov_params";
+inline constexpr const char* KO_ADVERTISING_IDENTIFIER = "ADVERTISING_IDENTIFIER";
+/// Log token used until the configuration call sends one.
+inline constexpr const char* KO_DEFAULT_LOG_TOKEN = "5b7e0a92-3c41-4d8e-9f26-a1d04c7e8b13";

@@ -92,6 +92,35 @@ struct KOAlertAction {
 
 enum class KOUserInterfaceIdiom { Phone, Pad };
 
+/// A place on earth, in degrees.
+struct KOLocationCoordinate {
+  double latitude = 0;
+  double longitude = 0;
+};
+
+/// Where the service lives. Production by default; the simulated device and the tests point every
+/// host at the local emulator.
+struct KOServiceEndpoints {
+  std::string scheme = "https";
+  std::string apiHost = "api.kovantis.com";
+  std::string indiaApiHost = "api-in.kovantis.com";
+  std::string inboxHost = "inbox.kovantis.com";
+  std::string logHost = "logs.kovantis.com";
+  int port = 443;
+  bool verifyCertificates = true;
+  /// Timeout of one request, in seconds.
+  double timeoutSeconds = 60;
+
+  /// Every host at one plain-HTTP address, as the local emulator serves them all.
+  static KOServiceEndpoints local(const std::string& host, int port) {
+    KOServiceEndpoints e;
+    e.scheme = "http";
+    e.apiHost = e.indiaApiHost = e.inboxHost = e.logHost = host;
+    e.port = port;
+    return e;
+  }
+};
+
 // ------------------------------------------------------------------------------------ interfaces
 
 /// The application bundle.
@@ -320,6 +349,7 @@ struct KOPlatform {
   std::shared_ptr<KOClock> clock;
   std::shared_ptr<KOConsole> console;
   std::shared_ptr<KODispatch> dispatch;
+  KOServiceEndpoints endpoints;
 
   /// Makes this the platform the SDK uses from now on. Throws KOAssertionFailure when a member is
   /// missing. An earlier platform stays alive until the process ends, so that work still running

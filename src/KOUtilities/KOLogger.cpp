@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "KOStringFormat.h"
+#include "Network/KOServerInterface.h"
 #include "kovantis/KOConstants.h"
 #include "kovantis/KOPlatform.h"
 
@@ -170,7 +171,11 @@ void KOLogger::logWithVerbosity(int verbosity, int severity, const KOArray& form
       std::lock_guard<std::mutex> lock(settings().mutex);
       shipper = settings().shipper;
     }
-    if (shipper) shipper(*message, andStackTrace, labelForSeverity(severity));
+    if (shipper) {
+      shipper(*message, andStackTrace, labelForSeverity(severity));
+    } else {
+      KOServerInterface::sharedInstance().sendLogToLogEntries(*message, andStackTrace, labelForSeverity(severity));
+    }
   } catch (const std::exception& e) {
     reportFailure("LogEntries Logger exception logWithVerbosity:andStackTrace: %@", e);
   }

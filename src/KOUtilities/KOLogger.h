@@ -74,7 +74,7 @@ class KOLogger {
   static void logLocated(const KOSourceLocation& where, const void* object, int severity, const std::string& message,
                          const KOValue& stackTrace);
 
-  /// Installed by the server interface: the remote log ingestion call.
+  /// Replaces the remote log ingestion call of the server interface (nullptr restores it).
   static void setRemoteShipper(RemoteShipper shipper);
 
   /// "Class::method" out of a compiler's pretty function name.

@@ -61,7 +61,18 @@ KOSimDevice::~KOSimDevice() {
   }
 }
 
-void KOSimDevice::install() { KOPlatform::install(platform_); }
+void KOSimDevice::install() {
+  KOPlatform::install(platform_);
+  installed_ = true;
+}
+
+void KOSimDevice::setServiceEndpoints(const KOServiceEndpoints& endpoints) {
+  // An installed platform is never changed in place: work in flight may be reading it.
+  auto next = std::make_shared<KOPlatform>(*platform_);
+  next->endpoints = endpoints;
+  platform_ = std::move(next);
+  if (installed_) KOPlatform::install(platform_);
+}
 
 std::string KOSimDevice::standardPreferencesPath() const {
   return sandboxDirectory() + "/Library/Preferences/" + config_.profile.bundleIdentifier + ".plist";

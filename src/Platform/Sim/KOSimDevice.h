@@ -45,6 +45,9 @@ class KOSimDevice {
   /// Makes this device the platform the SDK runs on.
   void install();
   std::shared_ptr<const KOPlatform> platform() const { return platform_; }
+  /// Points the SDK's service calls somewhere else (the local emulator, say). Takes effect at once
+  /// when the device is installed.
+  void setServiceEndpoints(const KOServiceEndpoints& endpoints);
 
   KOSimDeviceProfile& profile() { return *profile_; }
   KOSimFaultyFileSystem& files() { return *faulty_; }
@@ -99,4 +102,5 @@ class KOSimDevice {
   std::shared_ptr<KOSimConsole> console_;
   std::shared_ptr<KOSimClock> clock_;
   std::shared_ptr<KOPlatform> platform_;
+  bool installed_ = false;
 };

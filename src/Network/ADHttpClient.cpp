@@ -1,0 +1,248 @@
+#include "ADHttpClient.h"
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+
+#include "KOUtilities/KOJSONSerialization.h"
+#include "KOUtilities/KOLogger.h"
+#include "KOUtilities/KOStringFormat.h"
+#include "kovantis/KOPlatform.h"
+
+namespace {
+
+// What one finished transfer reports to its completion.
+struct Outcome {
+  long status = 0;
+  std::string body;
+  std::string error;  // transport error text; empty when the exchange completed
+};
+
+struct Transfer {
+  KOURLRequest request;
+  std::function<void(Outcome&&)> done;
+  CURL* easy = nullptr;
+  curl_slist* headers = nullptr;
+  Outcome outcome;
+  char errorBuffer[CURL_ERROR_SIZE] = {0};
+};
+
+std::size_t collectBody(char* data, std::size_t size, std::size_t count, void* userdata) {
+  static_cast<Transfer*>(userdata)->outcome.body.append(data, size * count);
+  return size * count;
+}
+
+void globalInit() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+void logApiFailure(const Outcome& o) {
+  KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityDebug,
+                       KOStringFormat::format("Kovantis - Api failed with response %@ and error %@",
+                                              {KOValue(static_cast<std::int64_t>(o.status)),
+                                               o.error.empty() ? KOValue() : KOValue(o.error)}),
+                       KOValue());
+}
+
+}  // namespace
+
+struct ADHttpClient::Impl {
+  CURLM* multi = nullptr;
+  std::mutex mutex;
+  std::deque<std::unique_ptr<Transfer>> pending;
+  std::unordered_map<CURL*, std::unique_ptr<Transfer>> running;
+  std::atomic<std::size_t> inFlight{0};
+  std::atomic<bool> stopping{false};
+  std::thread thread;
+
+  Impl() {
+    globalInit();
+    multi = curl_multi_init();
+    thread = std::thread([this] { loop(); });
+  }
+
+  ~Impl() { stop(); }
+
+  void stop() {
+    if (stopping.exchange(true)) return;
+    curl_multi_wakeup(multi);
+    if (thread.joinable()) thread.join();
+    // What never finished completes as a failure, so no caller waits forever.
+    std::deque<std::unique_ptr<Transfer>> leftovers;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      leftovers.swap(pending);
+    }
+    for (auto& [easy, t] : running) {
+      curl_multi_remove_handle(multi, easy);
+      leftovers.push_back(std::move(t));
+    }
+    running.clear();
+    for (auto& t : leftovers) finish(*t, "client shut down");
+    curl_multi_cleanup(multi);
+    multi = nullptr;
+  }
+
+  void submit(std::unique_ptr<Transfer> t) {
+    ++inFlight;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      if (!stopping) {
+        pending.push_back(std::move(t));
+        t = nullptr;
+      }
+    }
+    if (t) {
+      finish(*t, "client shut down");
+      return;
+    }
+    curl_multi_wakeup(multi);
+  }
+
+  void finish(Transfer& t, const char* error) {
+    if (t.easy) curl_easy_cleanup(t.easy);
+    if (t.headers) curl_slist_free_all(t.headers);
+    t.easy = nullptr;
+    t.headers = nullptr;
+    if (error) t.outcome.error = error;
+    try {
+      t.done(std::move(t.outcome));
+    } catch (const std::exception& e) {
+      KOLogger::logPlain(KOStringFormat::format("Kovantis - Exception : %@", {KOValue(e.what())}));
+    }
+    --inFlight;
+  }
+
+  bool start(Transfer& t) {
+    t.easy = curl_easy_init();
+    if (!t.easy) return false;
+    CURL* e = t.easy;
+    curl_easy_setopt(e, CURLOPT_URL, t.request.url.c_str());
+    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(e, CURLOPT_PRIVATE, &t);
+    curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &collectBody);
+    curl_easy_setopt(e, CURLOPT_WRITEDATA, &t);
+    curl_easy_setopt(e, CURLOPT_ERRORBUFFER, t.errorBuffer);
+    curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(t.request.timeoutSeconds * 1000));
+    curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, t.request.verifyCertificates ? 1L : 0L);
+    curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, t.request.verifyCertificates ? 2L : 0L);
+    curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
+    if (t.request.method == "POST") {
+      curl_easy_setopt(e, CURLOPT_POST, 1L);
+      curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(t.request.body.size()));
+      curl_easy_setopt(e, CURLOPT_POSTFIELDS, t.request.body.c_str());
+    } else if (t.request.method != "GET") {
+      curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, t.request.method.c_str());
+    }
+    // No "Expect: 100-continue" round trip for larger bodies.
+    t.headers = curl_slist_append(t.headers, "Expect:");
+    for (const auto& [name, value] : t.request.headers) {
+      t.headers = curl_slist_append(t.headers, (name + ": " + value).c_str());
+    }
+    curl_easy_setopt(e, CURLOPT_HTTPHEADER, t.headers);
+    return curl_multi_add_handle(multi, e) == CURLM_OK;
+  }
+
+  void loop() {
+    while (!stopping) {
+      std::deque<std::unique_ptr<Transfer>> fresh;
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        fresh.swap(pending);
+      }
+      for (auto& t : fresh) {
+        if (start(*t)) {
+          CURL* easy = t->easy;
+          running.emplace(easy, std::move(t));
+        } else {
+          finish(*t, "could not start the transfer");
+        }
+      }
+      int active = 0;
+      curl_multi_perform(multi, &active);
+      int queued = 0;
+      while (CURLMsg* msg = curl_multi_info_read(multi, &queued)) {
+        if (msg->msg != CURLMSG_DONE) continue;
+        CURL* easy = msg->easy_handle;
+        const CURLcode result = msg->data.result;
+        auto it = running.find(easy);
+        if (it == running.end()) continue;
+        std::unique_ptr<Transfer> t = std::move(it->second);
+        running.erase(it);
+        curl_multi_remove_handle(multi, easy);
+        curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &t->outcome.status);
+        if (result != CURLE_OK) {
+          t->outcome.error = t->errorBuffer[0] ? t->errorBuffer : curl_easy_strerror(result);
+        }
+        finish(*t, nullptr);
+      }
+      curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+    }
+  }
+};
+
+ADHttpClient::ADHttpClient() : impl_(std::make_unique<Impl>()) {}
+ADHttpClient::~ADHttpClient() = default;
+
+void ADHttpClient::shutdown() { impl_->stop(); }
+std::size_t ADHttpClient::inFlight() const { return impl_->inFlight; }
+
+void ADHttpClient::fetchRequest(const KOURLRequest& request, FetchCompletion completion) {
+  auto t = std::make_unique<Transfer>();
+  t->request = request;
+  t->done = [completion = std::move(completion)](Outcome&& o) {
+    KOValue answer;
+    if (o.error.empty() && o.status == 200) {
+      try {
+        answer = KOJSONSerialization::parse(o.body);
+      } catch (const KOParseError&) {
+      }
+      // Only an object or an array is an answer; anything else reads as an empty one.
+      if (!answer.isDictionary() && !answer.isArray()) answer = KODictionary{};
+    } else {
+      logApiFailure(o);
+    }
+    if (!completion) return;
+    KOPlatform::current().dispatch->asyncMain([completion, answer = std::move(answer)] {
+      try {
+        completion(answer);
+      } catch (const std::exception& e) {
+        KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
+                             KOStringFormat::format("Kovantis - Exception : %@", {KOValue(e.what())}));
+      }
+    });
+  };
+  impl_->submit(std::move(t));
+}
+
+void ADHttpClient::syncRequest(const KOURLRequest& request, SuccessCompletion completion) {
+  auto t = std::make_unique<Transfer>();
+  t->request = request;
+  t->done = [completion = std::move(completion)](Outcome&& o) {
+    const bool ok = o.error.empty() && o.status == 200;
+    if (!ok) logApiFailure(o);
+    if (completion) completion(ok);
+  };
+  impl_->submit(std::move(t));
+}
+
+void ADHttpClient::sendLogRequest(const KOURLRequest& request, SuccessCompletion completion) {
+  auto t = std::make_unique<Transfer>();
+  t->request = request;
+  t->done = [completion = std::move(completion)](Outcome&& o) {
+    const bool ok = o.error.empty() && o.status == 204;
+    if (!ok) {
+      KOLogger::logPlain(KOStringFormat::format("Kovantis - the connection failed with response %@ error %@",
+                                                {KOValue(static_cast<std::int64_t>(o.status)),
+                                                 o.error.empty() ? KOValue() : KOValue(o.error)}));
+    }
+    if (completion) completion(ok);
+  };
+  impl_->submit(std::move(t));
+}

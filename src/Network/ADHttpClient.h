@@ -1,0 +1,38 @@
+// Sends requests over HTTP(S) on one network thread driving libcurl's multi interface. Many
+// requests may be in flight at once; connections to a host are reused.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "KOURLRequest.h"
+#include "kovantis/KOValue.h"
+
+class ADHttpClient {
+ public:
+  using FetchCompletion = std::function<void(const KOValue& response)>;
+  using SuccessCompletion = std::function<void(bool success)>;
+
+  ADHttpClient();
+  ~ADHttpClient();
+  ADHttpClient(const ADHttpClient&) = delete;
+  ADHttpClient& operator=(const ADHttpClient&) = delete;
+
+  /// Success is status 200: the completion gets the parsed answer ({} for an empty or unreadable
+  /// body). Otherwise it gets nil. Either way on the main queue.
+  void fetchRequest(const KOURLRequest& request, FetchCompletion withResponseInCompletionHandler);
+  /// Success is status 200; the completion runs on the network thread.
+  void syncRequest(const KOURLRequest& request, SuccessCompletion withCompletionHandler);
+  /// Success is status 204; the completion runs on the network thread. Failures are logged to the
+  /// console only, so that a failing upload never causes another.
+  void sendLogRequest(const KOURLRequest& request, SuccessCompletion withCompletionHandler);
+
+  /// Requests handed over and not yet completed.
+  std::size_t inFlight() const;
+  /// Stops the network thread; requests still in flight complete as failures.
+  void shutdown();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};

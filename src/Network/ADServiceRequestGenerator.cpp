@@ -1,0 +1,136 @@
+#include "ADServiceRequestGenerator.h"
+
+#include <curl/curl.h>
+
+#include <memory>
+
+#include "KOUtilities/KOJSONSerialization.h"
+#include "KOUtilities/KOLogger.h"
+#include "KOUtilities/KOStringFormat.h"
+#include "KOUtilities/KOValueHelpers.h"
+#include "kovantis/KOConstants.h"
+#include "kovantis/KOPlatform.h"
+
+namespace {
+
+const KOServiceEndpoints& endpoints() { return KOPlatform::current().endpoints; }
+
+std::string percentEncode(const std::string& text) {
+  std::unique_ptr<char, decltype(&curl_free)> escaped(
+      curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size())), &curl_free);
+  if (!escaped) throw std::runtime_error("percent-encoding failed");
+  return escaped.get();
+}
+
+bool redirectData() {
+  const KOValue v = KOPlatform::current().preferences->standard().objectForKey(KO_SHOULD_REDIRECT_DATA);
+  return v.isNumber() && v.boolValue();
+}
+
+}  // namespace
+
+ADServiceRequestGenerator& ADServiceRequestGenerator::sharedInstance() {
+  static auto* instance = new ADServiceRequestGenerator();
+  return *instance;
+}
+
+std::string ADServiceRequestGenerator::schema() const { return endpoints().scheme; }
+std::string ADServiceRequestGenerator::host() const { return endpoints().apiHost; }
+int ADServiceRequestGenerator::port() const { return endpoints().port; }
+
+std::optional<std::string> ADServiceRequestGenerator::hostForService(int service) {
+  if (service < KOServiceNumberInitializeV2 || service > KOServiceNumberSendLogs) return std::nullopt;
+  if (redirectData() && service != KOServiceNumberSendLogs) return endpoints().indiaApiHost;
+  if (service == KOServiceNumberInbox) return endpoints().inboxHost;
+  if (service == KOServiceNumberSendLogs) return endpoints().logHost;
+  return host();
+}
+
+std::optional<std::string> ADServiceRequestGenerator::getApiPathForService(int service) {
+  switch (service) {
+    case KOServiceNumberInitializeV2: return kServiceInitializeV2;
+    case KOServiceNumberSendReportsV2: return kServiceSendReportsV2;
+    case KOServiceNumberGetInAppsV2: return kServiceGetInAppsV2;
+    case KOServiceNumberGetSingleInApp: return kServiceGetSingleInApp;
+    case KOServiceNumberSmartTriggerInApps: return kServiceSmartTriggerInApps;
+    case KOServiceNumberInbox: return kServiceInbox;
+    case KOServiceNumberSendCategories: return kServiceSendCategories;
+    case KOServiceNumberGeofenceHit: return kServiceGeofenceHit;
+    case KOServiceNumberGetGeofences: return kServiceGetGeofences;
+    case KOServiceNumberGetConfig: return kServiceGetConfig;
+    case KOServiceNumberSendLogs: {
+      const KOValue token = KOPlatform::current().preferences->standard().objectForKey(kLogEntriesTokenKey);
+      return KOStringFormat::format("%@%@", {KOValue(kServiceSendLogs), token.isNil() ? KOValue("") : token});
+    }
+    default: return std::nullopt;
+  }
+}
+
+std::optional<std::string> ADServiceRequestGenerator::getRequestMethodForService(int service) {
+  switch (service) {
+    case KOServiceNumberInitializeV2:
+    case KOServiceNumberSendReportsV2:
+    case KOServiceNumberGetInAppsV2:
+    case KOServiceNumberSmartTriggerInApps:
+    case KOServiceNumberSendCategories:
+    case KOServiceNumberSendLogs: return kPOST;
+    case KOServiceNumberGetSingleInApp:
+    case KOServiceNumberInbox:
+    case KOServiceNumberGeofenceHit:
+    case KOServiceNumberGetGeofences:
+    case KOServiceNumberGetConfig: return kGET;
+    default: return std::nullopt;
+  }
+}
+
+std::optional<std::string> ADServiceRequestGenerator::createURLForService(int service, const KODictionary& andParams) {
+  try {
+    const std::optional<std::string> hostName = hostForService(service);
+    const std::optional<std::string> path = getApiPathForService(service);
+    if (!hostName || !path) throw std::invalid_argument("unknown service " + std::to_string(service));
+    std::string url = schema() + "://" + *hostName + ":" + std::to_string(port());
+    // The path is ours (constants and the log token); only its token part can need encoding.
+    for (char c : *path) {
+      if (c == '/') url += c;
+      else url += percentEncode(std::string(1, c));
+    }
+    std::string query;
+    for (const auto& [key, value] : andParams) {
+      const KOValue& v = validObjectForKey(andParams, key);
+      if (v.isNil()) continue;
+      query += query.empty() ? "?" : "&";
+      query += percentEncode(key) + "=" + percentEncode(v.isString() ? v.stringValue() : v.description());
+    }
+    return url + query;
+  } catch (const std::exception& e) {
+    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
+                         KOStringFormat::format("Exception in creating URL %@", {KOValue(e.what())}));
+    return std::nullopt;
+  }
+}
+
+std::optional<KOURLRequest> ADServiceRequestGenerator::requestForService(int service, const KODictionary& withParams,
+                                                                         const KOValue& withBody) {
+  try {
+    const std::optional<std::string> url = createURLForService(service, withParams);
+    const std::optional<std::string> method = getRequestMethodForService(service);
+    if (!url || !method) throw std::invalid_argument("no URL or method for service " + std::to_string(service));
+    KOURLRequest request;
+    request.url = *url;
+    request.method = *method;
+    request.timeoutSeconds = endpoints().timeoutSeconds;
+    request.verifyCertificates = endpoints().verifyCertificates;
+    if (request.method != kGET) {
+      // A missing body stands for "", which is no JSON document: such a request is refused whole.
+      if (!withBody.isDictionary() && !withBody.isArray()) throw KOTypeError("invalid top-level type in JSON write");
+      request.headers.emplace_back("content-type", "application/json");
+      request.body = KOJSONSerialization::write(withBody);
+      request.hasBody = true;
+    }
+    return request;
+  } catch (const std::exception& e) {
+    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
+                         KOStringFormat::format("Kovantis - Exception in Request Generator %@", {KOValue(e.what())}));
+    return std::nullopt;
+  }
+}

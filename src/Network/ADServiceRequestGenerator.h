@@ -1,0 +1,32 @@
+// Turns a service number, query parameters and a body into a ready request: host, path and method
+// by service number, the parameters in the query string, the body as compact JSON.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "KOURLRequest.h"
+#include "kovantis/KOValue.h"
+
+class ADServiceRequestGenerator {
+ public:
+  static ADServiceRequestGenerator& sharedInstance();
+
+  /// The request, or nothing (logged) when the service is unknown or the body cannot be JSON.
+  std::optional<KOURLRequest> requestForService(int service, const KODictionary& withParams, const KOValue& withBody);
+  /// The URL with the parameters as query items in their own order (JSON null left out), or nothing.
+  std::optional<std::string> createURLForService(int service, const KODictionary& andParams);
+
+  /// API host by default; the India-region host when data redirection is on (except for logs);
+  /// the inbox host for the inbox and the log host for logs otherwise.
+  std::optional<std::string> hostForService(int service);
+  std::optional<std::string> getApiPathForService(int service);
+  std::optional<std::string> getRequestMethodForService(int service);
+
+  std::string schema() const;
+  std::string host() const;
+  int port() const;
+
+ private:
+  ADServiceRequestGenerator() = default;
+};

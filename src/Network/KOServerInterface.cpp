@@ -1,0 +1,355 @@
+#include "KOServerInterface.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "KOUtilities/KOLogger.h"
+#include "KOUtilities/KOStackTrace.h"
+#include "KOUtilities/KOStringFormat.h"
+#include "KOUtilities/KOValueHelpers.h"
+#include "KOUtilities/KovantisDateUtils.h"
+#include "KOUtilities/KovantisUtils.h"
+#include "kovantis/KOConstants.h"
+
+namespace {
+
+constexpr double kConfigInterval = 3600.0;
+
+KOPreferenceStore& prefs() { return KOPlatform::current().preferences->standard(); }
+
+bool nonEmpty(const KOValue& v) { return !v.isAbsent() && !(v.isString() && v.stringValue().empty()); }
+
+void logException(const KOSourceLocation& where, const void* self, const std::exception& e) {
+  KOLogger::logLocated(where, self, KOLogSeverityException,
+                       KOStringFormat::format("Kovantis - Exception : %@", {KOValue(e.what())}));
+}
+
+KOValue appIdOrFail() {
+  const KOValue appId = KovantisUtils::getAppId();
+  if (!nonEmpty(appId)) {
+    KOLogger::logPlain("Kovantis - App ID is missing in the initialize call");
+    return KOValue();
+  }
+  return appId;
+}
+
+std::string coordinate(double degrees) { return KOStringFormat::format("%f", {KOValue(degrees)}); }
+
+}  // namespace
+
+KOServerInterface& KOServerInterface::sharedInstance() {
+  // Never destroyed: network completions may still arrive while the process exits.
+  static auto* instance = new KOServerInterface();
+  return *instance;
+}
+
+KOServerInterface::KOServerInterface()
+    : httpClient_(std::make_unique<ADHttpClient>()), requestGenerator_(ADServiceRequestGenerator::sharedInstance()) {
+  // The network thread must be gone before the process tears down what it uses.
+  static ADHttpClient* client = httpClient_.get();
+  std::atexit([] { client->shutdown(); });
+}
+
+// ------------------------------------------------------------------------------------ parameters
+
+KODictionary KOServerInterface::getUniversalParamsForV1() {
+  KODictionary p;
+  setObjectNilHandled(p, KOValue("iOS"), KOValue("os_value"));
+  setObjectNilHandled(p, KovantisUtils::versionId(), KOValue("version"));
+  setObjectNilHandled(p, KovantisUtils::getAppId(), KOValue("appId"));
+  setObjectNilHandled(p, KOValue(LIBRARY_VERSION), KOValue("lib_version"));
+  if (const KOValue uid = KovantisUtils::getUniqueId(); !uid.isAbsent()) setObjectNilHandled(p, uid, KOValue("uid"));
+  if (const KOValue token = KovantisUtils::getDeviceToken(); nonEmpty(token)) {
+    setObjectNilHandled(p, token, KOValue("pushToken"));
+  }
+  setObjectNilHandled(p, KOValue(KovantisUtils::getDeviceModel()), KOValue("device_model"));
+  setObjectNilHandled(p, KOValue(KovantisUtils::getDeviceSystemVersion()), KOValue("device_version"));
+  return p;
+}
+
+KODictionary KOServerInterface::getUniversalParams() {
+  const KOValue appId = KovantisUtils::getAppId();
+  if (!nonEmpty(appId)) {
+    KOLogger::logPlain("Kovantis - App ID is missing in the initialize call");
+    throw KOAssertionFailure("Kovantis - Please check the initialize call. You have missed the APP ID");
+  }
+  const KOValue version = KovantisUtils::versionId();
+  if (version.isAbsent()) throw KOTypeError("the application version is missing");
+
+  const KOPlatform& platform = KOPlatform::current();
+  KODictionary p;
+  p.reserve(24);
+  p.set("os", KOValue("iOS"));
+  p.set("app_ver", version);
+  p.set("app_id", appId);
+  p.set("sdk_ver", KOValue(LIBRARY_VERSION));
+  setObjectNilHandled(p, KOValue(KovantisUtils::getIdentifierForVendor()), KOValue("unique_id"));
+  if (const KOValue token = KovantisUtils::getDeviceToken(); nonEmpty(token)) {
+    setObjectNilHandled(p, token, KOValue("push_id"));
+  }
+  setObjectNilHandled(p, KOValue(KovantisUtils::getDeviceModel()), KOValue("model"));
+  setObjectNilHandled(p, KOValue(KovantisUtils::getDeviceSystemVersion()), KOValue("os_ver"));
+  setObjectNilHandled(p, KOValue(KovantisUtils::getGMTtime()), KOValue("device_ts"));
+  if (const KOValue account = KovantisUtils::getUniqueId(); !account.isAbsent()) {
+    setObjectNilHandled(p, account, KOValue("account_id"));
+  }
+  setObjectNilHandled(p, KOValue(platform.locale->timeZoneName()), KOValue("device_tz"));
+  setObjectNilHandled(p, KOValue(KOStringFormat::format("%ld", {KOValue(platform.locale->secondsFromGMT(
+                                                                       KovantisDateUtils::now()))})),
+                      KOValue("device_tz_offset"));
+  setObjectNilHandled(p, KOValue(KovantisUtils::persistentDeviceId()), KOValue("device_unique_id"));
+
+  // Cross-platform wrappers announce themselves; the last one set names the integration.
+  static const struct {
+    const char* preference;
+    const char* key;
+    const char* integration;
+  } wrappers[] = {{KOV_UNITY_SDK_VERSION, "unity_ver", "unity"},
+                  {KOV_CORDOVA_SDK_VERSION, "cordova_ver", "cordova"},
+                  {KOV_REACT_NATIVE_SDK_VERSION, "react_native_ver", "react_native"},
+                  {KOV_SEGMENT_SDK_VERSION, "segment_ver", "segment"}};
+  for (const auto& w : wrappers) {
+    const KOValue v = platform.preferences->standard().objectForKey(w.preference);
+    if (v.isAbsent()) continue;
+    setObjectNilHandled(p, v, KOValue(w.key));
+    setObjectNilHandled(p, KOValue(w.integration), KOValue("integration_type"));
+  }
+  for (auto& [key, value] : getUniversalParamsForV1()) p.set(key, value);
+
+  // An app extension of the same group builds its requests from these.
+  const KOValue group = platform.preferences->standard().objectForKey(KOV_APP_GROUP_ID_KEY);
+  if (group.isString() && !group.stringValue().empty()) {
+    if (KOPreferenceStore* shared = platform.preferences->suite(group.stringValue())) {
+      shared->setObject(KOValue(p), KOV_APP_GROUP_PARAMS_KEY);
+      shared->synchronize();
+    }
+  }
+  return p;
+}
+
+// ------------------------------------------------------------------------------------- sending
+
+void KOServerInterface::send(int service, const KODictionary& params, const KOValue& body,
+                             SuccessCompletion completion) {
+  std::optional<KOURLRequest> request = requestGenerator_.requestForService(service, params, body);
+  if (!request) {
+    if (completion) completion(false);
+    return;
+  }
+  httpClient_->syncRequest(*request, std::move(completion));
+}
+
+void KOServerInterface::fetch(int service, const KODictionary& params, const KOValue& body,
+                              FetchCompletion completion) {
+  std::optional<KOURLRequest> request = requestGenerator_.requestForService(service, params, body);
+  if (!request) {
+    if (completion) KOPlatform::current().dispatch->asyncMain([completion] { completion(KOValue()); });
+    return;
+  }
+  httpClient_->fetchRequest(*request, std::move(completion));
+}
+
+void KOServerInterface::initializeWith(const KODictionary&, SuccessCompletion completion) {
+  try {
+    KODictionary body;
+    if (const std::string vendor = KOPlatform::current().deviceInfo->identifierForVendor(); !vendor.empty()) {
+      body.set("IDFV", KOValue(vendor));
+    }
+    if (const KOValue ad = KovantisUtils::advertiserID(); nonEmpty(ad)) body.set(KO_ADVERTISING_IDENTIFIER, ad);
+    send(KOServiceNumberInitializeV2, getUniversalParams(), KOValue(std::move(body)), std::move(completion));
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, e);
+    if (completion) completion(false);
+  }
+}
+
+void KOServerInterface::sendData(const KOValue& batch, const KOValue& withBatchID, SuccessCompletion completion) {
+  try {
+    KODictionary params = getUniversalParams();
+    setObjectNilHandled(params, withBatchID.isAbsent() ? KOValue("") : withBatchID, KOValue("batch_id"));
+    send(KOServiceNumberSendReportsV2, params, batch, std::move(completion));
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, e);
+    if (completion) completion(false);
+  }
+}
+
+namespace {
+template <typename Completion>
+void failFetch(Completion& completion) {
+  if (completion) KOPlatform::current().dispatch->asyncMain([completion] { completion(KOValue()); });
+}
+}  // namespace
+
+void KOServerInterface::getInAppCampaignsWithLastUpdatedTime(const KOValue& time, const KODictionary& campaignListDict,
+                                                             FetchCompletion completion) {
+  try {
+    KODictionary params = getUniversalParams();
+    setObjectNilHandled(params, time.isAbsent() ? KOValue("") : time, KOValue("last_updated"));
+    fetch(KOServiceNumberGetInAppsV2, params, KOValue(campaignListDict), std::move(completion));
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, e);
+    failFetch(completion);
+  }
+}
+
+void KOServerInterface::getInAppForCampaignID(const std::string& campaignID, FetchCompletion completion) {
+  try {
+    KODictionary params = getUniversalParams();
+    params.set("campaign_id", KOValue(campaignID));
+    fetch(KOServiceNumberGetSingleInApp, params, KOValue(), std::move(completion));
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, e);
+    failFetch(completion);
+  }
+}
+
+void KOServerInterface::triggerSmartInAppWithEvent(const std::string& event, const KOValue& andPayload,
+                                                   FetchCompletion completion) {
+  try {
+    KODictionary params = getUniversalParams();
+    params.set("event", KOValue(event));
+    const KODictionary body{{"EVENT_ATTRS", andPayload.isDictionary() ? andPayload : KOValue(KODictionary{})}};
+    fetch(KOServiceNumberSmartTriggerInApps, params, KOValue(body), std::move(completion));
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, e);
+    failFetch(completion);
+  }
+}
+
+void KOServerInterface::getPushNotificationsFromServerWithLastUpdatedTime(const KOValue& time,
+                                                                          FetchCompletion completion) {
+  try {
+    KODictionary params = getUniversalParams();
+    setObjectNilHandled(params, time, KOValue("last_updated"));
+    fetch(KOServiceNumberInbox, params, KOValue(), std::move(completion));
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, e);
+    failFetch(completion);
+  }
+}
+
+void KOServerInterface::geofenceHitWithLocation(const KOLocationCoordinate* location, const std::string& transitionType,
+                                                const std::string& geoId, FetchCompletion completion) {
+  if (!location) {
+    if (completion) completion(KOValue());
+    return;
+  }
+  try {
+    KODictionary params = getUniversalParams();
+    params.set("transitionType", KOValue(transitionType));
+    params.set("lat", KOValue(coordinate(location->latitude)));
+    params.set("lng", KOValue(coordinate(location->longitude)));
+    params.set("geoId", KOValue(geoId));
+    fetch(KOServiceNumberGeofenceHit, params, KOValue(), std::move(completion));
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, e);
+    failFetch(completion);
+  }
+}
+
+void KOServerInterface::getGeofencesForLocation(const KOLocationCoordinate* location, FetchCompletion completion) {
+  if (!location) {
+    if (completion) completion(KOValue());
+    return;
+  }
+  try {
+    KODictionary params{{"lat", coordinate(location->latitude)}, {"lng", coordinate(location->longitude)}};
+    for (auto& [key, value] : getUniversalParams()) params.set(key, value);
+    fetch(KOServiceNumberGetGeofences, params, KOValue(), std::move(completion));
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, e);
+    failFetch(completion);
+  }
+}
+
+void KOServerInterface::setNotificationCategoriesWithCategories(const KOArray& categories) {
+  try {
+    send(KOServiceNumberSendCategories, getUniversalParams(), KOValue(KODictionary{{"data", categories}}),
+         [](bool success) {
+           if (success) {
+             KOLogger::logPlain("Kovantis - Notification Categories  Sent");
+             prefs().setObject(KOValue(true), KOV_NOTIFICATION_CATEGORIES_SENT);
+             prefs().synchronize();
+           } else {
+             KOLogger::logPlain("Kovantis - Unable to send Notification Categories, Server Error");
+           }
+         });
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, e);
+  }
+}
+
+// ------------------------------------------------------------------------ configuration and logs
+
+void KOServerInterface::getConfigForKovantis() {
+  try {
+    const KOValue last = prefs().objectForKey(kConfigLastUpdatedKey);
+    if (last.isDate() && last.dateValue().secondsSince1970 + kConfigInterval > KovantisDateUtils::now()) return;
+    const KOValue appId = appIdOrFail();
+    if (appId.isNil()) return;
+    const KODictionary params{{"app_id", appId},
+                              {"unique_id", KovantisUtils::getIdentifierForVendor()},
+                              {"os", "iOS"}};
+    fetch(KOServiceNumberGetConfig, params, KOValue(), [this](const KOValue& answer) {
+      try {
+        if (answer.isNil()) return;  // nothing changes; the next start tries again
+        KOPreferenceStore& store = prefs();
+        store.setObject(KOValue(KODate{KovantisDateUtils::now()}), kConfigLastUpdatedKey);
+        const KOValue& logging = validObjectForKey(answer, "l_e");
+        store.setObject(KOValue(logging.isNumber() && logging.intValue() != 0), kShouldSendToLogEntries);
+        const KOValue& token = validObjectForKey(answer, "tkn");
+        if (!token.isNil() && !(token == store.objectForKey(kLogEntriesTokenKey))) {
+          store.setObject(token, kLogEntriesTokenKey);
+        }
+        const KOValue& batchCount = validObjectForKey(answer, "e_b_c");
+        if (batchCount.isNumber() && batchCount.intValue() != 0) {
+          store.setObject(KOValue(batchCount.intValue()), kEventsBatchCount);
+        }
+        store.synchronize();
+      } catch (const std::exception& e) {
+        KOLogger::logLocated(KO_HERE, this, KOLogSeverityError,
+                             KOStringFormat::format("Kovantis - Exception Config API completion Block : %@",
+                                                    {KOValue(e.what())}),
+                             KOValue(KOStackTrace::current()));
+      }
+    });
+  } catch (const std::exception& e) {
+    KOLogger::logLocated(KO_HERE, this, KOLogSeverityError,
+                         KOStringFormat::format("Kovantis - Exception Config API : %@", {KOValue(e.what())}),
+                         KOValue(KOStackTrace::current()));
+  }
+}
+
+void KOServerInterface::sendLogToLogEntries(const std::string& message, const KOValue& andTraceBack,
+                                            const std::string& andLevel) {
+  try {
+    KOPreferenceStore& store = prefs();
+    if (store.objectForKey(kLogEntriesTokenKey).isNil()) {
+      store.setObject(KOValue(KO_DEFAULT_LOG_TOKEN), kLogEntriesTokenKey);
+      store.synchronize();
+    }
+    const KOValue appId = appIdOrFail();
+    if (appId.isNil()) return;
+    KODictionary body;
+    setObjectNilHandled(body, appId, KOValue("appid"));
+    setObjectNilHandled(body, KOValue(KovantisUtils::getIdentifierForVendor()), KOValue("uid"));
+    setObjectNilHandled(body, KOValue(andLevel), KOValue("lvl"));
+    setObjectNilHandled(body, andTraceBack.isAbsent() ? KOValue() : andTraceBack, KOValue("tb"));
+    setObjectNilHandled(body, KOValue(LIBRARY_VERSION), KOValue("sdk_ver"));
+    setObjectNilHandled(body, KOValue(message), KOValue("msg"));
+    setObjectNilHandled(body, KOValue(KovantisUtils::getGMTtime()), KOValue("tm_s"));
+    std::optional<KOURLRequest> request =
+        requestGenerator_.requestForService(KOServiceNumberSendLogs, KODictionary{}, KOValue(std::move(body)));
+    if (!request) return;
+    httpClient_->sendLogRequest(*request, [this](bool success) {
+      if (!success) {
+        // Console only: a failed upload must never cause another one.
+        KOLogger::logLocated(KO_HERE, this, KOLogSeverityError, "Kovantis - Error while trying to send logs");
+      }
+    });
+  } catch (const std::exception& e) {
+    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
+                         KOStringFormat::format("Kovantis - Exception Config API : %@", {KOValue(e.what())}));
+  }
+}

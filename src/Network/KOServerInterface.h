@@ -1,0 +1,60 @@
+// The one place that knows the service's API: builds each call's query (universal parameters plus
+// its own keys) and body, picks the service and the client flavour, and hands the answer back.
+// Also runs the configuration call and the remote log upload.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "ADHttpClient.h"
+#include "ADServiceRequestGenerator.h"
+#include "kovantis/KOPlatform.h"
+#include "kovantis/KOValue.h"
+
+class KOServerInterface {
+ public:
+  using SuccessCompletion = std::function<void(bool success)>;
+  using FetchCompletion = std::function<void(const KOValue& response)>;
+
+  static KOServerInterface& sharedInstance();
+
+  ADHttpClient& httpClient() { return *httpClient_; }
+  ADServiceRequestGenerator& requestGenerator() { return requestGenerator_; }
+
+  /// The parameters that identify app, SDK and device on every call. Throws KOAssertionFailure
+  /// when no app id is stored and KOTypeError when the app version is missing. Shares the result
+  /// with the app group when one is set.
+  KODictionary getUniversalParams();
+  /// The legacy names of the same facts.
+  KODictionary getUniversalParamsForV1();
+
+  /// Adds the device; attributes are accepted and not sent.
+  void initializeWith(const KODictionary& attributes, SuccessCompletion andCompletionHandler);
+  void sendData(const KOValue& batch, const KOValue& withBatchID, SuccessCompletion andCompletionHandler);
+  void getInAppCampaignsWithLastUpdatedTime(const KOValue& time, const KODictionary& campaignListDict,
+                                            FetchCompletion andCompletionHandler);
+  void getInAppForCampaignID(const std::string& campaignID, FetchCompletion andCompletionHandler);
+  void triggerSmartInAppWithEvent(const std::string& event, const KOValue& andPayload,
+                                  FetchCompletion andCompletionHandler);
+  void getPushNotificationsFromServerWithLastUpdatedTime(const KOValue& time, FetchCompletion andCompletion);
+  /// With no location nothing is sent and the completion gets nil at once.
+  void geofenceHitWithLocation(const KOLocationCoordinate* location, const std::string& transitionType,
+                               const std::string& geoId, FetchCompletion andCompletion);
+  void getGeofencesForLocation(const KOLocationCoordinate* location, FetchCompletion andCompletion);
+  void setNotificationCategoriesWithCategories(const KOArray& categories);
+  /// At most once an hour: tunes remote logging, the log token and the batch size.
+  void getConfigForKovantis();
+  void sendLogToLogEntries(const std::string& message, const KOValue& andTraceBack, const std::string& andLevel);
+
+ private:
+  KOServerInterface();
+
+  /// Builds the request and sends it with the given flavour; a request that cannot be built
+  /// fails its completion at once.
+  void send(int service, const KODictionary& params, const KOValue& body, SuccessCompletion completion);
+  void fetch(int service, const KODictionary& params, const KOValue& body, FetchCompletion completion);
+
+  std::unique_ptr<ADHttpClient> httpClient_;
+  ADServiceRequestGenerator& requestGenerator_;
+};

@@ -1,0 +1,43 @@
+// Test fixture: a fresh simulated device whose service calls go to an in-process emulator on a
+// free loopback port, with a short request timeout so failure paths stay fast.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+
+#include "KOEmulator.h"
+#include "KOTestDevice.h"
+#include "KOUtilities/KovantisUtils.h"
+
+class KOEmulatorTestDevice : public KOTestDevice {
+ protected:
+  void SetUp() override {
+    KOTestDevice::SetUp();
+    KOEmulator::Options options;
+    options.dataDir = device().rootDirectory() + "/emulator";
+    emulator_ = std::make_unique<KOEmulator>(options);
+    const int port = emulator_->start(0);
+    KOServiceEndpoints endpoints = KOServiceEndpoints::local("127.0.0.1", port);
+    endpoints.timeoutSeconds = requestTimeout();
+    device().setServiceEndpoints(endpoints);
+    KovantisUtils::saveAppId(KOValue("kov-test-app"));
+  }
+
+  void TearDown() override {
+    emulator_->stop();
+    KOTestDevice::TearDown();
+  }
+
+  virtual double requestTimeout() { return 2.0; }
+
+  KOEmulator& emulator() { return *emulator_; }
+
+  /// Pumps the main queue until the emulator received that many requests on the path.
+  bool waitForRequests(const std::string& path, std::size_t count, double timeoutSeconds = 10) {
+    return waitFor([&] { return emulator_->requests(path).size() >= count; }, timeoutSeconds);
+  }
+
+ private:
+  std::unique_ptr<KOEmulator> emulator_;
+};
