@@ -52,6 +52,16 @@ void logApiFailure(const Outcome& o) {
 
 }  // namespace
 
+// Like the platform's URL session: a few connections per host, kept alive and reused; further
+// requests queue for them instead of opening a socket each.
+constexpr long kMaxConnectionsPerHost = 6;
+
+static CURLM* newMulti() {
+  CURLM* m = curl_multi_init();
+  curl_multi_setopt(m, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxConnectionsPerHost);
+  return m;
+}
+
 struct ADHttpClient::Impl {
   CURLM* multi = nullptr;
   std::mutex mutex;
@@ -60,18 +70,25 @@ struct ADHttpClient::Impl {
   std::atomic<std::size_t> inFlight{0};
   std::atomic<bool> stopping{false};
   std::thread thread;
+  // Connection-cache reset, asked for by another thread and done by the network thread.
+  std::condition_variable resetCv;
+  std::uint64_t resetsAsked = 0;
+  std::uint64_t resetsDone = 0;
 
   Impl() {
     globalInit();
-    multi = curl_multi_init();
+    multi = newMulti();
     thread = std::thread([this] { loop(); });
   }
 
   ~Impl() { stop(); }
 
   void stop() {
-    if (stopping.exchange(true)) return;
-    curl_multi_wakeup(multi);
+    {
+      std::lock_guard<std::mutex> lock(mutex);  // the network thread may be swapping the multi handle
+      if (stopping.exchange(true)) return;
+      curl_multi_wakeup(multi);
+    }
     if (thread.joinable()) thread.join();
     // What never finished completes as a failure, so no caller waits forever.
     std::deque<std::unique_ptr<Transfer>> leftovers;
@@ -95,14 +112,11 @@ struct ADHttpClient::Impl {
       std::lock_guard<std::mutex> lock(mutex);
       if (!stopping) {
         pending.push_back(std::move(t));
-        t = nullptr;
+        curl_multi_wakeup(multi);
+        return;
       }
     }
-    if (t) {
-      finish(*t, "client shut down");
-      return;
-    }
-    curl_multi_wakeup(multi);
+    finish(*t, "client shut down");
   }
 
   void finish(Transfer& t, const char* error) {
@@ -182,8 +196,18 @@ struct ADHttpClient::Impl {
         }
         finish(*t, nullptr);
       }
+      resetIfAsked();
       curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
     }
+  }
+
+  void resetIfAsked() {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (resetsAsked == resetsDone || !running.empty() || !pending.empty()) return;
+    curl_multi_cleanup(multi);
+    multi = newMulti();
+    resetsDone = resetsAsked;
+    resetCv.notify_all();
   }
 };
 
@@ -191,6 +215,15 @@ ADHttpClient::ADHttpClient() : impl_(std::make_unique<Impl>()) {}
 ADHttpClient::~ADHttpClient() = default;
 
 void ADHttpClient::shutdown() { impl_->stop(); }
+
+bool ADHttpClient::closeIdleConnections(double timeoutSeconds) {
+  std::unique_lock<std::mutex> lock(impl_->mutex);
+  if (impl_->stopping) return true;
+  const std::uint64_t ticket = ++impl_->resetsAsked;
+  curl_multi_wakeup(impl_->multi);
+  return impl_->resetCv.wait_for(lock, std::chrono::duration<double>(timeoutSeconds),
+                                 [&] { return impl_->resetsDone >= ticket || impl_->stopping; });
+}
 std::size_t ADHttpClient::inFlight() const { return impl_->inFlight; }
 
 void ADHttpClient::fetchRequest(const KOURLRequest& request, FetchCompletion completion) {

@@ -29,6 +29,9 @@ class ADHttpClient {
 
   /// Requests handed over and not yet completed.
   std::size_t inFlight() const;
+  /// Closes the connections kept for reuse once nothing is in flight (as when the app goes to the
+  /// background); waits at most the timeout and returns whether they were closed.
+  bool closeIdleConnections(double timeoutSeconds = 5);
   /// Stops the network thread; requests still in flight complete as failures.
   void shutdown();
 

@@ -9,6 +9,7 @@
 #include "KOEmulator.h"
 #include "KOTestDevice.h"
 #include "KOUtilities/KovantisUtils.h"
+#include "Network/KOServerInterface.h"
 
 class KOEmulatorTestDevice : public KOTestDevice {
  protected:
@@ -25,6 +26,8 @@ class KOEmulatorTestDevice : public KOTestDevice {
   }
 
   void TearDown() override {
+    // Kept-alive connections would hold the emulator's workers until they time out.
+    KOServerInterface::sharedInstance().httpClient().closeIdleConnections();
     emulator_->stop();
     KOTestDevice::TearDown();
   }
