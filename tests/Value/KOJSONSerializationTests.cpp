@@ -1,0 +1,176 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <string>
+
+#include "KOUtilities/KOJSONSerialization.h"
+#include "KOValuePrinting.h"
+#include "kovantis/KOValue.h"
+
+namespace {
+
+std::string nestedArrays(int depth, const std::string& inner = "") {
+  return std::string(static_cast<std::size_t>(depth), '[') + inner + std::string(static_cast<std::size_t>(depth), ']');
+}
+
+KOValue nestedValue(int depth) {
+  KOValue v = KOArray{};
+  for (int i = 1; i < depth; ++i) v = KOArray{std::move(v)};
+  return v;
+}
+
+void expectRejected(const std::string& text) {
+  EXPECT_THROW(KOJSONSerialization::parse(text), KOParseError) << "accepted: " << text;
+}
+
+}  // namespace
+
+TEST(KOJSONSerialization, RoundTripsEveryJSONKind) {
+  const KOValue value = KODictionary{
+      {"EVENT_ACTION", "PRODUCT_VIEWED"},
+      {"attrs", KODictionary{{"price", 9.99}, {"qty", 2}, {"neg", -17}, {"tiny", -2.5e-300}, {"flag", false}}},
+      {"list", KOArray{1, "two", KOValue::null(), KOArray{}, KODictionary{}, true}},
+      {"text", "quote \" backslash \\ newline \n tab \t nul " + std::string(1, '\0') + " é ✓ 𝄞"},
+      {"", "empty key"},
+  };
+  const std::string text = KOJSONSerialization::write(value);
+  const KOValue back = KOJSONSerialization::parse(text);
+  EXPECT_EQ(back, value);
+  // Key order survives the trip, and number kinds are kept.
+  EXPECT_EQ(back.dictionaryValue().keys(), value.dictionaryValue().keys());
+  EXPECT_TRUE(back["attrs"]["qty"].isInteger());
+  EXPECT_TRUE(back["attrs"]["price"].isReal());
+  EXPECT_EQ(back["attrs"]["price"].doubleValue(), 9.99);
+  EXPECT_TRUE(back["list"].arrayValue()[2].isNull());
+
+  EXPECT_EQ(KOJSONSerialization::write(KODictionary{{"a", 1}, {"b", KOArray{true, KOValue()}}}),
+            R"({"a":1,"b":[true,null]})");
+  std::string appended = "prefix:";
+  KOJSONSerialization::writeTo(KOValue(1.5), appended);
+  EXPECT_EQ(appended, "prefix:1.5");
+}
+
+TEST(KOJSONSerialization, NumbersAtTheEdges) {
+  constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
+  constexpr auto kMin = std::numeric_limits<std::int64_t>::min();
+  const KOValue ints = KOJSONSerialization::parse("[9223372036854775807,-9223372036854775808,-1,0,-0]");
+  const KOArray& a = ints.arrayValue();
+  ASSERT_EQ(a.size(), 5u);
+  EXPECT_TRUE(a[0].isInteger());
+  EXPECT_EQ(a[0].intValue(), kMax);
+  EXPECT_TRUE(a[1].isInteger());
+  EXPECT_EQ(a[1].intValue(), kMin);
+  EXPECT_EQ(a[2].intValue(), -1);
+  EXPECT_EQ(KOJSONSerialization::write(KOArray{kMax, kMin}), "[9223372036854775807,-9223372036854775808]");
+
+  // Beyond int64 (either way) the number is kept as a real rather than wrapped.
+  const KOValue big = KOJSONSerialization::parse("[9223372036854775808,18446744073709551615,-9223372036854775809]");
+  for (const KOValue& v : big.arrayValue()) EXPECT_TRUE(v.isReal()) << v.description();
+  EXPECT_EQ(big.arrayValue()[0].doubleValue(), 9223372036854775808.0);
+  EXPECT_EQ(big.arrayValue()[1].doubleValue(), 18446744073709551615.0);
+  EXPECT_LT(big.arrayValue()[2].doubleValue(), 0);
+
+  // Reals come back bit-exact.
+  for (double d : {0.1, -1e-310, 1.7976931348623157e308, -123456.789e-5, 1.0}) {
+    const KOValue back = KOJSONSerialization::parse(KOJSONSerialization::write(KOValue(d)));
+    EXPECT_TRUE(back.isReal());
+    EXPECT_EQ(back.doubleValue(), d);
+  }
+  expectRejected("1e400");
+  expectRejected("-");
+  expectRejected("01");
+  expectRejected("1.");
+  expectRejected("+1");
+}
+
+// KNOWN BUG (reported to the lead, left failing on purpose; found by fuzz_json): a zero with a
+// large negative exponent takes the reader's full-precision path, which calls clz(0) - undefined
+// behaviour that UndefinedBehaviorSanitizer stops on.
+TEST(KOJSONSerialization, ZeroWithHugeNegativeExponentIsZero) {
+  EXPECT_EQ(KOJSONSerialization::parse("0e-300"), KOValue(0.0));
+  EXPECT_EQ(KOJSONSerialization::parse("[-0.0e-330]"), KOValue(KOArray{0.0}));
+}
+
+TEST(KOJSONSerialization, RejectsCorruptText) {
+  const std::string good = R"({"a":[1,2,{"b":"c"}],"d":true})";
+  ASSERT_NO_THROW(KOJSONSerialization::parse(good));
+  // Every proper prefix of a document is truncated.
+  for (std::size_t n = 0; n < good.size(); ++n) expectRejected(good.substr(0, n));
+
+  for (const char* text : {"", "   ", "nul", "tru", "{\"a\"}", "{\"a\":}", "[1,]", "{,}", "{'a':1}", "[1 2]",
+                           "{\"a\":1,}", "\"unterminated", "\"bad escape \\x\"", "\"\\u12\"", "\"\\uD800\"",
+                           "\"\\uD800\\u0041\"", "/* comment */ 1", "NaN", "Infinity", "[1]]", "{}{}"}) {
+    expectRejected(text);
+  }
+  // Bytes after the root value, including after an embedded NUL, are not ignored.
+  expectRejected("{} x");
+  expectRejected(std::string("[1]\0", 4));
+  expectRejected(std::string("[1]\0[2]", 7));
+  expectRejected(std::string("\"a\0b\"", 5));
+  expectRejected(std::string("[1,\0 2]", 7));
+  EXPECT_EQ(KOJSONSerialization::parse(" \n\t[1] \r\n"), KOValue(KOArray{1}));
+
+  // An escaped NUL is a character like any other.
+  EXPECT_EQ(KOJSONSerialization::parse(R"("a\u0000b")").stringValue(), std::string("a\0b", 3));
+}
+
+TEST(KOJSONSerialization, RejectsInvalidUTF8) {
+  for (const char* bytes : {"\x80", "\xC3", "\xC0\xAF", "\xE2\x82", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF",
+                            "\xF0\x9F\x98"}) {
+    expectRejected(std::string("\"") + bytes + "\"");
+    expectRejected(std::string("{\"") + bytes + "\":1}");
+  }
+  EXPECT_EQ(KOJSONSerialization::parse("\"\xF0\x9F\x98\x80\"").stringValue(), "\xF0\x9F\x98\x80");
+  EXPECT_EQ(KOJSONSerialization::parse(R"("\uD83D\uDE00")").stringValue(), "\xF0\x9F\x98\x80");
+
+  // Writing will not produce text the reader refuses.
+  EXPECT_THROW(KOJSONSerialization::write(KOValue("\xC3")), KOTypeError);
+  EXPECT_THROW(KOJSONSerialization::write(KODictionary{{"\xFF", 1}}), KOTypeError);
+}
+
+// KNOWN BUG (reported to the lead, left failing on purpose): an escaped lone low surrogate is
+// accepted and stored as the bytes ED B0 80, which are not UTF-8; the value then cannot be written
+// as JSON or as a property list.
+TEST(KOJSONSerialization, EscapedLoneLowSurrogateIsRejected) {
+  expectRejected(R"("\uDC00")");
+  expectRejected(R"({"k":"a\uDFFFb"})");
+}
+
+TEST(KOJSONSerialization, NestingLimitInBothDirections) {
+  constexpr int kMax = KOValue::kMaxNestingDepth;
+  KOValue deepest = KOJSONSerialization::parse(nestedArrays(kMax, "1"));
+  for (int i = 0; i < kMax; ++i) deepest = KOValue(deepest.arrayValue().at(0));
+  EXPECT_EQ(deepest, KOValue(1));
+  EXPECT_EQ(KOJSONSerialization::parse(nestedArrays(kMax)), nestedValue(kMax));
+  expectRejected(nestedArrays(kMax + 1));
+  std::string objects;
+  for (int i = 0; i < kMax + 1; ++i) objects += "{\"k\":";
+  objects += "1" + std::string(static_cast<std::size_t>(kMax + 1), '}');
+  expectRejected(objects);
+
+  // Far deeper input, even unterminated, is refused without exhausting the stack.
+  expectRejected(std::string(100000, '['));
+  expectRejected(nestedArrays(100000));
+
+  EXPECT_NO_THROW(KOJSONSerialization::write(nestedValue(kMax)));
+  EXPECT_THROW(KOJSONSerialization::write(nestedValue(kMax + 5)), KOTypeError);
+}
+
+// KNOWN BUG (reported to the lead, left failing on purpose): the writer's depth check is one level
+// more lenient than the reader's, so it produces text the reader then refuses.
+TEST(KOJSONSerialization, WriterRefusesWhatTheReaderWouldRefuse) {
+  const KOValue tooDeep = nestedValue(KOValue::kMaxNestingDepth + 1);
+  EXPECT_THROW(KOJSONSerialization::write(tooDeep), KOTypeError);
+}
+
+TEST(KOJSONSerialization, WritingNonJSONValuesThrows) {
+  for (const KOValue& v : {KOValue(std::numeric_limits<double>::quiet_NaN()),
+                           KOValue(std::numeric_limits<double>::infinity()),
+                           KOValue(-std::numeric_limits<double>::infinity()), KOValue(KODate{1700000000}),
+                           KOValue(KOData{{1, 2, 3}}), KOValue(KOURL{"https://example.com"})}) {
+    EXPECT_THROW(KOJSONSerialization::write(v), KOTypeError) << v.description();
+    // Nested deep inside a container as well.
+    EXPECT_THROW(KOJSONSerialization::write(KODictionary{{"a", KOArray{1, KODictionary{{"b", v}}}}}), KOTypeError);
+  }
+}

@@ -1,0 +1,311 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "KOUtilities/KOPropertyListSerialization.h"
+#include "KOValuePrinting.h"
+#include "kovantis/KOValue.h"
+
+namespace {
+
+constexpr double kEpoch2001 = 978307200.0;
+
+// Builds binary property lists object by object, so tests can state exactly what the bytes hold
+// (including cycles and dangling references a writer would never produce).
+class BinaryPlist {
+ public:
+  std::size_t add(std::string encoded) {
+    objects_.push_back(std::move(encoded));
+    return objects_.size() - 1;
+  }
+  std::size_t integer(std::int64_t v) {
+    if (v >= 0 && v <= 0xFF) return add(marker(0x1, 0) + bigEndian(static_cast<std::uint64_t>(v), 1));
+    if (v >= 0 && v <= 0xFFFFFFFF) return add(marker(0x1, 2) + bigEndian(static_cast<std::uint64_t>(v), 4));
+    return add(marker(0x1, 3) + bigEndian(static_cast<std::uint64_t>(v), 8));
+  }
+  std::size_t real(double d) { return add(marker(0x2, 3) + bigEndian(bits(d), 8)); }
+  std::size_t date(double since2001) { return add(marker(0x3, 3) + bigEndian(bits(since2001), 8)); }
+  std::size_t boolean(bool b) { return add(std::string(1, b ? '\x09' : '\x08')); }
+  std::size_t ascii(const std::string& s) { return add(sized(0x5, s.size()) + s); }
+  std::size_t data(const std::string& bytes) { return add(sized(0x4, bytes.size()) + bytes); }
+  std::size_t array(const std::vector<std::size_t>& refs) { return add(sized(0xA, refs.size()) + refList(refs)); }
+  std::size_t dict(const std::vector<std::size_t>& keys, const std::vector<std::size_t>& values) {
+    return add(sized(0xD, keys.size()) + refList(keys) + refList(values));
+  }
+
+  std::string bytes(std::size_t top) const {
+    std::string out = "bplist00";
+    std::vector<std::uint64_t> offsets;
+    for (const auto& o : objects_) {
+      offsets.push_back(out.size());
+      out += o;
+    }
+    const std::uint64_t tableOffset = out.size();
+    for (auto off : offsets) out += bigEndian(off, 4);
+    out += std::string(6, '\0');
+    out += '\x04';  // offset size
+    out += '\x04';  // reference size
+    out += bigEndian(objects_.size(), 8) + bigEndian(top, 8) + bigEndian(tableOffset, 8);
+    return out;
+  }
+
+ private:
+  static std::string marker(int type, int low) { return std::string(1, static_cast<char>(type << 4 | low)); }
+  static std::string sized(int type, std::size_t n) {
+    if (n < 15) return marker(type, static_cast<int>(n));
+    return marker(type, 0xF) + marker(0x1, 2) + bigEndian(n, 4);
+  }
+  static std::string bigEndian(std::uint64_t v, int width) {
+    std::string out(static_cast<std::size_t>(width), '\0');
+    for (int i = width - 1; i >= 0; --i, v >>= 8) out[static_cast<std::size_t>(i)] = static_cast<char>(v & 0xFF);
+    return out;
+  }
+  static std::uint64_t bits(double d) {
+    std::uint64_t u = 0;
+    std::memcpy(&u, &d, sizeof u);
+    return u;
+  }
+  static std::string refList(const std::vector<std::size_t>& refs) {
+    std::string out;
+    for (auto r : refs) out += bigEndian(r, 4);
+    return out;
+  }
+
+  std::vector<std::string> objects_;
+};
+
+std::string xmlPlist(const std::string& body) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+         "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n<plist version=\"1.0\">\n" +
+         body + "\n</plist>\n";
+}
+
+KOValue roundTrip(const KOValue& v) {
+  return KOPropertyListSerialization::parse(KOPropertyListSerialization::writeXML(v));
+}
+
+KOValue nestedValue(int depth) {
+  KOValue v = KOArray{};
+  for (int i = 1; i < depth; ++i) v = KOArray{std::move(v)};
+  return v;
+}
+
+std::string nestedXML(int depth) {
+  std::string body;
+  for (int i = 0; i < depth; ++i) body += "<array>";
+  for (int i = 0; i < depth; ++i) body += "</array>";
+  return xmlPlist(body);
+}
+
+}  // namespace
+
+TEST(KOPropertyListSerialization, XMLRoundTripKeepsKindsAndValues) {
+  constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
+  constexpr auto kMin = std::numeric_limits<std::int64_t>::min();
+  const KOValue value = KODictionary{
+      {"ints", KOArray{0, 1, -1, -42, kMax, kMin, std::int64_t{4294967296}}},
+      {"reals", KOArray{9.99, -0.5, 1e-300, -1.7976931348623157e308}},
+      {"bools", KOArray{true, false}},
+      {"text", "<&> \"quotes\" 'apos' é ✓ 𝄞"},
+      {"empty", ""},
+      {"data", KOData{{0, 1, 2, 0xFE, 0xFF}}},
+      {"noData", KOData{}},
+      {"dates", KOArray{KODate{1700000000}, KODate{kEpoch2001}, KODate{kEpoch2001 - 1}, KODate{-86400 * 365.0}}},
+      {"nested", KODictionary{{"list", KOArray{KOArray{}, KODictionary{}, KODictionary{{"k", KOArray{1, "x"}}}}}}},
+  };
+  const KOValue back = roundTrip(value);
+  EXPECT_EQ(back, value);
+  for (const KOValue& v : back["ints"].arrayValue()) EXPECT_TRUE(v.isInteger()) << v.description();
+  EXPECT_EQ(back["ints"].arrayValue()[4].intValue(), kMax);
+  EXPECT_EQ(back["ints"].arrayValue()[5].intValue(), kMin);
+  EXPECT_TRUE(back["bools"].arrayValue()[0].isBool());
+  for (const KOValue& v : back["reals"].arrayValue()) EXPECT_TRUE(v.isReal()) << v.description();
+  EXPECT_TRUE(back["dates"].arrayValue()[0].isDate());
+  EXPECT_EQ(back.dictionaryValue().keys(), value.dictionaryValue().keys());
+
+  // A URL has no property-list form; it is kept as its string.
+  EXPECT_EQ(roundTrip(KOArray{KOURL{"https://example.com/a?b=c&d"}}), KOValue(KOArray{"https://example.com/a?b=c&d"}));
+}
+
+TEST(KOPropertyListSerialization, DatesAreWholeSecondsWithinTheFormatRange) {
+  constexpr double kLatest = kEpoch2001 + std::numeric_limits<std::int32_t>::max();
+  constexpr double kEarliest = kEpoch2001 + std::numeric_limits<std::int32_t>::min();
+  for (double seconds : {kLatest, kEarliest, -1.0, 0.0, kEpoch2001 - 3600}) {
+    EXPECT_EQ(roundTrip(KOValue(KODate{seconds})), KOValue(KODate{seconds})) << seconds;
+  }
+  EXPECT_THROW(KOPropertyListSerialization::writeXML(KOValue(KODate{kLatest + 1})), KOTypeError);
+  EXPECT_THROW(KOPropertyListSerialization::writeXML(KOValue(KODate{kEarliest - 1})), KOTypeError);
+  EXPECT_THROW(KOPropertyListSerialization::writeXML(KOValue(KODate{std::numeric_limits<double>::quiet_NaN()})),
+               KOTypeError);
+
+  EXPECT_EQ(KOPropertyListSerialization::parse(xmlPlist("<date>2023-11-14T22:13:20Z</date>")),
+            KOValue(KODate{1700000000}));
+  EXPECT_EQ(KOPropertyListSerialization::parse(xmlPlist("<date>1969-12-31T23:59:59Z</date>")), KOValue(KODate{-1}));
+}
+
+TEST(KOPropertyListSerialization, NullAndNilAreLeftOutOfDictionariesAndBlankInArrays) {
+  const KOValue value = KODictionary{{"null", KOValue::null()},
+                                     {"nil", KOValue()},
+                                     {"kept", 1},
+                                     {"list", KOArray{KOValue::null(), 2, KOValue()}},
+                                     {"inner", KODictionary{{"gone", KOValue::null()}}}};
+  const KOValue back = roundTrip(value);
+  EXPECT_EQ(back, KOValue(KODictionary{{"kept", 1}, {"list", KOArray{"", 2, ""}}, {"inner", KODictionary{}}}));
+  EXPECT_FALSE(back.dictionaryValue().contains("null"));
+
+  EXPECT_THROW(KOPropertyListSerialization::writeXML(KOValue()), KOTypeError);
+  EXPECT_THROW(KOPropertyListSerialization::writeXML(KOValue::null()), KOTypeError);
+}
+
+TEST(KOPropertyListSerialization, WritingUnrepresentableValuesThrows) {
+  for (const KOValue& v : {KOValue(std::numeric_limits<double>::quiet_NaN()),
+                           KOValue(std::numeric_limits<double>::infinity()), KOValue("\xC3\x28"),
+                           KOValue(KOURL{"\xFF"}), KOValue(KODictionary{{"\x80", 1}})}) {
+    EXPECT_THROW(KOPropertyListSerialization::writeXML(KOArray{KODictionary{{"k", v}}}), KOTypeError)
+        << v.description();
+  }
+}
+
+TEST(KOPropertyListSerialization, ReadsHandWrittenXML) {
+  const KOValue v = KOPropertyListSerialization::parse(xmlPlist(R"(<dict>
+  <key>b</key><integer>-9223372036854775808</integer>
+  <key>a</key><real>2.5</real>
+  <key>t</key><true/>
+  <key>d</key><data>AAEC/w==</data>
+  <key>s</key><string>x &amp; y</string>
+  <key>l</key><array><integer>7</integer><string/></array>
+</dict>)"));
+  EXPECT_EQ(v, KOValue(KODictionary{{"b", std::numeric_limits<std::int64_t>::min()},
+                                     {"a", 2.5},
+                                     {"t", true},
+                                     {"d", KOData{{0, 1, 2, 0xFF}}},
+                                     {"s", "x & y"},
+                                     {"l", KOArray{7, ""}}}));
+  EXPECT_EQ(v.dictionaryValue().keys(), (std::vector<std::string>{"b", "a", "t", "d", "s", "l"}));
+  EXPECT_TRUE(v["t"].isBool());
+}
+
+TEST(KOPropertyListSerialization, ReadsBinary) {
+  BinaryPlist p;
+  const std::size_t keys[] = {p.ascii("neg"), p.ascii("max"), p.ascii("real"), p.ascii("date"),
+                              p.ascii("data"), p.ascii("list"), p.ascii("flag"), p.ascii("small")};
+  const std::size_t inner = p.array({p.ascii("a long string of more than fifteen bytes"), p.dict({}, {})});
+  const std::size_t values[] = {p.integer(-5),     p.integer(std::numeric_limits<std::int64_t>::max()),
+                                p.real(-0.25),     p.date(1700000000 - kEpoch2001),
+                                p.data(std::string("\x00\xff", 2)), inner,
+                                p.boolean(true),   p.integer(200)};
+  const std::size_t root = p.dict({std::begin(keys), std::end(keys)}, {std::begin(values), std::end(values)});
+  const KOValue v = KOPropertyListSerialization::parse(p.bytes(root));
+  EXPECT_EQ(v, KOValue(KODictionary{{"neg", -5},
+                                     {"max", std::numeric_limits<std::int64_t>::max()},
+                                     {"real", -0.25},
+                                     {"date", KODate{1700000000}},
+                                     {"data", KOData{{0, 0xFF}}},
+                                     {"list", KOArray{"a long string of more than fifteen bytes", KODictionary{}}},
+                                     {"flag", true},
+                                     {"small", 200}}));
+  EXPECT_TRUE(v["flag"].isBool());
+  EXPECT_TRUE(v["neg"].isInteger());
+}
+
+// KNOWN BUG (reported to the lead, left failing on purpose): a binary date before 2001 with a
+// fraction of a second is read wrongly (-1.5 s reads as -0.5 s), because the reader adds the
+// library's unsigned microseconds to seconds truncated toward zero.
+TEST(KOPropertyListSerialization, BinaryDatesKeepTheirFraction) {
+  for (double since2001 : {0.25, 1700000000.125 - kEpoch2001, -1.5, -0.5, -86400.75}) {
+    BinaryPlist p;
+    const std::size_t root = p.date(since2001);
+    EXPECT_EQ(KOPropertyListSerialization::parse(p.bytes(root)), KOValue(KODate{kEpoch2001 + since2001}))
+        << since2001;
+  }
+}
+
+TEST(KOPropertyListSerialization, RejectsCorruptInput) {
+  const std::string xml = KOPropertyListSerialization::writeXML(KODictionary{{"a", KOArray{1, "two"}}, {"b", 2.5}});
+  for (const std::string& bad : {std::string(), std::string("garbage"), std::string("<plist"),
+                                 std::string("bplist00"), std::string(3, '\0'), xml.substr(0, xml.size() / 2),
+                                 xml.substr(0, xml.find("<key>b")), xmlPlist("<unknown/>"),
+                                 xmlPlist("<string>\xC3\x28</string>"),
+                                 xmlPlist("<dict><key>\xFF</key><true/></dict>")}) {
+    EXPECT_THROW(KOPropertyListSerialization::parse(bad), KOParseError) << bad;
+  }
+
+  BinaryPlist p;
+  const std::size_t root = p.array({p.integer(1), p.ascii("two")});
+  const std::string binary = p.bytes(root);
+  ASSERT_EQ(KOPropertyListSerialization::parse(binary), KOValue(KOArray{1, "two"}));
+  for (std::size_t n = 1; n < binary.size(); ++n) {
+    EXPECT_THROW(KOPropertyListSerialization::parse(binary.substr(0, n)), KOParseError) << n;
+  }
+
+  // References that dangle, point back at their own container, or a top object out of range.
+  BinaryPlist dangling;
+  EXPECT_THROW(KOPropertyListSerialization::parse(dangling.bytes(dangling.array({7}))), KOParseError);
+  BinaryPlist cycle;
+  EXPECT_THROW(KOPropertyListSerialization::parse(cycle.bytes(cycle.array({0}))), KOParseError);
+  BinaryPlist badTop;
+  badTop.integer(1);
+  EXPECT_THROW(KOPropertyListSerialization::parse(badTop.bytes(5)), KOParseError);
+  BinaryPlist badString;
+  EXPECT_THROW(KOPropertyListSerialization::parse(badString.bytes(badString.ascii("\xC3"))), KOParseError);
+}
+
+// KNOWN BUG (reported to the lead, left failing on purpose; found by fuzz_plist): a binary
+// dictionary key holding a NUL byte trips an assertion inside the library's key accessor, which
+// aborts the process instead of raising KOParseError.
+TEST(KOPropertyListSerialization, KeyWithNulByteDoesNotAbort) {
+  // The key "nes\x01\0\0" of the root dictionary, as the fuzzer found it.
+  const std::string bytes(
+      "\x62\x70\x6c\x69\x73\x74\x30\x30\xd3\x01\x02\x03\x04\x05\x0b\x55\x65\x6d\x70\x74\x79\x56\x6e\x65"
+      "\x73\x01\x00\x00\x00\x00\x00\x00\x04\xa1\x07\xd1\x08\x09\x51\x6b\xa1\x0a\x10\x01\x53\x3c\x26\x3e"
+      "\x08\x0f\x11\x11\x10\x11\x11\x11\x11\x11\x11\x11\x11\x11\x11\x11\x11\x11\x11\x11\x11\x11\x11\x11"
+      "\x11\x11\x00\x00\x00\x00\x00\x01\x01\x00\x00\x00\x00\x00\x00\x00\x0c\x00\x00\x00\x00\x00\x00\x00"
+      "\x00\x00\x00\x00\x00\x00\x00\x00\x30",
+      105);
+  // Reading the key or refusing the file are both fine; ending the process is not.
+  try {
+    EXPECT_TRUE(KOPropertyListSerialization::parse(bytes).isDictionary());
+  } catch (const KOParseError&) {
+  }
+}
+
+TEST(KOPropertyListSerialization, NestingLimit) {
+  constexpr int kMax = KOValue::kMaxNestingDepth;
+  EXPECT_EQ(KOPropertyListSerialization::parse(nestedXML(kMax)), nestedValue(kMax));
+  EXPECT_EQ(roundTrip(nestedValue(kMax)), nestedValue(kMax));
+  EXPECT_THROW(KOPropertyListSerialization::parse(nestedXML(kMax + 5)), KOParseError);
+  EXPECT_THROW(KOPropertyListSerialization::writeXML(nestedValue(kMax + 5)), KOTypeError);
+
+  // Binary nesting is limited the same way.
+  BinaryPlist p;
+  for (int i = 0; i < kMax + 5; ++i) p.array({static_cast<std::size_t>(i + 1)});
+  p.array({});
+  EXPECT_THROW(KOPropertyListSerialization::parse(p.bytes(0)), KOParseError);
+}
+
+// Far deeper input must be refused without exhausting the stack.
+TEST(KOPropertyListSerialization, DeepXMLIsRefusedWithoutCrashing) {
+  EXPECT_THROW(KOPropertyListSerialization::parse(nestedXML(100000)), KOParseError);
+}
+
+// KNOWN BUG (reported to the lead, left failing on purpose): the library's binary reader recurses
+// once per level before our depth check runs, so this input overflows the stack (it does on an
+// 8 MB stack even without sanitizers; about 10000 levels suffice on a 512 KB thread).
+TEST(KOPropertyListSerialization, DeepBinaryIsRefusedWithoutCrashing) {
+  BinaryPlist deep;
+  for (int i = 0; i < 100000; ++i) deep.array({static_cast<std::size_t>(i + 1)});
+  deep.array({});
+  EXPECT_THROW(KOPropertyListSerialization::parse(deep.bytes(0)), KOParseError);
+}
+
+// KNOWN BUG (reported to the lead, left failing on purpose): one level more than the limit is still
+// accepted by the property-list reader and writer, while the JSON reader refuses it.
+TEST(KOPropertyListSerialization, OneLevelPastTheLimitIsRefused) {
+  constexpr int kMax = KOValue::kMaxNestingDepth;
+  EXPECT_THROW(KOPropertyListSerialization::parse(nestedXML(kMax + 1)), KOParseError);
+  EXPECT_THROW(KOPropertyListSerialization::writeXML(nestedValue(kMax + 1)), KOTypeError);
+}

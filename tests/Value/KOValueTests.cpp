@@ -1,0 +1,184 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <string>
+
+#include "KOValuePrinting.h"
+#include "kovantis/KOValue.h"
+
+namespace {
+
+std::string keyAt(int i) { return "key" + std::to_string(i); }
+
+KODictionary numberedDictionary(int count) {
+  KODictionary d;
+  for (int i = 0; i < count; ++i) d.set(keyAt(i), i);
+  return d;
+}
+
+}  // namespace
+
+TEST(KOValue, NumbersCompareByValueAcrossKinds) {
+  EXPECT_EQ(KOValue(1), KOValue(1.0));
+  EXPECT_EQ(KOValue(true), KOValue(1));
+  EXPECT_EQ(KOValue(true), KOValue(1.0));
+  EXPECT_EQ(KOValue(false), KOValue(0.0));
+  EXPECT_NE(KOValue(true), KOValue(2));
+  EXPECT_NE(KOValue(1), KOValue(1.5));
+  EXPECT_EQ(KOValue(0.0), KOValue(-0.0));
+
+  // Exact comparison at the int64 edges: 2^63 as a double is not INT64_MAX, but -2^63 is INT64_MIN.
+  constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
+  constexpr auto kMin = std::numeric_limits<std::int64_t>::min();
+  EXPECT_NE(KOValue(kMax), KOValue(9223372036854775808.0));
+  EXPECT_EQ(KOValue(kMin), KOValue(-9223372036854775808.0));
+  EXPECT_NE(KOValue(kMax), KOValue(kMax - 1));
+  EXPECT_NE(KOValue(1), KOValue(std::numeric_limits<double>::infinity()));
+  EXPECT_NE(KOValue(0), KOValue(std::numeric_limits<double>::quiet_NaN()));
+}
+
+TEST(KOValue, KindsOtherThanNumbersNeverMix) {
+  EXPECT_NE(KOValue("1"), KOValue(1));
+  EXPECT_NE(KOValue("true"), KOValue(true));
+  EXPECT_NE(KOValue(""), KOValue(0));
+  EXPECT_NE(KOValue(), KOValue::null());
+  EXPECT_EQ(KOValue(), KOValue::nil());
+  EXPECT_EQ(KOValue::null(), KOValue(KONull{}));
+  EXPECT_NE(KOValue(0), KOValue());
+  EXPECT_NE(KOValue(KOURL{"a"}), KOValue("a"));
+  EXPECT_NE(KOValue(KODate{5}), KOValue(5));
+  EXPECT_NE(KOValue(KOArray{}), KOValue(KODictionary{}));
+  EXPECT_EQ(KOValue(KOData{{1, 2}}), KOValue(KOData{{1, 2}}));
+  EXPECT_NE(KOValue(KOData{{1, 2}}), KOValue(KOData{{2, 1}}));
+
+  EXPECT_TRUE(KOValue().isAbsent());
+  EXPECT_TRUE(KOValue::null().isAbsent());
+  EXPECT_FALSE(KOValue(0).isAbsent());
+  EXPECT_TRUE(KOValue(true).isNumber());
+  EXPECT_EQ(KOValue(std::uint8_t{7}).kind(), KOValue::Kind::Integer);
+  EXPECT_EQ(KOValue(1.5f).kind(), KOValue::Kind::Real);
+}
+
+TEST(KOValue, ContainersCompareElementWise) {
+  EXPECT_EQ(KOValue(KOArray{1, "a", KOArray{true}}), KOValue(KOArray{1.0, "a", KOArray{1}}));
+  EXPECT_NE(KOValue(KOArray{1, 2}), KOValue(KOArray{2, 1}));
+  EXPECT_NE(KOValue(KOArray{1}), KOValue(KOArray{1, KOValue()}));
+  EXPECT_NE(KOValue(KOArray{KOValue()}), KOValue(KOArray{KOValue::null()}));
+
+  const KODictionary a{{"x", 1}, {"y", KODictionary{{"z", "s"}}}};
+  const KODictionary reordered{{"y", KODictionary{{"z", "s"}}}, {"x", 1.0}};
+  EXPECT_EQ(a, reordered);
+  EXPECT_NE(a, (KODictionary{{"x", 1}, {"y", KODictionary{{"z", "t"}}}}));
+  EXPECT_NE(a, (KODictionary{{"x", 1}}));
+  EXPECT_NE((KODictionary{{"x", KOValue::null()}}), KODictionary{});
+}
+
+TEST(KODictionary, KeepsInsertionOrderThroughOverwriteAndRemove) {
+  KODictionary d{{"b", 1}, {"a", 2}, {"c", 3}, {"a", 4}};
+  EXPECT_EQ(d.keys(), (std::vector<std::string>{"b", "a", "c"}));
+  EXPECT_EQ(d["a"], KOValue(4));
+
+  d.set("b", "again");
+  d.set("d", 5);
+  EXPECT_TRUE(d.remove("a"));
+  EXPECT_FALSE(d.remove("a"));
+  EXPECT_EQ(d.keys(), (std::vector<std::string>{"b", "c", "d"}));
+  EXPECT_EQ(d["b"], KOValue("again"));
+  EXPECT_TRUE(d["absent"].isNil());
+  EXPECT_EQ(d.find("absent"), nullptr);
+
+  // JSON null is present; only a missing key is nil.
+  d.set("n", KOValue::null());
+  ASSERT_NE(d.find("n"), nullptr);
+  EXPECT_TRUE(d.find("n")->isNull());
+}
+
+TEST(KODictionary, LargeDictionaryStaysConsistentAcrossIndexChanges) {
+  // Enough keys to use the hash index, then removals back below the threshold and growth past it.
+  KODictionary d = numberedDictionary(200);
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_NE(d.find(keyAt(i)), nullptr) << i;
+    EXPECT_EQ(*d.find(keyAt(i)), KOValue(i));
+  }
+  EXPECT_FALSE(d.contains("key200"));
+
+  for (int i = 0; i < 200; i += 2) ASSERT_TRUE(d.remove(keyAt(i)));
+  EXPECT_EQ(d.size(), 100u);
+  for (int i = 0; i < 200; ++i) EXPECT_EQ(d.contains(keyAt(i)), i % 2 == 1) << i;
+  EXPECT_EQ(d.keys().front(), "key1");
+  EXPECT_EQ(d.keys().back(), "key199");
+
+  // Overwriting keeps the position and does not duplicate the key.
+  d.set("key101", "changed");
+  EXPECT_EQ(d.size(), 100u);
+  EXPECT_EQ(d.keys()[50], "key101");
+  EXPECT_EQ(d["key101"], KOValue("changed"));
+
+  // Shrink below the index threshold, then grow again.
+  for (int i = 1; i < 190; i += 2) ASSERT_TRUE(d.remove(keyAt(i)));
+  EXPECT_EQ(d.keys(), (std::vector<std::string>{"key191", "key193", "key195", "key197", "key199"}));
+  for (int i = 300; i < 340; ++i) d.set(keyAt(i), i);
+  EXPECT_EQ(d.size(), 45u);
+  for (int i = 300; i < 340; ++i) EXPECT_EQ(d[keyAt(i)], KOValue(i));
+  EXPECT_EQ(d["key197"], KOValue(197));
+  EXPECT_FALSE(d.contains("key1"));
+
+  // A copy answers the same lookups, and mutating it leaves the original alone.
+  KODictionary copy = d;
+  copy.remove("key300");
+  copy.set("extra", 1);
+  EXPECT_TRUE(d.contains("key300"));
+  EXPECT_FALSE(d.contains("extra"));
+  EXPECT_EQ(copy["key339"], KOValue(339));
+  EXPECT_NE(copy, d);
+
+  d.clear();
+  EXPECT_TRUE(d.empty());
+  EXPECT_FALSE(d.contains("key300"));
+  d.set("after", 1);
+  EXPECT_EQ(d.keys(), std::vector<std::string>{"after"});
+}
+
+TEST(KODictionary, EqualityWithIndexIgnoresOrder) {
+  KODictionary forward = numberedDictionary(60);
+  KODictionary backward;
+  for (int i = 59; i >= 0; --i) backward.set(keyAt(i), static_cast<double>(i));
+  EXPECT_EQ(forward, backward);
+  backward.set(keyAt(30), "x");
+  EXPECT_NE(forward, backward);
+}
+
+TEST(KOValue, TypedAccessorsThrowOnOtherKinds) {
+  const KOValue s("text");
+  EXPECT_THROW(s.intValue(), KOTypeError);
+  EXPECT_THROW(s.doubleValue(), KOTypeError);
+  EXPECT_THROW(s.boolValue(), KOTypeError);
+  EXPECT_THROW(s.arrayValue(), KOTypeError);
+  EXPECT_THROW(s.dictionaryValue(), KOTypeError);
+  EXPECT_THROW(s["key"], KOTypeError);
+  EXPECT_THROW(KOValue(1).stringValue(), KOTypeError);
+  EXPECT_THROW(KOValue().stringValue(), KOTypeError);
+  EXPECT_THROW(KOValue::null().intValue(), KOTypeError);
+  EXPECT_THROW(KOValue(KODate{1}).doubleValue(), KOTypeError);
+  EXPECT_THROW(KOValue("u").urlValue(), KOTypeError);
+  EXPECT_THROW(KOValue(KOURL{"u"}).dataValue(), KOTypeError);
+  EXPECT_THROW(KOValue(KOData{}).dateValue(), KOTypeError);
+  EXPECT_THROW(KOValue(KOArray{1}).arrayValue().at(1), KOTypeError);
+
+  KOValue mutableString(1);
+  EXPECT_THROW(mutableString.stringValue(), KOTypeError);
+  EXPECT_THROW(mutableString.arrayValue(), KOTypeError);
+  EXPECT_THROW(mutableString.dictionaryValue(), KOTypeError);
+
+  // Numbers convert among themselves, saturating at the int64 edges.
+  EXPECT_EQ(KOValue(2.9).intValue(), 2);
+  EXPECT_EQ(KOValue(-2.9).intValue(), -2);
+  EXPECT_EQ(KOValue(1e300).intValue(), std::numeric_limits<std::int64_t>::max());
+  EXPECT_EQ(KOValue(-1e300).intValue(), std::numeric_limits<std::int64_t>::min());
+  EXPECT_EQ(KOValue(std::numeric_limits<double>::quiet_NaN()).intValue(), 0);
+  EXPECT_TRUE(KOValue(0.5).boolValue());
+  EXPECT_FALSE(KOValue(0).boolValue());
+  EXPECT_EQ(KOValue(true).doubleValue(), 1.0);
+  EXPECT_EQ(KOValue(KODictionary{{"k", 1}})["missing"], KOValue::nil());
+}
