@@ -3,10 +3,15 @@
 #include <rapidjson/error/en.h>
 #include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
+#include <rapidjson/stream.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <vector>
 
@@ -17,19 +22,35 @@ class ValueBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Valu
  public:
   bool Null() { return add(KOValue::null()); }
   bool Bool(bool b) { return add(KOValue(b)); }
-  bool Int(int i) { return add(KOValue(i)); }
-  bool Uint(unsigned u) { return add(KOValue(u)); }
-  bool Int64(std::int64_t i) { return add(KOValue(i)); }
-  bool Uint64(std::uint64_t u) {
-    if (u > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-      return add(KOValue(static_cast<double>(u)));
+  // Numbers arrive as text and are converted here with correct rounding; the reader's own
+  // full-precision conversion has undefined behaviour on inputs such as 0e-300.
+  bool RawNumber(const char* s, rapidjson::SizeType n, bool) {
+    const char* end = s + n;
+    if (std::find_if(s, end, [](char c) { return c == '.' || c == 'e' || c == 'E'; }) == end) {
+      std::int64_t i = 0;
+      const auto [ptr, ec] = std::from_chars(s, end, i);
+      if (ec == std::errc() && ptr == end) return add(KOValue(i));
     }
-    return add(KOValue(static_cast<std::int64_t>(u)));
+    // Integers beyond int64 become reals, as any real does.
+    double d = 0;
+    const auto [ptr, ec] = std::from_chars(s, end, d);
+    if (ptr != end) return false;
+    if (ec == std::errc::result_out_of_range) {
+      // Overflow is an infinity JSON cannot carry back out; underflow is a zero of that sign.
+      const bool negative = *s == '-';
+      d = std::strtod(std::string(s, n).c_str(), nullptr);
+      if (!std::isfinite(d)) return false;
+      if (d == 0 && negative) d = -0.0;
+    }
+    return add(KOValue(d));
   }
-  bool Double(double d) { return add(KOValue(d)); }
-  bool String(const char* s, rapidjson::SizeType n, bool) { return add(KOValue(std::string(s, n))); }
+  bool String(const char* s, rapidjson::SizeType n, bool) {
+    if (!validText(s, n)) return false;
+    return add(KOValue(std::string(s, n)));
+  }
   bool StartObject() { return open(KODictionary{}); }
   bool Key(const char* s, rapidjson::SizeType n, bool) {
+    if (!validText(s, n)) return false;
     stack_.back().key.assign(s, n);
     return true;
   }
@@ -38,6 +59,7 @@ class ValueBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Valu
   bool EndArray(rapidjson::SizeType) { return close(); }
 
   bool tooDeep() const { return tooDeep_; }
+  bool badText() const { return badText_; }
   KOValue take() { return std::move(root_); }
 
  private:
@@ -45,6 +67,26 @@ class ValueBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Valu
     KOValue container;
     std::string key;
   };
+
+  // The raw input is validated as UTF-8 by the reader, but an escaped lone surrogate ("\uDC00")
+  // decodes to bytes that are not UTF-8. Such bytes always start with 0xED, so only strings
+  // holding that byte need a second look.
+  bool validText(const char* s, rapidjson::SizeType n) {
+    if (!std::memchr(s, 0xED, n)) return true;
+    rapidjson::MemoryStream ms(s, n);
+    while (ms.Tell() < n) {
+      if (!rapidjson::UTF8<>::Validate(ms, nullOutput_)) {
+        badText_ = true;
+        return false;
+      }
+    }
+    return true;
+  }
+
+  struct NullOutput {
+    void Put(char) {}
+  } nullOutput_;
+  bool badText_ = false;
 
   bool open(KOValue container) {
     if (stack_.size() >= static_cast<std::size_t>(KOValue::kMaxNestingDepth)) {
@@ -86,7 +128,9 @@ using Writer = rapidjson::Writer<rapidjson::StringBuffer, rapidjson::UTF8<>, rap
 
 void writeValue(Writer& w, const KOValue& v, int depth) {
   using Kind = KOValue::Kind;
-  if (depth > KOValue::kMaxNestingDepth) throw KOTypeError("JSON nesting too deep");
+  if ((v.isArray() || v.isDictionary()) && depth >= KOValue::kMaxNestingDepth) {
+    throw KOTypeError("JSON nesting too deep");
+  }
   bool ok = true;
   switch (v.kind()) {
     case Kind::Nil:
@@ -132,14 +176,18 @@ void writeValue(Writer& w, const KOValue& v, int depth) {
 
 KOValue KOJSONSerialization::parse(std::string_view text) {
   if (text.size() >= std::numeric_limits<rapidjson::SizeType>::max()) throw KOParseError("JSON text too large");
-  rapidjson::MemoryStream stream(text.data(), text.size());
+  // Parsed in place on a copy: numbers then reach the handler as text inside the buffer (the
+  // reader's copying path for number text reuses memory it has just released).
+  std::string buffer(text);
+  rapidjson::InsituStringStream stream(buffer.data());
   ValueBuilder builder;
   rapidjson::Reader reader;
-  constexpr unsigned kFlags =
-      rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag | rapidjson::kParseFullPrecisionFlag;
+  constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag |
+                              rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseInsituFlag;
   const rapidjson::ParseResult result = reader.Parse<kFlags>(stream, builder);
   if (result.IsError()) {
     if (builder.tooDeep()) throw KOParseError("JSON nested deeper than " + std::to_string(KOValue::kMaxNestingDepth));
+    if (builder.badText()) throw KOParseError("JSON string is not valid UTF-8");
     throw KOParseError(std::string("JSON parse error at offset ") + std::to_string(result.Offset()) + ": " +
                        rapidjson::GetParseError_En(result.Code()));
   }

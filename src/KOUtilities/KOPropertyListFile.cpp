@@ -1,5 +1,7 @@
 #include "KOPropertyListFile.h"
 
+#include <cerrno>
+
 #include "KOAtomicFile.h"
 #include "KOLogger.h"
 #include "KOPropertyListSerialization.h"
@@ -7,8 +9,16 @@
 #include "kovantis/KOPlatform.h"
 
 KOValue KOPropertyListFile::read(const KOFileSystem& fs, const std::string& path) {
-  std::optional<std::string> bytes = fs.readFile(path);
-  if (!bytes) return KOValue();
+  KOFileError error;
+  std::optional<std::string> bytes = fs.readFile(path, &error);
+  if (!bytes) {
+    if (error.code != ENOENT) {  // missing reads as nothing; anything else is worth a line
+      KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
+                           KOStringFormat::format("Kovantis - Unreadable file %@: %@",
+                                                  {KOValue(path), KOValue(error.message)}));
+    }
+    return KOValue();
+  }
   try {
     return KOPropertyListSerialization::parse(*bytes);
   } catch (const std::exception& e) {

@@ -4,8 +4,11 @@
 #include <rapidjson/encodings.h>
 #include <rapidjson/memorystream.h>
 
+#include <pthread.h>
+
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <memory>
 
@@ -29,8 +32,11 @@ bool isValidUTF8(const char* s, std::size_t n) {
 }
 
 KOValue toValue(plist_t node, int depth) {
-  if (depth > KOValue::kMaxNestingDepth) throw KOParseError("property list nested too deeply");
-  switch (plist_get_node_type(node)) {
+  const plist_type type = plist_get_node_type(node);
+  if ((type == PLIST_ARRAY || type == PLIST_DICT) && depth >= KOValue::kMaxNestingDepth) {
+    throw KOParseError("property list nested too deeply");
+  }
+  switch (type) {
     case PLIST_BOOLEAN: {
       std::uint8_t b = 0;
       plist_get_bool_val(node, &b);
@@ -62,7 +68,8 @@ KOValue toValue(plist_t node, int depth) {
     case PLIST_DATE: {
       std::int32_t sec = 0, usec = 0;
       plist_get_date_val(node, &sec, &usec);
-      return KOValue(KODate{kAppleEpochOffset + sec + usec / 1e6});
+      // The library truncates seconds toward zero and keeps the fraction's size only.
+      return KOValue(KODate{kAppleEpochOffset + sec + (sec < 0 ? -usec : usec) / 1e6});
     }
     case PLIST_DATA: {
       std::uint64_t length = 0;
@@ -105,13 +112,17 @@ KOValue toValue(plist_t node, int depth) {
 
 plist_t newString(const std::string& s) {
   if (!isValidUTF8(s.data(), s.size())) throw KOTypeError("string is not valid UTF-8");
+  // The library takes C strings: a NUL inside would silently cut the text short.
+  if (std::memchr(s.data(), 0, s.size())) throw KOTypeError("string holds a NUL byte");
   return plist_new_string(s.c_str());
 }
 
 // Returns nullptr for nil and null, which the caller leaves out or replaces.
 plist_t toNode(const KOValue& v, int depth) {
   using Kind = KOValue::Kind;
-  if (depth > KOValue::kMaxNestingDepth) throw KOTypeError("property list nesting too deep");
+  if ((v.isArray() || v.isDictionary()) && depth >= KOValue::kMaxNestingDepth) {
+    throw KOTypeError("property list nesting too deep");
+  }
   switch (v.kind()) {
     case Kind::Nil:
     case Kind::Null: return nullptr;
@@ -148,7 +159,9 @@ plist_t toNode(const KOValue& v, int depth) {
     case Kind::Dictionary: {
       PlistPtr dict(plist_new_dict());
       for (const auto& [key, item] : v.dictionaryValue()) {
-        if (!isValidUTF8(key.data(), key.size())) throw KOTypeError("dictionary key is not valid UTF-8");
+        if (!isValidUTF8(key.data(), key.size()) || std::memchr(key.data(), 0, key.size())) {
+          throw KOTypeError("dictionary key is not valid UTF-8 or holds a NUL byte");
+        }
         if (plist_t child = toNode(item, depth + 1)) plist_dict_set_item(dict.get(), key.c_str(), child);
       }
       return static_cast<plist_t>(dict.release());
@@ -157,16 +170,64 @@ plist_t toNode(const KOValue& v, int depth) {
   return nullptr;
 }
 
+// The library's binary reader recurses once per nesting level and asserts on some malformed keys.
+// So a binary list is turned into XML on a thread with a stack deep enough for the largest input
+// accepted, and read from there like any XML list.
+constexpr std::size_t kMaxBinarySize = 1 << 20;
+constexpr std::size_t kBinaryStack = std::size_t{512} << 20;
+
+struct BinaryJob {
+  std::string_view bytes;
+  std::string xml;
+};
+
+void* binaryToXML(void* arg) {
+  auto* job = static_cast<BinaryJob*>(arg);
+  plist_t raw = nullptr;
+  plist_from_bin(job->bytes.data(), static_cast<std::uint32_t>(job->bytes.size()), &raw);
+  if (!raw) return nullptr;
+  char* xml = nullptr;
+  std::uint32_t length = 0;
+  plist_to_xml(raw, &xml, &length);
+  plist_free(raw);
+  if (xml) {
+    // The writer stops at a NUL inside a key; only the text up to the first NUL is meaningful.
+    job->xml.assign(xml, strnlen(xml, length));
+    plist_to_xml_free(xml);
+  }
+  return nullptr;
+}
+
+std::string binaryAsXML(std::string_view bytes) {
+  if (bytes.size() > kMaxBinarySize) throw KOParseError("binary property list too large");
+  BinaryJob job{bytes, {}};
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setstacksize(&attr, kBinaryStack);
+  pthread_t thread;
+  const int rc = pthread_create(&thread, &attr, &binaryToXML, &job);
+  pthread_attr_destroy(&attr);
+  if (rc != 0) throw KOParseError("cannot read a binary property list now");
+  pthread_join(thread, nullptr);
+  if (job.xml.empty()) throw KOParseError("unreadable binary property list");
+  return std::move(job.xml);
+}
+
+KOValue parseXML(std::string_view bytes) {
+  plist_t raw = nullptr;
+  plist_from_xml(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &raw);
+  PlistPtr root(raw);
+  if (!root) throw KOParseError("unreadable property list");
+  return toValue(raw, 0);
+}
+
 }  // namespace
 
 KOValue KOPropertyListSerialization::parse(std::string_view bytes) {
   if (bytes.empty()) throw KOParseError("empty property list");
   if (bytes.size() >= std::numeric_limits<std::uint32_t>::max()) throw KOParseError("property list too large");
-  plist_t raw = nullptr;
-  plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &raw);
-  PlistPtr root(raw);
-  if (!root) throw KOParseError("unreadable property list");
-  return toValue(raw, 0);
+  if (bytes.size() >= 8 && bytes.substr(0, 8) == "bplist00") return parseXML(binaryAsXML(bytes));
+  return parseXML(bytes);
 }
 
 std::string KOPropertyListSerialization::writeXML(const KOValue& value) {

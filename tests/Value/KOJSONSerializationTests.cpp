@@ -84,9 +84,8 @@ TEST(KOJSONSerialization, NumbersAtTheEdges) {
   expectRejected("+1");
 }
 
-// KNOWN BUG (reported to the lead, left failing on purpose; found by fuzz_json): a zero with a
-// large negative exponent takes the reader's full-precision path, which calls clz(0) - undefined
-// behaviour that UndefinedBehaviorSanitizer stops on.
+// Found by fuzzing: a zero with a large negative exponent once took a conversion path with
+// undefined behaviour.
 TEST(KOJSONSerialization, ZeroWithHugeNegativeExponentIsZero) {
   EXPECT_EQ(KOJSONSerialization::parse("0e-300"), KOValue(0.0));
   EXPECT_EQ(KOJSONSerialization::parse("[-0.0e-330]"), KOValue(KOArray{0.0}));
@@ -129,9 +128,8 @@ TEST(KOJSONSerialization, RejectsInvalidUTF8) {
   EXPECT_THROW(KOJSONSerialization::write(KODictionary{{"\xFF", 1}}), KOTypeError);
 }
 
-// KNOWN BUG (reported to the lead, left failing on purpose): an escaped lone low surrogate is
-// accepted and stored as the bytes ED B0 80, which are not UTF-8; the value then cannot be written
-// as JSON or as a property list.
+// An escaped lone surrogate would decode to bytes that are not UTF-8, and the value could then
+// never be written again: it is refused at the door.
 TEST(KOJSONSerialization, EscapedLoneLowSurrogateIsRejected) {
   expectRejected(R"("\uDC00")");
   expectRejected(R"({"k":"a\uDFFFb"})");
@@ -157,8 +155,7 @@ TEST(KOJSONSerialization, NestingLimitInBothDirections) {
   EXPECT_THROW(KOJSONSerialization::write(nestedValue(kMax + 5)), KOTypeError);
 }
 
-// KNOWN BUG (reported to the lead, left failing on purpose): the writer's depth check is one level
-// more lenient than the reader's, so it produces text the reader then refuses.
+// The writer never produces text the reader would refuse for its depth.
 TEST(KOJSONSerialization, WriterRefusesWhatTheReaderWouldRefuse) {
   const KOValue tooDeep = nestedValue(KOValue::kMaxNestingDepth + 1);
   EXPECT_THROW(KOJSONSerialization::write(tooDeep), KOTypeError);

@@ -28,6 +28,10 @@ class ADHttpClientTest : public KOTestDevice {
     });
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
+    // stop() before the server runs would be lost and leave it serving forever.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!server_.is_running() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    ASSERT_TRUE(server_.is_running());
   }
   void TearDown() override {
     {
