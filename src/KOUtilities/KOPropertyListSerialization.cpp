@@ -170,11 +170,12 @@ plist_t toNode(const KOValue& v, int depth) {
   return nullptr;
 }
 
-// The library's binary reader recurses once per nesting level and asserts on some malformed keys.
-// So a binary list is turned into XML on a thread with a stack deep enough for the largest input
-// accepted, and read from there like any XML list.
-constexpr std::size_t kMaxBinarySize = 1 << 20;
-constexpr std::size_t kBinaryStack = std::size_t{512} << 20;
+// The library's binary reader recurses once per nesting level, holding a table the size of the
+// object count on every level (quadratic memory), and asserts on some malformed keys. The SDK only
+// ever writes XML, so binary lists are accepted up to a modest size, turned into XML on a thread
+// with a stack deep enough for that size, and read from there like any XML list.
+constexpr std::size_t kMaxBinarySize = 64 << 10;
+constexpr std::size_t kBinaryStack = std::size_t{64} << 20;
 
 struct BinaryJob {
   std::string_view bytes;

@@ -295,10 +295,12 @@ TEST(KOPropertyListSerialization, DeepXMLIsRefusedWithoutCrashing) {
 // The library's binary reader recurses once per level before our depth check runs: this input
 // overflows an ordinary 8 MB stack.
 TEST(KOPropertyListSerialization, DeepBinaryIsRefusedWithoutCrashing) {
-  BinaryPlist deep;
-  for (int i = 0; i < 100000; ++i) deep.array({static_cast<std::size_t>(i + 1)});
-  deep.array({});
-  EXPECT_THROW(KOPropertyListSerialization::parse(deep.bytes(0)), KOParseError);
+  for (int levels : {100000, 8000}) {  // far past the size accepted; as deep as fits within it
+    BinaryPlist deep;
+    for (int i = 0; i < levels; ++i) deep.array({static_cast<std::size_t>(i + 1)});
+    deep.array({});
+    EXPECT_THROW(KOPropertyListSerialization::parse(deep.bytes(0)), KOParseError) << levels;
+  }
 }
 
 // One level more than the limit is refused by the property-list reader and writer, as by JSON's.
