@@ -89,3 +89,32 @@ inline constexpr const char* KOV_APP_GROUP_PARAMS_KEY = "kov_params";
 inline constexpr const char* KO_ADVERTISING_IDENTIFIER = "ADVERTISING_IDENTIFIER";
 /// Log token used until the configuration call sends one.
 inline constexpr const char* KO_DEFAULT_LOG_TOKEN = "5b7e0a92-3c41-4d8e-9f26-a1d04c7e8b13";
+
+// Events and notifications of the event pipeline and the lifecycle.
+inline constexpr const char* KOV_INIT_NEW_USER = "KOV_INIT_NEW_USER";
+inline constexpr const char* EVENT_ACTION_USER_ATTRIBUTE = "EVENT_ACTION_USER_ATTRIBUTE";
+inline constexpr const char* EVENT_ACTION_DEVICE_ATTRIBUTE = "EVENT_ACTION_DEVICE_ATTRIBUTE";
+inline constexpr const char* EVENT_ACTION_IOS_SESSION_START = "EVENT_ACTION_IOS_SESSION_START";
+inline constexpr const char* EVENT_ACTION_IOS_SESSION_END = "EVENT_ACTION_IOS_SESSION_END";
+inline constexpr const char* KOV_LOGOUT = "KOV_LOGOUT";
+inline constexpr const char* KOV_BACKGROUND_TASK_NAME = "KOVTask";
+inline constexpr const char* KOV_APP_VERSION_APP_STATUS = "KOV_App_Version_App_Status";
+
+// User attribute keys.
+inline constexpr const char* USER_ATTRIBUTE_UNIQUE_ID = "USER_ATTRIBUTE_UNIQUE_ID";
+inline constexpr const char* USER_ATTRIBUTE_USER_EMAIL = "USER_ATTRIBUTE_USER_EMAIL";
+inline constexpr const char* USER_ATTRIBUTE_USER_NAME = "USER_ATTRIBUTE_USER_NAME";
+inline constexpr const char* USER_ATTRIBUTE_USER_FIRST_NAME = "USER_ATTRIBUTE_USER_FIRST_NAME";
+inline constexpr const char* USER_ATTRIBUTE_USER_LAST_NAME = "USER_ATTRIBUTE_USER_LAST_NAME";
+inline constexpr const char* USER_ATTRIBUTE_USER_MOBILE = "USER_ATTRIBUTE_USER_MOBILE";
+inline constexpr const char* USER_ATTRIBUTE_USER_GENDER = "USER_ATTRIBUTE_USER_GENDER";
+inline constexpr const char* USER_ATTRIBUTE_USER_BDAY = "USER_ATTRIBUTE_USER_BDAY";
+inline constexpr const char* USER_ATTRIBUTE_USER_LOCATION = "USER_ATTRIBUTE_USER_LOCATION";
+
+// Locale attribute keys.
+inline constexpr const char* LOCALE_COUNTRY = "LOCALE_COUNTRY";
+inline constexpr const char* LOCALE_COUNTRY_DISPLAY = "LOCALE_COUNTRY_DISPLAY";
+inline constexpr const char* LOCALE_LANGUAGE = "LOCALE_LANGUAGE";
+inline constexpr const char* LOCALE_LANGUAGE_DISPLAY = "LOCALE_LANGUAGE_DISPLAY";
+inline constexpr const char* LOCALE_DISPLAY = "LOCALE_DISPLAY";
+inline constexpr const char* LOCALE_IDENTIFIER = "LOCALE_IDENTIFIER";

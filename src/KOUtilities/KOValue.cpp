@@ -271,6 +271,10 @@ std::string formatReal(double d) {
   if (std::isnan(d)) return "nan";
   if (std::isinf(d)) return d > 0 ? "inf" : "-inf";
   char buf[32];
+  if (d == std::trunc(d) && std::fabs(d) < 1e15) {
+    std::snprintf(buf, sizeof buf, "%.0f", d);  // whole numbers read best without an exponent
+    return buf;
+  }
   std::snprintf(buf, sizeof buf, "%.17g", d);
   // Prefer the shortest text that reads back as the same double.
   for (int precision = 1; precision < 17; ++precision) {

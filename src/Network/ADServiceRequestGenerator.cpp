@@ -111,6 +111,25 @@ std::optional<std::string> ADServiceRequestGenerator::createURLForService(int se
 
 std::optional<KOURLRequest> ADServiceRequestGenerator::requestForService(int service, const KODictionary& withParams,
                                                                          const KOValue& withBody) {
+  KOJSONText text;
+  try {
+    const std::optional<std::string> method = getRequestMethodForService(service);
+    // A GET never carries a body. A missing body stands for "", which is no JSON document: such
+    // a request is refused whole.
+    if (method && *method != kGET) {
+      if (!withBody.isDictionary() && !withBody.isArray()) throw KOTypeError("invalid top-level type in JSON write");
+      text.text = KOJSONSerialization::write(withBody);
+    }
+  } catch (const std::exception& e) {
+    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
+                         KOStringFormat::format("Kovantis - Exception in Request Generator %@", {KOValue(e.what())}));
+    return std::nullopt;
+  }
+  return requestForService(service, withParams, text);
+}
+
+std::optional<KOURLRequest> ADServiceRequestGenerator::requestForService(int service, const KODictionary& withParams,
+                                                                         const KOJSONText& withBody) {
   try {
     const std::optional<std::string> url = createURLForService(service, withParams);
     const std::optional<std::string> method = getRequestMethodForService(service);
@@ -121,10 +140,10 @@ std::optional<KOURLRequest> ADServiceRequestGenerator::requestForService(int ser
     request.timeoutSeconds = endpoints().timeoutSeconds;
     request.verifyCertificates = endpoints().verifyCertificates;
     if (request.method != kGET) {
-      // A missing body stands for "", which is no JSON document: such a request is refused whole.
-      if (!withBody.isDictionary() && !withBody.isArray()) throw KOTypeError("invalid top-level type in JSON write");
+      const char first = withBody.text.empty() ? '\0' : withBody.text.front();
+      if (first != '{' && first != '[') throw KOTypeError("invalid top-level type in JSON write");
       request.headers.emplace_back("content-type", "application/json");
-      request.body = KOJSONSerialization::write(withBody);
+      request.body = withBody.text;
       request.hasBody = true;
     }
     return request;

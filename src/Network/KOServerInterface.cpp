@@ -129,8 +129,8 @@ KODictionary KOServerInterface::getUniversalParams() {
 
 // ------------------------------------------------------------------------------------- sending
 
-void KOServerInterface::send(int service, const KODictionary& params, const KOValue& body,
-                             SuccessCompletion completion) {
+template <typename Body>
+void KOServerInterface::send(int service, const KODictionary& params, const Body& body, SuccessCompletion completion) {
   std::optional<KOURLRequest> request = requestGenerator_.requestForService(service, params, body);
   if (!request) {
     if (completion) completion(false);
@@ -164,9 +164,18 @@ void KOServerInterface::initializeWith(const KODictionary&, SuccessCompletion co
 }
 
 void KOServerInterface::sendData(const KOValue& batch, const KOValue& withBatchID, SuccessCompletion completion) {
+  sendReport(batch, withBatchID, std::move(completion));
+}
+
+void KOServerInterface::sendData(const KOJSONText& batch, const KOValue& withBatchID, SuccessCompletion completion) {
+  sendReport(batch, withBatchID, std::move(completion));
+}
+
+template <typename Body>
+void KOServerInterface::sendReport(const Body& batch, const KOValue& batchID, SuccessCompletion completion) {
   try {
     KODictionary params = getUniversalParams();
-    setObjectNilHandled(params, withBatchID.isAbsent() ? KOValue("") : withBatchID, KOValue("batch_id"));
+    setObjectNilHandled(params, batchID.isAbsent() ? KOValue("") : batchID, KOValue("batch_id"));
     send(KOServiceNumberSendReportsV2, params, batch, std::move(completion));
   } catch (const std::exception& e) {
     logException(KO_HERE, this, e);

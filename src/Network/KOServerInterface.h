@@ -32,6 +32,8 @@ class KOServerInterface {
   /// Adds the device; attributes are accepted and not sent.
   void initializeWith(const KODictionary& attributes, SuccessCompletion andCompletionHandler);
   void sendData(const KOValue& batch, const KOValue& withBatchID, SuccessCompletion andCompletionHandler);
+  /// The same with the batch body already serialised.
+  void sendData(const KOJSONText& batch, const KOValue& withBatchID, SuccessCompletion andCompletionHandler);
   void getInAppCampaignsWithLastUpdatedTime(const KOValue& time, const KODictionary& campaignListDict,
                                             FetchCompletion andCompletionHandler);
   void getInAppForCampaignID(const std::string& campaignID, FetchCompletion andCompletionHandler);
@@ -52,7 +54,10 @@ class KOServerInterface {
 
   /// Builds the request and sends it with the given flavour; a request that cannot be built
   /// fails its completion at once.
-  void send(int service, const KODictionary& params, const KOValue& body, SuccessCompletion completion);
+  template <typename Body>
+  void send(int service, const KODictionary& params, const Body& body, SuccessCompletion completion);
+  template <typename Body>
+  void sendReport(const Body& batch, const KOValue& batchID, SuccessCompletion completion);
   void fetch(int service, const KODictionary& params, const KOValue& body, FetchCompletion completion);
 
   std::unique_ptr<ADHttpClient> httpClient_;

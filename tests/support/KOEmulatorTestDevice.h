@@ -22,7 +22,7 @@ class KOEmulatorTestDevice : public KOTestDevice {
     KOServiceEndpoints endpoints = KOServiceEndpoints::local("127.0.0.1", port);
     endpoints.timeoutSeconds = requestTimeout();
     device().setServiceEndpoints(endpoints);
-    KovantisUtils::saveAppId(KOValue("kov-test-app"));
+    if (presetAppId()) KovantisUtils::saveAppId(KOValue("kov-test-app"));
   }
 
   void TearDown() override {
@@ -33,6 +33,8 @@ class KOEmulatorTestDevice : public KOTestDevice {
   }
 
   virtual double requestTimeout() { return 2.0; }
+  /// Whether the app id is stored before the test starts (tests of the start itself say no).
+  virtual bool presetAppId() { return true; }
 
   KOEmulator& emulator() { return *emulator_; }
 

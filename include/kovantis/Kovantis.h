@@ -1,0 +1,107 @@
+// Kovantis: the SDK's one public entry. Obtain the shared instance, initialise it once early in
+// the app's launch with the app id, then track events and user attributes through it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "kovantis/KOPayloadBuilder.h"
+#include "kovantis/KOPlatform.h"
+#include "kovantis/KOValue.h"
+
+/// App status for appStatus(): 0 install, 1 update.
+enum KOAppStatus : int { KOAppStatusInstall = 0, KOAppStatusUpdate = 1 };
+
+/// Gender for setUserGender(): 0 male, 1 female.
+enum KOUserGender : int { KOUserGenderMale = 0, KOUserGenderFemale = 1 };
+
+class Kovantis {
+ public:
+  static Kovantis& sharedInstance();
+
+  // ------------------------------------------------------------------------------ start
+  /// Development start: the app id gets the suffix "_DEBUG", keeping test data apart.
+  void initializeDevWithApiKey(const KOValue& apiKey, KOApplication* inApplication = nullptr,
+                               const KODictionary& withLaunchOptions = {}, bool openDeeplinkUrlAutomatically = true);
+  void initializeProdWithApiKey(const KOValue& apiKey, KOApplication* inApplication = nullptr,
+                                const KODictionary& withLaunchOptions = {}, bool openDeeplinkUrlAutomatically = true);
+  /// The common start: app id and reinstall handling, lifecycle observers, advertising id, module
+  /// update and locale. A changed app id resets the user and ends the start there.
+  void initializeWithApiKey(const KOValue& apiKey, KOApplication* inApplication = nullptr,
+                            const KODictionary& withLaunchOptions = {}, bool openDeeplinkUrlAutomatically = true);
+  void checkReinstallAndSaveAppID(const KOValue& appId);
+  /// Install or update detection by app version; the host calls it with 0 (install) or 1 (update).
+  void appStatus(int status);
+  void smartTriggerForAppStatus(int status);
+
+  static void debug(int level);
+  static void setAppGroupID(const KOValue& groupId);
+  static void setDataRedirection(bool redirect);
+
+  bool disableInbox() const { return disableInbox_; }
+  void setDisableInbox(bool value) { disableInbox_ = value; }
+  bool disableInApps() const { return disableInApps_; }
+  void setDisableInApps(bool value) { disableInApps_ = value; }
+  bool disableBadgeReset() const { return disableBadgeReset_; }
+  void setDisableBadgeReset(bool value) { disableBadgeReset_ = value; }
+  KOBackgroundTaskIdentifier bgTask() const { return bgTask_; }
+  void setBgTask(KOBackgroundTaskIdentifier task) { bgTask_ = task; }
+
+  // Deprecated: each only logs that it is.
+  void applicationBecameActiveinApplication(KOApplication* application);
+  void applicationWillEnterForeground(KOApplication* application);
+  void applicationTerminated(KOApplication* application);
+  void stop(KOApplication* application);
+
+  // ----------------------------------------------------------------------------- events
+  void trackEvent(const KOValue& name, const KOValue& andPayload = KOValue());
+  void trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload);
+
+  // ------------------------------------------------------------------- user attributes
+  void setUserAttribute(const KOValue& value, const KOValue& forKey);
+  void setUserAttributeTimestamp(double timeStamp, const KOValue& forKey);
+  void setUserAttributeLocationLatitude(double latitude, double longitude, const KOValue& forKey);
+  void setUserUniqueID(const KOValue& value);
+  void setUserEmailID(const KOValue& value);
+  void setUserName(const KOValue& value);
+  void setUserFirstName(const KOValue& value);
+  void setUserLastName(const KOValue& value);
+  void setUserMobileNo(const KOValue& value);
+  void setUserGender(int gender);
+  void setUserDateOfBirth(const KOValue& date);
+  void setUserLocationLatitude(double latitude, double andLongitude);
+
+  // ------------------------------------------------------------ lifecycle and sessions
+  void addObserverForApplicationLifeCycle();
+  void applicationIsActive(const KODictionary& notification = {});
+  void applicationIsInactive(const KODictionary& notification = {});
+  void applicationEnteredForeground(const KODictionary& notification = {});
+  void applicationEnteredBackground(const KODictionary& notification = {});
+  void sessionStarted();
+  void updateModules();
+  void syncOnSessionTerminationWithApplication(KOApplication* application);
+  /// Sends every stored batch and the events in memory now.
+  void syncNow();
+  void initNewUser();
+  /// Registers the device with the service unless it already is.
+  void addDeviceWithCompletion(std::function<void(bool)> completion = nullptr);
+  void setModelDeviceAttribute();
+  void queryForAdvertisingID();
+  void trackLocale();
+  void setDeviceAttribute(const KOValue& value, const KOValue& forKey);
+  /// Logout: tracks "KOV_LOGOUT", sends what is stored, then clears the user's data.
+  void resetUser();
+
+ private:
+  Kovantis() = default;
+  void start(const KOValue& apiKey, bool openDeeplinkUrlAutomatically);
+
+  std::atomic<bool> disableInbox_{false};
+  std::atomic<bool> disableInApps_{false};
+  std::atomic<bool> disableBadgeReset_{false};
+  std::atomic<KOBackgroundTaskIdentifier> bgTask_{KOBackgroundTaskInvalid};
+  std::vector<std::uint64_t> observers_;
+};

@@ -1,0 +1,375 @@
+#include "KOEventsHandler.h"
+
+#include <atomic>
+#include <cmath>
+
+#include "KOUserAttributesHandler.h"
+#include "KOUtilities/KOJSONSerialization.h"
+#include "KOUtilities/KOLogger.h"
+#include "KOUtilities/KOStringFormat.h"
+#include "KOUtilities/KovantisDateUtils.h"
+#include "KOUtilities/KovantisUtils.h"
+#include "Network/KOServerInterface.h"
+#include "kovantis/KOConstants.h"
+#include "kovantis/KONotificationCenter.h"
+
+namespace {
+
+constexpr const char* kBatchFileName = "KovantisBatchEvents.plist";
+constexpr const char* kLegacyFileName = "kovantisEvents.dat";
+
+const KOPlatform& platform() { return KOPlatform::current(); }
+
+void logException(const KOSourceLocation& where, const void* self, const char* format, const std::exception& e) {
+  KOLogger::logLocated(where, self, KOLogSeverityException, KOStringFormat::format(format, {KOValue(e.what())}));
+}
+
+void logInfo(const std::string& line) { KOLogger::logPlain(line); }
+
+}  // namespace
+
+KOEventsHandler& KOEventsHandler::sharedInstance() {
+  // Never destroyed: network completions may still arrive while the process exits.
+  static auto* instance = new KOEventsHandler();
+  return *instance;
+}
+
+KOEventsHandler::KOEventsHandler()
+    : store_(platform().fileSystem->documentsDirectory() + "/" + kBatchFileName) {
+  const KOValue configured = platform().preferences->standard().objectForKey(kEventsBatchCount);
+  if (configured.isNumber() && configured.intValue() > 0) threshold_ = static_cast<std::uint64_t>(configured.intValue());
+}
+
+std::string KOEventsHandler::eventsPlistFilePath() const { return store_.path(); }
+
+std::string KOEventsHandler::oldDatFilePath() const {
+  return platform().fileSystem->documentsDirectory() + "/" + kLegacyFileName;
+}
+
+bool KOEventsHandler::checkIfFileExists() const { return platform().fileSystem->fileExists(oldDatFilePath()); }
+
+std::int64_t KOEventsHandler::nowMilliseconds() const {
+  return static_cast<std::int64_t>(KovantisDateUtils::now() * 1000.0);
+}
+
+bool KOEventsHandler::syncInProgress() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return syncInProgress_;
+}
+
+std::size_t KOEventsHandler::eventsInMemory() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return views_.size();
+}
+
+std::size_t KOEventsHandler::storedBatchCount() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ensureLoadedLocked();
+  return store_.size();
+}
+
+void KOEventsHandler::setBgTask(KOBackgroundTaskIdentifier task) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  bgTask_ = task;
+}
+
+void KOEventsHandler::ensureLoadedLocked() {
+  if (!store_.loaded()) store_.load(*platform().fileSystem);
+}
+
+// ------------------------------------------------------------------------------------- tracking
+
+std::string KOEventsHandler::recordJSON(const std::string& name, const KOValue* attributes, const KODictionary* custom) {
+  KODictionary record;
+  record.reserve(5);
+  record.set("EVENT_ACTION", KOValue(name));
+  if (attributes) record.set("EVENT_ATTRS", *attributes);
+  if (custom) record.set("EVENT_ATTRS_CUST", KOValue(*custom));
+  record.set("EVENT_G_TIME", KOValue(KovantisUtils::getGMTtime()));
+  record.set("EVENT_L_TIME", KOValue(KovantisUtils::getLocalTime()));
+  return KOJSONSerialization::write(KOValue(std::move(record)));
+}
+
+void KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload) {
+  try {
+    if (!name.isString()) {
+      KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
+                           "Kovantis - While tracking events, the name of the event has to be a NSString type");
+      return;
+    }
+    if (!andPayload.isNil() && !andPayload.isDictionary()) {
+      KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
+                           "Kovantis - While tracking events, the payload with the event has to be a NSDictionary of "
+                           "NSMutable Dictionary type");
+      return;
+    }
+    if (andPayload.isNil()) {
+      append(recordJSON(name.stringValue(), nullptr, nullptr));
+      return;
+    }
+    const KOValue attributes(KovantisUtils::transformPayloadForIncompatibleTypes(andPayload.dictionaryValue()));
+    append(recordJSON(name.stringValue(), &attributes, nullptr));
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception is %@", e);
+  }
+}
+
+void KOEventsHandler::trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload) {
+  try {
+    if (!name.isString()) {
+      KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
+                           "Kovantis - While tracking events, the name of the event has to be a NSString type");
+      return;
+    }
+    std::optional<KOValue> attributes;
+    if (!builderPayload.eventDict().empty()) {
+      KODictionary normalised = KovantisUtils::transformPayloadForIncompatibleTypes(builderPayload.eventDict());
+      builderPayload.eventDict() = normalised;
+      attributes = KOValue(std::move(normalised));
+    }
+    KODictionary custom;
+    if (!builderPayload.timeStampArray().empty()) custom.set("timestamp", KOValue(builderPayload.timeStampArray()));
+    if (!builderPayload.locationArray().empty()) custom.set("location", KOValue(builderPayload.locationArray()));
+    append(recordJSON(name.stringValue(), attributes ? &*attributes : nullptr, custom.empty() ? nullptr : &custom));
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception is %@", e);
+  }
+}
+
+void KOEventsHandler::append(std::string record) {
+  bool cut = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    views_.push_back(std::move(record));
+    if (views_.size() >= threshold_) cut = cutLocked();
+  }
+  if (cut) syncTrackedEventsInBackground(false, false, false);
+}
+
+void KOEventsHandler::checkEventCountForCurrentBatchGreaterThanThreshhold() {
+  bool cut = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (views_.size() >= threshold_) cut = cutLocked();
+  }
+  if (cut) syncTrackedEventsInBackground(false, false, false);
+}
+
+bool KOEventsHandler::cutLocked() {
+  ensureLoadedLocked();
+  if (views_.empty()) return false;
+  store_.add(views_, nowMilliseconds());
+  views_.clear();
+  // The file is what survives the process: a batch is in it from its cut until it is accepted.
+  store_.write(*platform().fileSystem);
+  return true;
+}
+
+KODictionary KOEventsHandler::getBatchesWithViewsArray(bool cut) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  ensureLoadedLocked();
+  if (cut) cutLocked();
+  return store_.dictionary();
+}
+
+void KOEventsHandler::writeEvents(const KOArray& events, std::int64_t toFileWithBatchID) {
+  try {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ensureLoadedLocked();
+    store_.put(std::to_string(toFileWithBatchID), events);
+    store_.write(*platform().fileSystem);
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - Exception : %@", e);
+  }
+}
+
+void KOEventsHandler::removeEventsPlistFile() {
+  KOFileSystem& fs = *platform().fileSystem;
+  if (!fs.fileExists(store_.path())) return;
+  KOFileError error;
+  if (fs.removeItem(store_.path(), &error)) {
+    logInfo("Kovantis - Batch Events plist deleted");
+  } else {
+    logInfo(KOStringFormat::format("Kovantis - Error while deleting KovantisBatchEvents.plist : %@",
+                                   {KOValue(error.message)}));
+  }
+}
+
+// ------------------------------------------------------------------------------------------ sync
+
+void KOEventsHandler::syncTrackedEventsInBackground(bool inBackground, bool andReset, bool andOnlyForEventsPlist) {
+  const SyncRequest request{inBackground, andReset, andOnlyForEventsPlist};
+  platform().dispatch->asyncBackground([this, request] { runSync(request); });
+}
+
+void KOEventsHandler::runSync(SyncRequest request) {
+  struct Round {
+    std::vector<std::string> ids;
+    std::atomic<std::size_t> completed{0};
+    std::mutex mutex;
+    std::vector<std::string> failed;
+  };
+  auto round = std::make_shared<Round>();
+  std::vector<std::string> bodies;
+  try {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (syncInProgress_) {
+        // Only a reset waits for the running sync; any other request is covered by it.
+        if (request.reset) resetInvocation_ = request;
+        return;
+      }
+      syncInProgress_ = true;
+      ensureLoadedLocked();
+      if (!request.onlyForEventsPlist) cutLocked();
+      round->ids = store_.ids();
+      bodies.reserve(round->ids.size());
+      for (const auto& id : round->ids) bodies.push_back(store_.reportBody(id));
+      if (round->ids.empty()) syncInProgress_ = false;
+    }
+    if (round->ids.empty()) {
+      if (!request.onlyForEventsPlist) logInfo("Kovantis - All the tracked events are already synced with Kovantis :]");
+      if (request.reset) cleanUp();
+      return;
+    }
+    KOServerInterface& server = KOServerInterface::sharedInstance();
+    for (std::size_t i = 0; i < round->ids.size(); ++i) {
+      const std::string& id = round->ids[i];
+      if (KOLogger::loggingEnabled()) {
+        logInfo(KOStringFormat::format("Kovantis - syncing events from storage for Batch %@ and Events :\n %@",
+                                       {KOValue(id), KOValue(bodies[i])}));
+      }
+      server.sendData(KOJSONText{std::move(bodies[i])}, KOValue(id), [this, round, id, request](bool success) {
+        try {
+          if (success) {
+            {
+              // Accepted: never sent again while this process lives.
+              std::lock_guard<std::mutex> lock(mutex_);
+              store_.remove(id);
+            }
+            logInfo(KOStringFormat::format("Kovantis - sync success from batch %@", {KOValue(id)}));
+          } else {
+            {
+              std::lock_guard<std::mutex> lock(round->mutex);
+              round->failed.push_back(id);
+            }
+            logInfo(KOStringFormat::format("Kovantis - could not complete sync for batch %@, will try again later",
+                                           {KOValue(id)}));
+          }
+        } catch (const std::exception& e) {
+          logException(KO_HERE, this, "Kovantis - exception while syncing the data : %@", e);
+        }
+        if (++round->completed == round->ids.size()) {
+          std::vector<std::string> failed;
+          {
+            std::lock_guard<std::mutex> lock(round->mutex);
+            failed = round->failed;
+          }
+          syncAttemptCompletedInBackground(request.inBackground, request.reset, round->ids, std::move(failed));
+        }
+      });
+    }
+  } catch (const std::exception& e) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      syncInProgress_ = false;
+      store_.write(*platform().fileSystem);
+    }
+    KOLogger::logWithVerbosity(1, KOLogSeverityException,
+                               KOArray{KOStringFormat::format("Kovantis - Exception while syncing : %@", {KOValue(e.what())})});
+  }
+}
+
+void KOEventsHandler::syncAttemptCompletedInBackground(bool inBackground, bool andForReset,
+                                                       std::vector<std::string> sent, std::vector<std::string> failed) {
+  try {
+    std::optional<SyncRequest> queuedReset;
+    KOBackgroundTaskIdentifier task = KOBackgroundTaskInvalid;
+    bool fileRemoved = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      syncInProgress_ = false;
+      // A reset drops what it could not send. Batches cut while this sync ran were never part of
+      // it and stay, whatever its outcome.
+      if (andForReset) {
+        for (const auto& id : failed) store_.remove(id);
+      } else {
+        queuedReset = resetInvocation_;
+        resetInvocation_.reset();
+      }
+      if (store_.empty()) {
+        fileRemoved = true;
+      } else {
+        store_.write(*platform().fileSystem);
+      }
+      task = bgTask_;
+      if (inBackground) bgTask_ = KOBackgroundTaskInvalid;
+    }
+    (void)sent;
+    if (failed.empty()) {
+      logInfo("Kovantis - sync performed for all the batches successfully");
+    } else if (andForReset) {
+      logInfo("Kovantis - sync unsuccessful on reset");
+    }
+    if (fileRemoved) removeEventsPlistFile();
+    if (andForReset) {
+      cleanUp();
+    } else if (queuedReset) {
+      syncTrackedEventsInBackground(queuedReset->inBackground, queuedReset->reset, queuedReset->onlyForEventsPlist);
+    }
+    if (inBackground && task != KOBackgroundTaskInvalid) platform().application->endBackgroundTask(task);
+  } catch (const std::exception& e) {
+    KOLogger::logWithVerbosity(1, KOLogSeverityException,
+                               KOArray{KOStringFormat::format("Kovantis - Exception while syncing : %@", {KOValue(e.what())})});
+  }
+}
+
+void KOEventsHandler::cleanUp() {
+  KOUserAttributesHandler::cleanUpUserData();
+  KONotificationCenter::defaultCenter().post(KOV_INIT_NEW_USER);
+}
+
+// ------------------------------------------------------------------------------- legacy events
+
+KOArray KOEventsHandler::getEventsFromDumpFile() const {
+  KOArray events;
+  const std::optional<std::string> text = platform().fileSystem->readFile(oldDatFilePath());
+  if (!text) return events;
+  std::size_t start = 0;
+  while (start <= text->size()) {
+    std::size_t end = text->find('\n', start);
+    if (end == std::string::npos) end = text->size();
+    const std::string_view line(text->data() + start, end - start);
+    if (!line.empty()) {
+      try {
+        KOValue object = KOJSONSerialization::parse(line);
+        if (object.isDictionary()) events.push_back(std::move(object));
+      } catch (const KOParseError&) {
+        // A damaged line loses that one event only.
+      }
+    }
+    start = end + 1;
+  }
+  return events;
+}
+
+void KOEventsHandler::removeDatFile() {
+  if (!platform().fileSystem->removeItem(oldDatFilePath())) logInfo("Kovantis - error while removing dat file");
+}
+
+void KOEventsHandler::syncToServerFromDumpFile() {
+  try {
+    if (!checkIfFileExists()) return;
+    KOArray events = getEventsFromDumpFile();
+    if (!events.empty()) {
+      logInfo(KOStringFormat::format("Kovantis - syncing events from storage %@", {KOValue(events)}));
+      // The old events become an ordinary batch, in the batch file before the old file goes: a
+      // crash in between loses nothing, and the batch sync that follows sends them exactly like
+      // any other batch (one send, kept until accepted).
+      writeEvents(events, nowMilliseconds());
+    }
+    removeDatFile();
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - Exception : %@", e);
+  }
+}

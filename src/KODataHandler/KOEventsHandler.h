@@ -1,0 +1,83 @@
+// Where every tracked event ends up: one record per call, kept in memory, cut into batches of the
+// threshold's size, persisted in the batch file and sent batch by batch until the service accepts
+// each. A batch leaves the file only once the service accepted it, or a reset dropped it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "KOBatchStore.h"
+#include "kovantis/KOPayloadBuilder.h"
+#include "kovantis/KOPlatform.h"
+#include "kovantis/KOValue.h"
+
+class KOEventsHandler {
+ public:
+  static KOEventsHandler& sharedInstance();
+
+  /// Records an event. The name must be a string and the attributes, when given, a dictionary.
+  void trackEvent(const KOValue& name, const KOValue& andPayload);
+  void trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload);
+
+  /// Cuts a batch and starts a sync once the records in memory reach the threshold.
+  void checkEventCountForCurrentBatchGreaterThanThreshhold();
+  /// Starts a sync on the shared queue; returns at once. A sync asked for while one runs is
+  /// dropped, except a reset, which runs when the running one completes.
+  void syncTrackedEventsInBackground(bool inBackground, bool andReset, bool andOnlyForEventsPlist);
+  /// The batches to send, cutting the records in memory into a new one first when asked.
+  KODictionary getBatchesWithViewsArray(bool cut);
+  /// Stores the records under the batch id in the batch file.
+  void writeEvents(const KOArray& events, std::int64_t toFileWithBatchID);
+  void removeEventsPlistFile();
+  /// The end of a reset: user data cleared, then "KOV_INIT_NEW_USER" posted.
+  void cleanUp();
+  /// Sends the events of the older SDK generation's file once, and keeps them as a batch on failure.
+  void syncToServerFromDumpFile();
+
+  std::string eventsPlistFilePath() const;
+  std::string oldDatFilePath() const;
+  bool checkIfFileExists() const;
+  KOArray getEventsFromDumpFile() const;
+  void removeDatFile();
+
+  std::uint64_t eventsBatchCountTreshold() const { return threshold_; }
+  bool syncInProgress() const;
+  /// Records tracked and not yet cut into a batch.
+  std::size_t eventsInMemory() const;
+  /// Batches waiting for the service, in memory and in the batch file.
+  std::size_t storedBatchCount();
+  void setBgTask(KOBackgroundTaskIdentifier task);
+
+  /// Serialises one event record; exposed for the benchmarks.
+  static std::string recordJSON(const std::string& name, const KOValue* attributes, const KODictionary* custom);
+
+ private:
+  KOEventsHandler();
+
+  struct SyncRequest {
+    bool inBackground;
+    bool reset;
+    bool onlyForEventsPlist;
+  };
+
+  void append(std::string recordJSON);
+  void runSync(SyncRequest request);
+  void syncAttemptCompletedInBackground(bool inBackground, bool andForReset, std::vector<std::string> sent,
+                                        std::vector<std::string> failed);
+  /// Cuts the records in memory into a batch and writes the file; the caller holds the lock.
+  bool cutLocked();
+  void ensureLoadedLocked();
+  std::int64_t nowMilliseconds() const;
+
+  mutable std::mutex mutex_;
+  std::vector<std::string> views_;  // records in memory, each as its JSON text
+  KOBatchStore store_;
+  bool syncInProgress_ = false;
+  std::optional<SyncRequest> resetInvocation_;
+  KOBackgroundTaskIdentifier bgTask_ = KOBackgroundTaskInvalid;
+  std::uint64_t threshold_ = 30;
+};

@@ -1,0 +1,35 @@
+// User attributes: sent as "EVENT_ACTION_USER_ATTRIBUTE" events, and only when the value differs
+// from the last one sent for that key, which a small cache file remembers.
+#pragma once
+
+#include <mutex>
+#include <string>
+
+#include "kovantis/KOValue.h"
+
+class KOUserAttributesHandler {
+ public:
+  static KOUserAttributesHandler& sharedInstance();
+
+  /// Tracks {key: value} when the value is a string or number and differs from the cached one;
+  /// returns whether an event was tracked.
+  bool setUserAttribute(const KOValue& value, const KOValue& forKey);
+  /// Always tracks {key: seconds x 1000} as a time-stamp attribute.
+  void setUserAttributeTimestamp(double timeStamp, const KOValue& forKey);
+  /// Always tracks {key: "%f,%f"} as a location attribute (zero coordinates included).
+  void setUserAttributeLocationLatitude(double latitude, double longitude, const KOValue& forKey);
+  /// True when the cache already holds this value for the key; otherwise caches it.
+  bool doesUserAttributeExistsWithKey(const KOValue& key, const KOValue& andValue);
+  /// Clears the identity and time settings and the cache, so every attribute is sent again.
+  static void cleanUpUserData();
+
+  std::string userAttributePlistFilePath() const;
+  bool checkIfUserAttributePlistExists() const;
+  KOValue contentOfUserAttributePlist() const;
+  bool createUserAttributePlistFileWithContent(const KODictionary& content);
+  void userAttributeRemovePlistFile();
+
+ private:
+  KOUserAttributesHandler() = default;
+  std::mutex mutex_;  // the cache file is read, changed and written as one step
+};

@@ -1,0 +1,420 @@
+#include "kovantis/Kovantis.h"
+
+#include <cstdlib>
+
+#include "KODataHandler/KOEventsHandler.h"
+#include "KODataHandler/KOUserAttributesHandler.h"
+#include "KOUtilities/KOKeychain.h"
+#include "KOUtilities/KOLogger.h"
+#include "KOUtilities/KOStackTrace.h"
+#include "KOUtilities/KOStringFormat.h"
+#include "KOUtilities/KovantisUtils.h"
+#include "Network/KOServerInterface.h"
+#include "kovantis/KOConstants.h"
+#include "kovantis/KONotificationCenter.h"
+
+namespace {
+
+constexpr const char* kMissingAppId = "Kovantis - Please check the initialize call. You have missed the APP ID";
+
+const KOPlatform& platform() { return KOPlatform::current(); }
+KOPreferenceStore& prefs() { return platform().preferences->standard(); }
+
+void logException(const KOSourceLocation& where, const void* self, const char* format, const std::exception& e) {
+  KOLogger::logLocated(where, self, KOLogSeverityException, KOStringFormat::format(format, {KOValue(e.what())}));
+}
+
+bool emptyText(const KOValue& v) { return !v.isString() || v.stringValue().empty(); }
+
+std::string keychainService() {
+  return KOStringFormat::format("%@.%@", {KOValue(KO_KEYCHAIN_SERVICE), KovantisUtils::bundleIdentifier()});
+}
+
+// The operating system's major and minor version as one number (17.4 -> 17.4).
+double systemVersionNumber() { return std::strtod(KovantisUtils::getDeviceSystemVersion().c_str(), nullptr); }
+
+}  // namespace
+
+Kovantis& Kovantis::sharedInstance() {
+  static auto* instance = new Kovantis();
+  return *instance;
+}
+
+// ------------------------------------------------------------------------------------------ start
+
+void Kovantis::initializeDevWithApiKey(const KOValue& apiKey, KOApplication*, const KODictionary&,
+                                       bool openDeeplinkUrlAutomatically) {
+  if (emptyText(apiKey)) {
+    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException, kMissingAppId);
+    return;
+  }
+  start(KOValue(apiKey.stringValue() + "_DEBUG"), openDeeplinkUrlAutomatically);
+}
+
+void Kovantis::initializeProdWithApiKey(const KOValue& apiKey, KOApplication*, const KODictionary&,
+                                        bool openDeeplinkUrlAutomatically) {
+  start(apiKey, openDeeplinkUrlAutomatically);
+}
+
+void Kovantis::initializeWithApiKey(const KOValue& apiKey, KOApplication*, const KODictionary&,
+                                    bool openDeeplinkUrlAutomatically) {
+  start(apiKey, openDeeplinkUrlAutomatically);
+}
+
+void Kovantis::start(const KOValue& apiKey, bool) {
+  try {
+    checkReinstallAndSaveAppID(apiKey);
+    const KOValue stored = KovantisUtils::getAppId();
+    if (stored.description() != apiKey.description()) {
+      // Another app id: the data so far belongs to another app. Nothing else starts on this launch.
+      KovantisUtils::saveAppId(apiKey);
+      resetUser();
+      return;
+    }
+    addObserverForApplicationLifeCycle();
+    queryForAdvertisingID();
+    updateModules();
+    trackLocale();
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception in initialize is %@", e);
+  }
+}
+
+void Kovantis::checkReinstallAndSaveAppID(const KOValue& appId) {
+  if (!KovantisUtils::getAppId().isNil()) return;
+  if (emptyText(appId)) {
+    KOLogger::logPlain(kMissingAppId);
+    throw KOAssertionFailure(kMissingAppId);
+  }
+  KovantisUtils::saveAppId(appId);
+  // The keychain outlives the app: an item from an earlier install means this is a reinstall.
+  if (!KOKeychain::keychainItem(keychainService()).empty()) trackEvent(KOValue("REINSTALL"));
+}
+
+void Kovantis::appStatus(int status) {
+  try {
+    const KOValue version = KovantisUtils::versionId();
+    const KOValue stored = prefs().objectForKey(KOV_APP_VERSION_APP_STATUS);
+    if (!stored.isNil()) {
+      if (stored == version) return;
+      prefs().setObject(version, KOV_APP_VERSION_APP_STATUS);
+      prefs().synchronize();
+      smartTriggerForAppStatus(KOAppStatusUpdate);  // a changed version is an update, whatever was passed
+      return;
+    }
+    prefs().setObject(version, KOV_APP_VERSION_APP_STATUS);
+    prefs().synchronize();
+    smartTriggerForAppStatus(status);
+  } catch (const std::exception& e) {
+    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
+                         KOStringFormat::format("Kovantis - Exception while tracking  INSTALL/UPDATE %@", {KOValue(e.what())}),
+                         KOValue(KOStackTrace::current()));
+  }
+}
+
+void Kovantis::smartTriggerForAppStatus(int status) {
+  if (status == KOAppStatusInstall) {
+    if (KovantisUtils::installRegistered()) return;
+    KovantisUtils::registerInstall();
+  }
+  const char* name = status == KOAppStatusInstall ? "INSTALL" : status == KOAppStatusUpdate ? "UPDATE" : nullptr;
+  if (!name) return;
+  trackEvent(KOValue(name));
+}
+
+void Kovantis::debug(int level) { KOLogger::debug(level); }
+
+void Kovantis::setAppGroupID(const KOValue& groupId) {
+  if (emptyText(groupId)) return;
+  prefs().setObject(groupId, KOV_APP_GROUP_ID_KEY);
+  prefs().synchronize();
+}
+
+void Kovantis::setDataRedirection(bool redirect) {
+  prefs().setObject(KOValue(redirect), KO_SHOULD_REDIRECT_DATA);
+  prefs().synchronize();
+}
+
+void Kovantis::applicationBecameActiveinApplication(KOApplication*) {
+  KOLogger::logPlain("Kovantis - applicationBecameActiveinApplication method has been deprecated");
+}
+void Kovantis::applicationWillEnterForeground(KOApplication*) {
+  KOLogger::logPlain("Kovantis - applicationWillEnterForeground method has been deprecated");
+}
+void Kovantis::applicationTerminated(KOApplication*) {
+  KOLogger::logPlain("Kovantis - applicationTerminated method has been deprecated");
+}
+void Kovantis::stop(KOApplication*) { KOLogger::logPlain("Kovantis - stop method has been deprecated"); }
+
+// ----------------------------------------------------------------------------------------- events
+
+void Kovantis::trackEvent(const KOValue& name, const KOValue& andPayload) {
+  KOEventsHandler::sharedInstance().trackEvent(name, andPayload);
+}
+
+void Kovantis::trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload) {
+  KOEventsHandler::sharedInstance().trackEvent(name, builderPayload);
+}
+
+// -------------------------------------------------------------------------------- user attributes
+
+void Kovantis::setUserAttribute(const KOValue& value, const KOValue& forKey) {
+  try {
+    if (KOUserAttributesHandler::sharedInstance().setUserAttribute(value, forKey)) {
+      KOLogger::logPlain(KOStringFormat::format("Kovantis - UserAttribute %@ tracked with Value %@", {forKey, value}));
+    } else {
+      KOLogger::logPlain("Kovantis - UserAttribute wasn't tracked as it was already present OR the key/value was nil");
+    }
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception : %@", e);
+  }
+}
+
+void Kovantis::setUserAttributeTimestamp(double timeStamp, const KOValue& forKey) {
+  try {
+    KOUserAttributesHandler::sharedInstance().setUserAttributeTimestamp(timeStamp, forKey);
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception : %@", e);
+  }
+}
+
+void Kovantis::setUserAttributeLocationLatitude(double latitude, double longitude, const KOValue& forKey) {
+  try {
+    KOUserAttributesHandler::sharedInstance().setUserAttributeLocationLatitude(latitude, longitude, forKey);
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception : %@", e);
+  }
+}
+
+void Kovantis::setUserUniqueID(const KOValue& value) { setUserAttribute(value, KOValue(USER_ATTRIBUTE_UNIQUE_ID)); }
+void Kovantis::setUserEmailID(const KOValue& value) { setUserAttribute(value, KOValue(USER_ATTRIBUTE_USER_EMAIL)); }
+void Kovantis::setUserName(const KOValue& value) { setUserAttribute(value, KOValue(USER_ATTRIBUTE_USER_NAME)); }
+void Kovantis::setUserFirstName(const KOValue& value) {
+  setUserAttribute(value, KOValue(USER_ATTRIBUTE_USER_FIRST_NAME));
+}
+void Kovantis::setUserLastName(const KOValue& value) { setUserAttribute(value, KOValue(USER_ATTRIBUTE_USER_LAST_NAME)); }
+void Kovantis::setUserMobileNo(const KOValue& value) { setUserAttribute(value, KOValue(USER_ATTRIBUTE_USER_MOBILE)); }
+
+void Kovantis::setUserGender(int gender) {
+  if (gender == KOUserGenderMale) setUserAttribute(KOValue("male"), KOValue(USER_ATTRIBUTE_USER_GENDER));
+  else if (gender == KOUserGenderFemale) setUserAttribute(KOValue("female"), KOValue(USER_ATTRIBUTE_USER_GENDER));
+}
+
+void Kovantis::setUserDateOfBirth(const KOValue& date) {
+  if (date.isDate()) setUserAttributeTimestamp(date.dateValue().secondsSince1970, KOValue(USER_ATTRIBUTE_USER_BDAY));
+}
+
+void Kovantis::setUserLocationLatitude(double latitude, double andLongitude) {
+  setUserAttributeLocationLatitude(latitude, andLongitude, KOValue(USER_ATTRIBUTE_USER_LOCATION));
+}
+
+// -------------------------------------------------------------------------- lifecycle and sessions
+
+void Kovantis::addObserverForApplicationLifeCycle() {
+  KONotificationCenter& center = KONotificationCenter::defaultCenter();
+  observers_.push_back(center.addObserver(KOApplicationDidBecomeActiveNotification,
+                                          [this](const KONotification& n) { applicationIsActive(n.userInfo); }));
+  observers_.push_back(center.addObserver(KOApplicationWillResignActiveNotification,
+                                          [this](const KONotification& n) { applicationIsInactive(n.userInfo); }));
+  observers_.push_back(center.addObserver(KOApplicationWillEnterForegroundNotification,
+                                          [this](const KONotification& n) { applicationEnteredForeground(n.userInfo); }));
+  observers_.push_back(center.addObserver(KOApplicationDidEnterBackgroundNotification,
+                                          [this](const KONotification& n) { applicationEnteredBackground(n.userInfo); }));
+  observers_.push_back(center.addObserver(KOApplicationWillTerminateNotification,
+                                          [this](const KONotification& n) { applicationEnteredBackground(n.userInfo); }));
+  observers_.push_back(center.addObserver(KOV_INIT_NEW_USER, [this](const KONotification&) { initNewUser(); }));
+}
+
+void Kovantis::applicationIsActive(const KODictionary&) {
+  try {
+    sessionStarted();
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception in application is active : %@", e);
+  }
+}
+
+void Kovantis::sessionStarted() {
+  try {
+    trackEvent(KOValue(EVENT_ACTION_IOS_SESSION_START));
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception in Session start : %@", e);
+  }
+}
+
+void Kovantis::applicationIsInactive(const KODictionary&) {
+  try {
+    trackEvent(KOValue(EVENT_ACTION_IOS_SESSION_END));
+    syncOnSessionTerminationWithApplication(platform().application.get());
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception in application is Inactive : %@", e);
+  }
+}
+
+void Kovantis::applicationEnteredForeground(const KODictionary&) {
+  try {
+    updateModules();
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception in application did enter Foreground is %@", e);
+  }
+}
+
+void Kovantis::applicationEnteredBackground(const KODictionary&) {
+  try {
+    // Connections kept for reuse are released while the app is away.
+    KOServerInterface::sharedInstance().httpClient().closeIdleConnections(0);
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception in application did enter Background is %@", e);
+  }
+}
+
+void Kovantis::updateModules() {
+  try {
+    KOServerInterface::sharedInstance().getConfigForKovantis();
+    if (!KovantisUtils::getDeviceToken().isAbsent() && !disableBadgeReset_) {
+      platform().application->setApplicationIconBadgeNumber(0);
+    }
+    KOEventsHandler& events = KOEventsHandler::sharedInstance();
+    events.syncToServerFromDumpFile();
+    events.syncTrackedEventsInBackground(false, false, true);
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception while updating modules %@", e);
+  }
+}
+
+void Kovantis::syncOnSessionTerminationWithApplication(KOApplication* application) {
+  try {
+    KOApplication* app = application ? application : platform().application.get();
+    auto task = std::make_shared<std::atomic<KOBackgroundTaskIdentifier>>(KOBackgroundTaskInvalid);
+    *task = app->beginBackgroundTask(KOV_BACKGROUND_TASK_NAME, [app, task] { app->endBackgroundTask(*task); });
+    bgTask_ = task->load();
+    KOEventsHandler::sharedInstance().setBgTask(task->load());
+    platform().dispatch->asyncBackground([] { KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(true, false, false); });
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception while trying to sync data : %@", e);
+  }
+}
+
+void Kovantis::syncNow() {
+  try {
+    KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(false, false, false);
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - SyncNow exception : %@", e);
+  }
+}
+
+void Kovantis::initNewUser() {
+  KOLogger::logPlain("Kovantis - Creating new user now");
+  addDeviceWithCompletion([this](bool registered) {
+    try {
+      const KOValue advertisingId = KovantisUtils::getSavedAdvertisingID();
+      if (registered && !advertisingId.isAbsent()) {
+        setUserAttribute(advertisingId, KOValue(KO_ADVERTISING_IDENTIFIER));
+        setDeviceAttribute(advertisingId, KOValue(KO_ADVERTISING_IDENTIFIER));
+      }
+    } catch (const std::exception& e) {
+      logException(KO_HERE, this, "Kovantis - exception : %@", e);
+    }
+  });
+}
+
+void Kovantis::addDeviceWithCompletion(std::function<void(bool)> completion) {
+  try {
+    if (emptyText(KovantisUtils::getAppId())) {
+      KOLogger::logPlain("Kovantis - Please initialze the app with the api key in did finish launching");
+      return;
+    }
+    if (KovantisUtils::isUserRegisteredForV2()) {
+      KOLogger::logPlain("Kovantis - could not register for push");
+      return;
+    }
+    KOServerInterface::sharedInstance().initializeWith({}, [this, completion](bool) {
+      try {
+        // Registered whatever the answer: the service adds the device again from any later call.
+        setModelDeviceAttribute();
+        prefs().setObject(KOValue(true), KO_REGISTER_V2);
+        prefs().synchronize();
+        KOLogger::logPlain("Kovantis - registered for push");
+        if (completion) completion(true);
+      } catch (const std::exception& e) {
+        logException(KO_HERE, this, "Kovantis - Exception in device add call %@", e);
+      }
+    });
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - Exception in device add call %@", e);
+  }
+}
+
+void Kovantis::setModelDeviceAttribute() {
+  try {
+    setDeviceAttribute(KOValue(KovantisUtils::getDeviceModel()), KOValue("device_model"));
+    setDeviceAttribute(KOValue(KovantisUtils::getIdentifierForVendor()), KOValue("device_IDFV"));
+    setDeviceAttribute(KOValue(KovantisUtils::getDeviceSystemVersion()), KOValue("os_version"));
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception is %@", e);
+  }
+}
+
+void Kovantis::queryForAdvertisingID() {
+  const KOValue advertisingId = KovantisUtils::advertiserID();
+  if (advertisingId.isAbsent() || advertisingId == KovantisUtils::getSavedAdvertisingID()) return;
+  setUserAttribute(advertisingId, KOValue(KO_ADVERTISING_IDENTIFIER));
+  setDeviceAttribute(advertisingId, KOValue(KO_ADVERTISING_IDENTIFIER));
+  KovantisUtils::saveAdvertisingID(advertisingId);
+}
+
+void Kovantis::trackLocale() {
+  try {
+    const KOLocale& locale = *platform().locale;
+    std::string country, language;
+    const std::string identifier = locale.localeIdentifier();
+    if (systemVersionNumber() >= 10.0) {
+      country = locale.countryCode();
+      language = locale.languageCode();
+    } else {
+      // Older systems: the codes come from the identifier's components.
+      const auto separator = identifier.find_first_of("_-");
+      language = identifier.substr(0, separator);
+      if (separator != std::string::npos) country = identifier.substr(separator + 1);
+    }
+    const std::string countryName = locale.displayNameForCountry(country);
+    const std::string languageName = locale.displayNameForLanguage(language);
+    const std::string display = country.empty() ? languageName : languageName + " (" + countryName + ")";
+    const std::pair<const char*, std::string> attributes[] = {
+        {LOCALE_COUNTRY, country}, {LOCALE_COUNTRY_DISPLAY, countryName}, {LOCALE_LANGUAGE, language},
+        {LOCALE_LANGUAGE_DISPLAY, languageName}, {LOCALE_DISPLAY, display}, {LOCALE_IDENTIFIER, identifier}};
+    KOUserAttributesHandler& handler = KOUserAttributesHandler::sharedInstance();
+    for (const auto& [key, value] : attributes) {
+      // Only a new or changed value goes out, as a device attribute too.
+      if (handler.setUserAttribute(KOValue(value), KOValue(key))) setDeviceAttribute(KOValue(value), KOValue(key));
+    }
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception while tracking Locale %@", e);
+  }
+}
+
+void Kovantis::setDeviceAttribute(const KOValue& value, const KOValue& forKey) {
+  try {
+    if (value.isNil()) {
+      KOLogger::logPlain(KOStringFormat::format("Kovantis - Tried setting nil user attribute for key %@", {forKey}));
+      return;
+    }
+    if (!value.isString() && !value.isNumber()) {
+      KOLogger::logPlain("Kovantis - The attribue value should be either of string, integer or bool");
+      return;
+    }
+    KODictionary attributes;
+    attributes.set(forKey.isString() ? forKey.stringValue() : forKey.description(), value);
+    trackEvent(KOValue(EVENT_ACTION_DEVICE_ATTRIBUTE), KOValue(std::move(attributes)));
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception is %@", e);
+  }
+}
+
+void Kovantis::resetUser() {
+  try {
+    trackEvent(KOValue(KOV_LOGOUT));
+    KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(false, true, false);
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - Reset User exception : %@", e);
+  }
+}

@@ -1,0 +1,270 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <limits>
+
+#include "KOSDKTestDevice.h"
+#include "KOUtilities/KOLogger.h"
+#include "kovantis/KOConstants.h"
+
+class EventPipelineTest : public KOSDKTestDevice {};
+
+TEST_F(EventPipelineTest, EveryTrackedEventReachesTheServiceExactlyOnceInOrder) {
+  startClean();
+  for (int i = 0; i < 65; ++i) {
+    sdk().trackEvent(KOValue("VIEW"), KOValue(KODictionary{{"seq", i}, {"sku", "A" + std::to_string(i)}, {"price", 9.5},
+                                                           {"when", KODate{1700000000.5}}, {"link", KOURL{"https://k.example/x"}}}));
+  }
+  // The 30th and 60th records cut a batch each and start a sync; five stay in memory.
+  EXPECT_EQ(events().eventsInMemory(), 5u);
+  ASSERT_TRUE(flush());
+  // Batches travel concurrently, so only the order within one batch is kept; each event arrives once.
+  const auto records = storedRecords("VIEW");
+  ASSERT_EQ(records.size(), 65u);
+  std::vector<std::int64_t> seqs;
+  for (const KOValue& record : records) {
+    const KOValue& attrs = record["EVENT_ATTRS"];
+    seqs.push_back(attrs["seq"].intValue());
+    EXPECT_EQ(attrs["sku"], KOValue("A" + std::to_string(attrs["seq"].intValue())));
+    EXPECT_EQ(attrs["when"], KOValue(1700000000.5));  // dates travel as seconds
+    EXPECT_EQ(attrs["link"], KOValue("https://k.example/x"));
+    EXPECT_TRUE(record["EVENT_G_TIME"].isString());
+    EXPECT_TRUE(record["EVENT_L_TIME"].isString());
+  }
+  std::sort(seqs.begin(), seqs.end());
+  for (std::int64_t i = 0; i < 65; ++i) EXPECT_EQ(seqs[static_cast<std::size_t>(i)], i);
+  EXPECT_TRUE(emulator().duplicates().empty());
+  EXPECT_FALSE(device().files().fileExists(events().eventsPlistFilePath()));
+}
+
+TEST_F(EventPipelineTest, BadNamesAndPayloadsLoseOnlyThatEvent) {
+  KOLogger::debug(1);
+  startClean();
+  sdk().trackEvent(KOValue(42), KOValue());
+  sdk().trackEvent(KOValue("LIST"), KOValue(KOArray{1, 2}));
+  sdk().trackEvent(KOValue("NAN"), KOValue(KODictionary{{"x", std::numeric_limits<double>::quiet_NaN()}}));
+  sdk().trackEvent(KOValue(""), KOValue());  // an empty name is a name
+  EXPECT_TRUE(device().console().contains(
+      "Kovantis - While tracking events, the name of the event has to be a NSString type"));
+  EXPECT_TRUE(device().console().contains("Kovantis - While tracking events, the payload with the event has to be a "
+                                          "NSDictionary of NSMutable Dictionary type"));
+  EXPECT_TRUE(device().console().contains("Kovantis - exception is"));
+  ASSERT_TRUE(flush());
+  EXPECT_EQ(storedNames("").back(), "");
+  EXPECT_TRUE(storedRecords("LIST").empty());
+}
+
+TEST_F(EventPipelineTest, BuilderEventsCarryTimestampsAndLocations) {
+  startClean();
+  KOPayloadBuilder builder;
+  builder.setLocationLat(12.5, 77.6, "p");
+  sdk().trackEvent(KOValue("PLACE"), builder);
+  KOPayloadBuilder withAttrs(std::make_shared<KODictionary>(KODictionary{{"k", "v"}}));
+  withAttrs.setTimeStamp(2, "t");
+  sdk().trackEvent(KOValue("TIMED"), withAttrs);
+  ASSERT_TRUE(flush());
+  const KOValue place = storedRecords("PLACE").at(0);
+  EXPECT_FALSE(place.dictionaryValue().contains("EVENT_ATTRS"));
+  EXPECT_EQ(place["EVENT_ATTRS_CUST"], KOValue(KODictionary{{"location", KOArray{KODictionary{{"p", "12.500000,77.600000"}}}}}));
+  const KOValue timed = storedRecords("TIMED").at(0);
+  EXPECT_EQ(timed["EVENT_ATTRS"], KOValue(KODictionary{{"k", "v"}}));
+  EXPECT_EQ(timed["EVENT_ATTRS_CUST"], KOValue(KODictionary{{"timestamp", KOArray{KODictionary{{"t", 2000.0}}}}}));
+}
+
+TEST_F(EventPipelineTest, AFailedBatchKeepsItsIdAndIsSentAgainLater) {
+  startClean();
+  emulator().injectFault(KOEmulatorFault{"/v2/report/add", 503, 0, false, -1, 1.0});
+  for (int i = 0; i < 30; ++i) sdk().trackEvent(KOValue("E"), KOValue(KODictionary{{"i", i}}));
+  ASSERT_TRUE(waitForRequests("/v2/report/add", 1));
+  ASSERT_TRUE(settle());
+  const KOValue file = batchFile();
+  ASSERT_TRUE(file.isDictionary());
+  ASSERT_EQ(file.dictionaryValue().size(), 1u);
+  const std::string id = file.dictionaryValue().keys()[0];
+  EXPECT_EQ(emulator().requests("/v2/report/add")[0].query.at("batch_id"), id);
+
+  emulator().clearFaults();
+  ASSERT_TRUE(flush());
+  const auto batches = emulator().batches();
+  ASSERT_EQ(batches.size(), 1u);
+  EXPECT_EQ(batches[0].batchId, id);
+  EXPECT_EQ(batches[0].eventCount, 30);
+}
+
+TEST_F(EventPipelineTest, OfThreeBatchesOnlyTheFailedOneStaysInTheFile) {
+  startClean();
+  for (int b = 0; b < 3; ++b) {
+    KOArray records;
+    for (int i = 0; i < 3; ++i) records.push_back(KODictionary{{"EVENT_ACTION", "B" + std::to_string(b)}});
+    events().writeEvents(records, 1700000000000 + b);
+  }
+  emulator().injectFault(KOEmulatorFault{"/v2/report/add", 500, 0, false, 1, 1.0});
+  sdk().syncNow();
+  ASSERT_TRUE(waitForRequests("/v2/report/add", 3));
+  ASSERT_TRUE(settle());
+  std::string failedId;
+  for (const auto& r : emulator().requests("/v2/report/add")) {
+    if (r.status == 500) failedId = r.query.at("batch_id");
+  }
+  ASSERT_FALSE(failedId.empty());
+  const KOValue file = batchFile();
+  ASSERT_TRUE(file.isDictionary());
+  EXPECT_EQ(file.dictionaryValue().keys(), std::vector<std::string>{failedId});
+  EXPECT_EQ(emulator().batches().size(), 2u);
+}
+
+TEST_F(EventPipelineTest, BatchesCutDuringASyncSurviveItsEnd) {
+  startClean();
+  // The first sync stalls at the service while the threshold cuts a second batch.
+  emulator().injectFault(KOEmulatorFault{"/v2/report/add", 0, 400, false, 1, 1.0});
+  for (int i = 0; i < 30; ++i) sdk().trackEvent(KOValue("FIRST"), KOValue());
+  ASSERT_TRUE(waitFor([&] { return events().syncInProgress(); }));
+  for (int i = 0; i < 30; ++i) sdk().trackEvent(KOValue("SECOND"), KOValue());
+  ASSERT_TRUE(settle());
+  // The first sync's end kept the second batch, in memory and in the file.
+  EXPECT_EQ(events().storedBatchCount(), 1u);
+  ASSERT_TRUE(batchFile().isDictionary());
+  EXPECT_EQ(batchFile().dictionaryValue().size(), 1u);
+  ASSERT_TRUE(flush());
+  EXPECT_EQ(storedNames("FIRST").size(), 30u);
+  EXPECT_EQ(storedNames("SECOND").size(), 30u);
+}
+
+TEST_F(EventPipelineTest, ResetWithNothingStoredStillSendsTheLogoutThenRegistersAgain) {
+  start();
+  sdk().setUserEmailID(KOValue("a@example.com"));
+  ASSERT_TRUE(flush());
+  const std::size_t devicesBefore = emulator().requests("/v2/device/add").size();
+  sdk().resetUser();
+  ASSERT_TRUE(waitFor([&] { return storedNames("KOV_LOGOUT").size() == 1; }));
+  // The reset's clean-up posts the new-user notification: the device is added again.
+  ASSERT_TRUE(waitForRequests("/v2/device/add", devicesBefore + 1));
+  ASSERT_TRUE(settle());
+  // After a reset every attribute is sent again.
+  sdk().setUserEmailID(KOValue("a@example.com"));
+  ASSERT_TRUE(flush());
+  size_t emails = 0;
+  for (const KOValue& r : storedRecords(EVENT_ACTION_USER_ATTRIBUTE)) {
+    emails += r["EVENT_ATTRS"].isDictionary() && r["EVENT_ATTRS"].dictionaryValue().contains("USER_ATTRIBUTE_USER_EMAIL");
+  }
+  EXPECT_EQ(emails, 2u);
+}
+
+TEST_F(EventPipelineTest, AResetDuringARunningSyncRunsAfterIt) {
+  startClean();
+  emulator().injectFault(KOEmulatorFault{"/v2/report/add", 0, 300, false, 1, 1.0});
+  sdk().trackEvent(KOValue("BEFORE"), KOValue());
+  sdk().syncNow();
+  ASSERT_TRUE(waitFor([&] { return events().syncInProgress(); }));
+  sdk().resetUser();
+  ASSERT_TRUE(waitFor([&] { return storedNames("KOV_LOGOUT").size() == 1; }));
+  const auto names = storedNames("");
+  ASSERT_EQ(names.size(), 2u);
+  EXPECT_EQ(names[0], "BEFORE");
+  EXPECT_EQ(names[1], "KOV_LOGOUT");
+  const auto reports = emulator().requests("/v2/report/add");
+  ASSERT_EQ(reports.size(), 2u);
+  EXPECT_LT(reports[0].time, reports[1].time);
+}
+
+TEST_F(EventPipelineTest, TheOldGenerationsEventFileIsMigrated) {
+  device().rawFiles().writeFile(device().documentsDirectory() + "/kovantisEvents.dat",
+                                "{\"EVENT_ACTION\":\"OLD_1\"}\nnot json\n\n{\"EVENT_ACTION\":\"OLD_2\"}\n");
+  start();
+  ASSERT_TRUE(flush());
+  EXPECT_EQ(storedNames("OLD_"), (std::vector<std::string>{"OLD_1", "OLD_2"}));
+  EXPECT_FALSE(device().files().fileExists(device().documentsDirectory() + "/kovantisEvents.dat"));
+}
+
+TEST_F(EventPipelineTest, SwitchingBetweenDevelopmentAndProductionResetsTheUser) {
+  sdk().initializeProdWithApiKey(KOValue("app"));
+  ASSERT_TRUE(settle());
+  sdk().initializeDevWithApiKey(KOValue("app"));
+  EXPECT_EQ(KovantisUtils::getAppId(), KOValue("app_DEBUG"));
+  ASSERT_TRUE(waitFor([&] { return storedNames("KOV_LOGOUT").size() == 1; }));
+  sdk().initializeDevWithApiKey(KOValue(""));  // refused, nothing changes
+  EXPECT_EQ(KovantisUtils::getAppId(), KOValue("app_DEBUG"));
+}
+
+TEST_F(EventPipelineTest, AReinstallIsRecognisedThroughTheKeychain) {
+  start();
+  ASSERT_TRUE(flush());
+  EXPECT_TRUE(storedNames("REINSTALL").empty());
+  device().uninstall();
+  sdk().initializeWithApiKey(KOValue("kov-test-app"));
+  ASSERT_TRUE(flush());
+  EXPECT_EQ(storedNames("REINSTALL").size(), 1u);
+}
+
+TEST_F(EventPipelineTest, SessionsFollowTheApplicationLifecycle) {
+  start();
+  device().becomeActive();
+  device().resignActive();
+  // The session end syncs inside a background task, which the sync ends.
+  EXPECT_EQ(device().application().activeBackgroundTasks(), std::vector<std::string>{"KOVTask"});
+  ASSERT_TRUE(waitFor([&] { return device().application().activeBackgroundTasks().empty(); }));
+  EXPECT_EQ(storedNames("EVENT_ACTION_IOS_SESSION"),
+            (std::vector<std::string>{"EVENT_ACTION_IOS_SESSION_START", "EVENT_ACTION_IOS_SESSION_END"}));
+  device().enterBackground();
+  KovantisUtils::saveDeviceToken(KOValue("ab"));
+  device().application().setApplicationIconBadgeNumber(4);
+  device().enterForeground();  // refreshes the modules: badge reset on a device with a push token
+  EXPECT_EQ(device().application().applicationIconBadgeNumber(), 0);
+}
+
+TEST_F(EventPipelineTest, UserAttributesAreSentOnlyWhenTheyChange) {
+  KOLogger::debug(1);
+  startClean();
+  sdk().setUserEmailID(KOValue("a@example.com"));
+  sdk().setUserEmailID(KOValue("a@example.com"));
+  sdk().setUserAttribute(KOValue(1), KOValue("plan"));
+  sdk().setUserAttribute(KOValue("1"), KOValue("plan"));  // the text 1 is not the number 1
+  sdk().setUserAttribute(KOValue(KOArray{1}), KOValue("plan"));
+  sdk().setUserAttribute(KOValue(), KOValue("plan"));
+  sdk().setUserGender(2);
+  sdk().setUserGender(KOUserGenderFemale);
+  sdk().setUserDateOfBirth(KOValue(KODate{86400}));
+  sdk().setUserDateOfBirth(KOValue(KODate{86400}));  // every time
+  sdk().setUserLocationLatitude(0, 0);                // zero coordinates are accepted here
+  ASSERT_TRUE(flush());
+  std::vector<std::string> sent;
+  for (const KOValue& r : storedRecords(EVENT_ACTION_USER_ATTRIBUTE)) {
+    sent.push_back(r.dictionaryValue().contains("EVENT_ATTRS") ? r["EVENT_ATTRS"].description()
+                                                               : r["EVENT_ATTRS_CUST"].description());
+  }
+  EXPECT_EQ(sent, (std::vector<std::string>{
+                      R"({"USER_ATTRIBUTE_USER_EMAIL": "a@example.com"})", R"({"plan": 1})", R"({"plan": "1"})",
+                      R"({"USER_ATTRIBUTE_USER_GENDER": "female"})",
+                      R"({"timestamp": [{"USER_ATTRIBUTE_USER_BDAY": 86400000}]})",
+                      R"({"timestamp": [{"USER_ATTRIBUTE_USER_BDAY": 86400000}]})",
+                      R"({"location": [{"USER_ATTRIBUTE_USER_LOCATION": "0.000000,0.000000"}]})"}));
+  EXPECT_TRUE(device().console().contains("Kovantis - UserAttribute wasn't tracked as it was already present"));
+  EXPECT_TRUE(device().console().contains("Kovantis - The attribue value should be either of string, integer or bool"));
+  EXPECT_TRUE(device().console().contains("Kovantis - Tried setting nil user attribute for key plan"));
+}
+
+TEST_F(EventPipelineTest, InstallAndUpdateAreTrackedOnce) {
+  startClean();
+  sdk().appStatus(KOAppStatusInstall);
+  sdk().appStatus(KOAppStatusInstall);  // same version: nothing
+  device().profile().update([](KOSimProfileSettings& s) { s.shortVersion = "1.1.0"; });
+  sdk().appStatus(KOAppStatusInstall);  // a new version is an update whatever was passed
+  ASSERT_TRUE(flush());
+  EXPECT_EQ(storedNames("INSTALL").size(), 1u);
+  EXPECT_EQ(storedNames("UPDATE").size(), 1u);
+}
+
+TEST_F(EventPipelineTest, StartRegistersTheDeviceWithItsAttributesAndLocale) {
+  start();
+  ASSERT_TRUE(flush());
+  std::vector<std::string> deviceKeys;
+  for (const KOValue& r : storedRecords(EVENT_ACTION_DEVICE_ATTRIBUTE)) deviceKeys.push_back(r["EVENT_ATTRS"].dictionaryValue().keys()[0]);
+  // Advertising id and the six locale keys at start.
+  EXPECT_EQ(deviceKeys, (std::vector<std::string>{"ADVERTISING_IDENTIFIER", "LOCALE_COUNTRY", "LOCALE_COUNTRY_DISPLAY",
+                                                  "LOCALE_LANGUAGE", "LOCALE_LANGUAGE_DISPLAY", "LOCALE_DISPLAY",
+                                                  "LOCALE_IDENTIFIER"}));
+  // A second start with the same locale and advertising id sends none of them again.
+  sdk().initializeWithApiKey(KOValue("kov-test-app"));
+  ASSERT_TRUE(flush());
+  EXPECT_EQ(storedRecords(EVENT_ACTION_DEVICE_ATTRIBUTE).size(), 7u);
+}
