@@ -11,12 +11,16 @@ class EventPipelineTest : public KOSDKTestDevice {};
 
 TEST_F(EventPipelineTest, EveryTrackedEventReachesTheServiceExactlyOnceInOrder) {
   startClean();
-  for (int i = 0; i < 65; ++i) {
+  auto track = [&](int i) {
     sdk().trackEvent(KOValue("VIEW"), KOValue(KODictionary{{"seq", i}, {"sku", "A" + std::to_string(i)}, {"price", 9.5},
                                                            {"when", KODate{1700000000.5}}, {"link", KOURL{"https://k.example/x"}}}));
-  }
-  // The 30th and 60th records cut a batch each and start a sync; five stay in memory.
-  EXPECT_EQ(events().eventsInMemory(), 5u);
+  };
+  for (int i = 0; i < 29; ++i) track(i);
+  EXPECT_EQ(events().eventsInMemory(), 29u);  // below the threshold nothing is cut
+  EXPECT_EQ(events().storedBatchCount(), 0u);
+  track(29);  // the 30th cuts a batch and starts a sync
+  EXPECT_EQ(events().eventsInMemory(), 0u);
+  for (int i = 30; i < 65; ++i) track(i);
   ASSERT_TRUE(flush());
   // Batches travel concurrently, so only the order within one batch is kept; each event arrives once.
   const auto records = storedRecords("VIEW");
