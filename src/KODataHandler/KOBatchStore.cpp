@@ -27,17 +27,30 @@ std::string valueFragment(const std::string& document) {
   return document.substr(start + open.size(), end - start - open.size());
 }
 
+std::string bodyFor(const std::string& recordsArrayJSON, std::size_t count) {
+  std::string body;
+  body.reserve(recordsArrayJSON.size() + 40);
+  body += "{\"viewsInfo\":";
+  body += recordsArrayJSON;
+  body += ",\"viewsCount\":";
+  body += std::to_string(count);
+  body += '}';
+  return body;
+}
+
 }  // namespace
 
-KOBatchStore::KOBatchStore(std::string path) : path_(std::move(path)) {}
-
-KOBatchStore::Batch KOBatchStore::makeBatch(const KOArray& records) {
-  Batch batch;
-  batch.count = records.size();
-  batch.json = KOJSONSerialization::write(KOValue(records));
-  batch.xml = valueFragment(KOPropertyListSerialization::writeXML(KOValue(records)));
-  return batch;
+KOArray KOBatchStore::Batch::records() const {
+  KOValue body = KOJSONSerialization::parse(body_);
+  return std::move(body.dictionaryValue().find("viewsInfo")->arrayValue());
 }
+
+const std::string& KOBatchStore::Batch::fragment() const {
+  std::call_once(fragmentOnce_, [this] { fragment_ = valueFragment(KOPropertyListSerialization::writeXML(KOValue(records()))); });
+  return fragment_;
+}
+
+KOBatchStore::KOBatchStore(std::string path) : path_(std::move(path)) {}
 
 void KOBatchStore::load(const KOFileSystem& fs) {
   if (loaded_) return;
@@ -47,7 +60,7 @@ void KOBatchStore::load(const KOFileSystem& fs) {
   for (const auto& [id, records] : stored.dictionaryValue()) {
     try {
       if (!records.isArray()) throw KOTypeError("a batch is not a list");
-      batches_[id] = makeBatch(records.arrayValue());
+      put(id, records.arrayValue());
     } catch (const std::exception& e) {
       KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
                            KOStringFormat::format("Kovantis - Dropping unusable stored batch %@: %@",
@@ -62,27 +75,25 @@ std::string KOBatchStore::add(const std::vector<std::string>& recordsJSON, std::
     const std::int64_t last = std::stoll(batches_.rbegin()->first);
     if (id <= last) id = last + 1;
   }
-  Batch batch;
-  batch.count = recordsJSON.size();
   std::size_t bytes = 2;
   for (const auto& r : recordsJSON) bytes += r.size() + 1;
-  batch.json.reserve(bytes);
-  batch.json += '[';
-  KOArray records;
-  records.reserve(recordsJSON.size());
+  std::string array;
+  array.reserve(bytes);
+  array += '[';
   for (std::size_t i = 0; i < recordsJSON.size(); ++i) {
-    if (i) batch.json += ',';
-    batch.json += recordsJSON[i];
-    records.push_back(KOJSONSerialization::parse(recordsJSON[i]));
+    if (i) array += ',';
+    array += recordsJSON[i];
   }
-  batch.json += ']';
-  batch.xml = valueFragment(KOPropertyListSerialization::writeXML(KOValue(std::move(records))));
-  const std::string key = std::to_string(id);
-  batches_[key] = std::move(batch);
+  array += ']';
+  std::string key = std::to_string(id);
+  batches_[key] = std::make_shared<const Batch>(bodyFor(array, recordsJSON.size()), recordsJSON.size());
   return key;
 }
 
-void KOBatchStore::put(const std::string& id, const KOArray& records) { batches_[id] = makeBatch(records); }
+void KOBatchStore::put(const std::string& id, const KOArray& records) {
+  batches_[id] = std::make_shared<const Batch>(bodyFor(KOJSONSerialization::write(KOValue(records)), records.size()),
+                                               records.size());
+}
 
 bool KOBatchStore::remove(const std::string& id) { return batches_.erase(id) > 0; }
 
@@ -95,52 +106,40 @@ std::vector<std::string> KOBatchStore::ids() const {
   return out;
 }
 
-const KOBatchStore::Batch* KOBatchStore::find(const std::string& id) const {
+std::shared_ptr<const KOBatchStore::Batch> KOBatchStore::find(const std::string& id) const {
   const auto it = batches_.find(id);
-  return it == batches_.end() ? nullptr : &it->second;
+  return it == batches_.end() ? nullptr : it->second;
 }
 
-std::string KOBatchStore::reportBody(const std::string& id) const {
-  const Batch* batch = find(id);
-  if (!batch) return std::string();
-  std::string body;
-  body.reserve(batch->json.size() + 40);
-  body += "{\"viewsInfo\":";
-  body += batch->json;
-  body += ",\"viewsCount\":";
-  body += std::to_string(batch->count);
-  body += '}';
-  return body;
-}
+KOBatchStore::Snapshot KOBatchStore::snapshot() const { return Snapshot(batches_.begin(), batches_.end()); }
 
 KODictionary KOBatchStore::dictionary() const {
   KODictionary out;
-  for (const auto& [id, batch] : batches_) out.set(id, KOJSONSerialization::parse(batch.json));
+  for (const auto& [id, batch] : batches_) out.set(id, KOValue(batch->records()));
   return out;
 }
 
-std::string KOBatchStore::fileText() const {
-  std::size_t bytes = 64;
-  for (const auto& [id, batch] : batches_) bytes += batch.xml.size() + id.size() + 16;
+std::string KOBatchStore::fileText(const Snapshot& snapshot) {
+  std::size_t bytes = 256;
+  for (const auto& [id, batch] : snapshot) bytes += batch->fragment().size() + id.size() + 12;
   std::string text;
-  text.reserve(bytes + 200);
+  text.reserve(bytes);
   text += kPrologue;
   text += "<dict>\n";
-  for (const auto& [id, batch] : batches_) {
+  for (const auto& [id, batch] : snapshot) {
     text += "<key>";
     text += id;  // digits only: nothing to escape
     text += "</key>";
-    text += batch.xml;
+    text += batch->fragment();
   }
   text += "</dict>\n</plist>\n";
   return text;
 }
 
-bool KOBatchStore::write(KOFileSystem& fs) const {
-  if (batches_.empty()) {
-    if (!fs.fileExists(path_)) return true;
-    KOFileError error;
-    return fs.removeItem(path_, &error);
+bool KOBatchStore::write(KOFileSystem& fs, const std::string& path, const Snapshot& snapshot) {
+  if (snapshot.empty()) {
+    if (!fs.fileExists(path)) return true;
+    return fs.removeItem(path);
   }
-  return KOAtomicFile::write(fs, path_, fileText());
+  return KOAtomicFile::write(fs, path, fileText(snapshot));
 }

@@ -1,11 +1,13 @@
-// The batches waiting for the service, in memory and in the batch file. Each batch keeps its
-// records twice, both ready to use: as the JSON array a report body carries, and as the XML
-// fragment the batch file holds. Writing the file then joins fragments instead of serialising
-// every stored event again, so a cut stays cheap however many batches are waiting.
+// The batches waiting for the service. Each batch is immutable once cut and kept ready to use: the
+// report body a request carries, and (made on first need, by the file writer) the XML fragment the
+// batch file holds. Writing the file joins fragments instead of serialising every stored event
+// again, and a snapshot of the store is a list of shared pointers, cheap to take under a lock.
 #pragma once
 
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -15,11 +17,24 @@ class KOFileSystem;
 
 class KOBatchStore {
  public:
-  struct Batch {
-    std::string json;  // "[record,record,...]"
-    std::string xml;   // the array as a property-list fragment
-    std::size_t count = 0;
+  class Batch {
+   public:
+    Batch(std::string body, std::size_t count) : body_(std::move(body)), count_(count) {}
+    /// {"viewsInfo": [...], "viewsCount": n} as JSON text.
+    const std::string& reportBody() const { return body_; }
+    std::size_t count() const { return count_; }
+    /// The records, read back from the body.
+    KOArray records() const;
+    /// The records as a property-list fragment; made once, on first use, from any thread.
+    const std::string& fragment() const;
+
+   private:
+    std::string body_;
+    std::size_t count_;
+    mutable std::once_flag fragmentOnce_;
+    mutable std::string fragment_;
   };
+  using Snapshot = std::vector<std::pair<std::string, std::shared_ptr<const Batch>>>;
 
   explicit KOBatchStore(std::string path);
 
@@ -29,35 +44,30 @@ class KOBatchStore {
 
   /// Adds a batch of records, each given as its JSON text, under a fresh id from the time in
   /// milliseconds (moved past any id in use, so two cuts in one millisecond never collide).
-  /// Returns the id.
   std::string add(const std::vector<std::string>& recordsJSON, std::int64_t nowMilliseconds);
-  /// Adds a batch of records under the given id, replacing one stored there.
+  /// Adds a batch under the given id, replacing one stored there.
   void put(const std::string& id, const KOArray& records);
   bool remove(const std::string& id);
   void clear();
 
   std::vector<std::string> ids() const;
-  bool contains(const std::string& id) const { return batches_.count(id) > 0; }
   std::size_t size() const { return batches_.size(); }
   bool empty() const { return batches_.empty(); }
-  const Batch* find(const std::string& id) const;
-  /// {"viewsInfo": [...], "viewsCount": n} as JSON text.
-  std::string reportBody(const std::string& id) const;
+  std::shared_ptr<const Batch> find(const std::string& id) const;
+  Snapshot snapshot() const;
   /// Every batch as a dictionary of id to records.
   KODictionary dictionary() const;
-
-  /// Writes the whole file atomically (deletes it when there is nothing to keep).
-  bool write(KOFileSystem& fs) const;
-  /// The whole file's XML text.
-  std::string fileText() const;
   const std::string& path() const { return path_; }
 
- private:
-  static Batch makeBatch(const KOArray& records);
+  /// The whole file's XML text for a snapshot.
+  static std::string fileText(const Snapshot& snapshot);
+  /// Writes a snapshot atomically, or deletes the file when the snapshot is empty.
+  static bool write(KOFileSystem& fs, const std::string& path, const Snapshot& snapshot);
 
+ private:
   std::string path_;
   bool loaded_ = false;
   // Ids are decimal milliseconds of equal length for centuries, so the map keeps them in the
   // order they were cut.
-  std::map<std::string, Batch> batches_;
+  std::map<std::string, std::shared_ptr<const Batch>> batches_;
 };

@@ -160,9 +160,41 @@ bool KOEventsHandler::cutLocked() {
   if (views_.empty()) return false;
   store_.add(views_, nowMilliseconds());
   views_.clear();
-  // The file is what survives the process: a batch is in it from its cut until it is accepted.
-  store_.write(*platform().fileSystem);
+  persistLocked();
   return true;
+}
+
+void KOEventsHandler::persistLocked() {
+  fileDirty_ = true;
+  if (writerQueued_) return;
+  writerQueued_ = true;
+  platform().dispatch->asyncBackground([this] { writeBatchFile(); });
+}
+
+void KOEventsHandler::writeBatchFile() {
+  // The file is what survives the process: a batch is in it from (just after) its cut until the
+  // service accepted it. Each pass writes the store as it is at that moment.
+  for (;;) {
+    KOBatchStore::Snapshot snapshot;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!fileDirty_) {
+        writerQueued_ = false;
+        return;
+      }
+      fileDirty_ = false;
+      snapshot = store_.snapshot();
+    }
+    try {
+      if (snapshot.empty()) {
+        removeEventsPlistFile();
+      } else {
+        KOBatchStore::write(*platform().fileSystem, store_.path(), snapshot);
+      }
+    } catch (const std::exception& e) {
+      logException(KO_HERE, this, "Kovantis - Exception : %@", e);
+    }
+  }
 }
 
 KODictionary KOEventsHandler::getBatchesWithViewsArray(bool cut) {
@@ -177,7 +209,7 @@ void KOEventsHandler::writeEvents(const KOArray& events, std::int64_t toFileWith
     std::lock_guard<std::mutex> lock(mutex_);
     ensureLoadedLocked();
     store_.put(std::to_string(toFileWithBatchID), events);
-    store_.write(*platform().fileSystem);
+    persistLocked();
   } catch (const std::exception& e) {
     logException(KO_HERE, this, "Kovantis - Exception : %@", e);
   }
@@ -224,7 +256,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
       if (!request.onlyForEventsPlist) cutLocked();
       round->ids = store_.ids();
       bodies.reserve(round->ids.size());
-      for (const auto& id : round->ids) bodies.push_back(store_.reportBody(id));
+      for (const auto& id : round->ids) bodies.push_back(store_.find(id)->reportBody());
       if (round->ids.empty()) syncInProgress_ = false;
     }
     if (round->ids.empty()) {
@@ -243,9 +275,11 @@ void KOEventsHandler::runSync(SyncRequest request) {
         try {
           if (success) {
             {
-              // Accepted: never sent again while this process lives.
+              // Accepted: never sent again while this process lives, and out of the file soon, so
+              // that a crash resends as little as possible.
               std::lock_guard<std::mutex> lock(mutex_);
               store_.remove(id);
+              persistLocked();
             }
             logInfo(KOStringFormat::format("Kovantis - sync success from batch %@", {KOValue(id)}));
           } else {
@@ -273,7 +307,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
       syncInProgress_ = false;
-      store_.write(*platform().fileSystem);
+      persistLocked();
     }
     KOLogger::logWithVerbosity(1, KOLogSeverityException,
                                KOArray{KOStringFormat::format("Kovantis - Exception while syncing : %@", {KOValue(e.what())})});
@@ -285,7 +319,6 @@ void KOEventsHandler::syncAttemptCompletedInBackground(bool inBackground, bool a
   try {
     std::optional<SyncRequest> queuedReset;
     KOBackgroundTaskIdentifier task = KOBackgroundTaskInvalid;
-    bool fileRemoved = false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       syncInProgress_ = false;
@@ -297,11 +330,7 @@ void KOEventsHandler::syncAttemptCompletedInBackground(bool inBackground, bool a
         queuedReset = resetInvocation_;
         resetInvocation_.reset();
       }
-      if (store_.empty()) {
-        fileRemoved = true;
-      } else {
-        store_.write(*platform().fileSystem);
-      }
+      persistLocked();
       task = bgTask_;
       if (inBackground) bgTask_ = KOBackgroundTaskInvalid;
     }
@@ -311,7 +340,6 @@ void KOEventsHandler::syncAttemptCompletedInBackground(bool inBackground, bool a
     } else if (andForReset) {
       logInfo("Kovantis - sync unsuccessful on reset");
     }
-    if (fileRemoved) removeEventsPlistFile();
     if (andForReset) {
       cleanUp();
     } else if (queuedReset) {

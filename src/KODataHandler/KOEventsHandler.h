@@ -68,8 +68,12 @@ class KOEventsHandler {
   void runSync(SyncRequest request);
   void syncAttemptCompletedInBackground(bool inBackground, bool andForReset, std::vector<std::string> sent,
                                         std::vector<std::string> failed);
-  /// Cuts the records in memory into a batch and writes the file; the caller holds the lock.
+  /// Cuts the records in memory into a batch and has the file written; the caller holds the lock.
   bool cutLocked();
+  /// Has the batch file brought up to date with the store. Writes run one at a time on the shared
+  /// queue and coalesce: many cuts while one write runs cost one more write, not many.
+  void persistLocked();
+  void writeBatchFile();
   void ensureLoadedLocked();
   std::int64_t nowMilliseconds() const;
 
@@ -80,4 +84,6 @@ class KOEventsHandler {
   std::optional<SyncRequest> resetInvocation_;
   KOBackgroundTaskIdentifier bgTask_ = KOBackgroundTaskInvalid;
   std::uint64_t threshold_ = 30;
+  bool fileDirty_ = false;
+  bool writerQueued_ = false;
 };
