@@ -1,30 +1,65 @@
 // kovantis-demo: a scripted app session on the simulated device against a local emulator of the
-// service, printing a timeline of what the SDK did and what the service received. The device lives
+// service, printing a timeline of what the SDK did and what the service stored. The device lives
 // in a directory of its own, so a second run is the same phone again (--reinstall deletes the app
-// first; the keychain stays).
+// first; the keychain stays, and the SDK reports the reinstall).
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <string>
 
+#include "KODataHandler/KOEventsHandler.h"
 #include "KOEmulator.h"
-#include "KOUtilities/KOLogger.h"
+#include "KOUtilities/KOPropertyListFile.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Network/KOServerInterface.h"
 #include "Sim/KOSimDevice.h"
 #include "kovantis/KOConstants.h"
+#include "kovantis/Kovantis.h"
 
 namespace {
 
 void section(const char* title) { std::printf("\n== %s\n", title); }
-void step(const char* what, const std::string& detail) { std::printf("  %-26s %s\n", what, detail.c_str()); }
-
-// Waits for a send completion by pumping the main queue, as the host's run loop would.
-bool sendAndWait(KOSimDevice& device, const std::function<void(KOServerInterface::SuccessCompletion)>& call) {
-  auto result = std::make_shared<std::atomic<int>>(-1);
-  call([result](bool ok) { *result = ok ? 1 : 0; });
-  device.runMainUntil([&] { return *result >= 0; }, 10);
-  return *result == 1;
+void step(const std::string& what, const std::string& detail = "") {
+  std::printf("  %-34s %s\n", what.c_str(), detail.c_str());
 }
+
+class Demo {
+ public:
+  Demo(KOSimDevice& device, KOEmulator& emulator) : device_(device), emulator_(emulator) {}
+
+  // Pumps the main queue until every sync and file write settled, as the app's run loop would.
+  void settle() {
+    KOEventsHandler& events = KOEventsHandler::sharedInstance();
+    device_.runMainUntil([&] { return !events.syncInProgress() && device_.dispatch().backgroundIdle(); }, 15);
+  }
+
+  // Asks for syncs until nothing waits to be sent (or the service keeps refusing).
+  void flush() {
+    KOEventsHandler& events = KOEventsHandler::sharedInstance();
+    for (int attempt = 0; attempt < 20; ++attempt) {
+      settle();
+      if (events.storedBatchCount() == 0 && events.eventsInMemory() == 0) return;
+      Kovantis::sharedInstance().syncNow();
+    }
+    settle();
+  }
+
+  std::string storedBatches() {
+    const KOValue file = KOPropertyListFile::read(KOEventsHandler::sharedInstance().eventsPlistFilePath());
+    if (!file.isDictionary() || file.dictionaryValue().empty()) return "none";
+    std::string ids;
+    for (const auto& [id, records] : file.dictionaryValue()) {
+      ids += (ids.empty() ? "" : ", ") + id + " (" + std::to_string(records.arrayValue().size()) + " events)";
+    }
+    return ids;
+  }
+
+  std::size_t received(const std::string& path) { return emulator_.requests(path).size(); }
+
+ private:
+  KOSimDevice& device_;
+  KOEmulator& emulator_;
+};
 
 }  // namespace
 
@@ -46,55 +81,97 @@ int main(int argc, char** argv) {
   options.dataDir = root + "/emulator";
   KOEmulator emulator(options);
   emulator.reset();
-  emulator.seed(R"({"config": {"l_e": 1, "tkn": "demo-log-token", "e_b_c": 25}})");
-  const int port = emulator.start(0);
-  device.setServiceEndpoints(KOServiceEndpoints::local("127.0.0.1", port));
-  KOLogger::debug(1);
+  emulator.seed(R"({"config": {"l_e": 0, "e_b_c": 30}})");
+  device.setServiceEndpoints(KOServiceEndpoints::local("127.0.0.1", emulator.start(0)));
+  Demo demo(device, emulator);
+  Kovantis& sdk = Kovantis::sharedInstance();
+  Kovantis::debug(2);  // the SDK's console: exceptions and errors only
 
   std::printf("Kovantis SDK %s on a simulated %s (%s %s); emulator at %s\n", LIBRARY_VERSION,
               KovantisUtils::getDeviceModel().c_str(), device.profile().systemName().c_str(),
               KovantisUtils::getDeviceSystemVersion().c_str(), emulator.baseURL().c_str());
-  if (reinstall) std::printf("(the app was deleted and installed again: the keychain kept the persistent id)\n");
 
-  section("Identity");
-  KovantisUtils::saveAppId(KOValue("kovantis-demo-app"));
+  section("Launch");
+  device.launch();
+  sdk.initializeWithApiKey(KOValue("kovantis-demo-app"));
+  sdk.appStatus(KOAppStatusInstall);
+  step("initialised with app id", KovantisUtils::getAppId().description());
   step("vendor id", KovantisUtils::getIdentifierForVendor());
-  step("persistent id", KovantisUtils::persistentDeviceId());
-  step("advertising id", KovantisUtils::advertiserID().description());
-  step("GMT seconds / local time", KovantisUtils::getGMTtime() + " / " + KovantisUtils::getLocalTime());
-  step("preference file", device.standardPreferencesPath());
+  step("persistent id (keychain)", KovantisUtils::persistentDeviceId());
+  step("install or reinstall", reinstall ? "reinstall: the keychain remembered this phone" : "first run or same install");
+  device.becomeActive();
+  step("app became active", "session started");
 
-  section("Service");
-  KOServerInterface& server = KOServerInterface::sharedInstance();
-  step("device add", sendAndWait(device, [&](auto done) { server.initializeWith({}, done); }) ? "accepted" : "FAILED");
-  server.getConfigForKovantis();
-  KOPreferenceStore& prefs = device.preferences().standard();
-  device.runMainUntil([&] { return !prefs.objectForKey(kConfigLastUpdatedKey).isNil(); }, 10);
-  step("configuration", "remote logging " + prefs.objectForKey(kShouldSendToLogEntries).description() +
-                            ", batch size " + prefs.objectForKey(kEventsBatchCount).description() + ", log token " +
-                            prefs.objectForKey(kLogEntriesTokenKey).description());
-  server.getConfigForKovantis();
-  step("configuration again", "skipped: asked less than an hour ago");
+  section("User");
+  sdk.setUserUniqueID(KOValue("user-1001"));
+  sdk.setUserEmailID(KOValue("ada@example.com"));
+  sdk.setUserEmailID(KOValue("ada@example.com"));
+  sdk.setUserGender(KOUserGenderFemale);
+  sdk.setUserDateOfBirth(KOValue(KODate{-1000000000}));
+  sdk.setUserLocationLatitude(12.9716, 77.5946);
+  step("attributes set", "id, e-mail (twice: sent once), gender, birthday, location");
 
-  emulator.injectFault(KOEmulatorFault{"/v2/device/add", 503, 0, false, 1, 1.0});
-  step("device add (503 injected)",
-       sendAndWait(device, [&](auto done) { server.initializeWith({}, done); }) ? "accepted?!" : "failed, as injected");
-  device.runMainUntil([&] { return !emulator.logs().empty(); }, 10);
-  step("remote log records", std::to_string(emulator.logs().size()) +
-                                 (emulator.logs().empty() ? "" : ": " + emulator.logs()[0].msg.substr(0, 60) + "..."));
-
-  section("What the emulator received");
-  for (const auto& r : emulator.requests()) {
-    std::printf("  %-4s %-22s -> %d%s\n", r.method.c_str(), r.path.c_str(), r.status,
-                r.fault.empty() ? "" : (" (" + r.fault + ")").c_str());
+  section("Events");
+  for (int i = 0; i < 40; ++i) {
+    sdk.trackEvent(KOValue("PRODUCT_VIEWED"),
+                   KOValue(KODictionary{{"sku", "SKU-" + std::to_string(1000 + i)}, {"price", 19.99 + i},
+                                        {"quantity", 1 + i % 3}, {"in_stock", i % 4 != 0},
+                                        {"viewed_at", KODate{1700000000.0 + i}}}));
   }
-  const auto devices = emulator.devices();
-  if (!devices.empty()) {
-    step("registered device", devices[0].model + " " + devices[0].osVer + ", " + devices[0].deviceUniqueId);
-  }
+  KOPayloadBuilder checkout(std::make_shared<KODictionary>(KODictionary{{"order", "A-77"}, {"total", 59.97}}));
+  checkout.setDate(KOValue(KODate{1700003600}), "delivery");
+  checkout.setLocationLat(12.9716, 77.5946, "store");
+  sdk.trackEvent(KOValue("CHECKOUT"), checkout);
+  step("tracked", "40 product views with typed attributes, 1 checkout with a date and a place");
+  step("the 30th record cut a batch", "and synced it at once; the rest wait in memory");
 
-  section("SDK console (debug level 1: every line)");
-  for (const auto& l : device.console().lines()) std::printf("  | %s\n", l.c_str());
+  demo.settle();
+
+  section("Background and back");
+  device.resignActive();
+  step("app resigned active", "session end, sync inside background task \"KOVTask\"");
+  device.enterBackground();
+  demo.settle();
+  step("background tasks still open", std::to_string(device.application().activeBackgroundTasks().size()));
+  step("reports the service accepted", std::to_string(emulator.batches().size()));
+
+  section("A sync that fails, and its retry");
+  emulator.injectFault(KOEmulatorFault{"/v2/report/add", 503, 0, false, -1, 1.0});
+  device.enterForeground();
+  device.becomeActive();
+  for (int i = 0; i < 5; ++i) sdk.trackEvent(KOValue("SEARCH"), KOValue(KODictionary{{"query", "shoes " + std::to_string(i)}}));
+  sdk.syncNow();
+  demo.settle();
+  step("service answered", "503 (injected)");
+  step("batch kept in the batch file", demo.storedBatches());
+  emulator.clearFaults();
+  demo.flush();
+  step("retried under the same id", "batch file now: " + demo.storedBatches());
+
+  section("Logout");
+  sdk.resetUser();
+  demo.flush();
+  device.runMainUntil([&] { return demo.received("/v2/device/add") > 0; }, 10);
+  demo.settle();
+  step("logout sent, user data cleared", "device registered again: " + std::to_string(demo.received("/v2/device/add")) +
+                                             " device add call(s)");
+
+  section("What the service stored");
+  std::map<std::string, int> byName;
+  for (const auto& e : emulator.events()) ++byName[e.name];
+  for (const auto& [name, count] : byName) step(name, std::to_string(count));
+  step("batches / duplicates refused", std::to_string(emulator.batches().size()) + " / " +
+                                           std::to_string(emulator.duplicates().size()));
+  std::size_t failed = 0;
+  for (const auto& r : emulator.requests("/v2/report/add")) failed += r.status != 200;
+  step("report requests (failed)", std::to_string(emulator.requests("/v2/report/add").size()) + " (" +
+                                       std::to_string(failed) + ")");
+
+  const auto lines = device.console().lines();
+  if (!lines.empty()) {
+    section("SDK console (exceptions and errors)");
+    for (const auto& l : lines) std::printf("  | %s\n", l.c_str());
+  }
   KOServerInterface::sharedInstance().httpClient().closeIdleConnections();
   emulator.stop();
   return 0;

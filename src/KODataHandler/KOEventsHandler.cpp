@@ -52,6 +52,16 @@ std::int64_t KOEventsHandler::nowMilliseconds() const {
   return static_cast<std::int64_t>(KovantisDateUtils::now() * 1000.0);
 }
 
+std::uint64_t KOEventsHandler::eventsBatchCountTreshold() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return threshold_;
+}
+
+void KOEventsHandler::setEventsBatchCountTreshold(std::uint64_t threshold) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  threshold_ = threshold > 0 ? threshold : 1;
+}
+
 bool KOEventsHandler::syncInProgress() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return syncInProgress_;
@@ -80,14 +90,27 @@ void KOEventsHandler::ensureLoadedLocked() {
 // ------------------------------------------------------------------------------------- tracking
 
 std::string KOEventsHandler::recordJSON(const std::string& name, const KOValue* attributes, const KODictionary* custom) {
-  KODictionary record;
-  record.reserve(5);
-  record.set("EVENT_ACTION", KOValue(name));
-  if (attributes) record.set("EVENT_ATTRS", *attributes);
-  if (custom) record.set("EVENT_ATTRS_CUST", KOValue(*custom));
-  record.set("EVENT_G_TIME", KOValue(KovantisUtils::getGMTtime()));
-  record.set("EVENT_L_TIME", KOValue(KovantisUtils::getLocalTime()));
-  return KOJSONSerialization::write(KOValue(std::move(record)));
+  // Written field by field, in the record's key order, without building the record itself.
+  std::string json;
+  json.reserve(256);
+  json += "{\"EVENT_ACTION\":";
+  KOJSONSerialization::writeTo(KOValue(name), json);
+  if (attributes) {
+    json += ",\"EVENT_ATTRS\":";
+    KOJSONSerialization::writeTo(*attributes, json);
+  }
+  if (custom) {
+    json += ",\"EVENT_ATTRS_CUST\":";
+    KOJSONSerialization::writeTo(KOValue(*custom), json);
+  }
+  // Both times are digits and colons: nothing to escape.
+  json += ",\"EVENT_G_TIME\":\"";
+  json += KovantisUtils::getGMTtime();
+  json += "\",\"EVENT_L_TIME\":\"";
+  json += KovantisUtils::getLocalTime();
+  json += "\"}";
+  json.shrink_to_fit();  // records wait in memory until their cut: hold no slack
+  return json;
 }
 
 void KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload) {
@@ -107,7 +130,12 @@ void KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload)
       append(recordJSON(name.stringValue(), nullptr, nullptr));
       return;
     }
-    const KOValue attributes(KovantisUtils::transformPayloadForIncompatibleTypes(andPayload.dictionaryValue()));
+    const KODictionary& given = andPayload.dictionaryValue();
+    if (!KovantisUtils::payloadNeedsTransform(given)) {
+      append(recordJSON(name.stringValue(), &andPayload, nullptr));
+      return;
+    }
+    const KOValue attributes(KovantisUtils::transformPayloadForIncompatibleTypes(given));
     append(recordJSON(name.stringValue(), &attributes, nullptr));
   } catch (const std::exception& e) {
     logException(KO_HERE, this, "Kovantis - exception is %@", e);

@@ -44,7 +44,9 @@ class KOEventsHandler {
   KOArray getEventsFromDumpFile() const;
   void removeDatFile();
 
-  std::uint64_t eventsBatchCountTreshold() const { return threshold_; }
+  std::uint64_t eventsBatchCountTreshold() const;
+  /// Records per batch; the configuration's value applies from the next start.
+  void setEventsBatchCountTreshold(std::uint64_t threshold);
   bool syncInProgress() const;
   /// Records tracked and not yet cut into a batch.
   std::size_t eventsInMemory() const;

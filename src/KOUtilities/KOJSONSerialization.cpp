@@ -123,7 +123,15 @@ class ValueBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Valu
   bool tooDeep_ = false;
 };
 
-using Writer = rapidjson::Writer<rapidjson::StringBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>,
+// Writes straight into the caller's string: no intermediate buffer to allocate and copy.
+struct StringOutput {
+  using Ch = char;
+  std::string* out;
+  void Put(char c) { out->push_back(c); }
+  void Flush() {}
+};
+
+using Writer = rapidjson::Writer<StringOutput, rapidjson::UTF8<>, rapidjson::UTF8<>,
                                  rapidjson::CrtAllocator, rapidjson::kWriteValidateEncodingFlag>;
 
 void writeValue(Writer& w, const KOValue& v, int depth) {
@@ -197,10 +205,15 @@ KOValue KOJSONSerialization::parse(std::string_view text) {
 }
 
 void KOJSONSerialization::writeTo(const KOValue& value, std::string& out) {
-  rapidjson::StringBuffer buffer;
-  Writer writer(buffer);
-  writeValue(writer, value, 0);
-  out.append(buffer.GetString(), buffer.GetSize());
+  const std::size_t before = out.size();
+  try {
+    StringOutput output{&out};
+    Writer writer(output);
+    writeValue(writer, value, 0);
+  } catch (...) {
+    out.resize(before);  // nothing half-written is left behind
+    throw;
+  }
 }
 
 std::string KOJSONSerialization::write(const KOValue& value) {

@@ -128,8 +128,11 @@ bool KovantisUtils::isUserRegisteredForV2() { return !fetch(KO_REGISTER_V2).isNi
 
 // ---------------------------------------------------------------------------------------- time
 
+// Both time strings are on every event record: formatted straight into a buffer.
 std::string KovantisUtils::getGMTtime() {
-  return KOStringFormat::format("%lli", {KOValue(static_cast<std::int64_t>(std::floor(KovantisDateUtils::now())))});
+  char buf[24];
+  const int n = std::snprintf(buf, sizeof buf, "%lli", static_cast<long long>(std::floor(KovantisDateUtils::now())));
+  return std::string(buf, static_cast<std::size_t>(n));
 }
 
 std::string KovantisUtils::getLocalTime() {
@@ -137,9 +140,10 @@ std::string KovantisUtils::getLocalTime() {
   const auto local = static_cast<std::time_t>(std::floor(now) + static_cast<double>(platform().locale->secondsFromGMT(now)));
   std::tm tm{};
   gmtime_r(&local, &tm);
-  return KOStringFormat::format("%li:%li:%li:%li:%li:%li",
-                                {KOValue(tm.tm_mday), KOValue(tm.tm_mon + 1), KOValue(tm.tm_year + 1900),
-                                 KOValue(tm.tm_hour), KOValue(tm.tm_min), KOValue(tm.tm_sec)});
+  char buf[64];
+  const int n = std::snprintf(buf, sizeof buf, "%d:%d:%d:%d:%d:%d", tm.tm_mday, tm.tm_mon + 1, tm.tm_year + 1900,
+                              tm.tm_hour, tm.tm_min, tm.tm_sec);
+  return std::string(buf, static_cast<std::size_t>(n));
 }
 
 // ------------------------------------------------------------------------------------ payloads
@@ -156,6 +160,21 @@ KOValue KovantisUtils::hexTokenForData(const KOValue& data) {
     out += digits[bytes[i] & 15];
   }
   return KOValue(std::move(out));
+}
+
+bool KovantisUtils::payloadNeedsTransform(const KODictionary& payload) {
+  for (const auto& [key, value] : payload) {
+    switch (value.kind()) {
+      case KOValue::Kind::Data:
+      case KOValue::Kind::URL:
+      case KOValue::Kind::Null:
+      case KOValue::Kind::Date:
+      case KOValue::Kind::Dictionary:
+      case KOValue::Kind::Nil: return true;
+      default: break;
+    }
+  }
+  return false;
 }
 
 KODictionary KovantisUtils::transformPayloadForIncompatibleTypes(const KODictionary& payload) {

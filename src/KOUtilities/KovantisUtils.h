@@ -66,6 +66,8 @@ class KovantisUtils {
   /// Makes an attribute dictionary storable as JSON: data to hex, URL to text, null to "", date to
   /// seconds, dictionaries recursively. Arrays are left as they are.
   static KODictionary transformPayloadForIncompatibleTypes(const KODictionary& payload);
+  /// Whether the transformation would change anything (the common payload needs none).
+  static bool payloadNeedsTransform(const KODictionary& payload);
 
   // Screen and text.
   static double screenWidth();

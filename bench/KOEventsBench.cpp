@@ -1,0 +1,110 @@
+// The event path: one tracked event, a batch cut with its file write as stored batches grow, and
+// events tracked until the local emulator accepted them.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include <memory>
+
+#include "KODataHandler/KOBatchStore.h"
+#include "KODataHandler/KOEventsHandler.h"
+#include "KOEmulator.h"
+#include "KOUtilities/KovantisUtils.h"
+#include "Network/KOServerInterface.h"
+#include "Sim/KOSimDevice.h"
+#include "kovantis/Kovantis.h"
+
+namespace {
+
+struct Rig {
+  KOSimDevice device;
+  std::unique_ptr<KOEmulator> emulator;
+  Rig() {
+    device.install();
+    KOEmulator::Options options;
+    options.dataDir = device.rootDirectory() + "/emulator";
+    emulator = std::make_unique<KOEmulator>(options);
+    device.setServiceEndpoints(KOServiceEndpoints::local("127.0.0.1", emulator->start(0)));
+    KovantisUtils::saveAppId(KOValue("bench-app"));
+  }
+};
+
+Rig& rig() {
+  static auto* r = new Rig();
+  return *r;
+}
+
+// Five attributes: three strings, an integer and a real.
+const KOValue& payload() {
+  static const KOValue p(KODictionary{{"sku", "SKU-12345"}, {"category", "shoes"}, {"brand", "kovantis"},
+                                      {"quantity", 2}, {"price", 49.99}});
+  return p;
+}
+
+std::size_t heapInUse() { return mallinfo2().uordblks; }
+
+// One trackEvent, no batch cut (the threshold is out of reach), in a fixed number of iterations so
+// that callgrind can count instructions per event.
+void BM_TrackEvent(benchmark::State& state) {
+  rig();
+  KOEventsHandler& events = KOEventsHandler::sharedInstance();
+  events.setEventsBatchCountTreshold(UINT64_MAX);
+  const KOValue name("PRODUCT_VIEWED");
+  const std::size_t before = heapInUse();
+  const std::size_t eventsBefore = events.eventsInMemory();
+  for (auto _ : state) events.trackEvent(name, payload());
+  const std::size_t held = events.eventsInMemory() - eventsBefore;
+  state.counters["heap_bytes_per_event"] = held ? static_cast<double>(heapInUse() - before) / static_cast<double>(held) : 0;
+  events.getBatchesWithViewsArray(false);
+}
+BENCHMARK(BM_TrackEvent)->Iterations(100000);
+
+// A cut of 30 records plus the whole-file write, with `range(0)` batches already stored.
+void BM_BatchCut(benchmark::State& state) {
+  Rig& r = rig();
+  const std::string path = r.device.documentsDirectory() + "/BatchCutBench.plist";
+  std::vector<std::string> records;
+  for (int i = 0; i < 30; ++i) {
+    records.push_back(KOEventsHandler::recordJSON("PRODUCT_VIEWED", &payload(), nullptr));
+  }
+  KOBatchStore store(path);
+  for (std::int64_t i = 0; i < state.range(0); ++i) store.add(records, 1700000000000 + i);
+  KOBatchStore::fileText(store.snapshot());  // stored batches have their fragments already
+  for (auto _ : state) {
+    const std::string id = store.add(records, 1800000000000);
+    KOBatchStore::write(r.device.files(), path, store.snapshot());
+    state.PauseTiming();
+    store.remove(id);
+    state.ResumeTiming();
+  }
+  state.counters["stored_batches"] = static_cast<double>(state.range(0));
+}
+BENCHMARK(BM_BatchCut)->Arg(1)->Arg(10)->Arg(100)->Arg(1000)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// Events tracked until the emulator accepted every one, over loopback.
+void BM_EndToEnd(benchmark::State& state) {
+  Rig& r = rig();
+  Kovantis& sdk = Kovantis::sharedInstance();
+  KOEventsHandler& events = KOEventsHandler::sharedInstance();
+  events.setEventsBatchCountTreshold(30);
+  const auto perIteration = static_cast<std::size_t>(state.range(0));
+  const KOValue name("PRODUCT_VIEWED");
+  for (auto _ : state) {
+    state.PauseTiming();
+    r.emulator->reset();
+    state.ResumeTiming();
+    for (std::size_t i = 0; i < perIteration; ++i) sdk.trackEvent(name, payload());
+    r.device.runMainUntil(
+        [&] {
+          if (events.syncInProgress() || !r.device.dispatch().backgroundIdle()) return false;
+          if (events.storedBatchCount() == 0 && events.eventsInMemory() == 0) return true;
+          sdk.syncNow();
+          return false;
+        },
+        120);
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * perIteration));
+  state.counters["events_stored"] = static_cast<double>(r.emulator->events().size());
+}
+BENCHMARK(BM_EndToEnd)->Arg(30000)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
