@@ -1,6 +1,7 @@
 #include "KovantisUtils.h"
 
 #include <charconv>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -128,22 +129,33 @@ bool KovantisUtils::isUserRegisteredForV2() { return !fetch(KO_REGISTER_V2).isNi
 
 // ---------------------------------------------------------------------------------------- time
 
-// Both time strings are on every event record: formatted straight into a buffer.
+// Both time strings are on every event record: made with to_chars, and the local one reused
+// within the same second.
 std::string KovantisUtils::getGMTtime() {
   char buf[24];
-  const int n = std::snprintf(buf, sizeof buf, "%lli", static_cast<long long>(std::floor(KovantisDateUtils::now())));
-  return std::string(buf, static_cast<std::size_t>(n));
+  const auto result = std::to_chars(buf, buf + sizeof buf, static_cast<long long>(std::floor(KovantisDateUtils::now())));
+  return std::string(buf, result.ptr);
 }
 
 std::string KovantisUtils::getLocalTime() {
   const double now = KovantisDateUtils::now();
-  const auto local = static_cast<std::time_t>(std::floor(now) + static_cast<double>(platform().locale->secondsFromGMT(now)));
+  const auto local = static_cast<std::int64_t>(std::floor(now)) + platform().locale->secondsFromGMT(now);
+  thread_local std::int64_t cachedSecond = INT64_MIN;
+  thread_local std::string cached;
+  if (local == cachedSecond) return cached;
+  const auto seconds = static_cast<std::time_t>(local);
   std::tm tm{};
-  gmtime_r(&local, &tm);
+  gmtime_r(&seconds, &tm);
   char buf[64];
-  const int n = std::snprintf(buf, sizeof buf, "%d:%d:%d:%d:%d:%d", tm.tm_mday, tm.tm_mon + 1, tm.tm_year + 1900,
-                              tm.tm_hour, tm.tm_min, tm.tm_sec);
-  return std::string(buf, static_cast<std::size_t>(n));
+  char* p = buf;
+  const int parts[] = {tm.tm_mday, tm.tm_mon + 1, tm.tm_year + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec};
+  for (std::size_t i = 0; i < 6; ++i) {
+    if (i) *p++ = ':';
+    p = std::to_chars(p, buf + sizeof buf, parts[i]).ptr;
+  }
+  cached.assign(buf, p);
+  cachedSecond = local;
+  return cached;
 }
 
 // ------------------------------------------------------------------------------------ payloads

@@ -115,9 +115,9 @@ bool KOSimDispatch::runMainUntil(const std::function<bool()>& condition, double 
     if (condition()) return true;
     if (Clock::now() >= deadline) return false;
     // Wake for new main-queue work at once; otherwise look at the condition again shortly, since
-    // it may depend on work finishing on another thread.
+    // it may depend on work finishing on another thread (a network completion, say).
     std::unique_lock<std::mutex> lock(mutex_);
-    mainCv_.wait_until(lock, std::min(deadline, Clock::now() + std::chrono::milliseconds(5)),
+    mainCv_.wait_until(lock, std::min(deadline, Clock::now() + std::chrono::microseconds(250)),
                        [this] { return !mainQueue_.empty() || stopping_; });
     if (stopping_) return condition();
   }
@@ -125,7 +125,11 @@ bool KOSimDispatch::runMainUntil(const std::function<bool()>& condition, double 
 
 bool KOSimDispatch::backgroundIdle() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return backgroundQueue_.empty() && backgroundRunning_ == 0;
+  if (!backgroundQueue_.empty() || backgroundRunning_ != 0) return false;
+  for (const auto& [token, timer] : timers_) {
+    if (!timer.onMain) return false;  // delayed background work is work still to come
+  }
+  return true;
 }
 
 void KOSimDispatch::backgroundLoop() {

@@ -33,7 +33,7 @@ class KOSimDispatch : public KODispatch {
   std::size_t pumpMain();
   /// Pumps the main queue until the condition holds or the timeout passes; returns the condition.
   bool runMainUntil(const std::function<bool()>& condition, double timeoutSeconds);
-  /// True when no background work is queued or running.
+  /// True when no background work is queued, delayed or running.
   bool backgroundIdle() const;
   /// Stops the threads; queued work is dropped. Called by the destructor.
   void shutdown();
