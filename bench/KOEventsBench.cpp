@@ -7,31 +7,13 @@
 
 #include "KODataHandler/KOBatchStore.h"
 #include "KODataHandler/KOEventsHandler.h"
-#include "KOEmulator.h"
+#include "KOBenchRig.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Network/KOServerInterface.h"
-#include "Sim/KOSimDevice.h"
 #include "kovantis/Kovantis.h"
 
 namespace {
 
-struct Rig {
-  KOSimDevice device;
-  std::unique_ptr<KOEmulator> emulator;
-  Rig() {
-    device.install();
-    KOEmulator::Options options;
-    options.dataDir = device.rootDirectory() + "/emulator";
-    emulator = std::make_unique<KOEmulator>(options);
-    device.setServiceEndpoints(KOServiceEndpoints::local("127.0.0.1", emulator->start(0)));
-    KovantisUtils::saveAppId(KOValue("bench-app"));
-  }
-};
-
-Rig& rig() {
-  static auto* r = new Rig();
-  return *r;
-}
 
 // Five attributes: three strings, an integer and a real.
 const KOValue& payload() {
@@ -45,7 +27,7 @@ std::size_t heapInUse() { return mallinfo2().uordblks; }
 // One trackEvent, no batch cut (the threshold is out of reach), in a fixed number of iterations so
 // that callgrind can count instructions per event.
 void BM_TrackEvent(benchmark::State& state) {
-  rig();
+  KOBenchRig::shared();
   KOEventsHandler& events = KOEventsHandler::sharedInstance();
   events.setEventsBatchCountTreshold(UINT64_MAX);
   const KOValue name("PRODUCT_VIEWED");
@@ -60,7 +42,7 @@ BENCHMARK(BM_TrackEvent)->Iterations(100000);
 
 // A cut of 30 records plus the whole-file write, with `range(0)` batches already stored.
 void BM_BatchCut(benchmark::State& state) {
-  Rig& r = rig();
+  KOBenchRig& r = KOBenchRig::shared();
   const std::string path = r.device.documentsDirectory() + "/BatchCutBench.plist";
   std::vector<std::string> records;
   for (int i = 0; i < 30; ++i) {
@@ -82,7 +64,7 @@ BENCHMARK(BM_BatchCut)->Arg(1)->Arg(10)->Arg(100)->Arg(1000)->Unit(benchmark::kM
 
 // Events tracked until the emulator accepted every one, over loopback.
 void BM_EndToEnd(benchmark::State& state) {
-  Rig& r = rig();
+  KOBenchRig& r = KOBenchRig::shared();
   Kovantis& sdk = Kovantis::sharedInstance();
   KOEventsHandler& events = KOEventsHandler::sharedInstance();
   events.setEventsBatchCountTreshold(30);

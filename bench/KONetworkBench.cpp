@@ -5,31 +5,13 @@
 #include <atomic>
 #include <memory>
 
-#include "KOEmulator.h"
+#include "KOBenchRig.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Network/KOServerInterface.h"
-#include "Sim/KOSimDevice.h"
 
 namespace {
 
 // One device and one emulator for the whole run: the SDK's handlers are process-wide.
-struct Rig {
-  KOSimDevice device;
-  std::unique_ptr<KOEmulator> emulator;
-  Rig() {
-    device.install();
-    KOEmulator::Options options;
-    options.dataDir = device.rootDirectory() + "/emulator";
-    emulator = std::make_unique<KOEmulator>(options);
-    device.setServiceEndpoints(KOServiceEndpoints::local("127.0.0.1", emulator->start(0)));
-    KovantisUtils::saveAppId(KOValue("bench-app"));
-  }
-};
-
-Rig& rig() {
-  static auto* r = new Rig();
-  return *r;
-}
 
 KOValue reportBody(int events) {
   KOArray views;
@@ -42,14 +24,14 @@ KOValue reportBody(int events) {
 }
 
 void BM_UniversalParams(benchmark::State& state) {
-  rig();
+  KOBenchRig::shared();
   KOServerInterface& server = KOServerInterface::sharedInstance();
   for (auto _ : state) benchmark::DoNotOptimize(server.getUniversalParams());
 }
 BENCHMARK(BM_UniversalParams);
 
 void BM_ReportRequestBuild(benchmark::State& state) {
-  rig();
+  KOBenchRig::shared();
   KOServerInterface& server = KOServerInterface::sharedInstance();
   const KOValue body = reportBody(30);
   for (auto _ : state) {
@@ -62,7 +44,7 @@ BENCHMARK(BM_ReportRequestBuild);
 
 // Requests per second over loopback with `inFlight` reports outstanding at a time.
 void BM_ReportRoundTrip(benchmark::State& state) {
-  Rig& r = rig();
+  KOBenchRig& r = KOBenchRig::shared();
   KOServerInterface& server = KOServerInterface::sharedInstance();
   const auto inFlight = static_cast<int>(state.range(0));
   const KOValue body = reportBody(30);
