@@ -23,12 +23,12 @@ std::string KOStringFormat::format(std::string_view fmt, const KOArray& args) {
       i = j;
       continue;
     }
-    std::string spec = "%";
-    while (j < fmt.size() && std::strchr("-+ #0", fmt[j]) && fmt[j] != '\0') spec += fmt[j++];
-    while (j < fmt.size() && std::isdigit(static_cast<unsigned char>(fmt[j]))) spec += fmt[j++];
+    std::string conversion = "%";
+    while (j < fmt.size() && std::strchr("-+ #0", fmt[j]) && fmt[j] != '\0') conversion += fmt[j++];
+    while (j < fmt.size() && std::isdigit(static_cast<unsigned char>(fmt[j]))) conversion += fmt[j++];
     if (j < fmt.size() && fmt[j] == '.') {
-      spec += fmt[j++];
-      while (j < fmt.size() && std::isdigit(static_cast<unsigned char>(fmt[j]))) spec += fmt[j++];
+      conversion += fmt[j++];
+      while (j < fmt.size() && std::isdigit(static_cast<unsigned char>(fmt[j]))) conversion += fmt[j++];
     }
     while (j < fmt.size() && std::strchr("hlqLzjt", fmt[j]) && fmt[j] != '\0') ++j;  // lengths: we print 64-bit
     if (j >= fmt.size()) {
@@ -69,13 +69,13 @@ std::string KOStringFormat::format(std::string_view fmt, const KOArray& args) {
           out += arg ? arg->description() : "(null)";
           break;
         }
-        spec += (conv == 'd' || conv == 'i') ? "lld" : (conv == 'c' ? "c" : std::string("ll") + conv);
+        conversion += (conv == 'd' || conv == 'i') ? "lld" : (conv == 'c' ? "c" : std::string("ll") + conv);
         if (conv == 'c') {
-          std::snprintf(buf, sizeof buf, spec.c_str(), static_cast<int>(arg->intValue()));
+          std::snprintf(buf, sizeof buf, conversion.c_str(), static_cast<int>(arg->intValue()));
         } else if (conv == 'd' || conv == 'i') {
-          std::snprintf(buf, sizeof buf, spec.c_str(), static_cast<long long>(arg->intValue()));
+          std::snprintf(buf, sizeof buf, conversion.c_str(), static_cast<long long>(arg->intValue()));
         } else {
-          std::snprintf(buf, sizeof buf, spec.c_str(), static_cast<unsigned long long>(arg->intValue()));
+          std::snprintf(buf, sizeof buf, conversion.c_str(), static_cast<unsigned long long>(arg->intValue()));
         }
         out += buf;
         break;
@@ -91,13 +91,13 @@ std::string KOStringFormat::format(std::string_view fmt, const KOArray& args) {
           out += arg ? arg->description() : "(null)";
           break;
         }
-        spec += conv;
-        std::snprintf(buf, sizeof buf, spec.c_str(), arg->doubleValue());
+        conversion += conv;
+        std::snprintf(buf, sizeof buf, conversion.c_str(), arg->doubleValue());
         out += buf;
         break;
       }
       default:
-        out += spec;
+        out += conversion;
         out += conv;
         break;
     }
