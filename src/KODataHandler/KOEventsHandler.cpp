@@ -327,7 +327,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
             std::lock_guard<std::mutex> lock(round->mutex);
             failed = round->failed;
           }
-          syncAttemptCompletedInBackground(request.inBackground, request.reset, round->ids, std::move(failed));
+          syncAttemptCompletedInBackground(request.inBackground, request.reset, std::move(failed));
         }
       });
     }
@@ -343,7 +343,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
 }
 
 void KOEventsHandler::syncAttemptCompletedInBackground(bool inBackground, bool andForReset,
-                                                       std::vector<std::string> sent, std::vector<std::string> failed) {
+                                                       std::vector<std::string> failed) {
   try {
     std::optional<SyncRequest> queuedReset;
     KOBackgroundTaskIdentifier task = KOBackgroundTaskInvalid;
@@ -362,7 +362,6 @@ void KOEventsHandler::syncAttemptCompletedInBackground(bool inBackground, bool a
       task = bgTask_;
       if (inBackground) bgTask_ = KOBackgroundTaskInvalid;
     }
-    (void)sent;
     if (failed.empty()) {
       logInfo("Kovantis - sync performed for all the batches successfully");
     } else if (andForReset) {

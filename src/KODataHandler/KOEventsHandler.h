@@ -68,8 +68,8 @@ class KOEventsHandler {
 
   void append(std::string recordJSON);
   void runSync(SyncRequest request);
-  void syncAttemptCompletedInBackground(bool inBackground, bool andForReset, std::vector<std::string> sent,
-                                        std::vector<std::string> failed);
+  /// The end of a sync: `failed` are the batches it sent that the service did not accept.
+  void syncAttemptCompletedInBackground(bool inBackground, bool andForReset, std::vector<std::string> failed);
   /// Cuts the records in memory into a batch and has the file written; the caller holds the lock.
   bool cutLocked();
   /// Has the batch file brought up to date with the store. Writes run one at a time on the shared
