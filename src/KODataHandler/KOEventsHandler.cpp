@@ -303,11 +303,11 @@ void KOEventsHandler::runSync(SyncRequest request) {
         try {
           if (success) {
             {
-              // Accepted: never sent again while this process lives, and out of the file soon, so
-              // that a crash resends as little as possible.
+              // Accepted: never sent again while this process lives. It leaves the file with the
+              // next write (at the latest when this sync ends); should the process die before,
+              // the service recognises the resent batch by its id.
               std::lock_guard<std::mutex> lock(mutex_);
               store_.remove(id);
-              persistLocked();
             }
             logInfo(KOStringFormat::format("Kovantis - sync success from batch %@", {KOValue(id)}));
           } else {

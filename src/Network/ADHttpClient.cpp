@@ -125,12 +125,13 @@ struct ADHttpClient::Impl {
     t.easy = nullptr;
     t.headers = nullptr;
     if (error) t.outcome.error = error;
+    // No longer in flight once its outcome is known, before anyone hears of it.
+    --inFlight;
     try {
       t.done(std::move(t.outcome));
     } catch (const std::exception& e) {
       KOLogger::logPlain(KOStringFormat::format("Kovantis - Exception : %@", {KOValue(e.what())}));
     }
-    --inFlight;
   }
 
   bool start(Transfer& t) {

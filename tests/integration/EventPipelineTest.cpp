@@ -159,7 +159,10 @@ TEST_F(EventPipelineTest, AResetDuringARunningSyncRunsAfterIt) {
   emulator().injectFault(KOEmulatorFault{"/v2/report/add", 0, 300, false, 1, 1.0});
   sdk().trackEvent(KOValue("BEFORE"), KOValue());
   sdk().syncNow();
-  ASSERT_TRUE(waitFor([&] { return events().syncInProgress(); }));
+  // That sync has cut BEFORE into its own batch and is waiting for the stalled service.
+  ASSERT_TRUE(waitFor([&] {
+    return events().syncInProgress() && events().eventsInMemory() == 0 && events().storedBatchCount() == 1;
+  }));
   sdk().resetUser();
   ASSERT_TRUE(waitFor([&] { return storedNames("KOV_LOGOUT").size() == 1; }));
   const auto names = storedNames("");
