@@ -169,6 +169,8 @@ TEST_F(EventPipelineTest, AResetDuringARunningSyncRunsAfterIt) {
   ASSERT_EQ(names.size(), 2u);
   EXPECT_EQ(names[0], "BEFORE");
   EXPECT_EQ(names[1], "KOV_LOGOUT");
+  // The emulator records a request once it answered, a moment after storing its events.
+  ASSERT_TRUE(waitForRequests("/v2/report/add", 2));
   const auto reports = emulator().requests("/v2/report/add");
   ASSERT_EQ(reports.size(), 2u);
   EXPECT_LT(reports[0].time, reports[1].time);
