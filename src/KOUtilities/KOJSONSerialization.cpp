@@ -186,7 +186,12 @@ KOValue KOJSONSerialization::parse(std::string_view text) {
   if (text.size() >= std::numeric_limits<rapidjson::SizeType>::max()) throw KOParseError("JSON text too large");
   // Parsed in place on a copy: numbers then reach the handler as text inside the buffer (the
   // reader's copying path for number text reuses memory it has just released).
-  std::string buffer(text);
+  // The reader's UTF-8 check takes the rest of a multi-byte sequence without looking for the end
+  // of the text: a few NUL bytes of padding keep a sequence cut short at the end inside the buffer.
+  std::string buffer;
+  buffer.reserve(text.size() + 4);
+  buffer.assign(text);
+  buffer.append(4, '\0');
   rapidjson::InsituStringStream stream(buffer.data());
   ValueBuilder builder;
   rapidjson::Reader reader;

@@ -108,6 +108,8 @@ TEST(KOJSONSerialization, RejectsCorruptText) {
   expectRejected(std::string("[1]\0[2]", 7));
   expectRejected(std::string("\"a\0b\"", 5));
   expectRejected(std::string("[1,\0 2]", 7));
+  // Found by fuzzing: a multi-byte character cut short at the very end of the text.
+  for (const char* cut : {"{\"a\":\"\xE2", "{\"e2\xE2", "[\"\xF0\x9F\x98", "\"\xC3"}) expectRejected(cut);
   EXPECT_EQ(KOJSONSerialization::parse(" \n\t[1] \r\n"), KOValue(KOArray{1}));
 
   // An escaped NUL is a character like any other.
