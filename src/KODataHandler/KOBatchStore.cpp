@@ -1,5 +1,7 @@
 #include "KOBatchStore.h"
 
+#include <algorithm>
+
 #include "KOUtilities/KOAtomicFile.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOLogger.h"
@@ -69,12 +71,15 @@ void KOBatchStore::load(const KOFileSystem& fs) {
   }
 }
 
+std::string KOBatchStore::issueId(std::int64_t nowMilliseconds) {
+  // Never an id issued before, even if that batch has left the store: the service takes a batch id
+  // it has seen as a resend and would drop the new batch's events.
+  if (!batches_.empty()) lastIssued_ = std::max<std::int64_t>(lastIssued_, std::stoll(batches_.rbegin()->first));
+  lastIssued_ = nowMilliseconds > lastIssued_ ? nowMilliseconds : lastIssued_ + 1;
+  return std::to_string(lastIssued_);
+}
+
 std::string KOBatchStore::add(const std::vector<std::string>& recordsJSON, std::int64_t nowMilliseconds) {
-  std::int64_t id = nowMilliseconds;
-  if (!batches_.empty()) {
-    const std::int64_t last = std::stoll(batches_.rbegin()->first);
-    if (id <= last) id = last + 1;
-  }
   std::size_t bytes = 2;
   for (const auto& r : recordsJSON) bytes += r.size() + 1;
   std::string array;
@@ -85,7 +90,7 @@ std::string KOBatchStore::add(const std::vector<std::string>& recordsJSON, std::
     array += recordsJSON[i];
   }
   array += ']';
-  std::string key = std::to_string(id);
+  std::string key = issueId(nowMilliseconds);
   batches_[key] = std::make_shared<const Batch>(bodyFor(array, recordsJSON.size()), recordsJSON.size());
   return key;
 }

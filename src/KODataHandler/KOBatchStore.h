@@ -43,8 +43,11 @@ class KOBatchStore {
   bool loaded() const { return loaded_; }
 
   /// Adds a batch of records, each given as its JSON text, under a fresh id from the time in
-  /// milliseconds (moved past any id in use, so two cuts in one millisecond never collide).
+  /// milliseconds, moved past every id issued or loaded before: two cuts in one millisecond never
+  /// share an id, even when the first batch was already accepted and removed.
   std::string add(const std::vector<std::string>& recordsJSON, std::int64_t nowMilliseconds);
+  /// A fresh batch id from the time in milliseconds, past every id issued or loaded before.
+  std::string issueId(std::int64_t nowMilliseconds);
   /// Adds a batch under the given id, replacing one stored there.
   void put(const std::string& id, const KOArray& records);
   bool remove(const std::string& id);
@@ -67,6 +70,7 @@ class KOBatchStore {
  private:
   std::string path_;
   bool loaded_ = false;
+  std::int64_t lastIssued_ = 0;
   // Ids are decimal milliseconds of equal length for centuries, so the map keeps them in the
   // order they were cut.
   std::map<std::string, std::shared_ptr<const Batch>> batches_;

@@ -203,25 +203,35 @@ void KOEventsHandler::writeBatchFile() {
   // The file is what survives the process: a batch is in it from (just after) its cut until the
   // service accepted it. Each pass writes the store as it is at that moment.
   for (;;) {
-    KOBatchStore::Snapshot snapshot;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (!fileDirty_) {
         writerQueued_ = false;
         return;
       }
-      fileDirty_ = false;
-      snapshot = store_.snapshot();
     }
-    try {
-      if (snapshot.empty()) {
-        removeEventsPlistFile();
-      } else {
-        KOBatchStore::write(*platform().fileSystem, store_.path(), snapshot);
-      }
-    } catch (const std::exception& e) {
-      logException(KO_HERE, this, "Kovantis - Exception : %@", e);
+    writeSnapshotNow();
+  }
+}
+
+void KOEventsHandler::writeSnapshotNow() {
+  // One write at a time, each of a snapshot taken after the previous write: the file never goes
+  // back to an older state.
+  std::lock_guard<std::mutex> writing(fileMutex_);
+  KOBatchStore::Snapshot snapshot;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    fileDirty_ = false;
+    snapshot = store_.snapshot();
+  }
+  try {
+    if (snapshot.empty()) {
+      removeEventsPlistFile();
+    } else {
+      KOBatchStore::write(*platform().fileSystem, store_.path(), snapshot);
     }
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - Exception : %@", e);
   }
 }
 
@@ -418,10 +428,15 @@ void KOEventsHandler::syncToServerFromDumpFile() {
     KOArray events = getEventsFromDumpFile();
     if (!events.empty()) {
       logInfo(KOStringFormat::format("Kovantis - syncing events from storage %@", {KOValue(events)}));
-      // The old events become an ordinary batch, in the batch file before the old file goes: a
-      // crash in between loses nothing, and the batch sync that follows sends them exactly like
-      // any other batch (one send, kept until accepted).
-      writeEvents(events, nowMilliseconds());
+      // The old events become an ordinary batch, written to the batch file before the old file
+      // goes: a crash in between loses nothing, and the batch sync that follows sends them
+      // exactly like any other batch (one send, kept until accepted).
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ensureLoadedLocked();
+        store_.put(store_.issueId(nowMilliseconds()), events);
+      }
+      writeSnapshotNow();
     }
     removeDatFile();
   } catch (const std::exception& e) {

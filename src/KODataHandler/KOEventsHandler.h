@@ -76,10 +76,13 @@ class KOEventsHandler {
   /// queue and coalesce: many cuts while one write runs cost one more write, not many.
   void persistLocked();
   void writeBatchFile();
+  /// Writes the store as it is now, waiting for a write under way to finish first.
+  void writeSnapshotNow();
   void ensureLoadedLocked();
   std::int64_t nowMilliseconds() const;
 
   mutable std::mutex mutex_;
+  std::mutex fileMutex_;  // taken before mutex_, never while holding it
   std::vector<std::string> views_;  // records in memory, each as its JSON text
   KOBatchStore store_;
   bool syncInProgress_ = false;

@@ -1,0 +1,46 @@
+#include <gtest/gtest.h>
+
+#include "KODataHandler/KOBatchStore.h"
+#include "KOTestDevice.h"
+#include "KOUtilities/KOJSONSerialization.h"
+#include "KOUtilities/KOPropertyListFile.h"
+
+class KOBatchStoreTest : public KOTestDevice {
+ protected:
+  std::string path() { return device().documentsDirectory() + "/Batches.plist"; }
+};
+
+TEST_F(KOBatchStoreTest, IdsAreNeverReusedWithinAProcess) {
+  KOBatchStore store(path());
+  const std::vector<std::string> records{R"({"EVENT_ACTION":"A"})"};
+  const std::string first = store.add(records, 1700000000000);
+  const std::string second = store.add(records, 1700000000000);  // same millisecond
+  EXPECT_EQ(first, "1700000000000");
+  EXPECT_EQ(second, "1700000000001");
+  // The service accepted both and they left the store; a cut in that same millisecond must still
+  // get a new id, or the service would take it for a resend and drop its events.
+  store.remove(first);
+  store.remove(second);
+  EXPECT_EQ(store.add(records, 1700000000000), "1700000000002");
+  EXPECT_EQ(store.add(records, 1800000000000), "1800000000000");
+}
+
+TEST_F(KOBatchStoreTest, TheFileIsAPropertyListOfBatchesAndReadsBack) {
+  KOBatchStore store(path());
+  store.add({R"({"EVENT_ACTION":"A","EVENT_ATTRS":{"s":"<&>","n":1.5}})", R"({"EVENT_ACTION":"B"})"}, 1000);
+  store.put("2000", KOArray{KODictionary{{"EVENT_ACTION", "C"}}});
+  ASSERT_TRUE(KOBatchStore::write(device().files(), path(), store.snapshot()));
+  const KOValue file = KOPropertyListFile::read(path());
+  EXPECT_EQ(file, KOValue(store.dictionary()));
+  EXPECT_EQ(file["1000"].arrayValue()[0]["EVENT_ATTRS"]["s"], KOValue("<&>"));
+  EXPECT_EQ(KOJSONSerialization::parse(store.find("1000")->reportBody())["viewsCount"], KOValue(2));
+
+  KOBatchStore reloaded(path());
+  reloaded.load(device().files());
+  EXPECT_EQ(reloaded.ids(), (std::vector<std::string>{"1000", "2000"}));
+  EXPECT_EQ(reloaded.add({R"({"EVENT_ACTION":"D"})"}, 1500), "2001");  // past every loaded id
+
+  // An empty store removes the file.
+  ASSERT_TRUE(KOBatchStore::write(device().files(), path(), {}));
+  EXPECT_FALSE(device().files().fileExists(path()));
+}
