@@ -156,6 +156,8 @@ int main(int argc, char** argv) {
   step("logout sent, user data cleared", "device registered again: " + std::to_string(demo.received("/v2/device/add")) +
                                              " device add call(s)");
 
+  demo.flush();  // the new registration's device attributes too
+
   section("What the service stored");
   std::map<std::string, int> byName;
   for (const auto& e : emulator.events()) ++byName[e.name];
