@@ -270,15 +270,11 @@ KOEmulatorReply KOEmulatorService::handle(const KOEmulatorCall &call) {
                 throw Refusal("body \"viewsCount\" is " + std::to_string(count.GetInt64()) + " but \"viewsInfo\" holds " +
                               std::to_string(views.Size()) + " events");
             }
-            std::vector<KOEmulatorStore::IncomingEvent> events;
             for (rapidjson::SizeType i = 0; i < views.Size(); ++i) {
                 const auto &e = views[i];
                 if (!e.IsObject()) {
                     throw Refusal("event " + std::to_string(i) + " must be an object, got " + KOEmulatorJSON::typeName(e));
                 }
-                auto name = e.FindMember("EVENT_ACTION");
-                events.push_back({name != e.MemberEnd() && name->value.IsString() ? name->value.GetString() : "",
-                                  KOEmulatorJSON::serialize(e)});
             }
             KOEmulatorBatch batch;
             batch.appId = q.get("app_id");
@@ -287,7 +283,8 @@ KOEmulatorReply KOEmulatorService::handle(const KOEmulatorCall &call) {
             batch.viewsCount = count.GetInt64();
             batch.received = now;
             // A repeated batch is answered with success too: the device must stop resending it.
-            store_.storeBatch(batch, events, KOEmulatorJSON::serialize(views));
+            // The body as it came: the events are read out of it only when someone inspects them.
+            store_.storeBatch(batch, call.body);
             return ok();
         }
         if (path == "/campaigns/inappcampaigns/fetch") {

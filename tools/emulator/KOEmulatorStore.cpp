@@ -198,8 +198,7 @@ void KOEmulatorStore::registerDevice(const KOEmulatorDevice &d) {
     s.bind(11, d.lastSeen).run();
 }
 
-bool KOEmulatorStore::storeBatch(const KOEmulatorBatch &b, const std::vector<IncomingEvent> &events,
-                                 const std::string &eventsJSON) {
+bool KOEmulatorStore::storeBatch(const KOEmulatorBatch &b, const std::string &eventsJSON) {
     std::lock_guard lock(mutex_);
     Transaction tx(db_);
     {
@@ -219,12 +218,6 @@ bool KOEmulatorStore::storeBatch(const KOEmulatorBatch &b, const std::vector<Inc
                        "VALUES (?,?,?,?,?,?)");
     ins.bind(1, b.appId).bind(2, b.uniqueId).bind(3, b.batchId).bind(4, b.viewsCount).bind(5, b.received);
     ins.bind(6, eventsJSON).run();
-    int64_t row = sqlite3_last_insert_rowid(db_);
-    Statement ev(db_, "INSERT INTO events (batch, position, name, json) VALUES (?,?,?,?)");
-    for (size_t i = 0; i < events.size(); ++i) {
-        ev.reset();
-        ev.bind(1, row).bind(2, static_cast<int64_t>(i)).bind(3, events[i].name).bind(4, events[i].json).run();
-    }
     tx.commit();
     return true;
 }
@@ -334,8 +327,7 @@ std::vector<KOEmulatorDevice> KOEmulatorStore::devices() const {
 std::vector<KOEmulatorBatch> KOEmulatorStore::batches() const {
     std::lock_guard lock(mutex_);
     std::vector<KOEmulatorBatch> out;
-    Statement s(db_, "SELECT app_id, unique_id, batch_id, views_count, received, "
-                     "(SELECT count(*) FROM events WHERE events.batch = batches.id) FROM batches ORDER BY id");
+    Statement s(db_, "SELECT app_id, unique_id, batch_id, views_count, received, views_count FROM batches ORDER BY id");
     while (s.step()) {
         KOEmulatorBatch b;
         b.appId = s.text(0);
@@ -352,17 +344,32 @@ std::vector<KOEmulatorBatch> KOEmulatorStore::batches() const {
 std::vector<KOEmulatorEvent> KOEmulatorStore::events() const {
     std::lock_guard lock(mutex_);
     std::vector<KOEmulatorEvent> out;
-    Statement s(db_, "SELECT b.app_id, b.unique_id, b.batch_id, e.position, e.name, e.json "
-                     "FROM events e JOIN batches b ON e.batch = b.id ORDER BY b.id, e.position");
+    Statement s(db_, "SELECT app_id, unique_id, batch_id, events_json FROM batches ORDER BY id");
     while (s.step()) {
-        KOEmulatorEvent e;
-        e.appId = s.text(0);
-        e.uniqueId = s.text(1);
-        e.batchId = s.text(2);
-        e.position = s.integer(3);
-        e.name = s.text(4);
-        e.json = s.text(5);
-        out.push_back(std::move(e));
+        rapidjson::Document stored;
+        std::string error;
+        // Every stored report body was parsed and checked when it came in.
+        if (!KOEmulatorJSON::parse(s.text(3), stored, error)) continue;
+        const rapidjson::Value *found = &stored;
+        if (stored.IsObject()) {
+            const auto member = stored.FindMember("viewsInfo");
+            if (member == stored.MemberEnd()) continue;
+            found = &member->value;
+        }
+        const rapidjson::Value &views = *found;
+        if (!views.IsArray()) continue;
+        for (rapidjson::SizeType i = 0; i < views.Size(); ++i) {
+            const auto &view = views[i];
+            KOEmulatorEvent e;
+            e.appId = s.text(0);
+            e.uniqueId = s.text(1);
+            e.batchId = s.text(2);
+            e.position = static_cast<int64_t>(i);
+            const auto name = view.FindMember("EVENT_ACTION");
+            if (name != view.MemberEnd() && name->value.IsString()) e.name = name->value.GetString();
+            e.json = KOEmulatorJSON::serialize(view);
+            out.push_back(std::move(e));
+        }
     }
     return out;
 }

@@ -22,14 +22,10 @@ public:
     int64_t recordRequest(const KOEmulatorRequest &request);
     void registerDevice(const KOEmulatorDevice &device);
 
-    struct IncomingEvent {
-        std::string name;
-        std::string json;
-    };
-    // Stores the batch and its events in one transaction. Returns false, and records a duplicate
-    // instead, when this app and device already delivered a batch with that id.
-    bool storeBatch(const KOEmulatorBatch &batch, const std::vector<IncomingEvent> &events,
-                    const std::string &eventsJSON);
+    // Stores the batch with its events (the report body as received) in one row: events are
+    // read out of it when inspected, so that taking a report stays cheap. Returns false, and
+    // records a duplicate instead, when this app and device already delivered a batch with that id.
+    bool storeBatch(const KOEmulatorBatch &batch, const std::string &eventsJSON);
     void storeCategories(const KOEmulatorCategories &categories);
     void storeLog(const KOEmulatorLog &log);
 
