@@ -113,26 +113,38 @@ void Kovantis::appStatus(int status) {
 }
 
 void Kovantis::smartTriggerForAppStatus(int status) {
-  if (status == KOAppStatusInstall) {
-    if (KovantisUtils::installRegistered()) return;
-    KovantisUtils::registerInstall();
+  try {
+    if (status == KOAppStatusInstall) {
+      if (KovantisUtils::installRegistered()) return;
+      KovantisUtils::registerInstall();
+    }
+    const char* name = status == KOAppStatusInstall ? "INSTALL" : status == KOAppStatusUpdate ? "UPDATE" : nullptr;
+    if (!name) return;
+    trackEvent(KOValue(name));
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - Exception while tracking  INSTALL/UPDATE %@", e);
   }
-  const char* name = status == KOAppStatusInstall ? "INSTALL" : status == KOAppStatusUpdate ? "UPDATE" : nullptr;
-  if (!name) return;
-  trackEvent(KOValue(name));
 }
 
 void Kovantis::debug(int level) { KOLogger::debug(level); }
 
 void Kovantis::setAppGroupID(const KOValue& groupId) {
-  if (emptyText(groupId)) return;
-  prefs().setObject(groupId, KOV_APP_GROUP_ID_KEY);
-  prefs().synchronize();
+  try {
+    if (emptyText(groupId)) return;
+    prefs().setObject(groupId, KOV_APP_GROUP_ID_KEY);
+    prefs().synchronize();
+  } catch (const std::exception& e) {
+    logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
+  }
 }
 
 void Kovantis::setDataRedirection(bool redirect) {
-  prefs().setObject(KOValue(redirect), KO_SHOULD_REDIRECT_DATA);
-  prefs().synchronize();
+  try {
+    prefs().setObject(KOValue(redirect), KO_SHOULD_REDIRECT_DATA);
+    prefs().synchronize();
+  } catch (const std::exception& e) {
+    logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
+  }
 }
 
 void Kovantis::applicationBecameActiveinApplication(KOApplication*) {
@@ -149,11 +161,19 @@ void Kovantis::stop(KOApplication*) { KOLogger::logPlain("Kovantis - stop method
 // ----------------------------------------------------------------------------------------- events
 
 void Kovantis::trackEvent(const KOValue& name, const KOValue& andPayload) {
-  KOEventsHandler::sharedInstance().trackEvent(name, andPayload);
+  try {
+    KOEventsHandler::sharedInstance().trackEvent(name, andPayload);
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception is %@", e);
+  }
 }
 
 void Kovantis::trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload) {
-  KOEventsHandler::sharedInstance().trackEvent(name, builderPayload);
+  try {
+    KOEventsHandler::sharedInstance().trackEvent(name, builderPayload);
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception is %@", e);
+  }
 }
 
 // -------------------------------------------------------------------------------- user attributes
@@ -355,11 +375,15 @@ void Kovantis::setModelDeviceAttribute() {
 }
 
 void Kovantis::queryForAdvertisingID() {
-  const KOValue advertisingId = KovantisUtils::advertiserID();
-  if (advertisingId.isAbsent() || advertisingId == KovantisUtils::getSavedAdvertisingID()) return;
-  setUserAttribute(advertisingId, KOValue(KO_ADVERTISING_IDENTIFIER));
-  setDeviceAttribute(advertisingId, KOValue(KO_ADVERTISING_IDENTIFIER));
-  KovantisUtils::saveAdvertisingID(advertisingId);
+  try {
+    const KOValue advertisingId = KovantisUtils::advertiserID();
+    if (advertisingId.isAbsent() || advertisingId == KovantisUtils::getSavedAdvertisingID()) return;
+    setUserAttribute(advertisingId, KOValue(KO_ADVERTISING_IDENTIFIER));
+    setDeviceAttribute(advertisingId, KOValue(KO_ADVERTISING_IDENTIFIER));
+    KovantisUtils::saveAdvertisingID(advertisingId);
+  } catch (const std::exception& e) {
+    logException(KO_HERE, this, "Kovantis - exception is %@", e);
+  }
 }
 
 void Kovantis::trackLocale() {

@@ -1,6 +1,7 @@
 #include "KOBatchStore.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "KOUtilities/KOAtomicFile.h"
 #include "KOUtilities/KOJSONSerialization.h"
@@ -54,13 +55,39 @@ const std::string& KOBatchStore::Batch::fragment() const {
 
 KOBatchStore::KOBatchStore(std::string path) : path_(std::move(path)) {}
 
-void KOBatchStore::load(const KOFileSystem& fs) {
+namespace {
+
+// A batch id is the decimal milliseconds of its cut: digits only, and small enough for 64 bits.
+bool usableId(const std::string& id) {
+  if (id.empty() || id.size() > 18) return false;
+  return std::all_of(id.begin(), id.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+}  // namespace
+
+void KOBatchStore::load(KOFileSystem& fs) {
   if (loaded_) return;
   loaded_ = true;
-  const KOValue stored = KOPropertyListFile::read(fs, path_);
-  if (!stored.isDictionary()) return;
+  KOFileError error;
+  const std::optional<std::string> bytes = fs.readFile(path_, &error);
+  if (!bytes) {
+    if (error.code != ENOENT) setAside(fs, error.message);
+    return;
+  }
+  KOValue stored;
+  try {
+    stored = KOPropertyListSerialization::parse(*bytes);
+  } catch (const std::exception& e) {
+    setAside(fs, e.what());
+    return;
+  }
+  if (!stored.isDictionary()) {
+    setAside(fs, "not a dictionary of batches");
+    return;
+  }
   for (const auto& [id, records] : stored.dictionaryValue()) {
     try {
+      if (!usableId(id)) throw KOTypeError("the batch id is not a time in milliseconds");
       if (!records.isArray()) throw KOTypeError("a batch is not a list");
       put(id, records.arrayValue());
     } catch (const std::exception& e) {
@@ -69,6 +96,17 @@ void KOBatchStore::load(const KOFileSystem& fs) {
                                                   {KOValue(id), KOValue(e.what())}));
     }
   }
+}
+
+void KOBatchStore::setAside(KOFileSystem& fs, const std::string& why) {
+  // The next write would replace a file that could not be read with what is in memory: move it out
+  // of the way instead, so that whatever it holds is not destroyed.
+  const std::string aside = path_ + ".unreadable";
+  fs.removeItem(aside);
+  const bool moved = fs.renameFile(path_, aside);
+  KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
+                       KOStringFormat::format("Kovantis - The batch file could not be read (%@); %@",
+                                              {KOValue(why), KOValue(moved ? "kept it as " + aside : "left it")}));
 }
 
 std::string KOBatchStore::issueId(std::int64_t nowMilliseconds) {
@@ -126,19 +164,39 @@ KODictionary KOBatchStore::dictionary() const {
 
 std::string KOBatchStore::fileText(const Snapshot& snapshot) {
   std::size_t bytes = 256;
-  for (const auto& [id, batch] : snapshot) bytes += batch->fragment().size() + id.size() + 12;
+  std::vector<std::pair<const std::string*, const std::string*>> parts;
+  parts.reserve(snapshot.size());
+  for (const auto& [id, batch] : snapshot) {
+    try {
+      parts.emplace_back(&id, &batch->fragment());
+      bytes += parts.back().second->size() + id.size() + 12;
+    } catch (const std::exception& e) {
+      // One batch the property-list writer refuses (a string holding a NUL byte, say) must not
+      // keep every other batch off the disk; it is still sent from memory.
+      KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
+                           KOStringFormat::format("Kovantis - Batch %@ cannot be stored: %@",
+                                                  {KOValue(id), KOValue(e.what())}));
+    }
+  }
   std::string text;
   text.reserve(bytes);
   text += kPrologue;
   text += "<dict>\n";
-  for (const auto& [id, batch] : snapshot) {
+  for (const auto& [id, fragment] : parts) {
     text += "<key>";
-    text += id;  // digits only: nothing to escape
+    text += *id;  // digits only: nothing to escape
     text += "</key>";
-    text += batch->fragment();
+    text += *fragment;
   }
   text += "</dict>\n</plist>\n";
   return text;
+}
+
+std::string_view KOBatchStore::recordsText(const std::string& reportBody) {
+  constexpr std::string_view open = "{\"viewsInfo\":";
+  const auto end = reportBody.rfind(",\"viewsCount\":");
+  if (reportBody.rfind(open, 0) != 0 || end == std::string::npos || end < open.size()) return reportBody;
+  return std::string_view(reportBody).substr(open.size(), end - open.size());
 }
 
 bool KOBatchStore::write(KOFileSystem& fs, const std::string& path, const Snapshot& snapshot) {

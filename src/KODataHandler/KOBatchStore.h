@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kovantis/KOValue.h"
@@ -39,7 +40,8 @@ class KOBatchStore {
   explicit KOBatchStore(std::string path);
 
   /// Reads the batch file into memory once; a batch that cannot be used is dropped with a log line.
-  void load(const KOFileSystem& fs);
+  /// A file that cannot be read at all is moved aside (".unreadable"), never overwritten.
+  void load(KOFileSystem& fs);
   bool loaded() const { return loaded_; }
 
   /// Adds a batch of records, each given as its JSON text, under a fresh id from the time in
@@ -64,10 +66,14 @@ class KOBatchStore {
 
   /// The whole file's XML text for a snapshot.
   static std::string fileText(const Snapshot& snapshot);
+  /// The records of a report body, as JSON text, without reading them.
+  static std::string_view recordsText(const std::string& reportBody);
   /// Writes a snapshot atomically, or deletes the file when the snapshot is empty.
   static bool write(KOFileSystem& fs, const std::string& path, const Snapshot& snapshot);
 
  private:
+  void setAside(KOFileSystem& fs, const std::string& why);
+
   std::string path_;
   bool loaded_ = false;
   std::int64_t lastIssued_ = 0;

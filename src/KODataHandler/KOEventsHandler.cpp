@@ -214,7 +214,7 @@ void KOEventsHandler::writeBatchFile() {
   }
 }
 
-void KOEventsHandler::writeSnapshotNow() {
+bool KOEventsHandler::writeSnapshotNow() {
   // One write at a time, each of a snapshot taken after the previous write: the file never goes
   // back to an older state.
   std::lock_guard<std::mutex> writing(fileMutex_);
@@ -227,11 +227,12 @@ void KOEventsHandler::writeSnapshotNow() {
   try {
     if (snapshot.empty()) {
       removeEventsPlistFile();
-    } else {
-      KOBatchStore::write(*platform().fileSystem, store_.path(), snapshot);
+      return true;
     }
+    return KOBatchStore::write(*platform().fileSystem, store_.path(), snapshot);
   } catch (const std::exception& e) {
     logException(KO_HERE, this, "Kovantis - Exception : %@", e);
+    return false;
   }
 }
 
@@ -307,7 +308,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
       const std::string& id = round->ids[i];
       if (KOLogger::loggingEnabled()) {
         logInfo(KOStringFormat::format("Kovantis - syncing events from storage for Batch %@ and Events :\n %@",
-                                       {KOValue(id), KOValue(bodies[i])}));
+                                       {KOValue(id), KOValue(KOBatchStore::recordsText(bodies[i]))}));
       }
       server.sendData(KOJSONText{std::move(bodies[i])}, KOValue(id), [this, round, id, request](bool success) {
         try {
@@ -355,18 +356,13 @@ void KOEventsHandler::runSync(SyncRequest request) {
 void KOEventsHandler::syncAttemptCompletedInBackground(bool inBackground, bool andForReset,
                                                        std::vector<std::string> failed) {
   try {
-    std::optional<SyncRequest> queuedReset;
     KOBackgroundTaskIdentifier task = KOBackgroundTaskInvalid;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      syncInProgress_ = false;
       // A reset drops what it could not send. Batches cut while this sync ran were never part of
       // it and stay, whatever its outcome.
       if (andForReset) {
         for (const auto& id : failed) store_.remove(id);
-      } else {
-        queuedReset = resetInvocation_;
-        resetInvocation_.reset();
       }
       persistLocked();
       task = bgTask_;
@@ -377,13 +373,25 @@ void KOEventsHandler::syncAttemptCompletedInBackground(bool inBackground, bool a
     } else if (andForReset) {
       logInfo("Kovantis - sync unsuccessful on reset");
     }
-    if (andForReset) {
-      cleanUp();
-    } else if (queuedReset) {
-      syncTrackedEventsInBackground(queuedReset->inBackground, queuedReset->reset, queuedReset->onlyForEventsPlist);
+    // A reset is over only once the user's data is cleared: until then the sync still counts as
+    // running, so nothing else starts (or looks idle) in between.
+    if (andForReset) cleanUp();
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      syncInProgress_ = false;
+      if (!andForReset && resetInvocation_) {
+        const SyncRequest queued = *resetInvocation_;
+        resetInvocation_.reset();
+        // Queued before the lock is released, so the reset runs next.
+        platform().dispatch->asyncBackground([this, queued] { runSync(queued); });
+      }
     }
     if (inBackground && task != KOBackgroundTaskInvalid) platform().application->endBackgroundTask(task);
   } catch (const std::exception& e) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      syncInProgress_ = false;
+    }
     KOLogger::logWithVerbosity(1, KOLogSeverityException,
                                KOArray{KOStringFormat::format("Kovantis - Exception while syncing : %@", {KOValue(e.what())})});
   }
@@ -419,12 +427,22 @@ KOArray KOEventsHandler::getEventsFromDumpFile() const {
 }
 
 void KOEventsHandler::removeDatFile() {
-  if (!platform().fileSystem->removeItem(oldDatFilePath())) logInfo("Kovantis - error while removing dat file");
+  KOFileSystem& fs = *platform().fileSystem;
+  if (fs.removeItem(oldDatFilePath())) return;
+  logInfo("Kovantis - error while removing dat file");
+  // Emptied at least, so that the next start does not migrate the same events again.
+  fs.writeFile(oldDatFilePath(), "");
 }
 
 void KOEventsHandler::syncToServerFromDumpFile() {
   try {
     if (!checkIfFileExists()) return;
+    KOFileError error;
+    if (!platform().fileSystem->readFile(oldDatFilePath(), &error)) {
+      // Unreadable now is not empty: keep the file for a later start.
+      logException(KO_HERE, this, "Kovantis - Exception : %@", std::runtime_error(error.message));
+      return;
+    }
     KOArray events = getEventsFromDumpFile();
     if (!events.empty()) {
       logInfo(KOStringFormat::format("Kovantis - syncing events from storage %@", {KOValue(events)}));
@@ -436,7 +454,7 @@ void KOEventsHandler::syncToServerFromDumpFile() {
         ensureLoadedLocked();
         store_.put(store_.issueId(nowMilliseconds()), events);
       }
-      writeSnapshotNow();
+      if (!writeSnapshotNow()) return;  // the old file stays until its events are safely stored
     }
     removeDatFile();
   } catch (const std::exception& e) {

@@ -76,8 +76,9 @@ class KOEventsHandler {
   /// queue and coalesce: many cuts while one write runs cost one more write, not many.
   void persistLocked();
   void writeBatchFile();
-  /// Writes the store as it is now, waiting for a write under way to finish first.
-  void writeSnapshotNow();
+  /// Writes the store as it is now, waiting for a write under way to finish first; returns
+  /// whether the file now holds it.
+  bool writeSnapshotNow();
   void ensureLoadedLocked();
   std::int64_t nowMilliseconds() const;
 

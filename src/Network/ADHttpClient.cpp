@@ -166,10 +166,15 @@ struct ADHttpClient::Impl {
 
   void loop() {
     while (!stopping) {
+      // Requests wait here, not inside curl, until a connection is free: a request's timeout
+      // then counts from when it is really sent, however long the queue.
       std::deque<std::unique_ptr<Transfer>> fresh;
       {
         std::lock_guard<std::mutex> lock(mutex);
-        fresh.swap(pending);
+        while (!pending.empty() && running.size() + fresh.size() < static_cast<std::size_t>(kMaxConnectionsPerHost)) {
+          fresh.push_back(std::move(pending.front()));
+          pending.pop_front();
+        }
       }
       for (auto& t : fresh) {
         if (start(*t)) {
@@ -198,6 +203,12 @@ struct ADHttpClient::Impl {
         finish(*t, nullptr);
       }
       resetIfAsked();
+      bool startable = false;
+      {
+        std::lock_guard<std::mutex> lock(mutex);
+        startable = !pending.empty() && running.size() < static_cast<std::size_t>(kMaxConnectionsPerHost);
+      }
+      if (startable) continue;  // a finished request freed a connection for one that waits
       curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
     }
   }

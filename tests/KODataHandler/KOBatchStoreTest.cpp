@@ -44,3 +44,33 @@ TEST_F(KOBatchStoreTest, TheFileIsAPropertyListOfBatchesAndReadsBack) {
   ASSERT_TRUE(KOBatchStore::write(device().files(), path(), {}));
   EXPECT_FALSE(device().files().fileExists(path()));
 }
+
+TEST_F(KOBatchStoreTest, AnUnreadableFileIsSetAsideNotOverwritten) {
+  device().rawFiles().writeFile(path(), "<plist><dict><key>1</key><array><dict>");  // cut short
+  KOBatchStore store(path());
+  store.load(device().files());
+  EXPECT_TRUE(store.empty());
+  EXPECT_TRUE(device().files().fileExists(path() + ".unreadable"));
+  store.add({R"({"EVENT_ACTION":"NEW"})"}, 1000);
+  ASSERT_TRUE(KOBatchStore::write(device().files(), path(), store.snapshot()));
+  EXPECT_EQ(device().rawFiles().readFile(path() + ".unreadable"), std::optional<std::string>("<plist><dict><key>1</key><array><dict>"));
+
+  // A read error is no empty file either: what is on disk stays there.
+  device().files().inject(KOFileFault::ReadError, "Batches.plist");
+  KOBatchStore again(path());
+  again.load(device().files());
+  EXPECT_TRUE(again.empty());
+  EXPECT_FALSE(device().files().fileExists(path()));
+  EXPECT_TRUE(device().files().fileExists(path() + ".unreadable"));
+}
+
+TEST_F(KOBatchStoreTest, ABatchTheFileCannotHoldDoesNotKeepTheOthersOffDisk) {
+  KOBatchStore store(path());
+  store.add({R"({"EVENT_ACTION":"A\u0000B"})"}, 1000);  // a NUL byte: JSON can carry it, the file cannot
+  store.add({R"({"EVENT_ACTION":"OK"})"}, 2000);
+  ASSERT_TRUE(KOBatchStore::write(device().files(), path(), store.snapshot()));
+  const KOValue file = KOPropertyListFile::read(path());
+  ASSERT_TRUE(file.isDictionary());
+  EXPECT_EQ(file.dictionaryValue().keys(), std::vector<std::string>{"2000"});
+  EXPECT_EQ(store.size(), 2u);  // still sent from memory
+}

@@ -179,6 +179,10 @@ TEST_F(EventPipelineTest, AResetDuringARunningSyncRunsAfterIt) {
 TEST_F(EventPipelineTest, TheOldGenerationsEventFileIsMigrated) {
   device().rawFiles().writeFile(device().documentsDirectory() + "/kovantisEvents.dat",
                                 "{\"EVENT_ACTION\":\"OLD_1\"}\nnot json\n\n{\"EVENT_ACTION\":\"OLD_2\"}\n");
+  // A file that cannot be read now is kept for a later start, not taken for empty.
+  device().files().inject(KOFileFault::ReadError, "kovantisEvents.dat", 1);
+  events().syncToServerFromDumpFile();
+  EXPECT_TRUE(device().files().fileExists(device().documentsDirectory() + "/kovantisEvents.dat"));
   start();
   ASSERT_TRUE(flush());
   EXPECT_EQ(storedNames("OLD_"), (std::vector<std::string>{"OLD_1", "OLD_2"}));
