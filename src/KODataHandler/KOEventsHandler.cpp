@@ -113,13 +113,16 @@ std::string KOEventsHandler::recordJSON(const std::string& name, const KOValue* 
   return json;
 }
 
+bool KOEventsHandler::acceptsName(const KOSourceLocation& where, const KOValue& name) const {
+  if (name.isString()) return true;
+  KOLogger::logLocated(where, this, KOLogSeverityException,
+                       "Kovantis - While tracking events, the name of the event has to be a NSString type");
+  return false;
+}
+
 void KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload) {
   try {
-    if (!name.isString()) {
-      KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
-                           "Kovantis - While tracking events, the name of the event has to be a NSString type");
-      return;
-    }
+    if (!acceptsName(KO_HERE, name)) return;
     if (!andPayload.isNil() && !andPayload.isDictionary()) {
       KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
                            "Kovantis - While tracking events, the payload with the event has to be a NSDictionary of "
@@ -144,11 +147,7 @@ void KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload)
 
 void KOEventsHandler::trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload) {
   try {
-    if (!name.isString()) {
-      KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
-                           "Kovantis - While tracking events, the name of the event has to be a NSString type");
-      return;
-    }
+    if (!acceptsName(KO_HERE, name)) return;
     std::optional<KOValue> attributes;
     if (!builderPayload.eventDict().empty()) {
       KODictionary normalised = KovantisUtils::transformPayloadForIncompatibleTypes(builderPayload.eventDict());

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "KOBatchStore.h"
+#include "KOUtilities/KOLogger.h"
 #include "kovantis/KOPayloadBuilder.h"
 #include "kovantis/KOPlatform.h"
 #include "kovantis/KOValue.h"
@@ -66,6 +67,8 @@ class KOEventsHandler {
     bool onlyForEventsPlist;
   };
 
+  /// Event names must be strings; anything else is logged at the caller's place.
+  bool acceptsName(const KOSourceLocation& where, const KOValue& name) const;
   void append(std::string recordJSON);
   void runSync(SyncRequest request);
   /// The end of a sync: `failed` are the batches it sent that the service did not accept.

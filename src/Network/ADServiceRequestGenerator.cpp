@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "KOUtilities/KOJSONSerialization.h"
@@ -89,10 +90,13 @@ std::optional<std::string> ADServiceRequestGenerator::createURLForService(int se
     const std::optional<std::string> path = getApiPathForService(service);
     if (!hostName || !path) throw std::invalid_argument("unknown service " + std::to_string(service));
     std::string url = schema() + "://" + *hostName + ":" + std::to_string(port());
-    // The path is ours (constants and the log token); only its token part can need encoding.
-    for (char c : *path) {
-      if (c == '/') url += c;
-      else url += percentEncode(std::string(1, c));
+    // The path is ours (constants and the log token); each segment is encoded, the slashes kept.
+    std::size_t start = 0;
+    while (start <= path->size()) {
+      const std::size_t slash = std::min(path->find('/', start), path->size());
+      url += percentEncode(path->substr(start, slash - start));
+      if (slash < path->size()) url += '/';
+      start = slash + 1;
     }
     std::string query;
     for (const auto& [key, value] : andParams) {

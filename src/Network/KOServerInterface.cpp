@@ -156,7 +156,9 @@ void KOServerInterface::initializeWith(const KODictionary&, SuccessCompletion co
       body.set("IDFV", KOValue(vendor));
     }
     if (const KOValue ad = KovantisUtils::advertiserID(); nonEmpty(ad)) body.set(KO_ADVERTISING_IDENTIFIER, ad);
-    send(KOServiceNumberInitializeV2, getUniversalParams(), KOValue(std::move(body)), std::move(completion));
+    // Parameters first: should they fail, the completion is still here to report it.
+    const KODictionary params = getUniversalParams();
+    send(KOServiceNumberInitializeV2, params, KOValue(std::move(body)), std::move(completion));
   } catch (const std::exception& e) {
     logException(KO_HERE, this, e);
     if (completion) completion(false);
@@ -190,52 +192,52 @@ void failFetch(Completion& completion) {
 }
 }  // namespace
 
-void KOServerInterface::getInAppCampaignsWithLastUpdatedTime(const KOValue& time, const KODictionary& campaignListDict,
-                                                             FetchCompletion completion) {
+template <typename Build>
+void KOServerInterface::fetchGuarded(const KOSourceLocation& where, int service, Build build,
+                                     FetchCompletion completion) {
   try {
-    KODictionary params = getUniversalParams();
-    setObjectNilHandled(params, time.isAbsent() ? KOValue("") : time, KOValue("last_updated"));
-    fetch(KOServiceNumberGetInAppsV2, params, KOValue(campaignListDict), std::move(completion));
+    auto [params, body] = build();
+    fetch(service, params, body, completion);  // a copy: the failure path below still needs it
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, e);
+    logException(where, this, e);
     failFetch(completion);
   }
 }
 
+void KOServerInterface::getInAppCampaignsWithLastUpdatedTime(const KOValue& time, const KODictionary& campaignListDict,
+                                                             FetchCompletion completion) {
+  fetchGuarded(KO_HERE, KOServiceNumberGetInAppsV2, [&] {
+    KODictionary params = getUniversalParams();
+    setObjectNilHandled(params, time.isAbsent() ? KOValue("") : time, KOValue("last_updated"));
+    return std::make_pair(std::move(params), KOValue(campaignListDict));
+  }, std::move(completion));
+}
+
 void KOServerInterface::getInAppForCampaignID(const std::string& campaignID, FetchCompletion completion) {
-  try {
+  fetchGuarded(KO_HERE, KOServiceNumberGetSingleInApp, [&] {
     KODictionary params = getUniversalParams();
     params.set("campaign_id", KOValue(campaignID));
-    fetch(KOServiceNumberGetSingleInApp, params, KOValue(), std::move(completion));
-  } catch (const std::exception& e) {
-    logException(KO_HERE, this, e);
-    failFetch(completion);
-  }
+    return std::make_pair(std::move(params), KOValue());
+  }, std::move(completion));
 }
 
 void KOServerInterface::triggerSmartInAppWithEvent(const std::string& event, const KOValue& andPayload,
                                                    FetchCompletion completion) {
-  try {
+  fetchGuarded(KO_HERE, KOServiceNumberSmartTriggerInApps, [&] {
     KODictionary params = getUniversalParams();
     params.set("event", KOValue(event));
-    const KODictionary body{{"EVENT_ATTRS", andPayload.isDictionary() ? andPayload : KOValue(KODictionary{})}};
-    fetch(KOServiceNumberSmartTriggerInApps, params, KOValue(body), std::move(completion));
-  } catch (const std::exception& e) {
-    logException(KO_HERE, this, e);
-    failFetch(completion);
-  }
+    KOValue body(KODictionary{{"EVENT_ATTRS", andPayload.isDictionary() ? andPayload : KOValue(KODictionary{})}});
+    return std::make_pair(std::move(params), std::move(body));
+  }, std::move(completion));
 }
 
 void KOServerInterface::getPushNotificationsFromServerWithLastUpdatedTime(const KOValue& time,
                                                                           FetchCompletion completion) {
-  try {
+  fetchGuarded(KO_HERE, KOServiceNumberInbox, [&] {
     KODictionary params = getUniversalParams();
     setObjectNilHandled(params, time, KOValue("last_updated"));
-    fetch(KOServiceNumberInbox, params, KOValue(), std::move(completion));
-  } catch (const std::exception& e) {
-    logException(KO_HERE, this, e);
-    failFetch(completion);
-  }
+    return std::make_pair(std::move(params), KOValue());
+  }, std::move(completion));
 }
 
 void KOServerInterface::geofenceHitWithLocation(const KOLocationCoordinate* location, const std::string& transitionType,
@@ -244,17 +246,14 @@ void KOServerInterface::geofenceHitWithLocation(const KOLocationCoordinate* loca
     if (completion) completion(KOValue());
     return;
   }
-  try {
+  fetchGuarded(KO_HERE, KOServiceNumberGeofenceHit, [&] {
     KODictionary params = getUniversalParams();
     params.set("transitionType", KOValue(transitionType));
     params.set("lat", KOValue(coordinate(location->latitude)));
     params.set("lng", KOValue(coordinate(location->longitude)));
     params.set("geoId", KOValue(geoId));
-    fetch(KOServiceNumberGeofenceHit, params, KOValue(), std::move(completion));
-  } catch (const std::exception& e) {
-    logException(KO_HERE, this, e);
-    failFetch(completion);
-  }
+    return std::make_pair(std::move(params), KOValue());
+  }, std::move(completion));
 }
 
 void KOServerInterface::getGeofencesForLocation(const KOLocationCoordinate* location, FetchCompletion completion) {
@@ -262,14 +261,11 @@ void KOServerInterface::getGeofencesForLocation(const KOLocationCoordinate* loca
     if (completion) completion(KOValue());
     return;
   }
-  try {
+  fetchGuarded(KO_HERE, KOServiceNumberGetGeofences, [&] {
     KODictionary params{{"lat", coordinate(location->latitude)}, {"lng", coordinate(location->longitude)}};
     for (auto& [key, value] : getUniversalParams()) params.set(key, value);
-    fetch(KOServiceNumberGetGeofences, params, KOValue(), std::move(completion));
-  } catch (const std::exception& e) {
-    logException(KO_HERE, this, e);
-    failFetch(completion);
-  }
+    return std::make_pair(std::move(params), KOValue());
+  }, std::move(completion));
 }
 
 void KOServerInterface::setNotificationCategoriesWithCategories(const KOArray& categories) {

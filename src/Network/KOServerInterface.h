@@ -9,6 +9,7 @@
 
 #include "ADHttpClient.h"
 #include "ADServiceRequestGenerator.h"
+#include "KOUtilities/KOLogger.h"
 #include "kovantis/KOPlatform.h"
 #include "kovantis/KOValue.h"
 
@@ -56,6 +57,10 @@ class KOServerInterface {
   /// fails its completion at once.
   template <typename Body>
   void send(int service, const KODictionary& params, const Body& body, SuccessCompletion completion);
+  /// Builds the call's parameters and body, then fetches; any failure is logged at the caller's
+  /// place and answered with nil.
+  template <typename Build>
+  void fetchGuarded(const KOSourceLocation& where, int service, Build build, FetchCompletion completion);
   template <typename Body>
   void sendReport(const Body& batch, const KOValue& batchID, SuccessCompletion completion);
   void fetch(int service, const KODictionary& params, const KOValue& body, FetchCompletion completion);
