@@ -1,6 +1,7 @@
 #include "ADHttpClient.h"
 
 #include <curl/curl.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -78,7 +79,10 @@ struct ADHttpClient::Impl {
   Impl() {
     globalInit();
     multi = newMulti();
-    thread = std::thread([this] { loop(); });
+    thread = std::thread([this] {
+      pthread_setname_np(pthread_self(), "ko-network");
+      loop();
+    });
   }
 
   ~Impl() { stop(); }

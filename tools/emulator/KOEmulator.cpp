@@ -9,6 +9,7 @@
 #include <httplib.h>
 
 #include <arpa/inet.h>
+#include <pthread.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -423,6 +424,7 @@ int KOEmulator::start(int port) {
     auto server = std::make_unique<BacklogServer>();
     server->new_task_queue = [] { return new KOEmulatorTaskQueue(kWorkerThreads); };
     server->set_keep_alive_timeout(impl_->options.keepAliveSeconds);
+    server->set_keep_alive_max_count(static_cast<size_t>(std::max(1, impl_->options.keepAliveMaxRequests)));
     // Headers and body go out in separate writes: without this, Nagle and delayed ACKs add ~40 ms.
     server->set_tcp_nodelay(true);
     server->set_payload_max_length(64u << 20);
@@ -456,7 +458,10 @@ int KOEmulator::start(int port) {
     server->widenBacklog();
     impl_->boundPort = bound;
     httplib::Server *raw = server.get();
-    impl_->listener = std::thread([raw] { raw->listen_after_bind(); });
+    impl_->listener = std::thread([raw] {
+        pthread_setname_np(pthread_self(), "emu-listener");
+        raw->listen_after_bind();
+    });
     // stop() is a no-op until the accept loop runs, so do not hand out a server that could not be
     // stopped. The socket already listens, so clients may connect meanwhile.
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);

@@ -18,6 +18,7 @@ public:
         std::string seedFile;                     // optional JSON seed applied at construction
         std::string bindAddress = "127.0.0.1";
         int keepAliveSeconds = 2;                 // short, so that stop() never waits long on idle clients
+        int keepAliveMaxRequests = 1000;          // per connection, as production front ends allow
         bool logRequests = false;                 // one line per service request on stderr
     };
 

@@ -5,7 +5,10 @@
 #include <pthread.h>
 
 KOEmulatorTaskQueue::KOEmulatorTaskQueue(size_t threads) {
-    for (size_t i = 0; i < threads; ++i) threads_.emplace_back([this] { work(); });
+    for (size_t i = 0; i < threads; ++i) threads_.emplace_back([this] {
+        pthread_setname_np(pthread_self(), "emu-worker");
+        work();
+    });
 }
 
 KOEmulatorTaskQueue::~KOEmulatorTaskQueue() { shutdown(); }

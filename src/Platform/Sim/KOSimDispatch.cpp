@@ -1,13 +1,21 @@
 #include "KOSimDispatch.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <cstdio>
 
 KOSimDispatch::KOSimDispatch(int backgroundThreads) : mainThread_(std::this_thread::get_id()) {
   for (int i = 0; i < (backgroundThreads > 0 ? backgroundThreads : 1); ++i) {
-    workers_.emplace_back([this] { backgroundLoop(); });
+    workers_.emplace_back([this] {
+      pthread_setname_np(pthread_self(), "ko-background");
+      backgroundLoop();
+    });
   }
-  timerThread_ = std::thread([this] { timerLoop(); });
+  timerThread_ = std::thread([this] {
+    pthread_setname_np(pthread_self(), "ko-timers");
+    timerLoop();
+  });
 }
 
 KOSimDispatch::~KOSimDispatch() { shutdown(); }
