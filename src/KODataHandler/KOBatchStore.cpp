@@ -18,18 +18,6 @@ constexpr const char* kPrologue =
     "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
     "<plist version=\"1.0\">\n";
 
-// The body of a whole XML document written by the property-list writer, without its prologue and
-// <plist> element: the value alone, ready to stand inside a dictionary.
-std::string valueFragment(const std::string& document) {
-  const std::string open = "<plist version=\"1.0\">";
-  const auto start = document.find(open);
-  const auto end = document.rfind("</plist>");
-  if (start == std::string::npos || end == std::string::npos || end < start) {
-    throw KOTypeError("unexpected property-list writer output");
-  }
-  return document.substr(start + open.size(), end - start - open.size());
-}
-
 std::string bodyFor(const std::string& recordsArrayJSON, std::size_t count) {
   std::string body;
   body.reserve(recordsArrayJSON.size() + 40);
@@ -49,7 +37,7 @@ KOArray KOBatchStore::Batch::records() const {
 }
 
 const std::string& KOBatchStore::Batch::fragment() const {
-  std::call_once(fragmentOnce_, [this] { fragment_ = valueFragment(KOPropertyListSerialization::writeXML(KOValue(records()))); });
+  std::call_once(fragmentOnce_, [this] { fragment_ = KOPropertyListSerialization::xmlFragmentFromJSON(recordsText(body_)); });
   return fragment_;
 }
 

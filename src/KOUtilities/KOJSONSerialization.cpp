@@ -17,49 +17,112 @@
 
 namespace {
 
-// Builds a KOValue from SAX events with an explicit stack, so nesting depth costs heap, not stack.
-class ValueBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, ValueBuilder> {
+// Adapts the reader's SAX events to a sink: numbers arrive as text and are converted here with
+// correct rounding (the reader's own full-precision conversion has undefined behaviour on inputs
+// such as 0e-300), strings are checked for escaped lone surrogates, and nesting is bounded.
+template <typename Sink>
+class Reading : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Reading<Sink>> {
  public:
-  bool Null() { return add(KOValue::null()); }
-  bool Bool(bool b) { return add(KOValue(b)); }
-  // Numbers arrive as text and are converted here with correct rounding; the reader's own
-  // full-precision conversion has undefined behaviour on inputs such as 0e-300.
+  explicit Reading(Sink& sink) : sink_(sink) {}
+
+  bool Null() { return sink_.null(); }
+  bool Bool(bool b) { return sink_.boolean(b); }
   bool RawNumber(const char* s, rapidjson::SizeType n, bool) {
     const char* end = s + n;
     if (std::find_if(s, end, [](char c) { return c == '.' || c == 'e' || c == 'E'; }) == end) {
       std::int64_t i = 0;
       const auto [ptr, ec] = std::from_chars(s, end, i);
-      if (ec == std::errc() && ptr == end) return add(KOValue(i));
+      if (ec == std::errc() && ptr == end) return sink_.integer(i);
     }
     // Integers beyond int64 become reals, as any real does.
     double d = 0;
     const auto [ptr, ec] = std::from_chars(s, end, d);
-    if (ptr != end) return false;
+    if (ptr != end) return badNumber();
     if (ec == std::errc::result_out_of_range) {
       // Overflow is an infinity JSON cannot carry back out; underflow is a zero of that sign.
       const bool negative = *s == '-';
       d = std::strtod(std::string(s, n).c_str(), nullptr);
-      if (!std::isfinite(d)) return false;
+      if (!std::isfinite(d)) return badNumber();
       if (d == 0 && negative) d = -0.0;
     }
-    return add(KOValue(d));
+    return sink_.real(d);
   }
   bool String(const char* s, rapidjson::SizeType n, bool) {
-    if (!validText(s, n)) return false;
-    return add(KOValue(std::string(s, n)));
+    return validText(s, n) && sink_.string(std::string_view(s, n));
   }
-  bool StartObject() { return open(KODictionary{}); }
-  bool Key(const char* s, rapidjson::SizeType n, bool) {
-    if (!validText(s, n)) return false;
-    stack_.back().key.assign(s, n);
-    return true;
+  bool Key(const char* s, rapidjson::SizeType n, bool) { return validText(s, n) && sink_.key(std::string_view(s, n)); }
+  bool StartObject() { return deeper() && sink_.startObject(); }
+  bool EndObject(rapidjson::SizeType) {
+    --depth_;
+    return sink_.endObject();
   }
-  bool EndObject(rapidjson::SizeType) { return close(); }
-  bool StartArray() { return open(KOArray{}); }
-  bool EndArray(rapidjson::SizeType) { return close(); }
+  bool StartArray() { return deeper() && sink_.startArray(); }
+  bool EndArray(rapidjson::SizeType) {
+    --depth_;
+    return sink_.endArray();
+  }
 
   bool tooDeep() const { return tooDeep_; }
   bool badText() const { return badText_; }
+  bool numberOutOfRange() const { return badNumber_; }
+
+ private:
+  bool badNumber() {
+    badNumber_ = true;
+    return false;
+  }
+
+  bool deeper() {
+    if (depth_ >= KOValue::kMaxNestingDepth) {
+      tooDeep_ = true;
+      return false;
+    }
+    ++depth_;
+    return true;
+  }
+
+  // The raw input is validated as UTF-8 by the reader, but an escaped lone surrogate ("\uDC00")
+  // decodes to bytes that are not UTF-8. Such bytes always start with 0xED, so only strings
+  // holding that byte need a second look.
+  bool validText(const char* s, rapidjson::SizeType n) {
+    if (!std::memchr(s, 0xED, n)) return true;
+    rapidjson::MemoryStream ms(s, n);
+    struct NullOutput {
+      void Put(char) {}
+    } nullOutput;
+    while (ms.Tell() < n) {
+      if (!rapidjson::UTF8<>::Validate(ms, nullOutput)) {
+        badText_ = true;
+        return false;
+      }
+    }
+    return true;
+  }
+
+  Sink& sink_;
+  int depth_ = 0;
+  bool tooDeep_ = false;
+  bool badText_ = false;
+  bool badNumber_ = false;
+};
+
+// Builds a KOValue with an explicit stack, so nesting depth costs heap, not stack.
+class ValueBuilder {
+ public:
+  bool null() { return add(KOValue::null()); }
+  bool boolean(bool b) { return add(KOValue(b)); }
+  bool integer(std::int64_t i) { return add(KOValue(i)); }
+  bool real(double d) { return add(KOValue(d)); }
+  bool string(std::string_view s) { return add(KOValue(std::string(s))); }
+  bool key(std::string_view s) {
+    stack_.back().key.assign(s);
+    return true;
+  }
+  bool startObject() { return open(KODictionary{}); }
+  bool endObject() { return close(); }
+  bool startArray() { return open(KOArray{}); }
+  bool endArray() { return close(); }
+
   KOValue take() { return std::move(root_); }
 
  private:
@@ -68,31 +131,7 @@ class ValueBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Valu
     std::string key;
   };
 
-  // The raw input is validated as UTF-8 by the reader, but an escaped lone surrogate ("\uDC00")
-  // decodes to bytes that are not UTF-8. Such bytes always start with 0xED, so only strings
-  // holding that byte need a second look.
-  bool validText(const char* s, rapidjson::SizeType n) {
-    if (!std::memchr(s, 0xED, n)) return true;
-    rapidjson::MemoryStream ms(s, n);
-    while (ms.Tell() < n) {
-      if (!rapidjson::UTF8<>::Validate(ms, nullOutput_)) {
-        badText_ = true;
-        return false;
-      }
-    }
-    return true;
-  }
-
-  struct NullOutput {
-    void Put(char) {}
-  } nullOutput_;
-  bool badText_ = false;
-
   bool open(KOValue container) {
-    if (stack_.size() >= static_cast<std::size_t>(KOValue::kMaxNestingDepth)) {
-      tooDeep_ = true;
-      return false;
-    }
     stack_.push_back(Frame{std::move(container), {}});
     return true;
   }
@@ -120,7 +159,53 @@ class ValueBuilder : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Valu
 
   std::vector<Frame> stack_;
   KOValue root_;
-  bool tooDeep_ = false;
+};
+
+// Reads text into a sink; false when the sink stopped the reading.
+template <typename Sink>
+bool readInto(std::string_view text, Sink& sink) {
+  if (text.size() >= std::numeric_limits<rapidjson::SizeType>::max()) throw KOParseError("JSON text too large");
+  // Parsed in place on a copy: numbers then reach the handler as text inside the buffer (the
+  // reader's copying path for number text reuses memory it has just released).
+  // The reader's UTF-8 check takes the rest of a multi-byte sequence without looking for the end
+  // of the text: a few NUL bytes of padding keep a sequence cut short at the end inside the buffer.
+  std::string buffer;
+  buffer.reserve(text.size() + 4);
+  buffer.assign(text);
+  buffer.append(4, '\0');
+  rapidjson::InsituStringStream stream(buffer.data());
+  Reading<Sink> handler(sink);
+  rapidjson::Reader reader;
+  constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag |
+                              rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseInsituFlag;
+  const rapidjson::ParseResult result = reader.Parse<kFlags>(stream, handler);
+  if (result.IsError()) {
+    if (handler.tooDeep()) throw KOParseError("JSON nested deeper than " + std::to_string(KOValue::kMaxNestingDepth));
+    if (handler.badText()) throw KOParseError("JSON string is not valid UTF-8");
+    if (handler.numberOutOfRange()) throw KOParseError("JSON number out of range at offset " + std::to_string(result.Offset()));
+    // The sink said no: the text itself may be fine, the caller decides.
+    if (result.Code() == rapidjson::kParseErrorTermination) return false;
+    throw KOParseError(std::string("JSON parse error at offset ") + std::to_string(result.Offset()) + ": " +
+                       rapidjson::GetParseError_En(result.Code()));
+  }
+  // The reader takes a NUL byte for the end of the text; anything after one is garbage.
+  if (stream.Tell() != text.size()) throw KOParseError("JSON text has bytes after its root value");
+  return true;
+}
+
+// Forwards to a caller's visitor.
+struct VisitorSink {
+  KOJSONVisitor& v;
+  bool null() { return v.null(); }
+  bool boolean(bool b) { return v.boolean(b); }
+  bool integer(std::int64_t i) { return v.integer(i); }
+  bool real(double d) { return v.real(d); }
+  bool string(std::string_view s) { return v.string(s); }
+  bool key(std::string_view s) { return v.key(s); }
+  bool startObject() { return v.startObject(); }
+  bool endObject() { return v.endObject(); }
+  bool startArray() { return v.startArray(); }
+  bool endArray() { return v.endArray(); }
 };
 
 // Writes straight into the caller's string: no intermediate buffer to allocate and copy.
@@ -183,30 +268,14 @@ void writeValue(Writer& w, const KOValue& v, int depth) {
 }  // namespace
 
 KOValue KOJSONSerialization::parse(std::string_view text) {
-  if (text.size() >= std::numeric_limits<rapidjson::SizeType>::max()) throw KOParseError("JSON text too large");
-  // Parsed in place on a copy: numbers then reach the handler as text inside the buffer (the
-  // reader's copying path for number text reuses memory it has just released).
-  // The reader's UTF-8 check takes the rest of a multi-byte sequence without looking for the end
-  // of the text: a few NUL bytes of padding keep a sequence cut short at the end inside the buffer.
-  std::string buffer;
-  buffer.reserve(text.size() + 4);
-  buffer.assign(text);
-  buffer.append(4, '\0');
-  rapidjson::InsituStringStream stream(buffer.data());
   ValueBuilder builder;
-  rapidjson::Reader reader;
-  constexpr unsigned kFlags = rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag |
-                              rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseInsituFlag;
-  const rapidjson::ParseResult result = reader.Parse<kFlags>(stream, builder);
-  if (result.IsError()) {
-    if (builder.tooDeep()) throw KOParseError("JSON nested deeper than " + std::to_string(KOValue::kMaxNestingDepth));
-    if (builder.badText()) throw KOParseError("JSON string is not valid UTF-8");
-    throw KOParseError(std::string("JSON parse error at offset ") + std::to_string(result.Offset()) + ": " +
-                       rapidjson::GetParseError_En(result.Code()));
-  }
-  // The reader takes a NUL byte for the end of the text; anything after one is garbage.
-  if (stream.Tell() != text.size()) throw KOParseError("JSON text has bytes after its root value");
+  readInto(text, builder);  // the builder takes every value: only the text can stop the reading
   return builder.take();
+}
+
+bool KOJSONSerialization::read(std::string_view text, KOJSONVisitor& visitor) {
+  VisitorSink sink{visitor};
+  return readInto(text, sink);
 }
 
 void KOJSONSerialization::writeTo(const KOValue& value, std::string& out) {

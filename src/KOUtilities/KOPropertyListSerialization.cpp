@@ -6,11 +6,15 @@
 
 #include <pthread.h>
 
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <vector>
+
+#include "KOJSONSerialization.h"
 
 namespace {
 
@@ -222,6 +226,112 @@ KOValue parseXML(std::string_view bytes) {
   return toValue(raw, 0);
 }
 
+// Writes the XML of JSON values as they are read, with the rules of toNode: null is left out of a
+// dictionary and written as "" in an array. Text holding control characters is declined (the
+// caller then goes through the library), so that such text is written and read back exactly as
+// the library does it.
+class FragmentWriter final : public KOJSONVisitor {
+ public:
+  explicit FragmentWriter(std::string& out) : out_(out) {}
+
+  bool null() override {
+    if (frames_.empty()) return false;  // a null root: the library path reports it
+    if (frames_.back().dictionary) {
+      out_.resize(frames_.back().keyStart);
+    } else {
+      out_ += "<string></string>";
+    }
+    return true;
+  }
+  bool boolean(bool b) override {
+    out_ += b ? "<true/>" : "<false/>";
+    return true;
+  }
+  bool integer(std::int64_t i) override {
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, i).ptr;
+    out_ += "<integer>";
+    out_.append(digits, end);
+    out_ += "</integer>";
+    return true;
+  }
+  bool real(double d) override {
+    char digits[32];
+    const auto end = std::to_chars(digits, digits + sizeof digits, d).ptr;
+    out_ += "<real>";
+    out_.append(digits, end);
+    out_ += "</real>";
+    return true;
+  }
+  bool string(std::string_view text) override {
+    out_ += "<string>";
+    if (!escaped(text)) return false;
+    out_ += "</string>";
+    return true;
+  }
+  bool key(std::string_view text) override {
+    frames_.back().keyStart = out_.size();
+    out_ += "<key>";
+    if (!escaped(text)) return false;
+    out_ += "</key>";
+    return true;
+  }
+  bool startObject() override {
+    frames_.push_back({true, 0});
+    out_ += "<dict>";
+    return true;
+  }
+  bool endObject() override {
+    frames_.pop_back();
+    out_ += "</dict>";
+    return true;
+  }
+  bool startArray() override {
+    frames_.push_back({false, 0});
+    out_ += "<array>";
+    return true;
+  }
+  bool endArray() override {
+    frames_.pop_back();
+    out_ += "</array>";
+    return true;
+  }
+
+ private:
+  bool escaped(std::string_view text) {
+    std::size_t plain = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+      const auto c = static_cast<unsigned char>(text[i]);
+      if (c < 0x20) return false;
+      const char* entity = c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '>' ? "&gt;" : nullptr;
+      if (!entity) continue;
+      out_.append(text.data() + plain, i - plain);
+      out_ += entity;
+      plain = i + 1;
+    }
+    out_.append(text.data() + plain, text.size() - plain);
+    return true;
+  }
+
+  struct Frame {
+    bool dictionary;
+    std::size_t keyStart;  // where the current key's XML starts, to take it back for a null
+  };
+  std::string& out_;
+  std::vector<Frame> frames_;
+};
+
+// The value inside a whole document from the library's writer.
+std::string documentBody(const std::string& document) {
+  const std::string open = "<plist version=\"1.0\">";
+  const auto start = document.find(open);
+  const auto end = document.rfind("</plist>");
+  if (start == std::string::npos || end == std::string::npos || end < start) {
+    throw KOTypeError("unexpected property-list writer output");
+  }
+  return document.substr(start + open.size(), end - start - open.size());
+}
+
 }  // namespace
 
 KOValue KOPropertyListSerialization::parse(std::string_view bytes) {
@@ -241,4 +351,12 @@ std::string KOPropertyListSerialization::writeXML(const KOValue& value) {
   std::string out(xml, length);
   plist_to_xml_free(xml);
   return out;
+}
+
+std::string KOPropertyListSerialization::xmlFragmentFromJSON(std::string_view json) {
+  std::string out;
+  out.reserve(json.size() * 2);
+  FragmentWriter writer(out);
+  if (KOJSONSerialization::read(json, writer)) return out;
+  return documentBody(writeXML(KOJSONSerialization::parse(json)));
 }

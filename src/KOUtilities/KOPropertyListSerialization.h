@@ -17,4 +17,10 @@ class KOPropertyListSerialization {
   /// arrays; a URL is written as its string. Throws KOTypeError for a nil or null root, a date the
   /// format cannot hold, a non-finite real, invalid UTF-8 or nesting deeper than the limit.
   static std::string writeXML(const KOValue& value);
+
+  /// The XML of the value a JSON text holds, without the document's prologue and <plist> element:
+  /// ready to stand inside an array or dictionary of a larger list. Written straight from the
+  /// text (no values or library nodes in between); same rules and errors as writeXML applied to
+  /// KOJSONSerialization::parse of the text.
+  static std::string xmlFragmentFromJSON(std::string_view json);
 };

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOPropertyListSerialization.h"
 #include "KOValuePrinting.h"
 #include "kovantis/KOValue.h"
@@ -308,4 +309,41 @@ TEST(KOPropertyListSerialization, OneLevelPastTheLimitIsRefused) {
   constexpr int kMax = KOValue::kMaxNestingDepth;
   EXPECT_THROW(KOPropertyListSerialization::parse(nestedXML(kMax + 1)), KOParseError);
   EXPECT_THROW(KOPropertyListSerialization::writeXML(nestedValue(kMax + 1)), KOTypeError);
+}
+
+// The batch file is written from JSON text directly; what it reads back must be what the JSON
+// holds, exactly as if the value had gone through the library's writer.
+TEST(KOPropertyListSerialization, FragmentFromJSONReadsBackAsTheJSONValue) {
+  const std::vector<std::string> texts = {
+      R"([{"name":"PRODUCT_VIEWED","price":12.5,"count":3,"ok":true,"no":false}])",
+      R"({"a&b":"x < y > z & \"w\" 'v'","empty":"","spaces":"  padded  ","unicode":"héllo ✓ 😀"})",
+      R"([-1,0,9223372036854775807,-9223372036854775808,18446744073709551616,0.1,-0.0,1e300,5e-324,-2.5e-7])",
+      R"({"gone":null,"kept":[null,1,{}],"nested":{"deeper":[[],{"k":null}]}})",
+      R"({"line":"two\nlines","tab":"a\tb","cr":"a\r\nb","bell":"\u0007"})",
+      R"("lone string")",
+      R"([])",
+  };
+  for (const auto& json : texts) {
+    const KOValue expected = KOPropertyListSerialization::parse(
+        KOPropertyListSerialization::writeXML(KOJSONSerialization::parse(json)));
+    const std::string fragment = KOPropertyListSerialization::xmlFragmentFromJSON(json);
+    EXPECT_EQ(KOPropertyListSerialization::parse(xmlPlist(fragment)), expected) << json << "\n" << fragment;
+  }
+  // Written directly, compact; text the direct writer declines still comes out right (above).
+  EXPECT_EQ(KOPropertyListSerialization::xmlFragmentFromJSON(R"([1,"a<b",{"k":null,"t":true}])"),
+            "<array><integer>1</integer><string>a&lt;b</string><dict><key>t</key><true/></dict></array>");
+  // Reals keep every bit through the text.
+  const KOValue reals = KOPropertyListSerialization::parse(
+      xmlPlist(KOPropertyListSerialization::xmlFragmentFromJSON("[0.1,1e300,5e-324,123456.789012345]")));
+  EXPECT_EQ(reals.arrayValue()[0].doubleValue(), 0.1);
+  EXPECT_EQ(reals.arrayValue()[2].doubleValue(), 5e-324);
+  EXPECT_EQ(reals.arrayValue()[3].doubleValue(), 123456.789012345);
+
+  EXPECT_THROW(KOPropertyListSerialization::xmlFragmentFromJSON("null"), KOTypeError);
+  EXPECT_THROW(KOPropertyListSerialization::xmlFragmentFromJSON("[1,"), KOParseError);
+  EXPECT_THROW(KOPropertyListSerialization::xmlFragmentFromJSON(R"(["\u0000"])"), KOTypeError);
+  EXPECT_THROW(KOPropertyListSerialization::xmlFragmentFromJSON(R"(["\udc00"])"), KOParseError);
+  EXPECT_EQ(KOPropertyListSerialization::parse(xmlPlist(KOPropertyListSerialization::xmlFragmentFromJSON(
+                std::string(KOValue::kMaxNestingDepth, '[') + std::string(KOValue::kMaxNestingDepth, ']')))),
+            nestedValue(KOValue::kMaxNestingDepth));
 }
