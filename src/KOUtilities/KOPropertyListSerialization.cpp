@@ -6,6 +6,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -227,9 +228,10 @@ KOValue parseXML(std::string_view bytes) {
 }
 
 // Writes the XML of JSON values as they are read, with the rules of toNode: null is left out of a
-// dictionary and written as "" in an array. Text holding control characters is declined (the
-// caller then goes through the library), so that such text is written and read back exactly as
-// the library does it.
+// dictionary and written as "" in an array. What it cannot write the way a parsed value would
+// come out is declined, and the caller goes through the library instead: text holding control
+// characters (written and read back exactly as the library does it), and an object repeating a
+// key (parsing keeps the last value) or holding more keys than are cheap to compare.
 class FragmentWriter final : public KOJSONVisitor {
  public:
   explicit FragmentWriter(std::string& out) : out_(out) {}
@@ -270,24 +272,29 @@ class FragmentWriter final : public KOJSONVisitor {
     return true;
   }
   bool key(std::string_view text) override {
-    frames_.back().keyStart = out_.size();
+    Frame& frame = frames_.back();
+    const auto first = keys_.begin() + static_cast<std::ptrdiff_t>(frame.firstKey);
+    if (keys_.size() - frame.firstKey >= kMaxKeys || std::find(first, keys_.end(), text) != keys_.end()) return false;
+    keys_.emplace_back(text);
+    frame.keyStart = out_.size();
     out_ += "<key>";
     if (!escaped(text)) return false;
     out_ += "</key>";
     return true;
   }
   bool startObject() override {
-    frames_.push_back({true, 0});
+    frames_.push_back({true, 0, keys_.size()});
     out_ += "<dict>";
     return true;
   }
   bool endObject() override {
+    keys_.resize(frames_.back().firstKey);
     frames_.pop_back();
     out_ += "</dict>";
     return true;
   }
   bool startArray() override {
-    frames_.push_back({false, 0});
+    frames_.push_back({false, 0, keys_.size()});
     out_ += "<array>";
     return true;
   }
@@ -313,12 +320,16 @@ class FragmentWriter final : public KOJSONVisitor {
     return true;
   }
 
+  static constexpr std::size_t kMaxKeys = 64;
+
   struct Frame {
     bool dictionary;
     std::size_t keyStart;  // where the current key's XML starts, to take it back for a null
+    std::size_t firstKey;  // this object's keys in keys_ start here
   };
   std::string& out_;
   std::vector<Frame> frames_;
+  std::vector<std::string> keys_;  // the keys of every open object, innermost last
 };
 
 // The value inside a whole document from the library's writer.

@@ -320,6 +320,7 @@ TEST(KOPropertyListSerialization, FragmentFromJSONReadsBackAsTheJSONValue) {
       R"([-1,0,9223372036854775807,-9223372036854775808,18446744073709551616,0.1,-0.0,1e300,5e-324,-2.5e-7])",
       R"({"gone":null,"kept":[null,1,{}],"nested":{"deeper":[[],{"k":null}]}})",
       R"({"line":"two\nlines","tab":"a\tb","cr":"a\r\nb","bell":"\u0007"})",
+      R"({"n":"A","n":null,"m":null,"m":1,"o":{"n":2},"n2":[{"n":3}]})",
       R"("lone string")",
       R"([])",
   };
