@@ -67,14 +67,8 @@ void BM_EndToEnd(benchmark::State& state) {
   KOBenchRig& r = KOBenchRig::shared();
   Kovantis& sdk = Kovantis::sharedInstance();
   KOEventsHandler& events = KOEventsHandler::sharedInstance();
-  events.setEventsBatchCountTreshold(30);
-  const auto perIteration = static_cast<std::size_t>(state.range(0));
-  const KOValue name("PRODUCT_VIEWED");
-  for (auto _ : state) {
-    state.PauseTiming();
-    r.emulator->reset();
-    state.ResumeTiming();
-    for (std::size_t i = 0; i < perIteration; ++i) sdk.trackEvent(name, payload());
+  // Syncs until nothing is left in memory or on file.
+  const auto deliverAll = [&] {
     r.device.runMainUntil(
         [&] {
           if (events.syncInProgress() || !r.device.dispatch().backgroundIdle()) return false;
@@ -83,6 +77,17 @@ void BM_EndToEnd(benchmark::State& state) {
           return false;
         },
         120);
+  };
+  events.setEventsBatchCountTreshold(30);
+  const auto perIteration = static_cast<std::size_t>(state.range(0));
+  const KOValue name("PRODUCT_VIEWED");
+  for (auto _ : state) {
+    state.PauseTiming();
+    deliverAll();  // whatever earlier benchmarks left behind is not this run's work
+    r.emulator->reset();
+    state.ResumeTiming();
+    for (std::size_t i = 0; i < perIteration; ++i) sdk.trackEvent(name, payload());
+    deliverAll();
   }
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * perIteration));
   state.counters["events_stored"] = static_cast<double>(r.emulator->events().size());
