@@ -302,44 +302,56 @@ void KOEventsHandler::runSync(SyncRequest request) {
       if (request.reset) cleanUp();
       return;
     }
-    KOServerInterface& server = KOServerInterface::sharedInstance();
-    for (std::size_t i = 0; i < round->ids.size(); ++i) {
-      const std::string& id = round->ids[i];
-      if (KOLogger::loggingEnabled()) {
-        logInfo(KOStringFormat::format("Kovantis - syncing events from storage for Batch %@ and Events :\n %@",
-                                       {KOValue(id), KOValue(KOBatchStore::recordsText(bodies[i]))}));
-      }
-      server.sendData(KOJSONText{std::move(bodies[i])}, KOValue(id), [this, round, id, request](bool success) {
-        try {
-          if (success) {
-            {
-              // Accepted: never sent again while this process lives. It leaves the file with the
-              // next write (at the latest when this sync ends); should the process die before,
-              // the service recognises the resent batch by its id.
-              std::lock_guard<std::mutex> lock(mutex_);
-              store_.remove(id);
-            }
-            logInfo(KOStringFormat::format("Kovantis - sync success from batch %@", {KOValue(id)}));
-          } else {
-            {
-              std::lock_guard<std::mutex> lock(round->mutex);
-              round->failed.push_back(id);
-            }
-            logInfo(KOStringFormat::format("Kovantis - could not complete sync for batch %@, will try again later",
-                                           {KOValue(id)}));
+    // One batch's outcome; the last one ends the round.
+    auto finish = [this, round, request](const std::string& id, bool success) {
+      try {
+        if (success) {
+          {
+            // Accepted: never sent again while this process lives. It leaves the file with the
+            // next write (at the latest when this sync ends); should the process die before,
+            // the service recognises the resent batch by its id.
+            std::lock_guard<std::mutex> lock(mutex_);
+            store_.remove(id);
           }
-        } catch (const std::exception& e) {
-          logException(KO_HERE, this, "Kovantis - exception while syncing the data : %@", e);
-        }
-        if (++round->completed == round->ids.size()) {
-          std::vector<std::string> failed;
+          logInfo(KOStringFormat::format("Kovantis - sync success from batch %@", {KOValue(id)}));
+        } else {
           {
             std::lock_guard<std::mutex> lock(round->mutex);
-            failed = round->failed;
+            round->failed.push_back(id);
           }
-          syncAttemptCompletedInBackground(request.inBackground, request.reset, std::move(failed));
+          logInfo(KOStringFormat::format("Kovantis - could not complete sync for batch %@, will try again later",
+                                         {KOValue(id)}));
         }
-      });
+      } catch (const std::exception& e) {
+        logException(KO_HERE, this, "Kovantis - exception while syncing the data : %@", e);
+      }
+      if (++round->completed == round->ids.size()) {
+        std::vector<std::string> failed;
+        {
+          std::lock_guard<std::mutex> lock(round->mutex);
+          failed = round->failed;
+        }
+        syncAttemptCompletedInBackground(request.inBackground, request.reset, std::move(failed));
+      }
+    };
+    KOServerInterface& server = KOServerInterface::sharedInstance();
+    std::size_t started = 0;
+    try {
+      for (; started < round->ids.size(); ++started) {
+        const std::string& id = round->ids[started];
+        if (KOLogger::loggingEnabled()) {
+          logInfo(KOStringFormat::format("Kovantis - syncing events from storage for Batch %@ and Events :\n %@",
+                                         {KOValue(id), KOValue(KOBatchStore::recordsText(bodies[started]))}));
+        }
+        server.sendData(KOJSONText{std::move(bodies[started])}, KOValue(id),
+                        [finish, id](bool success) { finish(id, success); });
+      }
+    } catch (const std::exception& e) {
+      // Batches already on their way end the round; clearing the flag now would let another
+      // sync send them a second time. Those not sent count as failed and stay for the next one.
+      KOLogger::logWithVerbosity(1, KOLogSeverityException,
+                                 KOArray{KOStringFormat::format("Kovantis - Exception while syncing : %@", {KOValue(e.what())})});
+      for (std::size_t i = started; i < round->ids.size(); ++i) finish(round->ids[i], false);
     }
   } catch (const std::exception& e) {
     {
