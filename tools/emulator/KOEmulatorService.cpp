@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <functional>
+#include <map>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -145,15 +147,29 @@ std::string campaignAnswer(const rapidjson::Value &entry) {
     return "{\"campaign_info\":[" + KOEmulatorJSON::serialize(entry) + "]}";
 }
 
+// The answer seeded under a key of a campaign section, if any.
+std::optional<std::string> seededCampaign(const std::string &sectionJSON, const std::string &key) {
+    rapidjson::Document seeds;
+    std::string error;
+    KOEmulatorJSON::parse(sectionJSON, seeds, error);
+    if (!seeds.IsObject()) return std::nullopt;
+    const auto it = seeds.FindMember(key.c_str());
+    if (it == seeds.MemberEnd()) return std::nullopt;
+    return campaignAnswer(it->value);
+}
+
+// Every service path with the one method it takes.
+const std::map<std::string, std::string, std::less<>> kServiceMethods = {
+    {"/v2/device/add", "POST"}, {"/v2/report/add", "POST"}, {"/v1/getConfig", "GET"},
+    {"/campaigns/inappcampaigns/fetch", "POST"}, {"/campaigns/inappcampaign/fetch", "GET"},
+    {"/v2/autotriggerinapps", "POST"}, {"/v2/categories/add", "POST"}, {"/v1/getInboxMessages", "GET"},
+    {"/v1/geoFenceHit", "GET"}, {"/v1/geoFences", "GET"},
+};
+
 } // namespace
 
 bool KOEmulatorService::isServicePath(const std::string &path) {
-    static const std::array<const char *, 10> paths = {
-        "/v2/device/add", "/v2/report/add", "/v1/getConfig", "/campaigns/inappcampaigns/fetch",
-        "/campaigns/inappcampaign/fetch", "/v2/autotriggerinapps", "/v2/categories/add",
-        "/v1/getInboxMessages", "/v1/geoFenceHit", "/v1/geoFences",
-    };
-    return path.starts_with(kLogPrefix) || std::find(paths.begin(), paths.end(), path) != paths.end();
+    return path.starts_with(kLogPrefix) || kServiceMethods.contains(path);
 }
 
 std::string KOEmulatorService::queryJSON(const std::multimap<std::string, std::string> &query) {
@@ -184,16 +200,10 @@ std::string KOEmulatorService::section(const std::string &name) const {
 KOEmulatorReply KOEmulatorService::handle(const KOEmulatorCall &call) {
     const std::string &path = call.path;
     const bool isLog = path.starts_with(kLogPrefix);
-    static const std::map<std::string, std::string, std::less<>> methods = {
-        {"/v2/device/add", "POST"}, {"/v2/report/add", "POST"}, {"/v1/getConfig", "GET"},
-        {"/campaigns/inappcampaigns/fetch", "POST"}, {"/campaigns/inappcampaign/fetch", "GET"},
-        {"/v2/autotriggerinapps", "POST"}, {"/v2/categories/add", "POST"}, {"/v1/getInboxMessages", "GET"},
-        {"/v1/geoFenceHit", "GET"}, {"/v1/geoFences", "GET"},
-    };
     std::string expected;
     if (isLog) {
         expected = "POST";
-    } else if (auto it = methods.find(path); it != methods.end()) {
+    } else if (auto it = kServiceMethods.find(path); it != kServiceMethods.end()) {
         expected = it->second;
     } else {
         std::string message = "no such endpoint: " + path;
@@ -294,29 +304,13 @@ KOEmulatorReply KOEmulatorService::handle(const KOEmulatorCall &call) {
         }
         if (path == "/campaigns/inappcampaign/fetch") {
             const auto &id = q.requireNonEmpty("campaign_id");
-            rapidjson::Document campaigns;
-            std::string error;
-            KOEmulatorJSON::parse(section("campaigns"), campaigns, error);
-            if (campaigns.IsObject()) {
-                if (auto it = campaigns.FindMember(id.c_str()); it != campaigns.MemberEnd()) {
-                    return ok(campaignAnswer(it->value));
-                }
-            }
-            return ok(R"({"reason":"Campaign not found"})");
+            return ok(seededCampaign(section("campaigns"), id).value_or(R"({"reason":"Campaign not found"})"));
         }
         if (path == "/v2/autotriggerinapps") {
             const auto &event = q.requireNonEmpty("event");
             auto body = parseBody(call);
             member(body, "EVENT_ATTRS", rapidjson::kObjectType, "an object");
-            rapidjson::Document triggers;
-            std::string error;
-            KOEmulatorJSON::parse(section("smart_triggers"), triggers, error);
-            if (triggers.IsObject()) {
-                if (auto it = triggers.FindMember(event.c_str()); it != triggers.MemberEnd()) {
-                    return ok(campaignAnswer(it->value));
-                }
-            }
-            return ok(R"({"campaign_info":[]})");
+            return ok(seededCampaign(section("smart_triggers"), event).value_or(R"({"campaign_info":[]})"));
         }
         if (path == "/v2/categories/add") {
             auto body = parseBody(call);
