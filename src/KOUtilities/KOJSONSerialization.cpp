@@ -107,21 +107,22 @@ class Reading : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Reading<S
 };
 
 // Builds a KOValue with an explicit stack, so nesting depth costs heap, not stack.
-class ValueBuilder {
+// Final, so that reading into it calls these directly rather than through the vtable.
+class ValueBuilder final : public KOJSONVisitor {
  public:
-  bool null() { return add(KOValue::null()); }
-  bool boolean(bool b) { return add(KOValue(b)); }
-  bool integer(std::int64_t i) { return add(KOValue(i)); }
-  bool real(double d) { return add(KOValue(d)); }
-  bool string(std::string_view s) { return add(KOValue(std::string(s))); }
-  bool key(std::string_view s) {
+  bool null() override { return add(KOValue::null()); }
+  bool boolean(bool b) override { return add(KOValue(b)); }
+  bool integer(std::int64_t i) override { return add(KOValue(i)); }
+  bool real(double d) override { return add(KOValue(d)); }
+  bool string(std::string_view s) override { return add(KOValue(std::string(s))); }
+  bool key(std::string_view s) override {
     stack_.back().key.assign(s);
     return true;
   }
-  bool startObject() { return open(KODictionary{}); }
-  bool endObject() { return close(); }
-  bool startArray() { return open(KOArray{}); }
-  bool endArray() { return close(); }
+  bool startObject() override { return open(KODictionary{}); }
+  bool endObject() override { return close(); }
+  bool startArray() override { return open(KOArray{}); }
+  bool endArray() override { return close(); }
 
   KOValue take() { return std::move(root_); }
 
@@ -193,21 +194,6 @@ bool readInto(std::string_view text, Sink& sink) {
   return true;
 }
 
-// Forwards to a caller's visitor.
-struct VisitorSink {
-  KOJSONVisitor& v;
-  bool null() { return v.null(); }
-  bool boolean(bool b) { return v.boolean(b); }
-  bool integer(std::int64_t i) { return v.integer(i); }
-  bool real(double d) { return v.real(d); }
-  bool string(std::string_view s) { return v.string(s); }
-  bool key(std::string_view s) { return v.key(s); }
-  bool startObject() { return v.startObject(); }
-  bool endObject() { return v.endObject(); }
-  bool startArray() { return v.startArray(); }
-  bool endArray() { return v.endArray(); }
-};
-
 // Writes straight into the caller's string: no intermediate buffer to allocate and copy.
 struct StringOutput {
   using Ch = char;
@@ -274,8 +260,7 @@ KOValue KOJSONSerialization::parse(std::string_view text) {
 }
 
 bool KOJSONSerialization::read(std::string_view text, KOJSONVisitor& visitor) {
-  VisitorSink sink{visitor};
-  return readInto(text, sink);
+  return readInto(text, visitor);
 }
 
 void KOJSONSerialization::writeTo(const KOValue& value, std::string& out) {
