@@ -26,6 +26,11 @@ void logException(const KOSourceLocation& where, const void* self, const char* f
 
 void logInfo(const std::string& line) { KOLogger::logPlain(line); }
 
+void logSyncException(const std::exception& e) {
+  KOLogger::logWithVerbosity(1, KOLogSeverityException,
+                             KOArray{KOStringFormat::format("Kovantis - Exception while syncing : %@", {KOValue(e.what())})});
+}
+
 }  // namespace
 
 KOEventsHandler& KOEventsHandler::sharedInstance() {
@@ -349,8 +354,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
     } catch (const std::exception& e) {
       // Batches already on their way end the round; clearing the flag now would let another
       // sync send them a second time. Those not sent count as failed and stay for the next one.
-      KOLogger::logWithVerbosity(1, KOLogSeverityException,
-                                 KOArray{KOStringFormat::format("Kovantis - Exception while syncing : %@", {KOValue(e.what())})});
+      logSyncException(e);
       for (std::size_t i = started; i < round->ids.size(); ++i) finish(round->ids[i], false);
     }
   } catch (const std::exception& e) {
@@ -359,8 +363,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
       syncInProgress_ = false;
       persistLocked();
     }
-    KOLogger::logWithVerbosity(1, KOLogSeverityException,
-                               KOArray{KOStringFormat::format("Kovantis - Exception while syncing : %@", {KOValue(e.what())})});
+    logSyncException(e);
   }
 }
 
@@ -403,8 +406,7 @@ void KOEventsHandler::syncAttemptCompletedInBackground(bool inBackground, bool a
       std::lock_guard<std::mutex> lock(mutex_);
       syncInProgress_ = false;
     }
-    KOLogger::logWithVerbosity(1, KOLogSeverityException,
-                               KOArray{KOStringFormat::format("Kovantis - Exception while syncing : %@", {KOValue(e.what())})});
+    logSyncException(e);
   }
 }
 
