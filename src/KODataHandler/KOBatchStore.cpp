@@ -18,15 +18,15 @@ constexpr const char* kPrologue =
     "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
     "<plist version=\"1.0\">\n";
 
-std::string bodyFor(const std::string& recordsArrayJSON, std::size_t count) {
-  std::string body;
-  body.reserve(recordsArrayJSON.size() + 40);
-  body += "{\"viewsInfo\":";
-  body += recordsArrayJSON;
-  body += ",\"viewsCount\":";
+// A report body is {"viewsInfo":<records>,"viewsCount":n}: the records are written between these
+// two parts, straight into the body.
+constexpr std::string_view kBodyOpen = "{\"viewsInfo\":";
+constexpr std::string_view kBodyCount = ",\"viewsCount\":";
+
+void closeBody(std::string& body, std::size_t count) {
+  body += kBodyCount;
   body += std::to_string(count);
   body += '}';
-  return body;
 }
 
 }  // namespace
@@ -106,24 +106,28 @@ std::string KOBatchStore::issueId(std::int64_t nowMilliseconds) {
 }
 
 std::string KOBatchStore::add(const std::vector<std::string>& recordsJSON, std::int64_t nowMilliseconds) {
-  std::size_t bytes = 2;
+  std::size_t bytes = kBodyOpen.size() + kBodyCount.size() + 24;
   for (const auto& r : recordsJSON) bytes += r.size() + 1;
-  std::string array;
-  array.reserve(bytes);
-  array += '[';
+  std::string body;
+  body.reserve(bytes);
+  body += kBodyOpen;
+  body += '[';
   for (std::size_t i = 0; i < recordsJSON.size(); ++i) {
-    if (i) array += ',';
-    array += recordsJSON[i];
+    if (i) body += ',';
+    body += recordsJSON[i];
   }
-  array += ']';
+  body += ']';
+  closeBody(body, recordsJSON.size());
   std::string key = issueId(nowMilliseconds);
-  batches_[key] = std::make_shared<const Batch>(bodyFor(array, recordsJSON.size()), recordsJSON.size());
+  batches_[key] = std::make_shared<const Batch>(std::move(body), recordsJSON.size());
   return key;
 }
 
 void KOBatchStore::put(const std::string& id, const KOArray& records) {
-  batches_[id] = std::make_shared<const Batch>(bodyFor(KOJSONSerialization::write(KOValue(records)), records.size()),
-                                               records.size());
+  std::string body(kBodyOpen);
+  KOJSONSerialization::writeTo(KOValue(records), body);
+  closeBody(body, records.size());
+  batches_[id] = std::make_shared<const Batch>(std::move(body), records.size());
 }
 
 bool KOBatchStore::remove(const std::string& id) { return batches_.erase(id) > 0; }
@@ -181,10 +185,9 @@ std::string KOBatchStore::fileText(const Snapshot& snapshot) {
 }
 
 std::string_view KOBatchStore::recordsText(const std::string& reportBody) {
-  constexpr std::string_view open = "{\"viewsInfo\":";
-  const auto end = reportBody.rfind(",\"viewsCount\":");
-  if (reportBody.rfind(open, 0) != 0 || end == std::string::npos || end < open.size()) return reportBody;
-  return std::string_view(reportBody).substr(open.size(), end - open.size());
+  const auto end = reportBody.rfind(kBodyCount);
+  if (reportBody.rfind(kBodyOpen, 0) != 0 || end == std::string::npos || end < kBodyOpen.size()) return reportBody;
+  return std::string_view(reportBody).substr(kBodyOpen.size(), end - kBodyOpen.size());
 }
 
 bool KOBatchStore::write(KOFileSystem& fs, const std::string& path, const Snapshot& snapshot) {
