@@ -20,10 +20,6 @@ constexpr const char* kMissingAppId = "Kovantis - Please check the initialize ca
 const KOPlatform& platform() { return KOPlatform::current(); }
 KOPreferenceStore& prefs() { return platform().preferences->standard(); }
 
-void logException(const KOSourceLocation& where, const void* self, const char* format, const std::exception& e) {
-  KOLogger::logLocated(where, self, KOLogSeverityException, KOStringFormat::format(format, {KOValue(e.what())}));
-}
-
 bool emptyText(const KOValue& v) { return !v.isString() || v.stringValue().empty(); }
 
 std::string keychainService() {
@@ -76,7 +72,7 @@ void Kovantis::start(const KOValue& apiKey, bool) {
     updateModules();
     trackLocale();
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception in initialize is %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception in initialize is %@", e);
   }
 }
 
@@ -122,7 +118,7 @@ void Kovantis::smartTriggerForAppStatus(int status) {
     if (!name) return;
     trackEvent(KOValue(name));
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - Exception while tracking  INSTALL/UPDATE %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - Exception while tracking  INSTALL/UPDATE %@", e);
   }
 }
 
@@ -134,7 +130,7 @@ void Kovantis::setAppGroupID(const KOValue& groupId) {
     prefs().setObject(groupId, KOV_APP_GROUP_ID_KEY);
     prefs().synchronize();
   } catch (const std::exception& e) {
-    logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
+    KOLogger::logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
   }
 }
 
@@ -143,7 +139,7 @@ void Kovantis::setDataRedirection(bool redirect) {
     prefs().setObject(KOValue(redirect), KO_SHOULD_REDIRECT_DATA);
     prefs().synchronize();
   } catch (const std::exception& e) {
-    logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
+    KOLogger::logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
   }
 }
 
@@ -164,7 +160,7 @@ void Kovantis::trackEvent(const KOValue& name, const KOValue& andPayload) {
   try {
     KOEventsHandler::sharedInstance().trackEvent(name, andPayload);
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception is %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
   }
 }
 
@@ -172,7 +168,7 @@ void Kovantis::trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload)
   try {
     KOEventsHandler::sharedInstance().trackEvent(name, builderPayload);
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception is %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
   }
 }
 
@@ -186,7 +182,7 @@ void Kovantis::setUserAttribute(const KOValue& value, const KOValue& forKey) {
       KOLogger::logPlain("Kovantis - UserAttribute wasn't tracked as it was already present OR the key/value was nil");
     }
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception : %@", e);
   }
 }
 
@@ -194,7 +190,7 @@ void Kovantis::setUserAttributeTimestamp(double timeStamp, const KOValue& forKey
   try {
     KOUserAttributesHandler::sharedInstance().setUserAttributeTimestamp(timeStamp, forKey);
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception : %@", e);
   }
 }
 
@@ -202,7 +198,7 @@ void Kovantis::setUserAttributeLocationLatitude(double latitude, double longitud
   try {
     KOUserAttributesHandler::sharedInstance().setUserAttributeLocationLatitude(latitude, longitude, forKey);
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception : %@", e);
   }
 }
 
@@ -249,7 +245,7 @@ void Kovantis::applicationIsActive(const KODictionary&) {
   try {
     sessionStarted();
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception in application is active : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception in application is active : %@", e);
   }
 }
 
@@ -257,7 +253,7 @@ void Kovantis::sessionStarted() {
   try {
     trackEvent(KOValue(EVENT_ACTION_IOS_SESSION_START));
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception in Session start : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception in Session start : %@", e);
   }
 }
 
@@ -266,7 +262,7 @@ void Kovantis::applicationIsInactive(const KODictionary&) {
     trackEvent(KOValue(EVENT_ACTION_IOS_SESSION_END));
     syncOnSessionTerminationWithApplication(platform().application.get());
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception in application is Inactive : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception in application is Inactive : %@", e);
   }
 }
 
@@ -274,7 +270,7 @@ void Kovantis::applicationEnteredForeground(const KODictionary&) {
   try {
     updateModules();
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception in application did enter Foreground is %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception in application did enter Foreground is %@", e);
   }
 }
 
@@ -283,7 +279,7 @@ void Kovantis::applicationEnteredBackground(const KODictionary&) {
     // Connections kept for reuse are released while the app is away.
     KOServerInterface::sharedInstance().httpClient().closeIdleConnections(0);
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception in application did enter Background is %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception in application did enter Background is %@", e);
   }
 }
 
@@ -297,7 +293,7 @@ void Kovantis::updateModules() {
     events.syncToServerFromDumpFile();
     events.syncTrackedEventsInBackground(false, false, true);
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception while updating modules %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception while updating modules %@", e);
   }
 }
 
@@ -310,7 +306,7 @@ void Kovantis::syncOnSessionTerminationWithApplication(KOApplication* applicatio
     KOEventsHandler::sharedInstance().setBgTask(task->load());
     platform().dispatch->asyncBackground([] { KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(true, false, false); });
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception while trying to sync data : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception while trying to sync data : %@", e);
   }
 }
 
@@ -318,7 +314,7 @@ void Kovantis::syncNow() {
   try {
     KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(false, false, false);
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - SyncNow exception : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - SyncNow exception : %@", e);
   }
 }
 
@@ -332,7 +328,7 @@ void Kovantis::initNewUser() {
         setDeviceAttribute(advertisingId, KOValue(KO_ADVERTISING_IDENTIFIER));
       }
     } catch (const std::exception& e) {
-      logException(KO_HERE, this, "Kovantis - exception : %@", e);
+      KOLogger::logException(KO_HERE, this, "Kovantis - exception : %@", e);
     }
   });
 }
@@ -356,11 +352,11 @@ void Kovantis::addDeviceWithCompletion(std::function<void(bool)> completion) {
         KOLogger::logPlain("Kovantis - registered for push");
         if (completion) completion(true);
       } catch (const std::exception& e) {
-        logException(KO_HERE, this, "Kovantis - Exception in device add call %@", e);
+        KOLogger::logException(KO_HERE, this, "Kovantis - Exception in device add call %@", e);
       }
     });
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - Exception in device add call %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - Exception in device add call %@", e);
   }
 }
 
@@ -370,7 +366,7 @@ void Kovantis::setModelDeviceAttribute() {
     setDeviceAttribute(KOValue(KovantisUtils::getIdentifierForVendor()), KOValue("device_IDFV"));
     setDeviceAttribute(KOValue(KovantisUtils::getDeviceSystemVersion()), KOValue("os_version"));
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception is %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
   }
 }
 
@@ -382,7 +378,7 @@ void Kovantis::queryForAdvertisingID() {
     setDeviceAttribute(advertisingId, KOValue(KO_ADVERTISING_IDENTIFIER));
     KovantisUtils::saveAdvertisingID(advertisingId);
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception is %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
   }
 }
 
@@ -412,7 +408,7 @@ void Kovantis::trackLocale() {
       if (handler.setUserAttribute(KOValue(value), KOValue(key))) setDeviceAttribute(KOValue(value), KOValue(key));
     }
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception while tracking Locale %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception while tracking Locale %@", e);
   }
 }
 
@@ -430,7 +426,7 @@ void Kovantis::setDeviceAttribute(const KOValue& value, const KOValue& forKey) {
     attributes.set(forKey.isString() ? forKey.stringValue() : forKey.description(), value);
     trackEvent(KOValue(EVENT_ACTION_DEVICE_ATTRIBUTE), KOValue(std::move(attributes)));
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception is %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
   }
 }
 
@@ -439,6 +435,6 @@ void Kovantis::resetUser() {
     trackEvent(KOValue(KOV_LOGOUT));
     KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(false, true, false);
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - Reset User exception : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - Reset User exception : %@", e);
   }
 }

@@ -20,10 +20,6 @@ constexpr const char* kLegacyFileName = "kovantisEvents.dat";
 
 const KOPlatform& platform() { return KOPlatform::current(); }
 
-void logException(const KOSourceLocation& where, const void* self, const char* format, const std::exception& e) {
-  KOLogger::logLocated(where, self, KOLogSeverityException, KOStringFormat::format(format, {KOValue(e.what())}));
-}
-
 void logInfo(const std::string& line) { KOLogger::logPlain(line); }
 
 void logSyncException(const std::exception& e) {
@@ -146,7 +142,7 @@ void KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload)
     const KOValue attributes(KovantisUtils::transformPayloadForIncompatibleTypes(given));
     append(recordJSON(name.stringValue(), &attributes, nullptr));
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception is %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
   }
 }
 
@@ -164,7 +160,7 @@ void KOEventsHandler::trackEvent(const KOValue& name, KOPayloadBuilder& builderP
     if (!builderPayload.locationArray().empty()) custom.set("location", KOValue(builderPayload.locationArray()));
     append(recordJSON(name.stringValue(), attributes ? &*attributes : nullptr, custom.empty() ? nullptr : &custom));
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception is %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
   }
 }
 
@@ -235,7 +231,7 @@ bool KOEventsHandler::writeSnapshotNow() {
     }
     return KOBatchStore::write(*platform().fileSystem, store_.path(), snapshot);
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - Exception : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - Exception : %@", e);
     return false;
   }
 }
@@ -254,7 +250,7 @@ void KOEventsHandler::writeEvents(const KOArray& events, std::int64_t toFileWith
     store_.put(std::to_string(toFileWithBatchID), events);
     persistLocked();
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - Exception : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - Exception : %@", e);
   }
 }
 
@@ -328,7 +324,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
                                          {KOValue(id)}));
         }
       } catch (const std::exception& e) {
-        logException(KO_HERE, this, "Kovantis - exception while syncing the data : %@", e);
+        KOLogger::logException(KO_HERE, this, "Kovantis - exception while syncing the data : %@", e);
       }
       if (++round->completed == round->ids.size()) {
         std::vector<std::string> failed;
@@ -453,7 +449,7 @@ void KOEventsHandler::syncToServerFromDumpFile() {
     KOFileError error;
     if (!platform().fileSystem->readFile(oldDatFilePath(), &error)) {
       // Unreadable now is not empty: keep the file for a later start.
-      logException(KO_HERE, this, "Kovantis - Exception : %@", std::runtime_error(error.message));
+      KOLogger::logException(KO_HERE, this, "Kovantis - Exception : %@", std::runtime_error(error.message));
       return;
     }
     KOArray events = getEventsFromDumpFile();
@@ -471,6 +467,6 @@ void KOEventsHandler::syncToServerFromDumpFile() {
     }
     removeDatFile();
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - Exception : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - Exception : %@", e);
   }
 }

@@ -13,10 +13,6 @@ namespace {
 
 constexpr const char* kCacheFileName = "KovantisUserAttributes.plist";
 
-void logException(const KOSourceLocation& where, const void* self, const char* format, const std::exception& e) {
-  KOLogger::logLocated(where, self, KOLogSeverityException, KOStringFormat::format(format, {KOValue(e.what())}));
-}
-
 }  // namespace
 
 KOUserAttributesHandler& KOUserAttributesHandler::sharedInstance() {
@@ -36,7 +32,7 @@ KOValue KOUserAttributesHandler::contentOfUserAttributePlist() const {
   try {
     return KOPropertyListFile::read(userAttributePlistFilePath());
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - Exception : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - Exception : %@", e);
     return KOValue();
   }
 }
@@ -63,7 +59,7 @@ bool KOUserAttributesHandler::doesUserAttributeExistsWithKey(const KOValue& key,
     createUserAttributePlistFileWithContent(cache);
     return false;
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - Exception : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - Exception : %@", e);
     return false;
   }
 }
@@ -85,7 +81,7 @@ bool KOUserAttributesHandler::setUserAttribute(const KOValue& value, const KOVal
     Kovantis::sharedInstance().trackEvent(KOValue(EVENT_ACTION_USER_ATTRIBUTE), KOValue(std::move(attributes)));
     return true;
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, "Kovantis - exception : %@", e);
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception : %@", e);
     return false;
   }
 }
@@ -120,6 +116,6 @@ void KOUserAttributesHandler::cleanUpUserData() {
     std::lock_guard<std::mutex> lock(handler.mutex_);
     handler.userAttributeRemovePlistFile();
   } catch (const std::exception& e) {
-    logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
+    KOLogger::logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
   }
 }

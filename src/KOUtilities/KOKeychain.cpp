@@ -23,8 +23,7 @@ void KOKeychain::save(const std::string& service, const KOValue& data) {
     const std::string archive = KOPropertyListSerialization::writeXML(data);
     store.add(service, service, archive, kAccessibleAfterFirstUnlock);
   } catch (const std::exception& e) {
-    KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
-                         KOStringFormat::format("Kovantis - Exception : %@", {KOValue(e.what())}));
+    KOLogger::logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
   }
 }
 
@@ -44,8 +43,7 @@ void KOKeychain::remove(const std::string& service) {
   try {
     KOPlatform::current().keychain->remove(service, service);
   } catch (const std::exception& e) {
-    KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
-                         KOStringFormat::format("Kovantis - Exception : %@", {KOValue(e.what())}));
+    KOLogger::logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
   }
 }
 

@@ -211,6 +211,12 @@ void KOLogger::logLocated(const KOSourceLocation& where, const void* object, int
   logWithVerbosity(2, severity, locatedArgs(where, object, message));
 }
 
+void KOLogger::logException(const KOSourceLocation& where, const void* object, std::string_view format,
+                            const std::exception& e) {
+  if (!loggingEnabled()) return;
+  logLocated(where, object, KOLogSeverityException, KOStringFormat::format(format, {KOValue(e.what())}));
+}
+
 void KOLogger::logLocated(const KOSourceLocation& where, const void* object, int severity, const std::string& message,
                           const KOValue& stackTrace) {
   logWithVerbosity(2, severity, locatedArgs(where, object, message), stackTrace);

@@ -2,6 +2,7 @@
 // records once the service's configuration switches it on.
 #pragma once
 
+#include <exception>
 #include <functional>
 #include <optional>
 #include <string>
@@ -70,6 +71,10 @@ class KOLogger {
   static void logPlain(const std::string& message);
   /// A located line: verbosity 2 with the caller's object, file, line and method.
   static void logLocated(const KOSourceLocation& where, const void* object, int severity, const std::string& message);
+  /// A located exception line (severity 4): the format's one %@ is the exception's text. Nothing
+  /// is formatted when logging is off.
+  static void logException(const KOSourceLocation& where, const void* object, std::string_view format,
+                           const std::exception& e);
   /// A located line that is also shipped remotely when remote logging is on.
   static void logLocated(const KOSourceLocation& where, const void* object, int severity, const std::string& message,
                          const KOValue& stackTrace);

@@ -208,8 +208,7 @@ KODictionary KovantisUtils::transformPayloadForIncompatibleTypes(const KODiction
       }
     }
   } catch (const std::exception& e) {
-    KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
-                         KOStringFormat::format("Kovantis - error while transforming data is %@", {KOValue(e.what())}));
+    KOLogger::logException(KO_HERE, nullptr, "Kovantis - error while transforming data is %@", e);
   }
   return out;
 }
@@ -320,8 +319,7 @@ void KovantisUtils::showAlertViewWithMessage(const std::string& message, const s
       ui.presentAlert(andTitle, message, {KOAlertAction{"OK", KOAlertActionStyle::Cancel, nullptr}}, nullptr);
     }
   } catch (const std::exception& e) {
-    KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
-                         KOStringFormat::format("Kovantis - Exception : %@", {KOValue(e.what())}));
+    KOLogger::logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
   }
 }
 

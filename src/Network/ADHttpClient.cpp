@@ -262,8 +262,7 @@ void ADHttpClient::fetchRequest(const KOURLRequest& request, FetchCompletion com
       try {
         completion(answer);
       } catch (const std::exception& e) {
-        KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
-                             KOStringFormat::format("Kovantis - Exception : %@", {KOValue(e.what())}));
+        KOLogger::logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
       }
     });
   };

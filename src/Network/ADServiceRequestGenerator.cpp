@@ -107,8 +107,7 @@ std::optional<std::string> ADServiceRequestGenerator::createURLForService(int se
     }
     return url + query;
   } catch (const std::exception& e) {
-    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
-                         KOStringFormat::format("Exception in creating URL %@", {KOValue(e.what())}));
+    KOLogger::logException(KO_HERE, this, "Exception in creating URL %@", e);
     return std::nullopt;
   }
 }
@@ -125,8 +124,7 @@ std::optional<KOURLRequest> ADServiceRequestGenerator::requestForService(int ser
       text.text = KOJSONSerialization::write(withBody);
     }
   } catch (const std::exception& e) {
-    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
-                         KOStringFormat::format("Kovantis - Exception in Request Generator %@", {KOValue(e.what())}));
+    KOLogger::logException(KO_HERE, this, "Kovantis - Exception in Request Generator %@", e);
     return std::nullopt;
   }
   return requestForService(service, withParams, text);
@@ -152,8 +150,7 @@ std::optional<KOURLRequest> ADServiceRequestGenerator::requestForService(int ser
     }
     return request;
   } catch (const std::exception& e) {
-    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
-                         KOStringFormat::format("Kovantis - Exception in Request Generator %@", {KOValue(e.what())}));
+    KOLogger::logException(KO_HERE, this, "Kovantis - Exception in Request Generator %@", e);
     return std::nullopt;
   }
 }

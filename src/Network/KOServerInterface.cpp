@@ -19,10 +19,7 @@ KOPreferenceStore& prefs() { return KOPlatform::current().preferences->standard(
 
 bool nonEmpty(const KOValue& v) { return !v.isAbsent() && !(v.isString() && v.stringValue().empty()); }
 
-void logException(const KOSourceLocation& where, const void* self, const std::exception& e) {
-  KOLogger::logLocated(where, self, KOLogSeverityException,
-                       KOStringFormat::format("Kovantis - Exception : %@", {KOValue(e.what())}));
-}
+constexpr const char* kExceptionLine = "Kovantis - Exception : %@";
 
 KOValue appIdOrFail() {
   const KOValue appId = KovantisUtils::getAppId();
@@ -160,7 +157,7 @@ void KOServerInterface::initializeWith(const KODictionary&, SuccessCompletion co
     const KODictionary params = getUniversalParams();
     send(KOServiceNumberInitializeV2, params, KOValue(std::move(body)), std::move(completion));
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, e);
+    KOLogger::logException(KO_HERE, this, kExceptionLine, e);
     if (completion) completion(false);
   }
 }
@@ -180,7 +177,7 @@ void KOServerInterface::sendReport(const Body& batch, const KOValue& batchID, Su
     setObjectNilHandled(params, batchID.isAbsent() ? KOValue("") : batchID, KOValue("batch_id"));
     send(KOServiceNumberSendReportsV2, params, batch, std::move(completion));
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, e);
+    KOLogger::logException(KO_HERE, this, kExceptionLine, e);
     if (completion) completion(false);
   }
 }
@@ -199,7 +196,7 @@ void KOServerInterface::fetchGuarded(const KOSourceLocation& where, int service,
     auto [params, body] = build();
     fetch(service, params, body, completion);  // a copy: the failure path below still needs it
   } catch (const std::exception& e) {
-    logException(where, this, e);
+    KOLogger::logException(where, this, kExceptionLine, e);
     failFetch(completion);
   }
 }
@@ -281,7 +278,7 @@ void KOServerInterface::setNotificationCategoriesWithCategories(const KOArray& c
            }
          });
   } catch (const std::exception& e) {
-    logException(KO_HERE, this, e);
+    KOLogger::logException(KO_HERE, this, kExceptionLine, e);
   }
 }
 
@@ -354,7 +351,6 @@ void KOServerInterface::sendLogToLogEntries(const std::string& message, const KO
       }
     });
   } catch (const std::exception& e) {
-    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
-                         KOStringFormat::format("Kovantis - Exception Config API : %@", {KOValue(e.what())}));
+    KOLogger::logException(KO_HERE, this, "Kovantis - Exception Config API : %@", e);
   }
 }
