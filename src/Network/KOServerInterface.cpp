@@ -30,6 +30,22 @@ KOValue appIdOrFail() {
   return appId;
 }
 
+// The older service's names for the same facts, which it still reads.
+struct LegacyValues {
+  KOValue version, appId, uid, token, model, osVersion;
+};
+
+void addLegacyNames(KODictionary& p, const LegacyValues& v) {
+  setObjectNilHandled(p, KOValue("iOS"), KOValue("os_value"));
+  setObjectNilHandled(p, v.version, KOValue("version"));
+  setObjectNilHandled(p, v.appId, KOValue("appId"));
+  setObjectNilHandled(p, KOValue(LIBRARY_VERSION), KOValue("lib_version"));
+  if (!v.uid.isAbsent()) setObjectNilHandled(p, v.uid, KOValue("uid"));
+  if (nonEmpty(v.token)) setObjectNilHandled(p, v.token, KOValue("pushToken"));
+  setObjectNilHandled(p, v.model, KOValue("device_model"));
+  setObjectNilHandled(p, v.osVersion, KOValue("device_version"));
+}
+
 std::string coordinate(double degrees) { return KOStringFormat::format("%f", {KOValue(degrees)}); }
 
 }  // namespace
@@ -51,27 +67,21 @@ KOServerInterface::KOServerInterface()
 
 KODictionary KOServerInterface::getUniversalParamsForV1() {
   KODictionary p;
-  setObjectNilHandled(p, KOValue("iOS"), KOValue("os_value"));
-  setObjectNilHandled(p, KovantisUtils::versionId(), KOValue("version"));
-  setObjectNilHandled(p, KovantisUtils::getAppId(), KOValue("appId"));
-  setObjectNilHandled(p, KOValue(LIBRARY_VERSION), KOValue("lib_version"));
-  if (const KOValue uid = KovantisUtils::getUniqueId(); !uid.isAbsent()) setObjectNilHandled(p, uid, KOValue("uid"));
-  if (const KOValue token = KovantisUtils::getDeviceToken(); nonEmpty(token)) {
-    setObjectNilHandled(p, token, KOValue("pushToken"));
-  }
-  setObjectNilHandled(p, KOValue(KovantisUtils::getDeviceModel()), KOValue("device_model"));
-  setObjectNilHandled(p, KOValue(KovantisUtils::getDeviceSystemVersion()), KOValue("device_version"));
+  addLegacyNames(p, {KovantisUtils::versionId(), KovantisUtils::getAppId(), KovantisUtils::getUniqueId(),
+                     KovantisUtils::getDeviceToken(), KOValue(KovantisUtils::getDeviceModel()),
+                     KOValue(KovantisUtils::getDeviceSystemVersion())});
   return p;
 }
 
 KODictionary KOServerInterface::getUniversalParams() {
-  const KOValue appId = KovantisUtils::getAppId();
-  if (!nonEmpty(appId)) {
-    KOLogger::logPlain("Kovantis - App ID is missing in the initialize call");
-    throw KOAssertionFailure("Kovantis - Please check the initialize call. You have missed the APP ID");
-  }
+  const KOValue appId = appIdOrFail();
+  if (appId.isNil()) throw KOAssertionFailure("Kovantis - Please check the initialize call. You have missed the APP ID");
   const KOValue version = KovantisUtils::versionId();
   if (version.isAbsent()) throw KOTypeError("the application version is missing");
+  const KOValue token = KovantisUtils::getDeviceToken();
+  const KOValue account = KovantisUtils::getUniqueId();
+  const KOValue model(KovantisUtils::getDeviceModel());
+  const KOValue osVersion(KovantisUtils::getDeviceSystemVersion());
 
   const KOPlatform& platform = KOPlatform::current();
   KODictionary p;
@@ -81,15 +91,11 @@ KODictionary KOServerInterface::getUniversalParams() {
   p.set("app_id", appId);
   p.set("sdk_ver", KOValue(LIBRARY_VERSION));
   setObjectNilHandled(p, KOValue(KovantisUtils::getIdentifierForVendor()), KOValue("unique_id"));
-  if (const KOValue token = KovantisUtils::getDeviceToken(); nonEmpty(token)) {
-    setObjectNilHandled(p, token, KOValue("push_id"));
-  }
-  setObjectNilHandled(p, KOValue(KovantisUtils::getDeviceModel()), KOValue("model"));
-  setObjectNilHandled(p, KOValue(KovantisUtils::getDeviceSystemVersion()), KOValue("os_ver"));
+  if (nonEmpty(token)) setObjectNilHandled(p, token, KOValue("push_id"));
+  setObjectNilHandled(p, model, KOValue("model"));
+  setObjectNilHandled(p, osVersion, KOValue("os_ver"));
   setObjectNilHandled(p, KOValue(KovantisUtils::getGMTtime()), KOValue("device_ts"));
-  if (const KOValue account = KovantisUtils::getUniqueId(); !account.isAbsent()) {
-    setObjectNilHandled(p, account, KOValue("account_id"));
-  }
+  if (!account.isAbsent()) setObjectNilHandled(p, account, KOValue("account_id"));
   setObjectNilHandled(p, KOValue(platform.locale->timeZoneName()), KOValue("device_tz"));
   setObjectNilHandled(p, KOValue(KOStringFormat::format("%ld", {KOValue(platform.locale->secondsFromGMT(
                                                                        KovantisDateUtils::now()))})),
@@ -111,7 +117,7 @@ KODictionary KOServerInterface::getUniversalParams() {
     setObjectNilHandled(p, v, KOValue(w.key));
     setObjectNilHandled(p, KOValue(w.integration), KOValue("integration_type"));
   }
-  for (auto& [key, value] : getUniversalParamsForV1()) p.set(key, value);
+  addLegacyNames(p, {version, appId, account, token, model, osVersion});
 
   // An app extension of the same group builds its requests from these.
   const KOValue group = platform.preferences->standard().objectForKey(KOV_APP_GROUP_ID_KEY);
