@@ -1,5 +1,6 @@
 #include "KovantisUtils.h"
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cmath>
@@ -174,19 +175,25 @@ KOValue KovantisUtils::hexTokenForData(const KOValue& data) {
   return KOValue(std::move(out));
 }
 
-bool KovantisUtils::payloadNeedsTransform(const KODictionary& payload) {
-  for (const auto& [key, value] : payload) {
-    switch (value.kind()) {
-      case KOValue::Kind::Data:
-      case KOValue::Kind::URL:
-      case KOValue::Kind::Null:
-      case KOValue::Kind::Date:
-      case KOValue::Kind::Dictionary:
-      case KOValue::Kind::Nil: return true;
-      default: break;
-    }
+namespace {
+
+// Kinds the service cannot take as they are.
+bool needsTransform(KOValue::Kind kind) {
+  switch (kind) {
+    case KOValue::Kind::Data:
+    case KOValue::Kind::URL:
+    case KOValue::Kind::Null:
+    case KOValue::Kind::Date:
+    case KOValue::Kind::Dictionary:
+    case KOValue::Kind::Nil: return true;
+    default: return false;
   }
-  return false;
+}
+
+}  // namespace
+
+bool KovantisUtils::payloadNeedsTransform(const KODictionary& payload) {
+  return std::any_of(payload.begin(), payload.end(), [](const auto& entry) { return needsTransform(entry.second.kind()); });
 }
 
 KODictionary KovantisUtils::transformPayloadForIncompatibleTypes(const KODictionary& payload) {
@@ -195,16 +202,15 @@ KODictionary KovantisUtils::transformPayloadForIncompatibleTypes(const KODiction
     out.reserve(payload.size());
     for (const auto& [key, value] : payload) {
       switch (value.kind()) {
-        case KOValue::Kind::Data: setObjectNilHandled(out, hexTokenForData(value), KOValue(key)); break;
-        case KOValue::Kind::URL: setObjectNilHandled(out, KOValue(value.urlValue().absoluteString), KOValue(key)); break;
-        case KOValue::Kind::Null: setObjectNilHandled(out, KOValue(std::string()), KOValue(key)); break;
+        case KOValue::Kind::Data: out.set(key, hexTokenForData(value)); break;
+        case KOValue::Kind::URL: out.set(key, KOValue(value.urlValue().absoluteString)); break;
+        case KOValue::Kind::Nil:
+        case KOValue::Kind::Null: out.set(key, KOValue(std::string())); break;
         case KOValue::Kind::Dictionary:
-          setObjectNilHandled(out, KOValue(transformPayloadForIncompatibleTypes(value.dictionaryValue())), KOValue(key));
+          out.set(key, KOValue(transformPayloadForIncompatibleTypes(value.dictionaryValue())));
           break;
-        case KOValue::Kind::Date:
-          setObjectNilHandled(out, KOValue(value.dateValue().secondsSince1970), KOValue(key));
-          break;
-        default: setObjectNilHandled(out, value, KOValue(key)); break;
+        case KOValue::Kind::Date: out.set(key, KOValue(value.dateValue().secondsSince1970)); break;
+        default: out.set(key, value); break;
       }
     }
   } catch (const std::exception& e) {
