@@ -281,7 +281,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
     std::vector<std::string> failed;
   };
   auto round = std::make_shared<Round>();
-  std::vector<std::string> bodies;
+  KOBatchStore::Snapshot batches;  // immutable batches: their bodies are read after the lock
   try {
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -293,9 +293,9 @@ void KOEventsHandler::runSync(SyncRequest request) {
       syncInProgress_ = true;
       ensureLoadedLocked();
       if (!request.onlyForEventsPlist) cutLocked();
-      round->ids = store_.ids();
-      bodies.reserve(round->ids.size());
-      for (const auto& id : round->ids) bodies.push_back(store_.find(id)->reportBody());
+      batches = store_.snapshot();
+      round->ids.reserve(batches.size());
+      for (const auto& entry : batches) round->ids.push_back(entry.first);
       if (round->ids.empty()) syncInProgress_ = false;
     }
     if (round->ids.empty()) {
@@ -342,9 +342,9 @@ void KOEventsHandler::runSync(SyncRequest request) {
         const std::string& id = round->ids[started];
         if (KOLogger::loggingEnabled()) {
           logInfo(KOStringFormat::format("Kovantis - syncing events from storage for Batch %@ and Events :\n %@",
-                                         {KOValue(id), KOValue(KOBatchStore::recordsText(bodies[started]))}));
+                                         {KOValue(id), KOValue(KOBatchStore::recordsText(batches[started].second->reportBody()))}));
         }
-        server.sendData(KOJSONText{std::move(bodies[started])}, KOValue(id),
+        server.sendData(KOJSONText{batches[started].second->reportBody()}, KOValue(id),
                         [finish, id](bool success) { finish(id, success); });
       }
     } catch (const std::exception& e) {

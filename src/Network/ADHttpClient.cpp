@@ -33,6 +33,13 @@ struct Transfer {
   char errorBuffer[CURL_ERROR_SIZE] = {0};
 };
 
+std::unique_ptr<Transfer> transfer(KOURLRequest request, std::function<void(Outcome&&)> done) {
+  auto t = std::make_unique<Transfer>();
+  t->request = std::move(request);
+  t->done = std::move(done);
+  return t;
+}
+
 std::size_t collectBody(char* data, std::size_t size, std::size_t count, void* userdata) {
   static_cast<Transfer*>(userdata)->outcome.body.append(data, size * count);
   return size * count;
@@ -242,10 +249,8 @@ bool ADHttpClient::closeIdleConnections(double timeoutSeconds) {
 }
 std::size_t ADHttpClient::inFlight() const { return impl_->inFlight; }
 
-void ADHttpClient::fetchRequest(const KOURLRequest& request, FetchCompletion completion) {
-  auto t = std::make_unique<Transfer>();
-  t->request = request;
-  t->done = [completion = std::move(completion)](Outcome&& o) {
+void ADHttpClient::fetchRequest(KOURLRequest request, FetchCompletion completion) {
+  impl_->submit(transfer(std::move(request), [completion = std::move(completion)](Outcome&& o) {
     KOValue answer;
     if (o.error.empty() && o.status == 200) {
       try {
@@ -265,25 +270,19 @@ void ADHttpClient::fetchRequest(const KOURLRequest& request, FetchCompletion com
         KOLogger::logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
       }
     });
-  };
-  impl_->submit(std::move(t));
+  }));
 }
 
-void ADHttpClient::syncRequest(const KOURLRequest& request, SuccessCompletion completion) {
-  auto t = std::make_unique<Transfer>();
-  t->request = request;
-  t->done = [completion = std::move(completion)](Outcome&& o) {
+void ADHttpClient::syncRequest(KOURLRequest request, SuccessCompletion completion) {
+  impl_->submit(transfer(std::move(request), [completion = std::move(completion)](Outcome&& o) {
     const bool ok = o.error.empty() && o.status == 200;
     if (!ok) logApiFailure(o);
     if (completion) completion(ok);
-  };
-  impl_->submit(std::move(t));
+  }));
 }
 
-void ADHttpClient::sendLogRequest(const KOURLRequest& request, SuccessCompletion completion) {
-  auto t = std::make_unique<Transfer>();
-  t->request = request;
-  t->done = [completion = std::move(completion)](Outcome&& o) {
+void ADHttpClient::sendLogRequest(KOURLRequest request, SuccessCompletion completion) {
+  impl_->submit(transfer(std::move(request), [completion = std::move(completion)](Outcome&& o) {
     const bool ok = o.error.empty() && o.status == 204;
     if (!ok) {
       KOLogger::logPlain(KOStringFormat::format("Kovantis - the connection failed with response %@ error %@",
@@ -291,6 +290,5 @@ void ADHttpClient::sendLogRequest(const KOURLRequest& request, SuccessCompletion
                                                  o.error.empty() ? KOValue() : KOValue(o.error)}));
     }
     if (completion) completion(ok);
-  };
-  impl_->submit(std::move(t));
+  }));
 }

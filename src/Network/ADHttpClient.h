@@ -18,14 +18,15 @@ class ADHttpClient {
   ADHttpClient(const ADHttpClient&) = delete;
   ADHttpClient& operator=(const ADHttpClient&) = delete;
 
+  // Requests are taken by value: a caller done with its request moves it in, body and all.
   /// Success is status 200: the completion gets the parsed answer ({} for an empty or unreadable
   /// body). Otherwise it gets nil. Either way on the main queue.
-  void fetchRequest(const KOURLRequest& request, FetchCompletion withResponseInCompletionHandler);
+  void fetchRequest(KOURLRequest request, FetchCompletion withResponseInCompletionHandler);
   /// Success is status 200; the completion runs on the network thread.
-  void syncRequest(const KOURLRequest& request, SuccessCompletion withCompletionHandler);
+  void syncRequest(KOURLRequest request, SuccessCompletion withCompletionHandler);
   /// Success is status 204; the completion runs on the network thread. Failures are logged to the
   /// console only, so that a failing upload never causes another.
-  void sendLogRequest(const KOURLRequest& request, SuccessCompletion withCompletionHandler);
+  void sendLogRequest(KOURLRequest request, SuccessCompletion withCompletionHandler);
 
   /// Requests handed over and not yet completed.
   std::size_t inFlight() const;

@@ -139,7 +139,7 @@ void KOServerInterface::send(int service, const KODictionary& params, const Body
     if (completion) completion(false);
     return;
   }
-  httpClient_->syncRequest(*request, std::move(completion));
+  httpClient_->syncRequest(std::move(*request), std::move(completion));
 }
 
 void KOServerInterface::fetch(int service, const KODictionary& params, const KOValue& body,
@@ -149,7 +149,7 @@ void KOServerInterface::fetch(int service, const KODictionary& params, const KOV
     if (completion) KOPlatform::current().dispatch->asyncMain([completion] { completion(KOValue()); });
     return;
   }
-  httpClient_->fetchRequest(*request, std::move(completion));
+  httpClient_->fetchRequest(std::move(*request), std::move(completion));
 }
 
 void KOServerInterface::initializeWith(const KODictionary&, SuccessCompletion completion) {
@@ -350,7 +350,7 @@ void KOServerInterface::sendLogToLogEntries(const std::string& message, const KO
     std::optional<KOURLRequest> request =
         requestGenerator_.requestForService(KOServiceNumberSendLogs, KODictionary{}, KOValue(std::move(body)));
     if (!request) return;
-    httpClient_->sendLogRequest(*request, [this](bool success) {
+    httpClient_->sendLogRequest(std::move(*request), [this](bool success) {
       if (!success) {
         // Console only: a failed upload must never cause another one.
         KOLogger::logLocated(KO_HERE, this, KOLogSeverityError, "Kovantis - Error while trying to send logs");
