@@ -54,7 +54,7 @@ class Demo {
     return ids;
   }
 
-  std::size_t received(const std::string& path) { return emulator_.requests(path).size(); }
+  std::size_t received(const std::string& path) { return emulator_.requestCount(path); }
 
  private:
   KOSimDevice& device_;

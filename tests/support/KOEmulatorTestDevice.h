@@ -40,7 +40,7 @@ class KOEmulatorTestDevice : public KOTestDevice {
 
   /// Pumps the main queue until the emulator received that many requests on the path.
   bool waitForRequests(const std::string& path, std::size_t count, double timeoutSeconds = 10) {
-    return waitFor([&] { return emulator_->requests(path).size() >= count; }, timeoutSeconds);
+    return waitFor([&] { return emulator_->requestCount(path) >= count; }, timeoutSeconds);
   }
 
  private:

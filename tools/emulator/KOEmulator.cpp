@@ -505,6 +505,7 @@ void KOEmulator::reset(bool resetSeeds) { impl_->store.reset(resetSeeds); }
 std::vector<KOEmulatorRequest> KOEmulator::requests(const std::string &pathFilter) const {
     return impl_->store.requests(pathFilter);
 }
+size_t KOEmulator::requestCount(const std::string &pathFilter) const { return impl_->store.countRequests(pathFilter); }
 std::vector<KOEmulatorDevice> KOEmulator::devices() const { return impl_->store.devices(); }
 std::vector<KOEmulatorBatch> KOEmulator::batches() const { return impl_->store.batches(); }
 std::vector<KOEmulatorEvent> KOEmulator::events() const { return impl_->store.events(); }

@@ -51,6 +51,8 @@ public:
 
     // Received requests in arrival order. A filter is an exact path or a prefix ending in "/".
     std::vector<KOEmulatorRequest> requests(const std::string &pathFilter = {}) const;
+    // How many requests match, without reading them.
+    size_t requestCount(const std::string &pathFilter = {}) const;
     std::vector<KOEmulatorDevice> devices() const;
     std::vector<KOEmulatorBatch> batches() const;
     std::vector<KOEmulatorEvent> events() const;

@@ -25,9 +25,6 @@ CREATE TABLE IF NOT EXISTS batches (
   id INTEGER PRIMARY KEY, app_id TEXT NOT NULL, unique_id TEXT NOT NULL, batch_id TEXT NOT NULL,
   views_count INTEGER NOT NULL, received REAL NOT NULL, events_json TEXT NOT NULL,
   UNIQUE (app_id, unique_id, batch_id));
-CREATE TABLE IF NOT EXISTS events (
-  id INTEGER PRIMARY KEY, batch INTEGER NOT NULL REFERENCES batches(id) ON DELETE CASCADE,
-  position INTEGER NOT NULL, name TEXT NOT NULL, json TEXT NOT NULL);
 CREATE TABLE IF NOT EXISTS duplicates (
   id INTEGER PRIMARY KEY, app_id TEXT NOT NULL, unique_id TEXT NOT NULL, batch_id TEXT NOT NULL,
   views_count INTEGER NOT NULL, received REAL NOT NULL, identical INTEGER NOT NULL);
@@ -250,18 +247,10 @@ void KOEmulatorStore::setSeedSection(const std::string &section, const std::stri
     s.bind(1, section).bind(2, json).run();
 }
 
-std::vector<std::pair<std::string, std::string>> KOEmulatorStore::seedSections() const {
-    std::lock_guard lock(mutex_);
-    std::vector<std::pair<std::string, std::string>> out;
-    Statement s(db_, "SELECT section, json FROM seeds ORDER BY section");
-    while (s.step()) out.emplace_back(s.text(0), s.text(1));
-    return out;
-}
-
 void KOEmulatorStore::reset(bool seeds) {
     std::lock_guard lock(mutex_);
     Transaction tx(db_);
-    exec("DELETE FROM events; DELETE FROM batches; DELETE FROM duplicates; DELETE FROM requests;"
+    exec("DELETE FROM batches; DELETE FROM duplicates; DELETE FROM requests;"
          "DELETE FROM devices; DELETE FROM categories; DELETE FROM logs;");
     if (seeds) exec("DELETE FROM seeds;");
     tx.commit();

@@ -31,7 +31,6 @@ public:
 
     std::optional<std::string> seedSection(const std::string &section) const;
     void setSeedSection(const std::string &section, const std::string &json);
-    std::vector<std::pair<std::string, std::string>> seedSections() const;
 
     void reset(bool seeds);
 

@@ -109,6 +109,7 @@ std::size_t KOSimDispatch::pumpMain() {
   std::deque<std::function<void()>> ready;
   {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (mainQueue_.empty()) return 0;  // the common case while a run loop waits: no allocation
     ready.swap(mainQueue_);
   }
   for (auto& work : ready) runGuarded(work);

@@ -55,7 +55,6 @@ class KOSimDispatch : public KODispatch {
   std::condition_variable mainCv_;
   std::condition_variable backgroundCv_;
   std::condition_variable timerCv_;
-  std::condition_variable idleCv_;
   std::deque<std::function<void()>> mainQueue_;
   std::deque<std::function<void()>> backgroundQueue_;
   std::map<KODispatchToken, Timer> timers_;
