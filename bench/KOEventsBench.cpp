@@ -8,6 +8,7 @@
 #include "KODataHandler/KOBatchStore.h"
 #include "KODataHandler/KOEventsHandler.h"
 #include "KOBenchRig.h"
+#include "KODelivery.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Network/KOServerInterface.h"
 #include "kovantis/Kovantis.h"
@@ -67,17 +68,7 @@ void BM_EndToEnd(benchmark::State& state) {
   KOBenchRig& r = KOBenchRig::shared();
   Kovantis& sdk = Kovantis::sharedInstance();
   KOEventsHandler& events = KOEventsHandler::sharedInstance();
-  // Syncs until nothing is left in memory or on file.
-  const auto deliverAll = [&] {
-    r.device.runMainUntil(
-        [&] {
-          if (events.syncInProgress() || !r.device.dispatch().backgroundIdle()) return false;
-          if (events.storedBatchCount() == 0 && events.eventsInMemory() == 0) return true;
-          sdk.syncNow();
-          return false;
-        },
-        120);
-  };
+  const auto deliverAll = [&] { r.device.runMainUntil([&] { return deliveredAll(r.device); }, 120); };
   events.setEventsBatchCountTreshold(30);
   const auto perIteration = static_cast<std::size_t>(state.range(0));
   const KOValue name("PRODUCT_VIEWED");

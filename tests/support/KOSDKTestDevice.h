@@ -5,6 +5,7 @@
 #include <set>
 
 #include "KODataHandler/KOEventsHandler.h"
+#include "KODelivery.h"
 #include "KOEmulatorTestDevice.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOPropertyListFile.h"
@@ -33,20 +34,13 @@ class KOSDKTestDevice : public KOEmulatorTestDevice {
 
   /// Waits until no sync runs and nothing waits on the shared queue.
   bool settle(double timeoutSeconds = 10) {
-    return waitFor([&] { return !events().syncInProgress() && device().dispatch().backgroundIdle(); }, timeoutSeconds);
+    return waitFor([&] { return syncSettled(device()); }, timeoutSeconds);
   }
 
   /// Syncs and waits until every cut batch is accepted.
   bool flush(double timeoutSeconds = 20) {
     sdk().syncNow();
-    return waitFor(
-        [&] {
-          if (events().syncInProgress() || !device().dispatch().backgroundIdle()) return false;
-          if (events().storedBatchCount() == 0 && events().eventsInMemory() == 0) return true;
-          sdk().syncNow();
-          return false;
-        },
-        timeoutSeconds);
+    return waitFor([&] { return deliveredAll(device()); }, timeoutSeconds);
   }
 
   /// Names of the events the emulator stored, in the order it stored them.
