@@ -1,7 +1,6 @@
 #include "KOJSONSerialization.h"
 
 #include <rapidjson/error/en.h>
-#include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
 #include <rapidjson/stream.h>
 #include <rapidjson/stringbuffer.h>
@@ -14,6 +13,8 @@
 #include <cstring>
 #include <limits>
 #include <vector>
+
+#include "KOUTF8.h"
 
 namespace {
 
@@ -85,18 +86,9 @@ class Reading : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Reading<S
   // decodes to bytes that are not UTF-8. Such bytes always start with 0xED, so only strings
   // holding that byte need a second look.
   bool validText(const char* s, rapidjson::SizeType n) {
-    if (!std::memchr(s, 0xED, n)) return true;
-    rapidjson::MemoryStream ms(s, n);
-    struct NullOutput {
-      void Put(char) {}
-    } nullOutput;
-    while (ms.Tell() < n) {
-      if (!rapidjson::UTF8<>::Validate(ms, nullOutput)) {
-        badText_ = true;
-        return false;
-      }
-    }
-    return true;
+    if (!std::memchr(s, 0xED, n) || isValidUTF8({s, n})) return true;
+    badText_ = true;
+    return false;
   }
 
   Sink& sink_;

@@ -1,8 +1,6 @@
 #include "KOPropertyListSerialization.h"
 
 #include <plist/plist.h>
-#include <rapidjson/encodings.h>
-#include <rapidjson/memorystream.h>
 
 #include <pthread.h>
 
@@ -16,6 +14,7 @@
 #include <vector>
 
 #include "KOJSONSerialization.h"
+#include "KOUTF8.h"
 
 namespace {
 
@@ -26,15 +25,6 @@ struct PlistFree {
   void operator()(void* p) const { plist_free(static_cast<plist_t>(p)); }
 };
 using PlistPtr = std::unique_ptr<void, PlistFree>;
-
-bool isValidUTF8(const char* s, std::size_t n) {
-  rapidjson::MemoryStream ms(s, n);
-  while (ms.Tell() < n) {
-    unsigned codepoint = 0;
-    if (!rapidjson::UTF8<>::Decode(ms, &codepoint)) return false;
-  }
-  return true;
-}
 
 KOValue toValue(plist_t node, int depth) {
   const plist_type type = plist_get_node_type(node);
@@ -67,7 +57,7 @@ KOValue toValue(plist_t node, int depth) {
       std::uint64_t length = 0;
       const char* s = plist_get_string_ptr(node, &length);
       if (!s) return KOValue(std::string());
-      if (!isValidUTF8(s, length)) throw KOParseError("property list string is not valid UTF-8");
+      if (!isValidUTF8({s, static_cast<std::size_t>(length)})) throw KOParseError("property list string is not valid UTF-8");
       return KOValue(std::string(s, length));
     }
     case PLIST_DATE: {
@@ -106,7 +96,7 @@ KOValue toValue(plist_t node, int depth) {
         }
         std::unique_ptr<char, decltype(&std::free)> key(rawKey, &std::free);
         std::string keyText = key ? key.get() : "";
-        if (!isValidUTF8(keyText.data(), keyText.size())) throw KOParseError("property list key is not valid UTF-8");
+        if (!isValidUTF8(keyText)) throw KOParseError("property list key is not valid UTF-8");
         dict.set(std::move(keyText), toValue(item, depth + 1));
       }
       return KOValue(std::move(dict));
@@ -116,7 +106,7 @@ KOValue toValue(plist_t node, int depth) {
 }
 
 plist_t newString(const std::string& s) {
-  if (!isValidUTF8(s.data(), s.size())) throw KOTypeError("string is not valid UTF-8");
+  if (!isValidUTF8(s)) throw KOTypeError("string is not valid UTF-8");
   // The library takes C strings: a NUL inside would silently cut the text short.
   if (std::memchr(s.data(), 0, s.size())) throw KOTypeError("string holds a NUL byte");
   return plist_new_string(s.c_str());
@@ -164,7 +154,7 @@ plist_t toNode(const KOValue& v, int depth) {
     case Kind::Dictionary: {
       PlistPtr dict(plist_new_dict());
       for (const auto& [key, item] : v.dictionaryValue()) {
-        if (!isValidUTF8(key.data(), key.size()) || std::memchr(key.data(), 0, key.size())) {
+        if (!isValidUTF8(key) || std::memchr(key.data(), 0, key.size())) {
           throw KOTypeError("dictionary key is not valid UTF-8 or holds a NUL byte");
         }
         if (plist_t child = toNode(item, depth + 1)) plist_dict_set_item(dict.get(), key.c_str(), child);
