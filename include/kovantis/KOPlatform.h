@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "kovantis/KOConstants.h"
 #include "kovantis/KOValue.h"
 
 // ------------------------------------------------------------------------------- geometry and UI
@@ -101,11 +102,11 @@ struct KOLocationCoordinate {
 /// Where the service lives. Production by default; the simulated device and the tests point every
 /// host at the local emulator.
 struct KOServiceEndpoints {
-  std::string scheme = "https";
-  std::string apiHost = "api.kovantis.com";
-  std::string indiaApiHost = "api-in.kovantis.com";
-  std::string inboxHost = "inbox.kovantis.com";
-  std::string logHost = "logs.kovantis.com";
+  std::string scheme = PROD_SCHEME;
+  std::string apiHost = PROD_URL;
+  std::string indiaApiHost = PROD_URL_INDIA;
+  std::string inboxHost = INBOX_HOST;
+  std::string logHost = LOGENTRIES_HOST;
   int port = 443;
   bool verifyCertificates = true;
   /// Timeout of one request, in seconds.
