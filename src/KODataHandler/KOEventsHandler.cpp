@@ -413,26 +413,33 @@ void KOEventsHandler::cleanUp() {
 
 // ------------------------------------------------------------------------------- legacy events
 
-KOArray KOEventsHandler::getEventsFromDumpFile() const {
+namespace {
+
+// One JSON object per line; a damaged line loses that one event only.
+KOArray eventsFromDumpText(std::string_view text) {
   KOArray events;
-  const std::optional<std::string> text = platform().fileSystem->readFile(oldDatFilePath());
-  if (!text) return events;
   std::size_t start = 0;
-  while (start <= text->size()) {
-    std::size_t end = text->find('\n', start);
-    if (end == std::string::npos) end = text->size();
-    const std::string_view line(text->data() + start, end - start);
+  while (start <= text.size()) {
+    std::size_t end = text.find('\n', start);
+    if (end == std::string_view::npos) end = text.size();
+    const std::string_view line = text.substr(start, end - start);
     if (!line.empty()) {
       try {
         KOValue object = KOJSONSerialization::parse(line);
         if (object.isDictionary()) events.push_back(std::move(object));
       } catch (const KOParseError&) {
-        // A damaged line loses that one event only.
       }
     }
     start = end + 1;
   }
   return events;
+}
+
+}  // namespace
+
+KOArray KOEventsHandler::getEventsFromDumpFile() const {
+  const std::optional<std::string> text = platform().fileSystem->readFile(oldDatFilePath());
+  return text ? eventsFromDumpText(*text) : KOArray{};
 }
 
 void KOEventsHandler::removeDatFile() {
@@ -447,12 +454,13 @@ void KOEventsHandler::syncToServerFromDumpFile() {
   try {
     if (!checkIfFileExists()) return;
     KOFileError error;
-    if (!platform().fileSystem->readFile(oldDatFilePath(), &error)) {
+    const std::optional<std::string> text = platform().fileSystem->readFile(oldDatFilePath(), &error);
+    if (!text) {
       // Unreadable now is not empty: keep the file for a later start.
       KOLogger::logException(KO_HERE, this, "Kovantis - Exception : %@", std::runtime_error(error.message));
       return;
     }
-    KOArray events = getEventsFromDumpFile();
+    KOArray events = eventsFromDumpText(*text);
     if (!events.empty()) {
       logInfo(KOStringFormat::format("Kovantis - syncing events from storage %@", {KOValue(events)}));
       // The old events become an ordinary batch, written to the batch file before the old file
