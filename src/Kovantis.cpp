@@ -304,7 +304,7 @@ void Kovantis::syncOnSessionTerminationWithApplication(KOApplication* applicatio
     *task = app->beginBackgroundTask(KOV_BACKGROUND_TASK_NAME, [app, task] { app->endBackgroundTask(*task); });
     bgTask_ = task->load();
     KOEventsHandler::sharedInstance().setBgTask(task->load());
-    platform().dispatch->asyncBackground([] { KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(true, false, false); });
+    KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(true, false, false);  // queues the sync itself
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - exception while trying to sync data : %@", e);
   }

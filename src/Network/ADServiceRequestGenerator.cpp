@@ -100,10 +100,9 @@ std::optional<std::string> ADServiceRequestGenerator::createURLForService(int se
     }
     std::string query;
     for (const auto& [key, value] : andParams) {
-      const KOValue& v = validObjectForKey(andParams, key);
-      if (v.isNil()) continue;
+      if (value.isAbsent()) continue;  // nil and null are left out
       query += query.empty() ? "?" : "&";
-      query += percentEncode(key) + "=" + percentEncode(v.isString() ? v.stringValue() : v.description());
+      query += percentEncode(key) + "=" + percentEncode(value.isString() ? value.stringValue() : value.description());
     }
     return url + query;
   } catch (const std::exception& e) {
