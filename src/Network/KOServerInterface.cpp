@@ -142,11 +142,18 @@ void KOServerInterface::send(int service, const KODictionary& params, const Body
   httpClient_->syncRequest(std::move(*request), std::move(completion));
 }
 
+namespace {
+template <typename Completion>
+void failFetch(Completion& completion) {
+  if (completion) KOPlatform::current().dispatch->asyncMain([completion] { completion(KOValue()); });
+}
+}  // namespace
+
 void KOServerInterface::fetch(int service, const KODictionary& params, const KOValue& body,
                               FetchCompletion completion) {
   std::optional<KOURLRequest> request = requestGenerator_.requestForService(service, params, body);
   if (!request) {
-    if (completion) KOPlatform::current().dispatch->asyncMain([completion] { completion(KOValue()); });
+    failFetch(completion);
     return;
   }
   httpClient_->fetchRequest(std::move(*request), std::move(completion));
@@ -187,13 +194,6 @@ void KOServerInterface::sendReport(const Body& batch, const KOValue& batchID, Su
     if (completion) completion(false);
   }
 }
-
-namespace {
-template <typename Completion>
-void failFetch(Completion& completion) {
-  if (completion) KOPlatform::current().dispatch->asyncMain([completion] { completion(KOValue()); });
-}
-}  // namespace
 
 template <typename Build>
 void KOServerInterface::fetchGuarded(const KOSourceLocation& where, int service, Build build,
