@@ -414,17 +414,8 @@ void Kovantis::trackLocale() {
 
 void Kovantis::setDeviceAttribute(const KOValue& value, const KOValue& forKey) {
   try {
-    if (value.isNil()) {
-      KOLogger::logPlain(KOStringFormat::format("Kovantis - Tried setting nil user attribute for key %@", {forKey}));
-      return;
-    }
-    if (!value.isString() && !value.isNumber()) {
-      KOLogger::logPlain("Kovantis - The attribue value should be either of string, integer or bool");
-      return;
-    }
-    KODictionary attributes;
-    attributes.set(forKey.isString() ? forKey.stringValue() : forKey.description(), value);
-    trackEvent(KOValue(EVENT_ACTION_DEVICE_ATTRIBUTE), KOValue(std::move(attributes)));
+    std::optional<KODictionary> attributes = KOUserAttributesHandler::attributeEntry(value, forKey);
+    if (attributes) trackEvent(KOValue(EVENT_ACTION_DEVICE_ATTRIBUTE), KOValue(std::move(*attributes)));
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
   }

@@ -50,12 +50,12 @@ void KOUserAttributesHandler::userAttributeRemovePlistFile() {
 bool KOUserAttributesHandler::doesUserAttributeExistsWithKey(const KOValue& key, const KOValue& andValue) {
   try {
     std::lock_guard<std::mutex> lock(mutex_);
-    const std::string keyText = key.isString() ? key.stringValue() : key.description();
+    const std::string text = keyText(key);
     KOValue cached = contentOfUserAttributePlist();
     KODictionary cache = cached.isDictionary() ? std::move(cached.dictionaryValue()) : KODictionary{};
-    if (safeObjectForKey(cache, keyText) == andValue) return true;
+    if (safeObjectForKey(cache, text) == andValue) return true;
     // Cached before the event is tracked: if tracking then fails, the value still counts as sent.
-    cache.set(keyText, andValue);
+    cache.set(text, andValue);
     createUserAttributePlistFileWithContent(cache);
     return false;
   } catch (const std::exception& e) {
@@ -64,21 +64,26 @@ bool KOUserAttributesHandler::doesUserAttributeExistsWithKey(const KOValue& key,
   }
 }
 
+std::optional<KODictionary> KOUserAttributesHandler::attributeEntry(const KOValue& value, const KOValue& forKey) {
+  if (value.isNil()) {
+    KOLogger::logPlain(KOStringFormat::format("Kovantis - Tried setting nil user attribute for key %@", {forKey}));
+    return std::nullopt;
+  }
+  if (!value.isString() && !value.isNumber()) {
+    KOLogger::logPlain("Kovantis - The attribue value should be either of string, integer or bool");
+    return std::nullopt;
+  }
+  KODictionary entry;
+  entry.set(keyText(forKey), value);
+  return entry;
+}
+
 bool KOUserAttributesHandler::setUserAttribute(const KOValue& value, const KOValue& forKey) {
   try {
     if (forKey.isNil()) return false;
-    if (value.isNil()) {
-      KOLogger::logPlain(KOStringFormat::format("Kovantis - Tried setting nil user attribute for key %@", {forKey}));
-      return false;
-    }
-    if (!value.isString() && !value.isNumber()) {
-      KOLogger::logPlain("Kovantis - The attribue value should be either of string, integer or bool");
-      return false;
-    }
-    if (doesUserAttributeExistsWithKey(forKey, value)) return false;
-    KODictionary attributes;
-    attributes.set(forKey.isString() ? forKey.stringValue() : forKey.description(), value);
-    Kovantis::sharedInstance().trackEvent(KOValue(EVENT_ACTION_USER_ATTRIBUTE), KOValue(std::move(attributes)));
+    std::optional<KODictionary> attributes = attributeEntry(value, forKey);
+    if (!attributes || doesUserAttributeExistsWithKey(forKey, value)) return false;
+    Kovantis::sharedInstance().trackEvent(KOValue(EVENT_ACTION_USER_ATTRIBUTE), KOValue(std::move(*attributes)));
     return true;
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - exception : %@", e);
@@ -89,7 +94,7 @@ bool KOUserAttributesHandler::setUserAttribute(const KOValue& value, const KOVal
 void KOUserAttributesHandler::setUserAttributeTimestamp(double timeStamp, const KOValue& forKey) {
   KOPayloadBuilder builder;
   KODictionary entry;
-  entry.set(forKey.isString() ? forKey.stringValue() : forKey.description(), KOValue(timeStamp * 1000.0));
+  entry.set(keyText(forKey), KOValue(timeStamp * 1000.0));
   builder.timeStampArray().push_back(KOValue(std::move(entry)));
   Kovantis::sharedInstance().trackEvent(KOValue(EVENT_ACTION_USER_ATTRIBUTE), builder);
 }
@@ -98,8 +103,7 @@ void KOUserAttributesHandler::setUserAttributeLocationLatitude(double latitude, 
                                                                const KOValue& forKey) {
   KOPayloadBuilder builder;
   KODictionary entry;
-  entry.set(forKey.isString() ? forKey.stringValue() : forKey.description(),
-            KOValue(KOStringFormat::format("%f,%f", {KOValue(latitude), KOValue(longitude)})));
+  entry.set(keyText(forKey), KOValue(KOStringFormat::format("%f,%f", {KOValue(latitude), KOValue(longitude)})));
   builder.locationArray().push_back(KOValue(std::move(entry)));
   Kovantis::sharedInstance().trackEvent(KOValue(EVENT_ACTION_USER_ATTRIBUTE), builder);
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "kovantis/KOValue.h"
@@ -14,6 +15,9 @@ class KOUserAttributesHandler {
   /// Tracks {key: value} when the value is a string or number and differs from the cached one;
   /// returns whether an event was tracked.
   bool setUserAttribute(const KOValue& value, const KOValue& forKey);
+  /// {key: value} for an attribute event; nothing (and a log line) when the value is nil or not a
+  /// string or number.
+  static std::optional<KODictionary> attributeEntry(const KOValue& value, const KOValue& forKey);
   /// Always tracks {key: seconds x 1000} as a time-stamp attribute.
   void setUserAttributeTimestamp(double timeStamp, const KOValue& forKey);
   /// Always tracks {key: "%f,%f"} as a location attribute (zero coordinates included).

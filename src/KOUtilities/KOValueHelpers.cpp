@@ -7,9 +7,9 @@ namespace {
 
 const KOValue& nonNull(const KOValue& v) { return v.isNull() ? KOValue::nil() : v; }
 
-std::string keyText(const KOValue& key) { return key.isString() ? key.stringValue() : key.description(); }
-
 }  // namespace
+
+std::string keyText(const KOValue& key) { return key.isString() ? key.stringValue() : key.description(); }
 
 const KOValue& validObjectForKey(const KODictionary& dict, std::string_view key) { return nonNull(dict[key]); }
 

@@ -18,6 +18,9 @@ const KOValue& validObjectForKeyPath(const KOValue& dict, std::string_view keyPa
 /// The value for the key; nil when it is JSON null.
 const KOValue& safeObjectForKey(const KODictionary& dict, std::string_view key);
 
+/// A key as dictionary text: a string as it is, anything else as its description.
+std::string keyText(const KOValue& key);
+
 /// Stores the object under the key, "" when the object is nil. A nil key stores nothing and logs
 /// "Kovantis - Key can't be nil. Object is %@".
 void setObjectNilHandled(KODictionary& dict, const KOValue& object, const KOValue& forKey);
