@@ -20,6 +20,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -234,6 +235,8 @@ public:
 
     void serve(const httplib::Request &req, httplib::Response &res);
     void serveControl(const httplib::Request &req, httplib::Response &res);
+    // What the control API and the in-process API show under a name; nothing for an unknown name.
+    std::optional<std::string> inspect(const std::string &what, const std::string &pathFilter) const;
     void record(const httplib::Request &req, int status, const std::string &error, const std::string &fault);
     // Stalls for a fault's delay, cut short when the emulator stops.
     void stall(int64_t ms);
@@ -344,8 +347,6 @@ void KOEmulator::Impl::serveControl(const httplib::Request &req, httplib::Respon
     try {
         if (m == "GET" && what == "health") {
             answer(200, "{\"ok\":true,\"port\":" + std::to_string(boundPort.load()) + "}");
-        } else if (m == "GET" && what == "seed") {
-            answer(200, service.seedsJSON());
         } else if (m == "POST" && what == "seed") {
             service.seed(req.body);
             okay();
@@ -370,24 +371,12 @@ void KOEmulator::Impl::serveControl(const httplib::Request &req, httplib::Respon
         } else if (m == "DELETE" && what == "fault") {
             faults.clear(req.get_param_value("path"));
             okay();
-        } else if (m == "GET" && what == "fault") {
-            answer(200, toJSON(faults.list()));
         } else if (m == "GET") {
-            static const char *const names[] = {"requests", "devices", "batches", "events",
-                                                "duplicates", "logs", "categories"};
-            bool known = std::find(std::begin(names), std::end(names), what) != std::end(names);
-            if (!known) {
+            if (std::optional<std::string> json = inspect(what, req.get_param_value("path"))) {
+                answer(200, *json);
+            } else {
                 answer(404, KOEmulatorJSON::errorBody("no such control endpoint: " + req.path));
-                return;
             }
-            std::string filter = req.get_param_value("path");
-            if (what == "requests") answer(200, toJSON(store.requests(filter)));
-            else if (what == "devices") answer(200, toJSON(store.devices()));
-            else if (what == "batches") answer(200, toJSON(store.batches()));
-            else if (what == "events") answer(200, toJSON(store.events()));
-            else if (what == "duplicates") answer(200, toJSON(store.duplicates()));
-            else if (what == "logs") answer(200, toJSON(store.logs()));
-            else answer(200, toJSON(store.categories()));
         } else {
             answer(404, KOEmulatorJSON::errorBody("no such control endpoint: " + m + " " + req.path));
         }
@@ -513,16 +502,21 @@ std::vector<KOEmulatorDuplicate> KOEmulator::duplicates() const { return impl_->
 std::vector<KOEmulatorLog> KOEmulator::logs() const { return impl_->store.logs(); }
 std::vector<KOEmulatorCategories> KOEmulator::categories() const { return impl_->store.categories(); }
 
+std::optional<std::string> KOEmulator::Impl::inspect(const std::string &what, const std::string &pathFilter) const {
+    if (what == "requests") return toJSON(store.requests(pathFilter));
+    if (what == "devices") return toJSON(store.devices());
+    if (what == "batches") return toJSON(store.batches());
+    if (what == "events") return toJSON(store.events());
+    if (what == "duplicates") return toJSON(store.duplicates());
+    if (what == "logs") return toJSON(store.logs());
+    if (what == "categories") return toJSON(store.categories());
+    if (what == "seed") return service.seedsJSON();
+    if (what == "fault") return toJSON(faults.list());
+    return std::nullopt;
+}
+
 std::string KOEmulator::inspectJSON(const std::string &what, const std::string &pathFilter) const {
-    if (what == "requests") return toJSON(requests(pathFilter));
-    if (what == "devices") return toJSON(devices());
-    if (what == "batches") return toJSON(batches());
-    if (what == "events") return toJSON(events());
-    if (what == "duplicates") return toJSON(duplicates());
-    if (what == "logs") return toJSON(logs());
-    if (what == "categories") return toJSON(categories());
-    if (what == "seed") return seedsJSON();
-    if (what == "fault") return toJSON(faults());
+    if (std::optional<std::string> json = impl_->inspect(what, pathFilter)) return *json;
     throw std::invalid_argument("nothing to inspect called \"" + what + "\"");
 }
 
