@@ -186,12 +186,22 @@ bool readInto(std::string_view text, Sink& sink) {
   return true;
 }
 
-// Writes straight into the caller's string: no intermediate buffer to allocate and copy.
-struct StringOutput {
+// Writes straight into the caller's string: no intermediate buffer to allocate and copy. The
+// string grows in steps and is cut to length at the end, so writing a character is a store, not a
+// call into the string's own growth path.
+class StringOutput {
+ public:
   using Ch = char;
-  std::string* out;
-  void Put(char c) { out->push_back(c); }
-  void Flush() {}
+  explicit StringOutput(std::string& out) : out_(out), length_(out.size()) {}
+  void Put(char c) {
+    if (length_ == out_.size()) out_.resize(std::max<std::size_t>(64, out_.size() * 2));
+    out_[length_++] = c;
+  }
+  void Flush() { out_.resize(length_); }
+
+ private:
+  std::string& out_;
+  std::size_t length_;
 };
 
 using Writer = rapidjson::Writer<StringOutput, rapidjson::UTF8<>, rapidjson::UTF8<>,
@@ -258,9 +268,10 @@ bool KOJSONSerialization::read(std::string_view text, KOJSONVisitor& visitor) {
 void KOJSONSerialization::writeTo(const KOValue& value, std::string& out) {
   const std::size_t before = out.size();
   try {
-    StringOutput output{&out};
+    StringOutput output(out);
     Writer writer(output);
     writeValue(writer, value, 0);
+    output.Flush();
   } catch (...) {
     out.resize(before);  // nothing half-written is left behind
     throw;
