@@ -5,9 +5,9 @@
 
 #include <memory>
 
+#include "KOBenchRig.h"
 #include "KODataHandler/KOBatchStore.h"
 #include "KODataHandler/KOEventsHandler.h"
-#include "KOBenchRig.h"
 #include "KODelivery.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Network/KOServerInterface.h"
@@ -15,11 +15,10 @@
 
 namespace {
 
-
 // Five attributes: three strings, an integer and a real.
 const KOValue& payload() {
-  static const KOValue p(KODictionary{{"sku", "SKU-12345"}, {"category", "shoes"}, {"brand", "kovantis"},
-                                      {"quantity", 2}, {"price", 49.99}});
+  static const KOValue p(KODictionary{
+      {"sku", "SKU-12345"}, {"category", "shoes"}, {"brand", "kovantis"}, {"quantity", 2}, {"price", 49.99}});
   return p;
 }
 
@@ -36,7 +35,8 @@ void BM_TrackEvent(benchmark::State& state) {
   const std::size_t eventsBefore = events.eventsInMemory();
   for (auto _ : state) events.trackEvent(name, payload());
   const std::size_t held = events.eventsInMemory() - eventsBefore;
-  state.counters["heap_bytes_per_event"] = held ? static_cast<double>(heapInUse() - before) / static_cast<double>(held) : 0;
+  state.counters["heap_bytes_per_event"] =
+      held ? static_cast<double>(heapInUse() - before) / static_cast<double>(held) : 0;
   events.getBatchesWithViewsArray(false);
 }
 BENCHMARK(BM_TrackEvent)->Iterations(100000);

@@ -8,6 +8,7 @@ packages=(
   libcurl4-openssl-dev libplist-dev rapidjson-dev
   libsqlite3-dev libcpp-httplib-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  clang-format
 )
 
 missing=()

@@ -102,9 +102,10 @@ void Kovantis::appStatus(int status) {
     prefs().synchronize();
     smartTriggerForAppStatus(status);
   } catch (const std::exception& e) {
-    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
-                         KOStringFormat::format("Kovantis - Exception while tracking  INSTALL/UPDATE %@", {KOValue(e.what())}),
-                         KOValue(KOStackTrace::current()));
+    KOLogger::logLocated(
+        KO_HERE, this, KOLogSeverityException,
+        KOStringFormat::format("Kovantis - Exception while tracking  INSTALL/UPDATE %@", {KOValue(e.what())}),
+        KOValue(KOStackTrace::current()));
   }
 }
 
@@ -208,12 +209,16 @@ void Kovantis::setUserName(const KOValue& value) { setUserAttribute(value, KOVal
 void Kovantis::setUserFirstName(const KOValue& value) {
   setUserAttribute(value, KOValue(USER_ATTRIBUTE_USER_FIRST_NAME));
 }
-void Kovantis::setUserLastName(const KOValue& value) { setUserAttribute(value, KOValue(USER_ATTRIBUTE_USER_LAST_NAME)); }
+void Kovantis::setUserLastName(const KOValue& value) {
+  setUserAttribute(value, KOValue(USER_ATTRIBUTE_USER_LAST_NAME));
+}
 void Kovantis::setUserMobileNo(const KOValue& value) { setUserAttribute(value, KOValue(USER_ATTRIBUTE_USER_MOBILE)); }
 
 void Kovantis::setUserGender(int gender) {
-  if (gender == KOUserGenderMale) setUserAttribute(KOValue("male"), KOValue(USER_ATTRIBUTE_USER_GENDER));
-  else if (gender == KOUserGenderFemale) setUserAttribute(KOValue("female"), KOValue(USER_ATTRIBUTE_USER_GENDER));
+  if (gender == KOUserGenderMale)
+    setUserAttribute(KOValue("male"), KOValue(USER_ATTRIBUTE_USER_GENDER));
+  else if (gender == KOUserGenderFemale)
+    setUserAttribute(KOValue("female"), KOValue(USER_ATTRIBUTE_USER_GENDER));
 }
 
 void Kovantis::setUserDateOfBirth(const KOValue& date) {
@@ -232,12 +237,15 @@ void Kovantis::addObserverForApplicationLifeCycle() {
                                           [this](const KONotification& n) { applicationIsActive(n.userInfo); }));
   observers_.push_back(center.addObserver(KOApplicationWillResignActiveNotification,
                                           [this](const KONotification& n) { applicationIsInactive(n.userInfo); }));
-  observers_.push_back(center.addObserver(KOApplicationWillEnterForegroundNotification,
-                                          [this](const KONotification& n) { applicationEnteredForeground(n.userInfo); }));
-  observers_.push_back(center.addObserver(KOApplicationDidEnterBackgroundNotification,
-                                          [this](const KONotification& n) { applicationEnteredBackground(n.userInfo); }));
-  observers_.push_back(center.addObserver(KOApplicationWillTerminateNotification,
-                                          [this](const KONotification& n) { applicationEnteredBackground(n.userInfo); }));
+  observers_.push_back(
+      center.addObserver(KOApplicationWillEnterForegroundNotification,
+                         [this](const KONotification& n) { applicationEnteredForeground(n.userInfo); }));
+  observers_.push_back(center.addObserver(KOApplicationDidEnterBackgroundNotification, [this](const KONotification& n) {
+    applicationEnteredBackground(n.userInfo);
+  }));
+  observers_.push_back(center.addObserver(KOApplicationWillTerminateNotification, [this](const KONotification& n) {
+    applicationEnteredBackground(n.userInfo);
+  }));
   observers_.push_back(center.addObserver(KOV_INIT_NEW_USER, [this](const KONotification&) { initNewUser(); }));
 }
 
@@ -400,8 +408,9 @@ void Kovantis::trackLocale() {
     const std::string languageName = locale.displayNameForLanguage(language);
     const std::string display = country.empty() ? languageName : languageName + " (" + countryName + ")";
     const std::pair<const char*, std::string> attributes[] = {
-        {LOCALE_COUNTRY, country}, {LOCALE_COUNTRY_DISPLAY, countryName}, {LOCALE_LANGUAGE, language},
-        {LOCALE_LANGUAGE_DISPLAY, languageName}, {LOCALE_DISPLAY, display}, {LOCALE_IDENTIFIER, identifier}};
+        {LOCALE_COUNTRY, country},   {LOCALE_COUNTRY_DISPLAY, countryName},
+        {LOCALE_LANGUAGE, language}, {LOCALE_LANGUAGE_DISPLAY, languageName},
+        {LOCALE_DISPLAY, display},   {LOCALE_IDENTIFIER, identifier}};
     KOUserAttributesHandler& handler = KOUserAttributesHandler::sharedInstance();
     for (const auto& [key, value] : attributes) {
       // Only a new or changed value goes out, as a device attribute too.

@@ -67,8 +67,10 @@ int main(int argc, char** argv) {
   std::string root = "build/demo-device";
   bool reinstall = false;
   for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--device") == 0 && i + 1 < argc) root = argv[++i];
-    else if (std::strcmp(argv[i], "--reinstall") == 0) reinstall = true;
+    if (std::strcmp(argv[i], "--device") == 0 && i + 1 < argc)
+      root = argv[++i];
+    else if (std::strcmp(argv[i], "--reinstall") == 0)
+      reinstall = true;
   }
 
   KOSimDeviceConfig config;
@@ -98,7 +100,8 @@ int main(int argc, char** argv) {
   step("initialised with app id", KovantisUtils::getAppId().description());
   step("vendor id", KovantisUtils::getIdentifierForVendor());
   step("persistent id (keychain)", KovantisUtils::persistentDeviceId());
-  step("install or reinstall", reinstall ? "reinstall: the keychain remembered this phone" : "first run or same install");
+  step("install or reinstall",
+       reinstall ? "reinstall: the keychain remembered this phone" : "first run or same install");
   device.becomeActive();
   step("app became active", "session started");
 
@@ -113,10 +116,11 @@ int main(int argc, char** argv) {
 
   section("Events");
   for (int i = 0; i < 40; ++i) {
-    sdk.trackEvent(KOValue("PRODUCT_VIEWED"),
-                   KOValue(KODictionary{{"sku", "SKU-" + std::to_string(1000 + i)}, {"price", 19.99 + i},
-                                        {"quantity", 1 + i % 3}, {"in_stock", i % 4 != 0},
-                                        {"viewed_at", KODate{1700000000.0 + i}}}));
+    sdk.trackEvent(KOValue("PRODUCT_VIEWED"), KOValue(KODictionary{{"sku", "SKU-" + std::to_string(1000 + i)},
+                                                                   {"price", 19.99 + i},
+                                                                   {"quantity", 1 + i % 3},
+                                                                   {"in_stock", i % 4 != 0},
+                                                                   {"viewed_at", KODate{1700000000.0 + i}}}));
   }
   KOPayloadBuilder checkout(std::make_shared<KODictionary>(KODictionary{{"order", "A-77"}, {"total", 59.97}}));
   checkout.setDate(KOValue(KODate{1700003600}), "delivery");
@@ -139,7 +143,8 @@ int main(int argc, char** argv) {
   emulator.injectFault(KOEmulatorFault{"/v2/report/add", 503, 0, false, -1, 1.0});
   device.enterForeground();
   device.becomeActive();
-  for (int i = 0; i < 5; ++i) sdk.trackEvent(KOValue("SEARCH"), KOValue(KODictionary{{"query", "shoes " + std::to_string(i)}}));
+  for (int i = 0; i < 5; ++i)
+    sdk.trackEvent(KOValue("SEARCH"), KOValue(KODictionary{{"query", "shoes " + std::to_string(i)}}));
   sdk.syncNow();
   demo.settle();
   step("service answered", "503 (injected)");
@@ -153,8 +158,8 @@ int main(int argc, char** argv) {
   demo.flush();
   device.runMainUntil([&] { return demo.received("/v2/device/add") > 0; }, 10);
   demo.settle();
-  step("logout sent, user data cleared", "device registered again: " + std::to_string(demo.received("/v2/device/add")) +
-                                             " device add call(s)");
+  step("logout sent, user data cleared",
+       "device registered again: " + std::to_string(demo.received("/v2/device/add")) + " device add call(s)");
 
   demo.flush();  // the new registration's device attributes too
 
@@ -162,12 +167,12 @@ int main(int argc, char** argv) {
   std::map<std::string, int> byName;
   for (const auto& e : emulator.events()) ++byName[e.name];
   for (const auto& [name, count] : byName) step(name, std::to_string(count));
-  step("batches / duplicates refused", std::to_string(emulator.batches().size()) + " / " +
-                                           std::to_string(emulator.duplicates().size()));
+  step("batches / duplicates refused",
+       std::to_string(emulator.batches().size()) + " / " + std::to_string(emulator.duplicates().size()));
   std::size_t failed = 0;
   for (const auto& r : emulator.requests("/v2/report/add")) failed += r.status != 200;
-  step("report requests (failed)", std::to_string(emulator.requests("/v2/report/add").size()) + " (" +
-                                       std::to_string(failed) + ")");
+  step("report requests (failed)",
+       std::to_string(emulator.requests("/v2/report/add").size()) + " (" + std::to_string(failed) + ")");
 
   const auto lines = device.console().lines();
   if (!lines.empty()) {

@@ -28,11 +28,14 @@ inline constexpr const char* KO_APP_INSTALL_KEY = "KO_APP_INSTALL";
 inline constexpr const char* kShouldSendToLogEntries = "LOG_ENTRIES_ENABLED";
 
 // Application lifecycle notifications the platform posts into KONotificationCenter.
-inline constexpr const char* KOApplicationDidFinishLaunchingNotification = "UIApplicationDidFinishLaunchingNotification";
+inline constexpr const char* KOApplicationDidFinishLaunchingNotification =
+    "UIApplicationDidFinishLaunchingNotification";
 inline constexpr const char* KOApplicationDidBecomeActiveNotification = "UIApplicationDidBecomeActiveNotification";
 inline constexpr const char* KOApplicationWillResignActiveNotification = "UIApplicationWillResignActiveNotification";
-inline constexpr const char* KOApplicationDidEnterBackgroundNotification = "UIApplicationDidEnterBackgroundNotification";
-inline constexpr const char* KOApplicationWillEnterForegroundNotification = "UIApplicationWillEnterForegroundNotification";
+inline constexpr const char* KOApplicationDidEnterBackgroundNotification =
+    "UIApplicationDidEnterBackgroundNotification";
+inline constexpr const char* KOApplicationWillEnterForegroundNotification =
+    "UIApplicationWillEnterForegroundNotification";
 inline constexpr const char* KOApplicationWillTerminateNotification = "UIApplicationWillTerminateNotification";
 inline constexpr const char* KOCurrentLocaleDidChangeNotification = "NSCurrentLocaleDidChangeNotification";
 

@@ -69,14 +69,12 @@ enum class KOViewControllerKind { Plain, Navigation, TabBar, Alert };
 struct KOViewController {
   std::string name;
   KOViewControllerKind kind = KOViewControllerKind::Plain;
-  std::shared_ptr<KOViewController> presented;                   // modally presented on top
-  std::vector<std::shared_ptr<KOViewController>> children;       // navigation stack or tab items
-  std::size_t selectedIndex = 0;                                 // tab bar selection
+  std::shared_ptr<KOViewController> presented;              // modally presented on top
+  std::vector<std::shared_ptr<KOViewController>> children;  // navigation stack or tab items
+  std::size_t selectedIndex = 0;                            // tab bar selection
 
   /// The last controller of a navigation stack.
-  std::shared_ptr<KOViewController> topViewController() const {
-    return children.empty() ? nullptr : children.back();
-  }
+  std::shared_ptr<KOViewController> topViewController() const { return children.empty() ? nullptr : children.back(); }
   /// The selected controller of a tab bar.
   std::shared_ptr<KOViewController> selectedViewController() const {
     return selectedIndex < children.size() ? children[selectedIndex] : nullptr;
@@ -276,8 +274,8 @@ class KOUserInterface {
   virtual ~KOUserInterface() = default;
   /// Whether the modern alert controller exists (otherwise the older alert view is used).
   virtual bool supportsAlertController() const = 0;
-  virtual void presentAlert(const std::string& title, const std::string& message,
-                            std::vector<KOAlertAction> actions, const KOViewController* presenter) = 0;
+  virtual void presentAlert(const std::string& title, const std::string& message, std::vector<KOAlertAction> actions,
+                            const KOViewController* presenter) = 0;
   /// The share sheet; anchored in a popover on a tablet, modal on a phone.
   virtual void presentShareSheet(const KOArray& items, const std::vector<std::string>& excludedActivityTypes,
                                  const KOViewController* presenter, std::optional<KORect> popoverAnchor) = 0;

@@ -37,7 +37,8 @@ KOArray KOBatchStore::Batch::records() const {
 }
 
 const std::string& KOBatchStore::Batch::fragment() const {
-  std::call_once(fragmentOnce_, [this] { fragment_ = KOPropertyListSerialization::xmlFragmentFromJSON(recordsText(body_)); });
+  std::call_once(fragmentOnce_,
+                 [this] { fragment_ = KOPropertyListSerialization::xmlFragmentFromJSON(recordsText(body_)); });
   return fragment_;
 }
 
@@ -79,9 +80,9 @@ void KOBatchStore::load(KOFileSystem& fs) {
       if (!records.isArray()) throw KOTypeError("a batch is not a list");
       put(id, records.arrayValue());
     } catch (const std::exception& e) {
-      KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
-                           KOStringFormat::format("Kovantis - Dropping unusable stored batch %@: %@",
-                                                  {KOValue(id), KOValue(e.what())}));
+      KOLogger::logLocated(
+          KO_HERE, this, KOLogSeverityException,
+          KOStringFormat::format("Kovantis - Dropping unusable stored batch %@: %@", {KOValue(id), KOValue(e.what())}));
     }
   }
 }
@@ -165,9 +166,9 @@ std::string KOBatchStore::fileText(const Snapshot& snapshot) {
     } catch (const std::exception& e) {
       // One batch the property-list writer refuses (a string holding a NUL byte, say) must not
       // keep every other batch off the disk; it is still sent from memory.
-      KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
-                           KOStringFormat::format("Kovantis - Batch %@ cannot be stored: %@",
-                                                  {KOValue(id), KOValue(e.what())}));
+      KOLogger::logLocated(
+          KO_HERE, nullptr, KOLogSeverityException,
+          KOStringFormat::format("Kovantis - Batch %@ cannot be stored: %@", {KOValue(id), KOValue(e.what())}));
     }
   }
   std::string text;

@@ -23,8 +23,9 @@ const KOPlatform& platform() { return KOPlatform::current(); }
 void logInfo(const std::string& line) { KOLogger::logPlain(line); }
 
 void logSyncException(const std::exception& e) {
-  KOLogger::logWithVerbosity(1, KOLogSeverityException,
-                             KOArray{KOStringFormat::format("Kovantis - Exception while syncing : %@", {KOValue(e.what())})});
+  KOLogger::logWithVerbosity(
+      1, KOLogSeverityException,
+      KOArray{KOStringFormat::format("Kovantis - Exception while syncing : %@", {KOValue(e.what())})});
 }
 
 }  // namespace
@@ -35,10 +36,10 @@ KOEventsHandler& KOEventsHandler::sharedInstance() {
   return *instance;
 }
 
-KOEventsHandler::KOEventsHandler()
-    : store_(platform().fileSystem->documentsDirectory() + "/" + kBatchFileName) {
+KOEventsHandler::KOEventsHandler() : store_(platform().fileSystem->documentsDirectory() + "/" + kBatchFileName) {
   const KOValue configured = platform().preferences->standard().objectForKey(kEventsBatchCount);
-  if (configured.isNumber() && configured.intValue() > 0) threshold_ = static_cast<std::uint64_t>(configured.intValue());
+  if (configured.isNumber() && configured.intValue() > 0)
+    threshold_ = static_cast<std::uint64_t>(configured.intValue());
 }
 
 std::string KOEventsHandler::eventsPlistFilePath() const { return store_.path(); }
@@ -90,7 +91,8 @@ void KOEventsHandler::ensureLoadedLocked() {
 
 // ------------------------------------------------------------------------------------- tracking
 
-std::string KOEventsHandler::recordJSON(const std::string& name, const KOValue* attributes, const KODictionary* custom) {
+std::string KOEventsHandler::recordJSON(const std::string& name, const KOValue* attributes,
+                                        const KODictionary* custom) {
   // Written field by field, in the record's key order, without building the record itself.
   std::string json;
   json.reserve(256);
@@ -341,8 +343,9 @@ void KOEventsHandler::runSync(SyncRequest request) {
       for (; started < round->ids.size(); ++started) {
         const std::string& id = round->ids[started];
         if (KOLogger::loggingEnabled()) {
-          logInfo(KOStringFormat::format("Kovantis - syncing events from storage for Batch %@ and Events :\n %@",
-                                         {KOValue(id), KOValue(KOBatchStore::recordsText(batches[started].second->reportBody()))}));
+          logInfo(KOStringFormat::format(
+              "Kovantis - syncing events from storage for Batch %@ and Events :\n %@",
+              {KOValue(id), KOValue(KOBatchStore::recordsText(batches[started].second->reportBody()))}));
         }
         server.sendData(KOJSONText{batches[started].second->reportBody()}, KOValue(id),
                         [finish, id](bool success) { finish(id, success); });

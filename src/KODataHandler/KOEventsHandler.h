@@ -86,7 +86,7 @@ class KOEventsHandler {
   std::int64_t nowMilliseconds() const;
 
   mutable std::mutex mutex_;
-  std::mutex fileMutex_;  // taken before mutex_, never while holding it
+  std::mutex fileMutex_;            // taken before mutex_, never while holding it
   std::vector<std::string> views_;  // records in memory, each as its JSON text
   KOBatchStore store_;
   bool syncInProgress_ = false;

@@ -14,9 +14,10 @@ std::string parentDirectory(const std::string& path) {
 }
 
 void logFailure(const std::string& path, const char* step, const KOFileError& error) {
-  KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
-                       KOStringFormat::format("Kovantis - Failed to %@ %@: %@ (%d)",
-                                              {KOValue(step), KOValue(path), KOValue(error.message), KOValue(error.code)}));
+  KOLogger::logLocated(
+      KO_HERE, nullptr, KOLogSeverityException,
+      KOStringFormat::format("Kovantis - Failed to %@ %@: %@ (%d)",
+                             {KOValue(step), KOValue(path), KOValue(error.message), KOValue(error.code)}));
 }
 
 }  // namespace

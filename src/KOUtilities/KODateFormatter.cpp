@@ -106,26 +106,48 @@ std::string KODateFormatter::stringFromDate(const KODate& date) const {
   std::string out;
   for (const Token& t : tokenize(format_)) {
     switch (t.letter) {
-      case 0: out += t.literal; break;
-      case 'y': out += t.width == 2 ? pad((tm.tm_year + 1900) % 100, 2) : pad(tm.tm_year + 1900, t.width); break;
+      case 0:
+        out += t.literal;
+        break;
+      case 'y':
+        out += t.width == 2 ? pad((tm.tm_year + 1900) % 100, 2) : pad(tm.tm_year + 1900, t.width);
+        break;
       case 'M':
         out += t.width >= 3 ? std::string(kMonths[tm.tm_mon]) : pad(tm.tm_mon + 1, t.width);
         break;
-      case 'd': out += pad(tm.tm_mday, t.width); break;
-      case 'H': out += pad(tm.tm_hour, t.width); break;
-      case 'h': out += pad(tm.tm_hour % 12 == 0 ? 12 : tm.tm_hour % 12, t.width); break;
-      case 'm': out += pad(tm.tm_min, t.width); break;
-      case 's': out += pad(tm.tm_sec, t.width); break;
-      case 'S': out += pad(millis, 3).substr(0, static_cast<std::size_t>(t.width)); break;
-      case 'a': out += tm.tm_hour < 12 ? "AM" : "PM"; break;
-      case 'E': out += kWeekdays[tm.tm_wday]; break;
+      case 'd':
+        out += pad(tm.tm_mday, t.width);
+        break;
+      case 'H':
+        out += pad(tm.tm_hour, t.width);
+        break;
+      case 'h':
+        out += pad(tm.tm_hour % 12 == 0 ? 12 : tm.tm_hour % 12, t.width);
+        break;
+      case 'm':
+        out += pad(tm.tm_min, t.width);
+        break;
+      case 's':
+        out += pad(tm.tm_sec, t.width);
+        break;
+      case 'S':
+        out += pad(millis, 3).substr(0, static_cast<std::size_t>(t.width));
+        break;
+      case 'a':
+        out += tm.tm_hour < 12 ? "AM" : "PM";
+        break;
+      case 'E':
+        out += kWeekdays[tm.tm_wday];
+        break;
       case 'Z': {
         const std::int64_t minutes = (offset < 0 ? -offset : offset) / 60;
         out += offset < 0 ? "-" : "+";
         out += pad(minutes / 60, 2) + pad(minutes % 60, 2);
         break;
       }
-      default: out += std::string(static_cast<std::size_t>(t.width), t.letter); break;
+      default:
+        out += std::string(static_cast<std::size_t>(t.width), t.letter);
+        break;
     }
   }
   return out;
@@ -163,11 +185,19 @@ std::optional<KODate> KODateFormatter::dateFromString(const std::string& text) c
         }
         if (!readNumber(text, pos, 2, month)) return std::nullopt;
         continue;
-      case 'd': if (!readNumber(text, pos, 2, day)) return std::nullopt; continue;
+      case 'd':
+        if (!readNumber(text, pos, 2, day)) return std::nullopt;
+        continue;
       case 'H':
-      case 'h': if (!readNumber(text, pos, 2, hour)) return std::nullopt; continue;
-      case 'm': if (!readNumber(text, pos, 2, minute)) return std::nullopt; continue;
-      case 's': if (!readNumber(text, pos, 2, second)) return std::nullopt; continue;
+      case 'h':
+        if (!readNumber(text, pos, 2, hour)) return std::nullopt;
+        continue;
+      case 'm':
+        if (!readNumber(text, pos, 2, minute)) return std::nullopt;
+        continue;
+      case 's':
+        if (!readNumber(text, pos, 2, second)) return std::nullopt;
+        continue;
       case 'S': {
         const std::size_t start = pos;
         if (!readNumber(text, pos, t.width, n)) return std::nullopt;
@@ -202,15 +232,17 @@ std::optional<KODate> KODateFormatter::dateFromString(const std::string& text) c
         zone = (negative ? -1 : 1) * (hh * 3600 + mm * 60);
         continue;
       }
-      default: return std::nullopt;
+      default:
+        return std::nullopt;
     }
   }
   if (pos != text.size()) return std::nullopt;
   if (month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 || second > 60) return std::nullopt;
   if (hasAmPm) hour = (hour % 12) + (pm ? 12 : 0);
-  const double local = static_cast<double>(daysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(day)) * 86400 +
-                                           hour * 3600 + minute * 60 + second) +
-                       static_cast<double>(millis) / 1000.0;
+  const double local =
+      static_cast<double>(daysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(day)) * 86400 +
+                          hour * 3600 + minute * 60 + second) +
+      static_cast<double>(millis) / 1000.0;
   const std::int64_t offset = zone ? *zone : offsetAt(local);
   return KODate{local - static_cast<double>(offset)};
 }

@@ -175,7 +175,8 @@ bool readInto(std::string_view text, Sink& sink) {
   if (result.IsError()) {
     if (handler.tooDeep()) throw KOParseError("JSON nested deeper than " + std::to_string(KOValue::kMaxNestingDepth));
     if (handler.badText()) throw KOParseError("JSON string is not valid UTF-8");
-    if (handler.numberOutOfRange()) throw KOParseError("JSON number out of range at offset " + std::to_string(result.Offset()));
+    if (handler.numberOutOfRange())
+      throw KOParseError("JSON number out of range at offset " + std::to_string(result.Offset()));
     // The sink said no: the text itself may be fine, the caller decides.
     if (result.Code() == rapidjson::kParseErrorTermination) return false;
     throw KOParseError(std::string("JSON parse error at offset ") + std::to_string(result.Offset()) + ": " +
@@ -204,8 +205,8 @@ class StringOutput {
   std::size_t length_;
 };
 
-using Writer = rapidjson::Writer<StringOutput, rapidjson::UTF8<>, rapidjson::UTF8<>,
-                                 rapidjson::CrtAllocator, rapidjson::kWriteValidateEncodingFlag>;
+using Writer = rapidjson::Writer<StringOutput, rapidjson::UTF8<>, rapidjson::UTF8<>, rapidjson::CrtAllocator,
+                                 rapidjson::kWriteValidateEncodingFlag>;
 
 void writeValue(Writer& w, const KOValue& v, int depth) {
   using Kind = KOValue::Kind;
@@ -215,9 +216,15 @@ void writeValue(Writer& w, const KOValue& v, int depth) {
   bool ok = true;
   switch (v.kind()) {
     case Kind::Nil:
-    case Kind::Null: ok = w.Null(); break;
-    case Kind::Bool: ok = w.Bool(v.boolValue()); break;
-    case Kind::Integer: ok = w.Int64(v.intValue()); break;
+    case Kind::Null:
+      ok = w.Null();
+      break;
+    case Kind::Bool:
+      ok = w.Bool(v.boolValue());
+      break;
+    case Kind::Integer:
+      ok = w.Int64(v.intValue());
+      break;
     case Kind::Real: {
       const double d = v.doubleValue();
       if (!std::isfinite(d)) throw KOTypeError("invalid number in JSON write (NaN or infinity)");
@@ -261,9 +268,7 @@ KOValue KOJSONSerialization::parse(std::string_view text) {
   return builder.take();
 }
 
-bool KOJSONSerialization::read(std::string_view text, KOJSONVisitor& visitor) {
-  return readInto(text, visitor);
-}
+bool KOJSONSerialization::read(std::string_view text, KOJSONVisitor& visitor) { return readInto(text, visitor); }
 
 void KOJSONSerialization::writeTo(const KOValue& value, std::string& out) {
   const std::size_t before = out.size();

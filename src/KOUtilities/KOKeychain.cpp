@@ -33,8 +33,9 @@ KOValue KOKeychain::load(const std::string& service) {
     if (KOPlatform::current().keychain->copyMatching(service, service, &archive) != KOKeychainSuccess) return KOValue();
     return KOPropertyListSerialization::parse(archive);
   } catch (const std::exception& e) {
-    KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
-                         KOStringFormat::format("Kovantis - Unarchive of %@ failed: %@", {KOValue(service), KOValue(e.what())}));
+    KOLogger::logLocated(
+        KO_HERE, nullptr, KOLogSeverityException,
+        KOStringFormat::format("Kovantis - Unarchive of %@ failed: %@", {KOValue(service), KOValue(e.what())}));
     return KOValue();
   }
 }

@@ -80,8 +80,10 @@ void KOLogger::setupDefaultFormats() {
 void KOLogger::setFormat(std::string format, int forVerbosity) {
   Settings& s = settings();
   std::lock_guard<std::mutex> lock(s.mutex);
-  if (forVerbosity == 1) s.formatDefault = std::move(format);
-  else if (forVerbosity == 2) s.formatDetailed = std::move(format);
+  if (forVerbosity == 1)
+    s.formatDefault = std::move(format);
+  else if (forVerbosity == 2)
+    s.formatDetailed = std::move(format);
 }
 
 std::optional<std::string> KOLogger::formatForVerbosity(int verbosity) {
@@ -109,12 +111,18 @@ bool KOLogger::meetsMinimumSeverity(int severity) { return severity >= minimumSe
 
 std::string KOLogger::labelForSeverity(int severity) {
   switch (severity) {
-    case 1: return "DEBUG";
-    case 2: return "INFO";
-    case 3: return "WARNING";
-    case 4: return "EXCEPTION";
-    case 5: return "ERROR";
-    default: return "";
+    case 1:
+      return "DEBUG";
+    case 2:
+      return "INFO";
+    case 3:
+      return "WARNING";
+    case 4:
+      return "EXCEPTION";
+    case 5:
+      return "ERROR";
+    default:
+      return "";
   }
 }
 
@@ -125,13 +133,16 @@ void KOLogger::debug(int level) {
         setShouldLogInDebug(false);
         setShouldLogInVerboseMessage(false);
         break;
-      case 1: setShouldLogInDebug(true); break;
+      case 1:
+        setShouldLogInDebug(true);
+        break;
       case 2:
         setShouldLogInDebug(false);
         setShouldLogInVerboseMessage(true);
         setMinimumSeverity(4);
         break;
-      default: break;
+      default:
+        break;
     }
   } catch (const std::exception& e) {
     log("Caught an exception in KOLogger : %@", KOArray{KOValue(e.what())});
@@ -233,8 +244,10 @@ std::string KOLogger::methodName(const char* prettyFunction) {
   int angle = 0;
   std::size_t open = f.size();
   for (std::size_t i = 0; i < f.size(); ++i) {
-    if (f[i] == '<') ++angle;
-    else if (f[i] == '>') --angle;
+    if (f[i] == '<')
+      ++angle;
+    else if (f[i] == '>')
+      --angle;
     else if (f[i] == '(' && angle == 0) {
       open = i;
       break;
@@ -245,9 +258,12 @@ std::string KOLogger::methodName(const char* prettyFunction) {
   angle = 0;
   std::size_t start = 0;
   for (std::size_t i = 0; i < head.size(); ++i) {
-    if (head[i] == '<') ++angle;
-    else if (head[i] == '>') --angle;
-    else if (head[i] == ' ' && angle == 0) start = i + 1;
+    if (head[i] == '<')
+      ++angle;
+    else if (head[i] == '>')
+      --angle;
+    else if (head[i] == ' ' && angle == 0)
+      start = i + 1;
   }
   return std::string(head.substr(start));
 }

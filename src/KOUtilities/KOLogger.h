@@ -32,7 +32,8 @@ enum KOLogSeverity : int {
 class KOLogger {
  public:
   /// Receives a record to ship: message, stack trace (nil allowed) and level label.
-  using RemoteShipper = std::function<void(const std::string& message, const KOValue& traceBack, const std::string& level)>;
+  using RemoteShipper =
+      std::function<void(const std::string& message, const KOValue& traceBack, const std::string& level)>;
 
   /// Console only. Verbosity 1: args = [message]; verbosity 2: args = [object address, file name,
   /// line number, method name, message].

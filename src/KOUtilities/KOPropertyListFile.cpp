@@ -13,17 +13,18 @@ KOValue KOPropertyListFile::read(const KOFileSystem& fs, const std::string& path
   std::optional<std::string> bytes = fs.readFile(path, &error);
   if (!bytes) {
     if (error.code != ENOENT) {  // missing reads as nothing; anything else is worth a line
-      KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
-                           KOStringFormat::format("Kovantis - Unreadable file %@: %@",
-                                                  {KOValue(path), KOValue(error.message)}));
+      KOLogger::logLocated(
+          KO_HERE, nullptr, KOLogSeverityException,
+          KOStringFormat::format("Kovantis - Unreadable file %@: %@", {KOValue(path), KOValue(error.message)}));
     }
     return KOValue();
   }
   try {
     return KOPropertyListSerialization::parse(*bytes);
   } catch (const std::exception& e) {
-    KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
-                         KOStringFormat::format("Kovantis - Unreadable file %@: %@", {KOValue(path), KOValue(e.what())}));
+    KOLogger::logLocated(
+        KO_HERE, nullptr, KOLogSeverityException,
+        KOStringFormat::format("Kovantis - Unreadable file %@: %@", {KOValue(path), KOValue(e.what())}));
     return KOValue();
   }
 }
@@ -35,8 +36,9 @@ bool KOPropertyListFile::write(KOFileSystem& fs, const std::string& path, const 
   try {
     xml = KOPropertyListSerialization::writeXML(value);
   } catch (const std::exception& e) {
-    KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
-                         KOStringFormat::format("Kovantis - Failed to serialise %@: %@", {KOValue(path), KOValue(e.what())}));
+    KOLogger::logLocated(
+        KO_HERE, nullptr, KOLogSeverityException,
+        KOStringFormat::format("Kovantis - Failed to serialise %@: %@", {KOValue(path), KOValue(e.what())}));
     return false;
   }
   return KOAtomicFile::write(fs, path, xml, mode);

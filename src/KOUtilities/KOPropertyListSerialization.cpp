@@ -1,7 +1,6 @@
 #include "KOPropertyListSerialization.h"
 
 #include <plist/plist.h>
-
 #include <pthread.h>
 
 #include <algorithm>
@@ -57,7 +56,8 @@ KOValue toValue(plist_t node, int depth) {
       std::uint64_t length = 0;
       const char* s = plist_get_string_ptr(node, &length);
       if (!s) return KOValue(std::string());
-      if (!isValidUTF8({s, static_cast<std::size_t>(length)})) throw KOParseError("property list string is not valid UTF-8");
+      if (!isValidUTF8({s, static_cast<std::size_t>(length)}))
+        throw KOParseError("property list string is not valid UTF-8");
       return KOValue(std::string(s, length));
     }
     case PLIST_DATE: {
@@ -70,7 +70,8 @@ KOValue toValue(plist_t node, int depth) {
       std::uint64_t length = 0;
       const char* p = plist_get_data_ptr(node, &length);
       KOData data;
-      if (p) data.bytes.assign(reinterpret_cast<const std::uint8_t*>(p), reinterpret_cast<const std::uint8_t*>(p) + length);
+      if (p)
+        data.bytes.assign(reinterpret_cast<const std::uint8_t*>(p), reinterpret_cast<const std::uint8_t*>(p) + length);
       return KOValue(std::move(data));
     }
     case PLIST_ARRAY: {
@@ -101,7 +102,8 @@ KOValue toValue(plist_t node, int depth) {
       }
       return KOValue(std::move(dict));
     }
-    default: throw KOParseError("unsupported property list node");
+    default:
+      throw KOParseError("unsupported property list node");
   }
 }
 
@@ -120,15 +122,20 @@ plist_t toNode(const KOValue& v, int depth) {
   }
   switch (v.kind()) {
     case Kind::Nil:
-    case Kind::Null: return nullptr;
-    case Kind::Bool: return plist_new_bool(v.boolValue() ? 1 : 0);
-    case Kind::Integer: return plist_new_uint(static_cast<std::uint64_t>(v.intValue()));
+    case Kind::Null:
+      return nullptr;
+    case Kind::Bool:
+      return plist_new_bool(v.boolValue() ? 1 : 0);
+    case Kind::Integer:
+      return plist_new_uint(static_cast<std::uint64_t>(v.intValue()));
     case Kind::Real: {
       if (!std::isfinite(v.doubleValue())) throw KOTypeError("invalid number in property list (NaN or infinity)");
       return plist_new_real(v.doubleValue());
     }
-    case Kind::String: return newString(v.stringValue());
-    case Kind::URL: return newString(v.urlValue().absoluteString);
+    case Kind::String:
+      return newString(v.stringValue());
+    case Kind::URL:
+      return newString(v.urlValue().absoluteString);
     case Kind::Date: {
       const double since2001 = v.dateValue().secondsSince1970 - kAppleEpochOffset;
       const double whole = std::floor(since2001);

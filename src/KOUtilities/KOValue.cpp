@@ -164,17 +164,28 @@ const KOValue& KOValue::nil() noexcept {
 
 const char* KOValue::kindName(Kind kind) noexcept {
   switch (kind) {
-    case Kind::Nil: return "nil";
-    case Kind::Null: return "null";
-    case Kind::Bool: return "bool";
-    case Kind::Integer: return "integer";
-    case Kind::Real: return "real";
-    case Kind::String: return "string";
-    case Kind::Date: return "date";
-    case Kind::Data: return "data";
-    case Kind::URL: return "URL";
-    case Kind::Array: return "array";
-    case Kind::Dictionary: return "dictionary";
+    case Kind::Nil:
+      return "nil";
+    case Kind::Null:
+      return "null";
+    case Kind::Bool:
+      return "bool";
+    case Kind::Integer:
+      return "integer";
+    case Kind::Real:
+      return "real";
+    case Kind::String:
+      return "string";
+    case Kind::Date:
+      return "date";
+    case Kind::Data:
+      return "data";
+    case Kind::URL:
+      return "URL";
+    case Kind::Array:
+      return "array";
+    case Kind::Dictionary:
+      return "dictionary";
   }
   return "unknown";
 }
@@ -185,17 +196,23 @@ void KOValue::throwKind(Kind expected) const {
 
 bool KOValue::boolValue() const {
   switch (kind()) {
-    case Kind::Bool: return std::get<bool>(v_);
-    case Kind::Integer: return std::get<std::int64_t>(v_) != 0;
-    case Kind::Real: return std::get<double>(v_) != 0.0;
-    default: throwKind(Kind::Bool);
+    case Kind::Bool:
+      return std::get<bool>(v_);
+    case Kind::Integer:
+      return std::get<std::int64_t>(v_) != 0;
+    case Kind::Real:
+      return std::get<double>(v_) != 0.0;
+    default:
+      throwKind(Kind::Bool);
   }
 }
 
 std::int64_t KOValue::intValue() const {
   switch (kind()) {
-    case Kind::Bool: return std::get<bool>(v_) ? 1 : 0;
-    case Kind::Integer: return std::get<std::int64_t>(v_);
+    case Kind::Bool:
+      return std::get<bool>(v_) ? 1 : 0;
+    case Kind::Integer:
+      return std::get<std::int64_t>(v_);
     case Kind::Real: {
       const double d = std::get<double>(v_);
       if (std::isnan(d)) return 0;
@@ -203,23 +220,28 @@ std::int64_t KOValue::intValue() const {
       if (d <= -9223372036854775808.0) return std::numeric_limits<std::int64_t>::min();
       return static_cast<std::int64_t>(d);
     }
-    default: throwKind(Kind::Integer);
+    default:
+      throwKind(Kind::Integer);
   }
 }
 
 double KOValue::doubleValue() const {
   switch (kind()) {
-    case Kind::Bool: return std::get<bool>(v_) ? 1.0 : 0.0;
-    case Kind::Integer: return static_cast<double>(std::get<std::int64_t>(v_));
-    case Kind::Real: return std::get<double>(v_);
-    default: throwKind(Kind::Real);
+    case Kind::Bool:
+      return std::get<bool>(v_) ? 1.0 : 0.0;
+    case Kind::Integer:
+      return static_cast<double>(std::get<std::int64_t>(v_));
+    case Kind::Real:
+      return std::get<double>(v_);
+    default:
+      throwKind(Kind::Real);
   }
 }
 
-#define KO_TYPED_ACCESSOR(Ret, name, Alt, KindName)           \
-  const Ret& KOValue::name() const {                          \
-    if (const auto* p = std::get_if<Alt>(&v_)) return *p;     \
-    throwKind(Kind::KindName);                                \
+#define KO_TYPED_ACCESSOR(Ret, name, Alt, KindName)       \
+  const Ret& KOValue::name() const {                      \
+    if (const auto* p = std::get_if<Alt>(&v_)) return *p; \
+    throwKind(Kind::KindName);                            \
   }
 KO_TYPED_ACCESSOR(std::string, stringValue, std::string, String)
 KO_TYPED_ACCESSOR(KODate, dateValue, KODate, Date)
@@ -260,8 +282,10 @@ bool operator==(const KOValue& a, const KOValue& b) {
   if (a.kind() != b.kind()) return false;
   switch (a.kind()) {
     case Kind::Nil:
-    case Kind::Null: return true;
-    default: return a.v_ == b.v_;
+    case Kind::Null:
+      return true;
+    default:
+      return a.v_ == b.v_;
   }
 }
 
@@ -288,16 +312,30 @@ std::string formatReal(double d) {
 void describe(const KOValue& v, std::string& out, bool quoteStrings) {
   using Kind = KOValue::Kind;
   switch (v.kind()) {
-    case Kind::Nil: out += "(null)"; break;
-    case Kind::Null: out += "<null>"; break;
-    case Kind::Bool: out += v.boolValue() ? "1" : "0"; break;
-    case Kind::Integer: out += std::to_string(v.intValue()); break;
-    case Kind::Real: out += formatReal(v.doubleValue()); break;
-    case Kind::String:
-      if (quoteStrings) appendQuoted(out, v.stringValue());
-      else out += v.stringValue();
+    case Kind::Nil:
+      out += "(null)";
       break;
-    case Kind::Date: out += "<date " + formatReal(v.dateValue().secondsSince1970) + ">"; break;
+    case Kind::Null:
+      out += "<null>";
+      break;
+    case Kind::Bool:
+      out += v.boolValue() ? "1" : "0";
+      break;
+    case Kind::Integer:
+      out += std::to_string(v.intValue());
+      break;
+    case Kind::Real:
+      out += formatReal(v.doubleValue());
+      break;
+    case Kind::String:
+      if (quoteStrings)
+        appendQuoted(out, v.stringValue());
+      else
+        out += v.stringValue();
+      break;
+    case Kind::Date:
+      out += "<date " + formatReal(v.dateValue().secondsSince1970) + ">";
+      break;
     case Kind::Data: {
       static const char* hex = "0123456789abcdef";
       out += '<';
@@ -308,7 +346,9 @@ void describe(const KOValue& v, std::string& out, bool quoteStrings) {
       out += '>';
       break;
     }
-    case Kind::URL: out += v.urlValue().absoluteString; break;
+    case Kind::URL:
+      out += v.urlValue().absoluteString;
+      break;
     case Kind::Array: {
       out += '[';
       bool first = true;

@@ -62,8 +62,7 @@ std::string KovantisUtils::getIdentifierForVendor() {
 std::string KovantisUtils::saveIdentifierForVendor() {
   const std::string uuid = platform().deviceInfo->identifierForVendor();
   if (uuid.empty()) return std::string();  // nothing to pin yet; a later call tries again
-  const std::string value =
-      KOStringFormat::format("%@-%.0f", {KOValue(uuid), KOValue(KovantisDateUtils::now())});
+  const std::string value = KOStringFormat::format("%@-%.0f", {KOValue(uuid), KOValue(KovantisDateUtils::now())});
   store(KO_IDENTIFIER_FOR_VENDOR, KOValue(value));
   return value;
 }
@@ -82,7 +81,8 @@ std::string KovantisUtils::persistentDeviceId() {
     const std::string service = KOStringFormat::format("%@.%@", {KOValue(KO_KEYCHAIN_SERVICE), bundle});
     if (const KOValue kept = KOKeychain::load(service); kept.isString()) id = kept.stringValue();
     if (id.empty()) {
-      if (const KOValue made = KOKeychain::savePersistenceIDForService(service); made.isString()) id = made.stringValue();
+      if (const KOValue made = KOKeychain::savePersistenceIDForService(service); made.isString())
+        id = made.stringValue();
     }
   }
   if (!id.empty()) {
@@ -134,7 +134,8 @@ bool KovantisUtils::isUserRegisteredForV2() { return !fetch(KO_REGISTER_V2).isNi
 // within the same second.
 std::string KovantisUtils::getGMTtime() {
   char buf[24];
-  const auto result = std::to_chars(buf, buf + sizeof buf, static_cast<long long>(std::floor(KovantisDateUtils::now())));
+  const auto result =
+      std::to_chars(buf, buf + sizeof buf, static_cast<long long>(std::floor(KovantisDateUtils::now())));
   return std::string(buf, result.ptr);
 }
 
@@ -185,15 +186,18 @@ bool needsTransform(KOValue::Kind kind) {
     case KOValue::Kind::Null:
     case KOValue::Kind::Date:
     case KOValue::Kind::Dictionary:
-    case KOValue::Kind::Nil: return true;
-    default: return false;
+    case KOValue::Kind::Nil:
+      return true;
+    default:
+      return false;
   }
 }
 
 }  // namespace
 
 bool KovantisUtils::payloadNeedsTransform(const KODictionary& payload) {
-  return std::any_of(payload.begin(), payload.end(), [](const auto& entry) { return needsTransform(entry.second.kind()); });
+  return std::any_of(payload.begin(), payload.end(),
+                     [](const auto& entry) { return needsTransform(entry.second.kind()); });
 }
 
 KODictionary KovantisUtils::transformPayloadForIncompatibleTypes(const KODictionary& payload) {
@@ -202,15 +206,25 @@ KODictionary KovantisUtils::transformPayloadForIncompatibleTypes(const KODiction
     out.reserve(payload.size());
     for (const auto& [key, value] : payload) {
       switch (value.kind()) {
-        case KOValue::Kind::Data: out.set(key, hexTokenForData(value)); break;
-        case KOValue::Kind::URL: out.set(key, KOValue(value.urlValue().absoluteString)); break;
+        case KOValue::Kind::Data:
+          out.set(key, hexTokenForData(value));
+          break;
+        case KOValue::Kind::URL:
+          out.set(key, KOValue(value.urlValue().absoluteString));
+          break;
         case KOValue::Kind::Nil:
-        case KOValue::Kind::Null: out.set(key, KOValue(std::string())); break;
+        case KOValue::Kind::Null:
+          out.set(key, KOValue(std::string()));
+          break;
         case KOValue::Kind::Dictionary:
           out.set(key, KOValue(transformPayloadForIncompatibleTypes(value.dictionaryValue())));
           break;
-        case KOValue::Kind::Date: out.set(key, KOValue(value.dateValue().secondsSince1970)); break;
-        default: out.set(key, value); break;
+        case KOValue::Kind::Date:
+          out.set(key, KOValue(value.dateValue().secondsSince1970));
+          break;
+        default:
+          out.set(key, value);
+          break;
       }
     }
   } catch (const std::exception& e) {
@@ -250,11 +264,15 @@ KOValue KovantisUtils::getValueFromWidget(const KOView* view) {
   if (!view) return KOValue();
   switch (view->kind) {
     case KOWidgetKind::StarRating:
-    case KOWidgetKind::Slider: return KOValue(static_cast<double>(static_cast<float>(view->numericValue)));
+    case KOWidgetKind::Slider:
+      return KOValue(static_cast<double>(static_cast<float>(view->numericValue)));
     case KOWidgetKind::TextField:
-    case KOWidgetKind::TextView: return KOValue(view->text);
-    case KOWidgetKind::Switch: return KOValue(view->isOn);
-    case KOWidgetKind::Other: break;
+    case KOWidgetKind::TextView:
+      return KOValue(view->text);
+    case KOWidgetKind::Switch:
+      return KOValue(view->isOn);
+    case KOWidgetKind::Other:
+      break;
   }
   return KOValue();
 }

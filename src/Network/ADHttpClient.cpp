@@ -285,9 +285,9 @@ void ADHttpClient::sendLogRequest(KOURLRequest request, SuccessCompletion comple
   impl_->submit(transfer(std::move(request), [completion = std::move(completion)](Outcome&& o) {
     const bool ok = o.error.empty() && o.status == 204;
     if (!ok) {
-      KOLogger::logPlain(KOStringFormat::format("Kovantis - the connection failed with response %@ error %@",
-                                                {KOValue(static_cast<std::int64_t>(o.status)),
-                                                 o.error.empty() ? KOValue() : KOValue(o.error)}));
+      KOLogger::logPlain(KOStringFormat::format(
+          "Kovantis - the connection failed with response %@ error %@",
+          {KOValue(static_cast<std::int64_t>(o.status)), o.error.empty() ? KOValue() : KOValue(o.error)}));
     }
     if (completion) completion(ok);
   }));

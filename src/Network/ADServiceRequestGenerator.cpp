@@ -49,21 +49,32 @@ std::optional<std::string> ADServiceRequestGenerator::hostForService(int service
 
 std::optional<std::string> ADServiceRequestGenerator::getApiPathForService(int service) {
   switch (service) {
-    case KOServiceNumberInitializeV2: return kServiceInitializeV2;
-    case KOServiceNumberSendReportsV2: return kServiceSendReportsV2;
-    case KOServiceNumberGetInAppsV2: return kServiceGetInAppsV2;
-    case KOServiceNumberGetSingleInApp: return kServiceGetSingleInApp;
-    case KOServiceNumberSmartTriggerInApps: return kServiceSmartTriggerInApps;
-    case KOServiceNumberInbox: return kServiceInbox;
-    case KOServiceNumberSendCategories: return kServiceSendCategories;
-    case KOServiceNumberGeofenceHit: return kServiceGeofenceHit;
-    case KOServiceNumberGetGeofences: return kServiceGetGeofences;
-    case KOServiceNumberGetConfig: return kServiceGetConfig;
+    case KOServiceNumberInitializeV2:
+      return kServiceInitializeV2;
+    case KOServiceNumberSendReportsV2:
+      return kServiceSendReportsV2;
+    case KOServiceNumberGetInAppsV2:
+      return kServiceGetInAppsV2;
+    case KOServiceNumberGetSingleInApp:
+      return kServiceGetSingleInApp;
+    case KOServiceNumberSmartTriggerInApps:
+      return kServiceSmartTriggerInApps;
+    case KOServiceNumberInbox:
+      return kServiceInbox;
+    case KOServiceNumberSendCategories:
+      return kServiceSendCategories;
+    case KOServiceNumberGeofenceHit:
+      return kServiceGeofenceHit;
+    case KOServiceNumberGetGeofences:
+      return kServiceGetGeofences;
+    case KOServiceNumberGetConfig:
+      return kServiceGetConfig;
     case KOServiceNumberSendLogs: {
       const KOValue token = KOPlatform::current().preferences->standard().objectForKey(kLogEntriesTokenKey);
       return KOStringFormat::format("%@%@", {KOValue(kServiceSendLogs), token.isNil() ? KOValue("") : token});
     }
-    default: return std::nullopt;
+    default:
+      return std::nullopt;
   }
 }
 
@@ -74,13 +85,16 @@ std::optional<std::string> ADServiceRequestGenerator::getRequestMethodForService
     case KOServiceNumberGetInAppsV2:
     case KOServiceNumberSmartTriggerInApps:
     case KOServiceNumberSendCategories:
-    case KOServiceNumberSendLogs: return kPOST;
+    case KOServiceNumberSendLogs:
+      return kPOST;
     case KOServiceNumberGetSingleInApp:
     case KOServiceNumberInbox:
     case KOServiceNumberGeofenceHit:
     case KOServiceNumberGetGeofences:
-    case KOServiceNumberGetConfig: return kGET;
-    default: return std::nullopt;
+    case KOServiceNumberGetConfig:
+      return kGET;
+    default:
+      return std::nullopt;
   }
 }
 

@@ -20,7 +20,8 @@ class ADServiceRequestGenerator {
   /// The request, or nothing (logged) when the service is unknown or the body cannot be JSON.
   std::optional<KOURLRequest> requestForService(int service, const KODictionary& withParams, const KOValue& withBody);
   /// The same with a body that is already JSON text.
-  std::optional<KOURLRequest> requestForService(int service, const KODictionary& withParams, const KOJSONText& withBody);
+  std::optional<KOURLRequest> requestForService(int service, const KODictionary& withParams,
+                                                const KOJSONText& withBody);
   /// The URL with the parameters as query items in their own order (JSON null left out), or nothing.
   std::optional<std::string> createURLForService(int service, const KODictionary& andParams);
 

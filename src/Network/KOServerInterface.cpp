@@ -75,7 +75,8 @@ KODictionary KOServerInterface::getUniversalParamsForV1() {
 
 KODictionary KOServerInterface::getUniversalParams() {
   const KOValue appId = appIdOrFail();
-  if (appId.isNil()) throw KOAssertionFailure("Kovantis - Please check the initialize call. You have missed the APP ID");
+  if (appId.isNil())
+    throw KOAssertionFailure("Kovantis - Please check the initialize call. You have missed the APP ID");
   const KOValue version = KovantisUtils::versionId();
   if (version.isAbsent()) throw KOTypeError("the application version is missing");
   const KOValue token = KovantisUtils::getDeviceToken();
@@ -97,9 +98,9 @@ KODictionary KOServerInterface::getUniversalParams() {
   setObjectNilHandled(p, KOValue(KovantisUtils::getGMTtime()), KOValue("device_ts"));
   if (!account.isAbsent()) setObjectNilHandled(p, account, KOValue("account_id"));
   setObjectNilHandled(p, KOValue(platform.locale->timeZoneName()), KOValue("device_tz"));
-  setObjectNilHandled(p, KOValue(KOStringFormat::format("%ld", {KOValue(platform.locale->secondsFromGMT(
-                                                                       KovantisDateUtils::now()))})),
-                      KOValue("device_tz_offset"));
+  setObjectNilHandled(
+      p, KOValue(KOStringFormat::format("%ld", {KOValue(platform.locale->secondsFromGMT(KovantisDateUtils::now()))})),
+      KOValue("device_tz_offset"));
   setObjectNilHandled(p, KOValue(KovantisUtils::persistentDeviceId()), KOValue("device_unique_id"));
 
   // Cross-platform wrappers announce themselves; the last one set names the integration.
@@ -209,38 +210,50 @@ void KOServerInterface::fetchGuarded(const KOSourceLocation& where, int service,
 
 void KOServerInterface::getInAppCampaignsWithLastUpdatedTime(const KOValue& time, const KODictionary& campaignListDict,
                                                              FetchCompletion completion) {
-  fetchGuarded(KO_HERE, KOServiceNumberGetInAppsV2, [&] {
-    KODictionary params = getUniversalParams();
-    setObjectNilHandled(params, time.isAbsent() ? KOValue("") : time, KOValue("last_updated"));
-    return std::make_pair(std::move(params), KOValue(campaignListDict));
-  }, std::move(completion));
+  fetchGuarded(
+      KO_HERE, KOServiceNumberGetInAppsV2,
+      [&] {
+        KODictionary params = getUniversalParams();
+        setObjectNilHandled(params, time.isAbsent() ? KOValue("") : time, KOValue("last_updated"));
+        return std::make_pair(std::move(params), KOValue(campaignListDict));
+      },
+      std::move(completion));
 }
 
 void KOServerInterface::getInAppForCampaignID(const std::string& campaignID, FetchCompletion completion) {
-  fetchGuarded(KO_HERE, KOServiceNumberGetSingleInApp, [&] {
-    KODictionary params = getUniversalParams();
-    params.set("campaign_id", KOValue(campaignID));
-    return std::make_pair(std::move(params), KOValue());
-  }, std::move(completion));
+  fetchGuarded(
+      KO_HERE, KOServiceNumberGetSingleInApp,
+      [&] {
+        KODictionary params = getUniversalParams();
+        params.set("campaign_id", KOValue(campaignID));
+        return std::make_pair(std::move(params), KOValue());
+      },
+      std::move(completion));
 }
 
 void KOServerInterface::triggerSmartInAppWithEvent(const std::string& event, const KOValue& andPayload,
                                                    FetchCompletion completion) {
-  fetchGuarded(KO_HERE, KOServiceNumberSmartTriggerInApps, [&] {
-    KODictionary params = getUniversalParams();
-    params.set("event", KOValue(event));
-    KOValue body(KODictionary{{"EVENT_ATTRS", andPayload.isDictionary() ? andPayload : KOValue(KODictionary{})}});
-    return std::make_pair(std::move(params), std::move(body));
-  }, std::move(completion));
+  fetchGuarded(
+      KO_HERE, KOServiceNumberSmartTriggerInApps,
+      [&] {
+        KODictionary params = getUniversalParams();
+        params.set("event", KOValue(event));
+        KOValue body(KODictionary{{"EVENT_ATTRS", andPayload.isDictionary() ? andPayload : KOValue(KODictionary{})}});
+        return std::make_pair(std::move(params), std::move(body));
+      },
+      std::move(completion));
 }
 
 void KOServerInterface::getPushNotificationsFromServerWithLastUpdatedTime(const KOValue& time,
                                                                           FetchCompletion completion) {
-  fetchGuarded(KO_HERE, KOServiceNumberInbox, [&] {
-    KODictionary params = getUniversalParams();
-    setObjectNilHandled(params, time, KOValue("last_updated"));
-    return std::make_pair(std::move(params), KOValue());
-  }, std::move(completion));
+  fetchGuarded(
+      KO_HERE, KOServiceNumberInbox,
+      [&] {
+        KODictionary params = getUniversalParams();
+        setObjectNilHandled(params, time, KOValue("last_updated"));
+        return std::make_pair(std::move(params), KOValue());
+      },
+      std::move(completion));
 }
 
 void KOServerInterface::geofenceHitWithLocation(const KOLocationCoordinate* location, const std::string& transitionType,
@@ -249,14 +262,17 @@ void KOServerInterface::geofenceHitWithLocation(const KOLocationCoordinate* loca
     if (completion) completion(KOValue());
     return;
   }
-  fetchGuarded(KO_HERE, KOServiceNumberGeofenceHit, [&] {
-    KODictionary params = getUniversalParams();
-    params.set("transitionType", KOValue(transitionType));
-    params.set("lat", KOValue(coordinate(location->latitude)));
-    params.set("lng", KOValue(coordinate(location->longitude)));
-    params.set("geoId", KOValue(geoId));
-    return std::make_pair(std::move(params), KOValue());
-  }, std::move(completion));
+  fetchGuarded(
+      KO_HERE, KOServiceNumberGeofenceHit,
+      [&] {
+        KODictionary params = getUniversalParams();
+        params.set("transitionType", KOValue(transitionType));
+        params.set("lat", KOValue(coordinate(location->latitude)));
+        params.set("lng", KOValue(coordinate(location->longitude)));
+        params.set("geoId", KOValue(geoId));
+        return std::make_pair(std::move(params), KOValue());
+      },
+      std::move(completion));
 }
 
 void KOServerInterface::getGeofencesForLocation(const KOLocationCoordinate* location, FetchCompletion completion) {
@@ -264,11 +280,14 @@ void KOServerInterface::getGeofencesForLocation(const KOLocationCoordinate* loca
     if (completion) completion(KOValue());
     return;
   }
-  fetchGuarded(KO_HERE, KOServiceNumberGetGeofences, [&] {
-    KODictionary params{{"lat", coordinate(location->latitude)}, {"lng", coordinate(location->longitude)}};
-    for (auto& [key, value] : getUniversalParams()) params.set(key, value);
-    return std::make_pair(std::move(params), KOValue());
-  }, std::move(completion));
+  fetchGuarded(
+      KO_HERE, KOServiceNumberGetGeofences,
+      [&] {
+        KODictionary params{{"lat", coordinate(location->latitude)}, {"lng", coordinate(location->longitude)}};
+        for (auto& [key, value] : getUniversalParams()) params.set(key, value);
+        return std::make_pair(std::move(params), KOValue());
+      },
+      std::move(completion));
 }
 
 void KOServerInterface::setNotificationCategoriesWithCategories(const KOArray& categories) {
@@ -296,9 +315,7 @@ void KOServerInterface::getConfigForKovantis() {
     if (last.isDate() && last.dateValue().secondsSince1970 + kConfigInterval > KovantisDateUtils::now()) return;
     const KOValue appId = appIdOrFail();
     if (appId.isNil()) return;
-    const KODictionary params{{"app_id", appId},
-                              {"unique_id", KovantisUtils::getIdentifierForVendor()},
-                              {"os", "iOS"}};
+    const KODictionary params{{"app_id", appId}, {"unique_id", KovantisUtils::getIdentifierForVendor()}, {"os", "iOS"}};
     fetch(KOServiceNumberGetConfig, params, KOValue(), [this](const KOValue& answer) {
       try {
         if (answer.isNil()) return;  // nothing changes; the next start tries again
@@ -316,10 +333,10 @@ void KOServerInterface::getConfigForKovantis() {
         }
         store.synchronize();
       } catch (const std::exception& e) {
-        KOLogger::logLocated(KO_HERE, this, KOLogSeverityError,
-                             KOStringFormat::format("Kovantis - Exception Config API completion Block : %@",
-                                                    {KOValue(e.what())}),
-                             KOValue(KOStackTrace::current()));
+        KOLogger::logLocated(
+            KO_HERE, this, KOLogSeverityError,
+            KOStringFormat::format("Kovantis - Exception Config API completion Block : %@", {KOValue(e.what())}),
+            KOValue(KOStackTrace::current()));
       }
     });
   } catch (const std::exception& e) {

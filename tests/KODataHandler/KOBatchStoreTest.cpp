@@ -53,7 +53,8 @@ TEST_F(KOBatchStoreTest, AnUnreadableFileIsSetAsideNotOverwritten) {
   EXPECT_TRUE(device().files().fileExists(path() + ".unreadable"));
   store.add({R"({"EVENT_ACTION":"NEW"})"}, 1000);
   ASSERT_TRUE(KOBatchStore::write(device().files(), path(), store.snapshot()));
-  EXPECT_EQ(device().rawFiles().readFile(path() + ".unreadable"), std::optional<std::string>("<plist><dict><key>1</key><array><dict>"));
+  EXPECT_EQ(device().rawFiles().readFile(path() + ".unreadable"),
+            std::optional<std::string>("<plist><dict><key>1</key><array><dict>"));
 
   // A read error is no empty file either: what is on disk stays there.
   device().files().inject(KOFileFault::ReadError, "Batches.plist");

@@ -22,8 +22,8 @@ TEST_F(KOPayloadBuilderTest, ValuesAreConvertedWhenAddedAndMissingOnesRefused) {
   b.setLocationLat(12.5, 77.6, "p");
   b.setLocationLat(12.5, 0.0, "meridian");
   b.setTimeStamp(4, "t");  // the same key again: appended, not merged
-  EXPECT_EQ(b.timeStampArray(), (KOArray{KODictionary{{"t", 1500.0}}, KODictionary{{"d", 2250.0}},
-                                         KODictionary{{"t", 4000.0}}}));
+  EXPECT_EQ(b.timeStampArray(),
+            (KOArray{KODictionary{{"t", 1500.0}}, KODictionary{{"d", 2250.0}}, KODictionary{{"t", 4000.0}}}));
   EXPECT_EQ(b.locationArray(), (KOArray{KODictionary{{"p", "12.500000,77.600000"}}}));
   EXPECT_EQ(device().console().count("Kovantis - Trying to set date for key while one of them is nil"), 1u);
   EXPECT_EQ(device().console().count("Kovantis - Trying to set timestamp for key while one of them is nil"), 2u);

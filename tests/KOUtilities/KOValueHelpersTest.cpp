@@ -8,8 +8,8 @@
 class KOValueHelpersTest : public KOTestDevice {};
 
 TEST_F(KOValueHelpersTest, NullCountsAsAbsentOnEveryLookup) {
-  const KOValue json = KOJSONSerialization::parse(
-      R"({"a": null, "b": "", "c": {"d": {"e": 5}, "n": null}, "s": "text"})");
+  const KOValue json =
+      KOJSONSerialization::parse(R"({"a": null, "b": "", "c": {"d": {"e": 5}, "n": null}, "s": "text"})");
   const KODictionary& d = json.dictionaryValue();
   EXPECT_TRUE(validObjectForKey(d, "a").isNil());
   EXPECT_EQ(validObjectForKey(d, "b"), KOValue(""));

@@ -11,7 +11,8 @@
 using Utils = KovantisUtils;
 
 namespace {
-std::shared_ptr<KOViewController> screen(const std::string& name, KOViewControllerKind kind = KOViewControllerKind::Plain) {
+std::shared_ptr<KOViewController> screen(const std::string& name,
+                                         KOViewControllerKind kind = KOViewControllerKind::Plain) {
   auto vc = std::make_shared<KOViewController>();
   vc->name = name;
   vc->kind = kind;
@@ -35,7 +36,8 @@ class KovantisUtilsTest : public KOTestDevice {
 TEST_F(KovantisUtilsTest, VendorIdIsMadeOnceAndPersisted) {
   device().clock().setNow(1700000000.4);
   const std::string first = Utils::getIdentifierForVendor();
-  EXPECT_TRUE(std::regex_match(first, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}-1700000000")))
+  EXPECT_TRUE(
+      std::regex_match(first, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}-1700000000")))
       << first;
   device().clock().advance(3600);
   EXPECT_EQ(Utils::getIdentifierForVendor(), first);

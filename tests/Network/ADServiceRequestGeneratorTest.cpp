@@ -17,9 +17,7 @@ class ADServiceRequestGeneratorTest : public KOTestDevice {
     KOLogger::debug(1);
   }
   ADServiceRequestGenerator& gen() { return ADServiceRequestGenerator::sharedInstance(); }
-  void redirect(bool on) {
-    device().preferences().standard().setObject(KOValue(on), KO_SHOULD_REDIRECT_DATA);
-  }
+  void redirect(bool on) { device().preferences().standard().setObject(KOValue(on), KO_SHOULD_REDIRECT_DATA); }
 };
 
 TEST_F(ADServiceRequestGeneratorTest, ServiceTableOfHostsPathsAndMethods) {

@@ -29,9 +29,9 @@ TEST_F(KOServerInterfaceParamsTest, UniversalParametersIdentifyAppSdkAndDevice) 
   const std::vector<std::string> keys = p.keys();
   ASSERT_GE(keys.size(), 12u);
   const std::vector<std::string> firstKeys(keys.begin(), keys.begin() + 12);
-  EXPECT_EQ(firstKeys, (std::vector<std::string>{"os", "app_ver", "app_id", "sdk_ver", "unique_id", "model", "os_ver",
-                                                 "device_ts", "device_tz", "device_tz_offset", "device_unique_id",
-                                                 "os_value"}));
+  EXPECT_EQ(firstKeys,
+            (std::vector<std::string>{"os", "app_ver", "app_id", "sdk_ver", "unique_id", "model", "os_ver", "device_ts",
+                                      "device_tz", "device_tz_offset", "device_unique_id", "os_value"}));
   EXPECT_EQ(p["os"], KOValue("iOS"));
   EXPECT_EQ(p["app_ver"], KOValue("1.0.0"));
   EXPECT_EQ(p["sdk_ver"], KOValue("3.5.0"));

@@ -63,8 +63,8 @@ TEST_F(KOSimDeviceTest, UninstallClearsTheSandboxButKeepsTheKeychain) {
 
 TEST_F(KOSimDeviceTest, LifecyclePostsNotificationsAndSetsState) {
   std::vector<std::string> seen;
-  const auto token = KONotificationCenter::defaultCenter().addObserver(
-      "", [&](const KONotification& n) { seen.push_back(n.name); });
+  const auto token =
+      KONotificationCenter::defaultCenter().addObserver("", [&](const KONotification& n) { seen.push_back(n.name); });
   device().launch();
   device().becomeActive();
   EXPECT_EQ(device().application().applicationState(), KOApplicationState::Active);
@@ -74,11 +74,10 @@ TEST_F(KOSimDeviceTest, LifecyclePostsNotificationsAndSetsState) {
   device().enterForeground();
   KONotificationCenter::defaultCenter().removeObserver(token);
   device().terminate();
-  EXPECT_EQ(seen, (std::vector<std::string>{KOApplicationDidFinishLaunchingNotification,
-                                            KOApplicationDidBecomeActiveNotification,
-                                            KOApplicationWillResignActiveNotification,
-                                            KOApplicationDidEnterBackgroundNotification,
-                                            KOApplicationWillEnterForegroundNotification}));
+  EXPECT_EQ(seen, (std::vector<std::string>{
+                      KOApplicationDidFinishLaunchingNotification, KOApplicationDidBecomeActiveNotification,
+                      KOApplicationWillResignActiveNotification, KOApplicationDidEnterBackgroundNotification,
+                      KOApplicationWillEnterForegroundNotification}));
 }
 
 TEST_F(KOSimDeviceTest, ApplicationRecordsWhatItWasAsked) {
@@ -104,9 +103,10 @@ TEST_F(KOSimDeviceTest, ApplicationRecordsWhatItWasAsked) {
 TEST_F(KOSimDeviceTest, ScriptedAlertAnswersRunOnTheMainQueue) {
   device().userInterface().setAlertAnswer(1);
   std::string tapped;
-  device().userInterface().presentAlert(
-      "Allow?", "Push", {{"No", KOAlertActionStyle::Cancel, [&] { tapped = "No"; }}, {"Yes", KOAlertActionStyle::Default, [&] { tapped = "Yes"; }}},
-      nullptr);
+  device().userInterface().presentAlert("Allow?", "Push",
+                                        {{"No", KOAlertActionStyle::Cancel, [&] { tapped = "No"; }},
+                                         {"Yes", KOAlertActionStyle::Default, [&] { tapped = "Yes"; }}},
+                                        nullptr);
   EXPECT_TRUE(tapped.empty());  // not synchronously inside the presentation
   EXPECT_TRUE(waitFor([&] { return tapped == "Yes"; }));
 }

@@ -87,7 +87,8 @@ TEST(KONotificationCenterThreaded, PostsFromManyThreadsWhileObserversComeAndGo) 
   }
   threads.emplace_back([&] {
     for (int i = 0; i < 200; ++i) {
-      const auto token = center.addObserver("tick", [](const KONotification&) { throw std::runtime_error("bad observer"); });
+      const auto token =
+          center.addObserver("tick", [](const KONotification&) { throw std::runtime_error("bad observer"); });
       center.removeObserver(token);
     }
   });

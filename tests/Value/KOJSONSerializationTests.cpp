@@ -97,9 +97,27 @@ TEST(KOJSONSerialization, RejectsCorruptText) {
   // Every proper prefix of a document is truncated.
   for (std::size_t n = 0; n < good.size(); ++n) expectRejected(good.substr(0, n));
 
-  for (const char* text : {"", "   ", "nul", "tru", "{\"a\"}", "{\"a\":}", "[1,]", "{,}", "{'a':1}", "[1 2]",
-                           "{\"a\":1,}", "\"unterminated", "\"bad escape \\x\"", "\"\\u12\"", "\"\\uD800\"",
-                           "\"\\uD800\\u0041\"", "/* comment */ 1", "NaN", "Infinity", "[1]]", "{}{}"}) {
+  for (const char* text : {"",
+                           "   ",
+                           "nul",
+                           "tru",
+                           "{\"a\"}",
+                           "{\"a\":}",
+                           "[1,]",
+                           "{,}",
+                           "{'a':1}",
+                           "[1 2]",
+                           "{\"a\":1,}",
+                           "\"unterminated",
+                           "\"bad escape \\x\"",
+                           "\"\\u12\"",
+                           "\"\\uD800\"",
+                           "\"\\uD800\\u0041\"",
+                           "/* comment */ 1",
+                           "NaN",
+                           "Infinity",
+                           "[1]]",
+                           "{}{}"}) {
     expectRejected(text);
   }
   // Bytes after the root value, including after an embedded NUL, are not ignored.
@@ -117,8 +135,8 @@ TEST(KOJSONSerialization, RejectsCorruptText) {
 }
 
 TEST(KOJSONSerialization, RejectsInvalidUTF8) {
-  for (const char* bytes : {"\x80", "\xC3", "\xC0\xAF", "\xE2\x82", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF",
-                            "\xF0\x9F\x98"}) {
+  for (const char* bytes :
+       {"\x80", "\xC3", "\xC0\xAF", "\xE2\x82", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xFF", "\xF0\x9F\x98"}) {
     expectRejected(std::string("\"") + bytes + "\"");
     expectRejected(std::string("{\"") + bytes + "\":1}");
   }
@@ -164,10 +182,10 @@ TEST(KOJSONSerialization, WriterRefusesWhatTheReaderWouldRefuse) {
 }
 
 TEST(KOJSONSerialization, WritingNonJSONValuesThrows) {
-  for (const KOValue& v : {KOValue(std::numeric_limits<double>::quiet_NaN()),
-                           KOValue(std::numeric_limits<double>::infinity()),
-                           KOValue(-std::numeric_limits<double>::infinity()), KOValue(KODate{1700000000}),
-                           KOValue(KOData{{1, 2, 3}}), KOValue(KOURL{"https://example.com"})}) {
+  for (const KOValue& v :
+       {KOValue(std::numeric_limits<double>::quiet_NaN()), KOValue(std::numeric_limits<double>::infinity()),
+        KOValue(-std::numeric_limits<double>::infinity()), KOValue(KODate{1700000000}), KOValue(KOData{{1, 2, 3}}),
+        KOValue(KOURL{"https://example.com"})}) {
     EXPECT_THROW(KOJSONSerialization::write(v), KOTypeError) << v.description();
     // Nested deep inside a container as well.
     EXPECT_THROW(KOJSONSerialization::write(KODictionary{{"a", KOArray{1, KODictionary{{"b", v}}}}}), KOTypeError);

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -165,9 +164,9 @@ TEST(KOPropertyListSerialization, NullAndNilAreLeftOutOfDictionariesAndBlankInAr
 }
 
 TEST(KOPropertyListSerialization, WritingUnrepresentableValuesThrows) {
-  for (const KOValue& v : {KOValue(std::numeric_limits<double>::quiet_NaN()),
-                           KOValue(std::numeric_limits<double>::infinity()), KOValue("\xC3\x28"),
-                           KOValue(KOURL{"\xFF"}), KOValue(KODictionary{{"\x80", 1}})}) {
+  for (const KOValue& v :
+       {KOValue(std::numeric_limits<double>::quiet_NaN()), KOValue(std::numeric_limits<double>::infinity()),
+        KOValue("\xC3\x28"), KOValue(KOURL{"\xFF"}), KOValue(KODictionary{{"\x80", 1}})}) {
     EXPECT_THROW(KOPropertyListSerialization::writeXML(KOArray{KODictionary{{"k", v}}}), KOTypeError)
         << v.description();
   }
@@ -183,34 +182,38 @@ TEST(KOPropertyListSerialization, ReadsHandWrittenXML) {
   <key>l</key><array><integer>7</integer><string/></array>
 </dict>)"));
   EXPECT_EQ(v, KOValue(KODictionary{{"b", std::numeric_limits<std::int64_t>::min()},
-                                     {"a", 2.5},
-                                     {"t", true},
-                                     {"d", KOData{{0, 1, 2, 0xFF}}},
-                                     {"s", "x & y"},
-                                     {"l", KOArray{7, ""}}}));
+                                    {"a", 2.5},
+                                    {"t", true},
+                                    {"d", KOData{{0, 1, 2, 0xFF}}},
+                                    {"s", "x & y"},
+                                    {"l", KOArray{7, ""}}}));
   EXPECT_EQ(v.dictionaryValue().keys(), (std::vector<std::string>{"b", "a", "t", "d", "s", "l"}));
   EXPECT_TRUE(v["t"].isBool());
 }
 
 TEST(KOPropertyListSerialization, ReadsBinary) {
   BinaryPlist p;
-  const std::size_t keys[] = {p.ascii("neg"), p.ascii("max"), p.ascii("real"), p.ascii("date"),
+  const std::size_t keys[] = {p.ascii("neg"),  p.ascii("max"),  p.ascii("real"), p.ascii("date"),
                               p.ascii("data"), p.ascii("list"), p.ascii("flag"), p.ascii("small")};
   const std::size_t inner = p.array({p.ascii("a long string of more than fifteen bytes"), p.dict({}, {})});
-  const std::size_t values[] = {p.integer(-5),     p.integer(std::numeric_limits<std::int64_t>::max()),
-                                p.real(-0.25),     p.date(1700000000 - kEpoch2001),
-                                p.data(std::string("\x00\xff", 2)), inner,
-                                p.boolean(true),   p.integer(200)};
+  const std::size_t values[] = {p.integer(-5),
+                                p.integer(std::numeric_limits<std::int64_t>::max()),
+                                p.real(-0.25),
+                                p.date(1700000000 - kEpoch2001),
+                                p.data(std::string("\x00\xff", 2)),
+                                inner,
+                                p.boolean(true),
+                                p.integer(200)};
   const std::size_t root = p.dict({std::begin(keys), std::end(keys)}, {std::begin(values), std::end(values)});
   const KOValue v = KOPropertyListSerialization::parse(p.bytes(root));
   EXPECT_EQ(v, KOValue(KODictionary{{"neg", -5},
-                                     {"max", std::numeric_limits<std::int64_t>::max()},
-                                     {"real", -0.25},
-                                     {"date", KODate{1700000000}},
-                                     {"data", KOData{{0, 0xFF}}},
-                                     {"list", KOArray{"a long string of more than fifteen bytes", KODictionary{}}},
-                                     {"flag", true},
-                                     {"small", 200}}));
+                                    {"max", std::numeric_limits<std::int64_t>::max()},
+                                    {"real", -0.25},
+                                    {"date", KODate{1700000000}},
+                                    {"data", KOData{{0, 0xFF}}},
+                                    {"list", KOArray{"a long string of more than fifteen bytes", KODictionary{}}},
+                                    {"flag", true},
+                                    {"small", 200}}));
   EXPECT_TRUE(v["flag"].isBool());
   EXPECT_TRUE(v["neg"].isInteger());
 }
@@ -228,11 +231,10 @@ TEST(KOPropertyListSerialization, BinaryDatesKeepTheirWholeSeconds) {
 
 TEST(KOPropertyListSerialization, RejectsCorruptInput) {
   const std::string xml = KOPropertyListSerialization::writeXML(KODictionary{{"a", KOArray{1, "two"}}, {"b", 2.5}});
-  for (const std::string& bad : {std::string(), std::string("garbage"), std::string("<plist"),
-                                 std::string("bplist00"), std::string(3, '\0'), xml.substr(0, xml.size() / 2),
-                                 xml.substr(0, xml.find("<key>b")), xmlPlist("<unknown/>"),
-                                 xmlPlist("<string>\xC3\x28</string>"),
-                                 xmlPlist("<dict><key>\xFF</key><true/></dict>")}) {
+  for (const std::string& bad :
+       {std::string(), std::string("garbage"), std::string("<plist"), std::string("bplist00"), std::string(3, '\0'),
+        xml.substr(0, xml.size() / 2), xml.substr(0, xml.find("<key>b")), xmlPlist("<unknown/>"),
+        xmlPlist("<string>\xC3\x28</string>"), xmlPlist("<dict><key>\xFF</key><true/></dict>")}) {
     EXPECT_THROW(KOPropertyListSerialization::parse(bad), KOParseError) << bad;
   }
 
@@ -325,8 +327,8 @@ TEST(KOPropertyListSerialization, FragmentFromJSONReadsBackAsTheJSONValue) {
       R"([])",
   };
   for (const auto& json : texts) {
-    const KOValue expected = KOPropertyListSerialization::parse(
-        KOPropertyListSerialization::writeXML(KOJSONSerialization::parse(json)));
+    const KOValue expected =
+        KOPropertyListSerialization::parse(KOPropertyListSerialization::writeXML(KOJSONSerialization::parse(json)));
     const std::string fragment = KOPropertyListSerialization::xmlFragmentFromJSON(json);
     EXPECT_EQ(KOPropertyListSerialization::parse(xmlPlist(fragment)), expected) << json << "\n" << fragment;
   }

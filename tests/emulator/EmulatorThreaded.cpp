@@ -1,7 +1,5 @@
 // Concurrency, shutdown and the command-line binary: the tests the ThreadSanitizer run covers.
 
-#include "EmulatorFixture.h"
-
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -12,6 +10,8 @@
 #include <chrono>
 #include <thread>
 
+#include "EmulatorFixture.h"
+
 extern char **environ;
 
 namespace {
@@ -21,177 +21,177 @@ using Clock = std::chrono::steady_clock;
 // A child kovantis-emulator with its stdout on a pipe. The destructor kills a child that is still
 // running, so a failing test never leaves one behind.
 class Child {
-public:
-    explicit Child(const std::vector<std::string> &args) {
-        int fds[2];
-        if (pipe(fds) != 0) throw std::runtime_error("pipe failed");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-        posix_spawn_file_actions_addclose(&actions, fds[0]);
-        posix_spawn_file_actions_addclose(&actions, fds[1]);
-        std::vector<char *> argv;
-        std::string binary = KOVANTIS_EMULATOR_BINARY;
-        argv.push_back(binary.data());
-        std::vector<std::string> copies = args;
-        for (auto &a : copies) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        int rc = posix_spawn(&pid_, binary.c_str(), &actions, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&actions);
-        close(fds[1]);
-        out_ = fds[0];
-        if (rc != 0) throw std::runtime_error("posix_spawn failed");
+ public:
+  explicit Child(const std::vector<std::string> &args) {
+    int fds[2];
+    if (pipe(fds) != 0) throw std::runtime_error("pipe failed");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addclose(&actions, fds[0]);
+    posix_spawn_file_actions_addclose(&actions, fds[1]);
+    std::vector<char *> argv;
+    std::string binary = KOVANTIS_EMULATOR_BINARY;
+    argv.push_back(binary.data());
+    std::vector<std::string> copies = args;
+    for (auto &a : copies) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    int rc = posix_spawn(&pid_, binary.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(fds[1]);
+    out_ = fds[0];
+    if (rc != 0) throw std::runtime_error("posix_spawn failed");
+  }
+  ~Child() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
     }
-    ~Child() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-        close(out_);
-    }
-    Child(const Child &) = delete;
-    Child &operator=(const Child &) = delete;
+    close(out_);
+  }
+  Child(const Child &) = delete;
+  Child &operator=(const Child &) = delete;
 
-    // Reads stdout until `until` appears or the output ends; gives up at the deadline.
-    std::string readUntil(const std::string &until, Clock::duration limit) {
-        auto deadline = Clock::now() + limit;
-        while (output_.find(until) == std::string::npos && Clock::now() < deadline) {
-            pollfd p{out_, POLLIN, 0};
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-            if (poll(&p, 1, static_cast<int>(std::max<long long>(left, 1))) <= 0) continue;
-            char buffer[512];
-            ssize_t n = read(out_, buffer, sizeof buffer);
-            if (n <= 0) break;
-            output_.append(buffer, static_cast<size_t>(n));
-        }
-        return output_;
+  // Reads stdout until `until` appears or the output ends; gives up at the deadline.
+  std::string readUntil(const std::string &until, Clock::duration limit) {
+    auto deadline = Clock::now() + limit;
+    while (output_.find(until) == std::string::npos && Clock::now() < deadline) {
+      pollfd p{out_, POLLIN, 0};
+      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+      if (poll(&p, 1, static_cast<int>(std::max<long long>(left, 1))) <= 0) continue;
+      char buffer[512];
+      ssize_t n = read(out_, buffer, sizeof buffer);
+      if (n <= 0) break;
+      output_.append(buffer, static_cast<size_t>(n));
     }
-    // Waits for the output to end (the child closes it on exit), then reaps the child.
-    int exitStatus(Clock::duration limit) {
-        auto deadline = Clock::now() + limit;
-        readUntil("\x01never", limit);
-        int status = -1;
-        // The output closes a moment before the child can be reaped.
-        while (Clock::now() < deadline) {
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
-                return status;
-            }
-            std::this_thread::yield();
-        }
-        return -1;
+    return output_;
+  }
+  // Waits for the output to end (the child closes it on exit), then reaps the child.
+  int exitStatus(Clock::duration limit) {
+    auto deadline = Clock::now() + limit;
+    readUntil("\x01never", limit);
+    int status = -1;
+    // The output closes a moment before the child can be reaped.
+    while (Clock::now() < deadline) {
+      if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        return status;
+      }
+      std::this_thread::yield();
     }
-    void signal(int sig) { kill(pid_, sig); }
+    return -1;
+  }
+  void signal(int sig) { kill(pid_, sig); }
 
-private:
-    pid_t pid_ = -1;
-    int out_ = -1;
-    std::string output_;
+ private:
+  pid_t pid_ = -1;
+  int out_ = -1;
+  std::string output_;
 };
 
-} // namespace
+}  // namespace
 
 TEST_F(EmulatorTest, ConcurrentReportsAreStoredExactlyOnceEach) {
-    constexpr int kThreads = 50;
-    std::atomic<int> accepted{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        // Every batch id is sent by two threads at once.
-        threads.emplace_back([&, i] {
-            auto res = post("/v2/report/add", universal({{"batch_id", std::to_string(1000 + i % 25)}}), report(2));
-            if (res && res->status == 200) ++accepted;
-        });
-    }
-    for (auto &t : threads) t.join();
+  constexpr int kThreads = 50;
+  std::atomic<int> accepted{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    // Every batch id is sent by two threads at once.
+    threads.emplace_back([&, i] {
+      auto res = post("/v2/report/add", universal({{"batch_id", std::to_string(1000 + i % 25)}}), report(2));
+      if (res && res->status == 200) ++accepted;
+    });
+  }
+  for (auto &t : threads) t.join();
 
-    EXPECT_EQ(accepted.load(), kThreads);
-    EXPECT_EQ(emulator->batches().size(), 25u);
-    EXPECT_EQ(emulator->events().size(), 50u);
-    EXPECT_EQ(emulator->duplicates().size(), 25u);
-    EXPECT_EQ(emulator->requests().size(), static_cast<size_t>(kThreads));
+  EXPECT_EQ(accepted.load(), kThreads);
+  EXPECT_EQ(emulator->batches().size(), 25u);
+  EXPECT_EQ(emulator->events().size(), 50u);
+  EXPECT_EQ(emulator->duplicates().size(), 25u);
+  EXPECT_EQ(emulator->requests().size(), static_cast<size_t>(kThreads));
 }
 
 TEST_F(EmulatorTest, InspectionWhileServingIsSafe) {
-    std::atomic<bool> done{false};
-    std::thread reader([&] {
-        auto deadline = Clock::now() + std::chrono::seconds(20);
-        while (!done && Clock::now() < deadline) {
-            emulator->inspectJSON("events");
-            emulator->faults();
-        }
-    });
-    emulator->injectFault(fault("/v1/getConfig", 500, 0, false, -1, 0.5));
-    std::vector<std::thread> writers;
-    for (int i = 0; i < 8; ++i) {
-        writers.emplace_back([&, i] {
-            for (int j = 0; j < 5; ++j) {
-                post("/v2/report/add", universal({{"batch_id", std::to_string(i * 10 + j)}}), report(1));
-                get("/v1/getConfig", {{"app_id", "A"}, {"unique_id", "U"}, {"os", "iOS"}});
-            }
-        });
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    auto deadline = Clock::now() + std::chrono::seconds(20);
+    while (!done && Clock::now() < deadline) {
+      emulator->inspectJSON("events");
+      emulator->faults();
     }
-    for (auto &w : writers) w.join();
-    done = true;
-    reader.join();
-    EXPECT_EQ(emulator->batches().size(), 40u);
-    size_t failed = 0;
-    for (const auto &r : emulator->requests("/v1/getConfig")) failed += r.status == 500;
-    EXPECT_EQ(failed, 20u) << "half of the 40 calls, however they interleave";
+  });
+  emulator->injectFault(fault("/v1/getConfig", 500, 0, false, -1, 0.5));
+  std::vector<std::thread> writers;
+  for (int i = 0; i < 8; ++i) {
+    writers.emplace_back([&, i] {
+      for (int j = 0; j < 5; ++j) {
+        post("/v2/report/add", universal({{"batch_id", std::to_string(i * 10 + j)}}), report(1));
+        get("/v1/getConfig", {{"app_id", "A"}, {"unique_id", "U"}, {"os", "iOS"}});
+      }
+    });
+  }
+  for (auto &w : writers) w.join();
+  done = true;
+  reader.join();
+  EXPECT_EQ(emulator->batches().size(), 40u);
+  size_t failed = 0;
+  for (const auto &r : emulator->requests("/v1/getConfig")) failed += r.status == 500;
+  EXPECT_EQ(failed, 20u) << "half of the 40 calls, however they interleave";
 }
 
 TEST_F(EmulatorTest, StopCutsAStallShortAndTheEmulatorStartsAgain) {
-    emulator->injectFault(fault("/v1/getConfig", 0, 60000, false, 1));
-    std::thread caller([&] { get("/v1/getConfig", {{"app_id", "A"}, {"unique_id", "U"}, {"os", "iOS"}}); });
-    // The fault is used up once the request has arrived and begun to stall.
-    auto deadline = Clock::now() + std::chrono::seconds(10);
-    while (!emulator->faults().empty() && Clock::now() < deadline) std::this_thread::yield();
-    ASSERT_TRUE(emulator->faults().empty());
+  emulator->injectFault(fault("/v1/getConfig", 0, 60000, false, 1));
+  std::thread caller([&] { get("/v1/getConfig", {{"app_id", "A"}, {"unique_id", "U"}, {"os", "iOS"}}); });
+  // The fault is used up once the request has arrived and begun to stall.
+  auto deadline = Clock::now() + std::chrono::seconds(10);
+  while (!emulator->faults().empty() && Clock::now() < deadline) std::this_thread::yield();
+  ASSERT_TRUE(emulator->faults().empty());
 
-    auto started = Clock::now();
-    emulator->stop();
-    EXPECT_LT(Clock::now() - started, std::chrono::seconds(10));
-    caller.join();
+  auto started = Clock::now();
+  emulator->stop();
+  EXPECT_LT(Clock::now() - started, std::chrono::seconds(10));
+  caller.join();
 
-    port = emulator->start(0);
-    auto res = get("/v1/getConfig", {{"app_id", "A"}, {"unique_id", "U"}, {"os", "iOS"}});
-    ASSERT_TRUE(res);
-    EXPECT_EQ(res->status, 200);
+  port = emulator->start(0);
+  auto res = get("/v1/getConfig", {{"app_id", "A"}, {"unique_id", "U"}, {"os", "iOS"}});
+  ASSERT_TRUE(res);
+  EXPECT_EQ(res->status, 200);
 }
 
 TEST(EmulatorCommandLine, PrintsItsPortServesAndStopsOnSigterm) {
-    auto dir = makeTemporaryDirectory();
-    {
-        Child child({"--port", "0", "--data", dir.string()});
-        std::string out = child.readUntil("\n", std::chrono::seconds(30));
-        const std::string prefix = "kovantis-emulator listening on 127.0.0.1:";
-        ASSERT_EQ(out.rfind(prefix, 0), 0u) << out;
-        int childPort = std::stoi(out.substr(prefix.size()));
-        ASSERT_GT(childPort, 0);
+  auto dir = makeTemporaryDirectory();
+  {
+    Child child({"--port", "0", "--data", dir.string()});
+    std::string out = child.readUntil("\n", std::chrono::seconds(30));
+    const std::string prefix = "kovantis-emulator listening on 127.0.0.1:";
+    ASSERT_EQ(out.rfind(prefix, 0), 0u) << out;
+    int childPort = std::stoi(out.substr(prefix.size()));
+    ASSERT_GT(childPort, 0);
 
-        httplib::Client cli("127.0.0.1", childPort);
-        cli.set_connection_timeout(5);
-        cli.set_read_timeout(10);
-        auto health = cli.Get("/__emulator/health");
-        ASSERT_TRUE(health);
-        EXPECT_EQ(health->status, 200);
-        auto sent = cli.Post(httplib::append_query_params("/v2/report/add", EmulatorTest::universal({{"batch_id", "42"}})),
-                             R"({"viewsInfo":[{"EVENT_ACTION":"x"}],"viewsCount":1})", "application/json");
-        ASSERT_TRUE(sent);
-        EXPECT_EQ(sent->status, 200) << sent->body;
+    httplib::Client cli("127.0.0.1", childPort);
+    cli.set_connection_timeout(5);
+    cli.set_read_timeout(10);
+    auto health = cli.Get("/__emulator/health");
+    ASSERT_TRUE(health);
+    EXPECT_EQ(health->status, 200);
+    auto sent = cli.Post(httplib::append_query_params("/v2/report/add", EmulatorTest::universal({{"batch_id", "42"}})),
+                         R"({"viewsInfo":[{"EVENT_ACTION":"x"}],"viewsCount":1})", "application/json");
+    ASSERT_TRUE(sent);
+    EXPECT_EQ(sent->status, 200) << sent->body;
 
-        child.signal(SIGTERM);
-        int status = child.exitStatus(std::chrono::seconds(30));
-        ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
-        EXPECT_EQ(WEXITSTATUS(status), 0);
-        EXPECT_NE(child.readUntil("stopping", std::chrono::seconds(1)).find("stopping"), std::string::npos);
-    }
-    KOEmulator reopened(emulatorOptions(dir));
-    ASSERT_EQ(reopened.events().size(), 1u) << "what the binary stored is in its data directory";
-    EXPECT_EQ(reopened.events()[0].name, "x");
+    child.signal(SIGTERM);
+    int status = child.exitStatus(std::chrono::seconds(30));
+    ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_NE(child.readUntil("stopping", std::chrono::seconds(1)).find("stopping"), std::string::npos);
+  }
+  KOEmulator reopened(emulatorOptions(dir));
+  ASSERT_EQ(reopened.events().size(), 1u) << "what the binary stored is in its data directory";
+  EXPECT_EQ(reopened.events()[0].name, "x");
 
-    Child bad({"--port", "seventy", "--data", dir.string()});
-    int status = bad.exitStatus(std::chrono::seconds(30));
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 2);
-    std::filesystem::remove_all(dir);
+  Child bad({"--port", "seventy", "--data", dir.string()});
+  int status = bad.exitStatus(std::chrono::seconds(30));
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 2);
+  std::filesystem::remove_all(dir);
 }

@@ -83,7 +83,7 @@ class ADHttpClientTest : public KOTestDevice {
 
 TEST_F(ADHttpClientTest, FetchSucceedsOnlyOn200AndReadsAnyBodyAsAnAnswer) {
   EXPECT_EQ(fetch(get("/status/200?body=%7B%22a%22%3A1%7D")), KOValue(KODictionary{{"a", 1}}));
-  EXPECT_EQ(fetch(get("/status/200")), KOValue(KODictionary{}));                    // empty body
+  EXPECT_EQ(fetch(get("/status/200")), KOValue(KODictionary{}));                     // empty body
   EXPECT_EQ(fetch(get("/status/200?body=%7B%22a%22%3A")), KOValue(KODictionary{}));  // malformed
   EXPECT_EQ(fetch(get("/status/200?body=5")), KOValue(KODictionary{}));              // a bare number
   EXPECT_EQ(fetch(get("/status/200?body=%5B1%5D")), KOValue(KOArray{1}));

@@ -66,7 +66,8 @@ bool waitForProgress(int fd, long events, std::chrono::steady_clock::time_point 
 // Kill the app at arbitrary moments, many times: the batch file is never corrupt, every batch that
 // reached it is delivered, and the service never stores an event twice.
 TEST(DurabilityTest, KilledAppsLoseNoStoredBatchAndNeverDuplicateAnEvent) {
-  const std::string base = (std::filesystem::temp_directory_path() / ("kovantis-durability-" + std::to_string(::getpid()))).string();
+  const std::string base =
+      (std::filesystem::temp_directory_path() / ("kovantis-durability-" + std::to_string(::getpid()))).string();
   const std::string root = base + "/device";
   std::filesystem::create_directories(root);
   KOEmulator::Options options;
@@ -86,7 +87,8 @@ TEST(DurabilityTest, KilledAppsLoseNoStoredBatchAndNeverDuplicateAnEvent) {
     const pid_t child = spawnChild(root, port, run, &output);
     ASSERT_GT(child, 0);
     const long killAfter = std::uniform_int_distribution<long>(20, 400)(random);
-    const bool progressed = waitForProgress(output, killAfter, std::chrono::steady_clock::now() + std::chrono::seconds(30));
+    const bool progressed =
+        waitForProgress(output, killAfter, std::chrono::steady_clock::now() + std::chrono::seconds(30));
     ::kill(child, SIGKILL);
     int status = 0;
     ::waitpid(child, &status, 0);

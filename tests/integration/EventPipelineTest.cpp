@@ -12,8 +12,11 @@ class EventPipelineTest : public KOSDKTestDevice {};
 TEST_F(EventPipelineTest, EveryTrackedEventReachesTheServiceExactlyOnceInOrder) {
   startClean();
   auto track = [&](int i) {
-    sdk().trackEvent(KOValue("VIEW"), KOValue(KODictionary{{"seq", i}, {"sku", "A" + std::to_string(i)}, {"price", 9.5},
-                                                           {"when", KODate{1700000000.5}}, {"link", KOURL{"https://k.example/x"}}}));
+    sdk().trackEvent(KOValue("VIEW"), KOValue(KODictionary{{"seq", i},
+                                                           {"sku", "A" + std::to_string(i)},
+                                                           {"price", 9.5},
+                                                           {"when", KODate{1700000000.5}},
+                                                           {"link", KOURL{"https://k.example/x"}}}));
   };
   for (int i = 0; i < 29; ++i) track(i);
   EXPECT_EQ(events().eventsInMemory(), 29u);  // below the threshold nothing is cut
@@ -48,10 +51,11 @@ TEST_F(EventPipelineTest, BadNamesAndPayloadsLoseOnlyThatEvent) {
   sdk().trackEvent(KOValue("LIST"), KOValue(KOArray{1, 2}));
   sdk().trackEvent(KOValue("NAN"), KOValue(KODictionary{{"x", std::numeric_limits<double>::quiet_NaN()}}));
   sdk().trackEvent(KOValue(""), KOValue());  // an empty name is a name
-  EXPECT_TRUE(device().console().contains(
-      "Kovantis - While tracking events, the name of the event has to be a NSString type"));
-  EXPECT_TRUE(device().console().contains("Kovantis - While tracking events, the payload with the event has to be a "
-                                          "NSDictionary of NSMutable Dictionary type"));
+  EXPECT_TRUE(
+      device().console().contains("Kovantis - While tracking events, the name of the event has to be a NSString type"));
+  EXPECT_TRUE(
+      device().console().contains("Kovantis - While tracking events, the payload with the event has to be a "
+                                  "NSDictionary of NSMutable Dictionary type"));
   EXPECT_TRUE(device().console().contains("Kovantis - exception is"));
   ASSERT_TRUE(flush());
   EXPECT_EQ(storedNames("").back(), "");
@@ -69,7 +73,8 @@ TEST_F(EventPipelineTest, BuilderEventsCarryTimestampsAndLocations) {
   ASSERT_TRUE(flush());
   const KOValue place = storedRecords("PLACE").at(0);
   EXPECT_FALSE(place.dictionaryValue().contains("EVENT_ATTRS"));
-  EXPECT_EQ(place["EVENT_ATTRS_CUST"], KOValue(KODictionary{{"location", KOArray{KODictionary{{"p", "12.500000,77.600000"}}}}}));
+  EXPECT_EQ(place["EVENT_ATTRS_CUST"],
+            KOValue(KODictionary{{"location", KOArray{KODictionary{{"p", "12.500000,77.600000"}}}}}));
   const KOValue timed = storedRecords("TIMED").at(0);
   EXPECT_EQ(timed["EVENT_ATTRS"], KOValue(KODictionary{{"k", "v"}}));
   EXPECT_EQ(timed["EVENT_ATTRS_CUST"], KOValue(KODictionary{{"timestamp", KOArray{KODictionary{{"t", 2000.0}}}}}));
@@ -149,7 +154,8 @@ TEST_F(EventPipelineTest, ResetWithNothingStoredStillSendsTheLogoutThenRegisters
   ASSERT_TRUE(flush());
   size_t emails = 0;
   for (const KOValue& r : storedRecords(EVENT_ACTION_USER_ATTRIBUTE)) {
-    emails += r["EVENT_ATTRS"].isDictionary() && r["EVENT_ATTRS"].dictionaryValue().contains("USER_ATTRIBUTE_USER_EMAIL");
+    emails +=
+        r["EVENT_ATTRS"].isDictionary() && r["EVENT_ATTRS"].dictionaryValue().contains("USER_ATTRIBUTE_USER_EMAIL");
   }
   EXPECT_EQ(emails, 2u);
 }
@@ -160,9 +166,8 @@ TEST_F(EventPipelineTest, AResetDuringARunningSyncRunsAfterIt) {
   sdk().trackEvent(KOValue("BEFORE"), KOValue());
   sdk().syncNow();
   // That sync has cut BEFORE into its own batch and is waiting for the stalled service.
-  ASSERT_TRUE(waitFor([&] {
-    return events().syncInProgress() && events().eventsInMemory() == 0 && events().storedBatchCount() == 1;
-  }));
+  ASSERT_TRUE(waitFor(
+      [&] { return events().syncInProgress() && events().eventsInMemory() == 0 && events().storedBatchCount() == 1; }));
   sdk().resetUser();
   ASSERT_TRUE(waitFor([&] { return storedNames("KOV_LOGOUT").size() == 1; }));
   const auto names = storedNames("");
@@ -238,19 +243,19 @@ TEST_F(EventPipelineTest, UserAttributesAreSentOnlyWhenTheyChange) {
   sdk().setUserGender(KOUserGenderFemale);
   sdk().setUserDateOfBirth(KOValue(KODate{86400}));
   sdk().setUserDateOfBirth(KOValue(KODate{86400}));  // every time
-  sdk().setUserLocationLatitude(0, 0);                // zero coordinates are accepted here
+  sdk().setUserLocationLatitude(0, 0);               // zero coordinates are accepted here
   ASSERT_TRUE(flush());
   std::vector<std::string> sent;
   for (const KOValue& r : storedRecords(EVENT_ACTION_USER_ATTRIBUTE)) {
     sent.push_back(r.dictionaryValue().contains("EVENT_ATTRS") ? r["EVENT_ATTRS"].description()
                                                                : r["EVENT_ATTRS_CUST"].description());
   }
-  EXPECT_EQ(sent, (std::vector<std::string>{
-                      R"({"USER_ATTRIBUTE_USER_EMAIL": "a@example.com"})", R"({"plan": 1})", R"({"plan": "1"})",
-                      R"({"USER_ATTRIBUTE_USER_GENDER": "female"})",
-                      R"({"timestamp": [{"USER_ATTRIBUTE_USER_BDAY": 86400000}]})",
-                      R"({"timestamp": [{"USER_ATTRIBUTE_USER_BDAY": 86400000}]})",
-                      R"({"location": [{"USER_ATTRIBUTE_USER_LOCATION": "0.000000,0.000000"}]})"}));
+  EXPECT_EQ(sent,
+            (std::vector<std::string>{R"({"USER_ATTRIBUTE_USER_EMAIL": "a@example.com"})", R"({"plan": 1})",
+                                      R"({"plan": "1"})", R"({"USER_ATTRIBUTE_USER_GENDER": "female"})",
+                                      R"({"timestamp": [{"USER_ATTRIBUTE_USER_BDAY": 86400000}]})",
+                                      R"({"timestamp": [{"USER_ATTRIBUTE_USER_BDAY": 86400000}]})",
+                                      R"({"location": [{"USER_ATTRIBUTE_USER_LOCATION": "0.000000,0.000000"}]})"}));
   EXPECT_TRUE(device().console().contains("Kovantis - UserAttribute wasn't tracked as it was already present"));
   EXPECT_TRUE(device().console().contains("Kovantis - The attribue value should be either of string, integer or bool"));
   EXPECT_TRUE(device().console().contains("Kovantis - Tried setting nil user attribute for key plan"));
@@ -271,7 +276,8 @@ TEST_F(EventPipelineTest, StartRegistersTheDeviceWithItsAttributesAndLocale) {
   start();
   ASSERT_TRUE(flush());
   std::vector<std::string> deviceKeys;
-  for (const KOValue& r : storedRecords(EVENT_ACTION_DEVICE_ATTRIBUTE)) deviceKeys.push_back(r["EVENT_ATTRS"].dictionaryValue().keys()[0]);
+  for (const KOValue& r : storedRecords(EVENT_ACTION_DEVICE_ATTRIBUTE))
+    deviceKeys.push_back(r["EVENT_ATTRS"].dictionaryValue().keys()[0]);
   // Advertising id and the six locale keys at start.
   EXPECT_EQ(deviceKeys, (std::vector<std::string>{"ADVERTISING_IDENTIFIER", "LOCALE_COUNTRY", "LOCALE_COUNTRY_DISPLAY",
                                                   "LOCALE_LANGUAGE", "LOCALE_LANGUAGE_DISPLAY", "LOCALE_DISPLAY",

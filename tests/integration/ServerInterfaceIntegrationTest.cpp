@@ -94,7 +94,8 @@ TEST_F(ServerInterfaceIntegrationTest, FetchCallsCarryTheirKeysAndAnswerOnTheMai
   const KOLocationCoordinate here{12.9716, 77.5946};
   server().geofenceHitWithLocation(&here, "enter", "g-7", collect(hit));
   server().getGeofencesForLocation(&here, collect(fences));
-  ASSERT_TRUE(waitFor([&] { return list.done && single.done && trigger.done && inbox.done && hit.done && fences.done; }));
+  ASSERT_TRUE(
+      waitFor([&] { return list.done && single.done && trigger.done && inbox.done && hit.done && fences.done; }));
   for (const FetchResult* r : {&list, &single, &trigger, &inbox, &hit, &fences}) {
     EXPECT_TRUE(r->onMain);
     EXPECT_TRUE(r->answer.isDictionary());
@@ -132,7 +133,8 @@ TEST_F(ServerInterfaceIntegrationTest, CategoriesAreSentOnceAcceptedAndFlagged) 
   KOLogger::debug(1);
   emulator().injectFault(KOEmulatorFault{"/v2/categories/add", 500, 0, false, 1, 1.0});
   server().setNotificationCategoriesWithCategories(KOArray{KODictionary{{"identifier", "reply"}}});
-  ASSERT_TRUE(waitFor([&] { return device().console().contains("Kovantis - Unable to send Notification Categories, Server Error"); }));
+  ASSERT_TRUE(waitFor(
+      [&] { return device().console().contains("Kovantis - Unable to send Notification Categories, Server Error"); }));
   EXPECT_TRUE(device().preferences().standard().objectForKey(KOV_NOTIFICATION_CATEGORIES_SENT).isNil());
 
   server().setNotificationCategoriesWithCategories(KOArray{KODictionary{{"identifier", "reply"}}});
@@ -196,7 +198,8 @@ TEST_F(ServerInterfaceIntegrationTest, FailedCallsShipARemoteLogRecord) {
   KOLogger::debug(1);
   emulator().injectFault(KOEmulatorFault{"/noformat/logs/", 500, 0, false, -1, 1.0});
   EXPECT_FALSE(sendAndWait([&](auto done) { server().sendData(KOValue(KODictionary{}), KOValue("2"), done); }));
-  ASSERT_TRUE(waitFor([&] { return device().console().contains("Kovantis - the connection failed with response 500"); }));
+  ASSERT_TRUE(
+      waitFor([&] { return device().console().contains("Kovantis - the connection failed with response 500"); }));
   EXPECT_TRUE(waitFor([&] { return device().console().contains("Kovantis - Error while trying to send logs"); }));
   EXPECT_EQ(emulator().requests("/noformat/logs/").size(), 2u);
 }

@@ -1,16 +1,9 @@
 #include "KOEmulator.h"
 
-#include "KOEmulatorFaults.h"
-#include "KOEmulatorJSON.h"
-#include "KOEmulatorService.h"
-#include "KOEmulatorStore.h"
-#include "KOEmulatorTaskQueue.h"
-
-#include <httplib.h>
-
 #include <arpa/inet.h>
-#include <pthread.h>
+#include <httplib.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -25,463 +18,535 @@
 #include <stdexcept>
 #include <thread>
 
+#include "KOEmulatorFaults.h"
+#include "KOEmulatorJSON.h"
+#include "KOEmulatorService.h"
+#include "KOEmulatorStore.h"
+#include "KOEmulatorTaskQueue.h"
+
 namespace {
 
 constexpr std::string_view kControlPrefix = "/__emulator/";
 constexpr size_t kWorkerThreads = 16;
 
 int portOf(const sockaddr_storage &addr) {
-    if (addr.ss_family == AF_INET) return ntohs(reinterpret_cast<const sockaddr_in *>(&addr)->sin_port);
-    if (addr.ss_family == AF_INET6) return ntohs(reinterpret_cast<const sockaddr_in6 *>(&addr)->sin6_port);
-    return -1;
+  if (addr.ss_family == AF_INET) return ntohs(reinterpret_cast<const sockaddr_in *>(&addr)->sin_port);
+  if (addr.ss_family == AF_INET6) return ntohs(reinterpret_cast<const sockaddr_in6 *>(&addr)->sin6_port);
+  return -1;
 }
 
 // httplib hands a handler no socket, so a dropped connection finds its own: the one whose local
 // and peer ports are those of the request. A TCP connection's ports are unique on the host.
 bool dropConnection(const httplib::Request &req) {
-    std::error_code ec;
-    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
-        const std::string name = entry.path().filename().string();
-        char *end = nullptr;
-        long fd = std::strtol(name.c_str(), &end, 10);
-        if (name.empty() || *end != '\0') continue;
-        sockaddr_storage local{}, peer{};
-        socklen_t localLen = sizeof local, peerLen = sizeof peer;
-        int sock = static_cast<int>(fd);
-        if (getsockname(sock, reinterpret_cast<sockaddr *>(&local), &localLen) != 0) continue;
-        if (getpeername(sock, reinterpret_cast<sockaddr *>(&peer), &peerLen) != 0) continue;
-        if (portOf(local) == req.local_port && portOf(peer) == req.remote_port) {
-            return ::shutdown(sock, SHUT_RDWR) == 0;
-        }
+  std::error_code ec;
+  for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
+    const std::string name = entry.path().filename().string();
+    char *end = nullptr;
+    long fd = std::strtol(name.c_str(), &end, 10);
+    if (name.empty() || *end != '\0') continue;
+    sockaddr_storage local{}, peer{};
+    socklen_t localLen = sizeof local, peerLen = sizeof peer;
+    int sock = static_cast<int>(fd);
+    if (getsockname(sock, reinterpret_cast<sockaddr *>(&local), &localLen) != 0) continue;
+    if (getpeername(sock, reinterpret_cast<sockaddr *>(&peer), &peerLen) != 0) continue;
+    if (portOf(local) == req.local_port && portOf(peer) == req.remote_port) {
+      return ::shutdown(sock, SHUT_RDWR) == 0;
     }
-    return false;
+  }
+  return false;
 }
 
 // httplib listens with a backlog of five; a burst of connections (a sync of many batches, a test's
 // fifty clients) would then see SYNs dropped and stall for a second on retransmission.
 class BacklogServer : public httplib::Server {
-public:
-    void widenBacklog() { ::listen(svr_sock_, SOMAXCONN); }
+ public:
+  void widenBacklog() { ::listen(svr_sock_, SOMAXCONN); }
 };
 
 std::string describe(const KOEmulatorFault &f) {
-    std::ostringstream out;
-    if (f.drop) out << "drop";
-    else if (f.status) out << "status " << f.status;
-    if (f.delayMs) out << (f.drop || f.status ? " after " : "delay ") << f.delayMs << " ms";
-    return out.str();
+  std::ostringstream out;
+  if (f.drop)
+    out << "drop";
+  else if (f.status)
+    out << "status " << f.status;
+  if (f.delayMs) out << (f.drop || f.status ? " after " : "delay ") << f.delayMs << " ms";
+  return out.str();
 }
 
 void write(KOJSONWriter &w, const KOEmulatorRequest &r) {
-    using J = KOEmulatorJSON;
-    w.StartObject();
-    w.Key("id"); w.Int64(r.id);
-    w.Key("time"); w.Double(r.time);
-    w.Key("method"); J::writeString(w, r.method);
-    w.Key("path"); J::writeString(w, r.path);
-    w.Key("target"); J::writeString(w, r.target);
-    w.Key("query"); J::writeRaw(w, r.queryJSON);
-    w.Key("body"); J::writeString(w, r.body);
-    w.Key("status"); w.Int(r.status);
-    w.Key("error"); if (r.error.empty()) w.Null(); else J::writeString(w, r.error);
-    w.Key("fault"); if (r.fault.empty()) w.Null(); else J::writeString(w, r.fault);
-    w.EndObject();
+  using J = KOEmulatorJSON;
+  w.StartObject();
+  w.Key("id");
+  w.Int64(r.id);
+  w.Key("time");
+  w.Double(r.time);
+  w.Key("method");
+  J::writeString(w, r.method);
+  w.Key("path");
+  J::writeString(w, r.path);
+  w.Key("target");
+  J::writeString(w, r.target);
+  w.Key("query");
+  J::writeRaw(w, r.queryJSON);
+  w.Key("body");
+  J::writeString(w, r.body);
+  w.Key("status");
+  w.Int(r.status);
+  w.Key("error");
+  if (r.error.empty())
+    w.Null();
+  else
+    J::writeString(w, r.error);
+  w.Key("fault");
+  if (r.fault.empty())
+    w.Null();
+  else
+    J::writeString(w, r.fault);
+  w.EndObject();
 }
 
 void write(KOJSONWriter &w, const KOEmulatorDevice &d) {
-    using J = KOEmulatorJSON;
-    w.StartObject();
-    w.Key("app_id"); J::writeString(w, d.appId);
-    w.Key("unique_id"); J::writeString(w, d.uniqueId);
-    w.Key("device_unique_id"); J::writeString(w, d.deviceUniqueId);
-    w.Key("push_id"); J::writeString(w, d.pushId);
-    w.Key("model"); J::writeString(w, d.model);
-    w.Key("os_ver"); J::writeString(w, d.osVer);
-    w.Key("app_ver"); J::writeString(w, d.appVer);
-    w.Key("sdk_ver"); J::writeString(w, d.sdkVer);
-    w.Key("IDFV"); J::writeString(w, d.idfv);
-    w.Key("ADVERTISING_IDENTIFIER"); J::writeString(w, d.advertisingId);
-    w.Key("first_seen"); w.Double(d.firstSeen);
-    w.Key("last_seen"); w.Double(d.lastSeen);
-    w.Key("registrations"); w.Int64(d.registrations);
-    w.EndObject();
+  using J = KOEmulatorJSON;
+  w.StartObject();
+  w.Key("app_id");
+  J::writeString(w, d.appId);
+  w.Key("unique_id");
+  J::writeString(w, d.uniqueId);
+  w.Key("device_unique_id");
+  J::writeString(w, d.deviceUniqueId);
+  w.Key("push_id");
+  J::writeString(w, d.pushId);
+  w.Key("model");
+  J::writeString(w, d.model);
+  w.Key("os_ver");
+  J::writeString(w, d.osVer);
+  w.Key("app_ver");
+  J::writeString(w, d.appVer);
+  w.Key("sdk_ver");
+  J::writeString(w, d.sdkVer);
+  w.Key("IDFV");
+  J::writeString(w, d.idfv);
+  w.Key("ADVERTISING_IDENTIFIER");
+  J::writeString(w, d.advertisingId);
+  w.Key("first_seen");
+  w.Double(d.firstSeen);
+  w.Key("last_seen");
+  w.Double(d.lastSeen);
+  w.Key("registrations");
+  w.Int64(d.registrations);
+  w.EndObject();
 }
 
 void write(KOJSONWriter &w, const KOEmulatorBatch &b) {
-    using J = KOEmulatorJSON;
-    w.StartObject();
-    w.Key("app_id"); J::writeString(w, b.appId);
-    w.Key("unique_id"); J::writeString(w, b.uniqueId);
-    w.Key("batch_id"); J::writeString(w, b.batchId);
-    w.Key("views_count"); w.Int64(b.viewsCount);
-    w.Key("events"); w.Int64(b.eventCount);
-    w.Key("received"); w.Double(b.received);
-    w.EndObject();
+  using J = KOEmulatorJSON;
+  w.StartObject();
+  w.Key("app_id");
+  J::writeString(w, b.appId);
+  w.Key("unique_id");
+  J::writeString(w, b.uniqueId);
+  w.Key("batch_id");
+  J::writeString(w, b.batchId);
+  w.Key("views_count");
+  w.Int64(b.viewsCount);
+  w.Key("events");
+  w.Int64(b.eventCount);
+  w.Key("received");
+  w.Double(b.received);
+  w.EndObject();
 }
 
 void write(KOJSONWriter &w, const KOEmulatorEvent &e) {
-    using J = KOEmulatorJSON;
-    w.StartObject();
-    w.Key("app_id"); J::writeString(w, e.appId);
-    w.Key("unique_id"); J::writeString(w, e.uniqueId);
-    w.Key("batch_id"); J::writeString(w, e.batchId);
-    w.Key("position"); w.Int64(e.position);
-    w.Key("name"); J::writeString(w, e.name);
-    w.Key("event"); J::writeRaw(w, e.json);
-    w.EndObject();
+  using J = KOEmulatorJSON;
+  w.StartObject();
+  w.Key("app_id");
+  J::writeString(w, e.appId);
+  w.Key("unique_id");
+  J::writeString(w, e.uniqueId);
+  w.Key("batch_id");
+  J::writeString(w, e.batchId);
+  w.Key("position");
+  w.Int64(e.position);
+  w.Key("name");
+  J::writeString(w, e.name);
+  w.Key("event");
+  J::writeRaw(w, e.json);
+  w.EndObject();
 }
 
 void write(KOJSONWriter &w, const KOEmulatorDuplicate &d) {
-    using J = KOEmulatorJSON;
-    w.StartObject();
-    w.Key("app_id"); J::writeString(w, d.appId);
-    w.Key("unique_id"); J::writeString(w, d.uniqueId);
-    w.Key("batch_id"); J::writeString(w, d.batchId);
-    w.Key("views_count"); w.Int64(d.viewsCount);
-    w.Key("received"); w.Double(d.received);
-    w.Key("identical"); w.Bool(d.identical);
-    w.EndObject();
+  using J = KOEmulatorJSON;
+  w.StartObject();
+  w.Key("app_id");
+  J::writeString(w, d.appId);
+  w.Key("unique_id");
+  J::writeString(w, d.uniqueId);
+  w.Key("batch_id");
+  J::writeString(w, d.batchId);
+  w.Key("views_count");
+  w.Int64(d.viewsCount);
+  w.Key("received");
+  w.Double(d.received);
+  w.Key("identical");
+  w.Bool(d.identical);
+  w.EndObject();
 }
 
 void write(KOJSONWriter &w, const KOEmulatorLog &l) {
-    using J = KOEmulatorJSON;
-    w.StartObject();
-    w.Key("token"); J::writeString(w, l.token);
-    w.Key("appid"); J::writeString(w, l.appid);
-    w.Key("uid"); J::writeString(w, l.uid);
-    w.Key("lvl"); J::writeString(w, l.lvl);
-    w.Key("tb"); J::writeString(w, l.tb);
-    w.Key("sdk_ver"); J::writeString(w, l.sdkVer);
-    w.Key("msg"); J::writeString(w, l.msg);
-    w.Key("tm_s"); J::writeString(w, l.tmS);
-    w.Key("received"); w.Double(l.received);
-    w.EndObject();
+  using J = KOEmulatorJSON;
+  w.StartObject();
+  w.Key("token");
+  J::writeString(w, l.token);
+  w.Key("appid");
+  J::writeString(w, l.appid);
+  w.Key("uid");
+  J::writeString(w, l.uid);
+  w.Key("lvl");
+  J::writeString(w, l.lvl);
+  w.Key("tb");
+  J::writeString(w, l.tb);
+  w.Key("sdk_ver");
+  J::writeString(w, l.sdkVer);
+  w.Key("msg");
+  J::writeString(w, l.msg);
+  w.Key("tm_s");
+  J::writeString(w, l.tmS);
+  w.Key("received");
+  w.Double(l.received);
+  w.EndObject();
 }
 
 void write(KOJSONWriter &w, const KOEmulatorCategories &c) {
-    using J = KOEmulatorJSON;
-    w.StartObject();
-    w.Key("app_id"); J::writeString(w, c.appId);
-    w.Key("unique_id"); J::writeString(w, c.uniqueId);
-    w.Key("data"); J::writeRaw(w, c.dataJSON);
-    w.Key("received"); w.Double(c.received);
-    w.EndObject();
+  using J = KOEmulatorJSON;
+  w.StartObject();
+  w.Key("app_id");
+  J::writeString(w, c.appId);
+  w.Key("unique_id");
+  J::writeString(w, c.uniqueId);
+  w.Key("data");
+  J::writeRaw(w, c.dataJSON);
+  w.Key("received");
+  w.Double(c.received);
+  w.EndObject();
 }
 
 void write(KOJSONWriter &w, const KOEmulatorFault &f) {
-    w.StartObject();
-    w.Key("path"); KOEmulatorJSON::writeString(w, f.path);
-    w.Key("status"); w.Int(f.status);
-    w.Key("delay_ms"); w.Int64(f.delayMs);
-    w.Key("drop"); w.Bool(f.drop);
-    w.Key("count"); w.Int64(f.count);
-    w.Key("share"); w.Double(f.share);
-    w.EndObject();
+  w.StartObject();
+  w.Key("path");
+  KOEmulatorJSON::writeString(w, f.path);
+  w.Key("status");
+  w.Int(f.status);
+  w.Key("delay_ms");
+  w.Int64(f.delayMs);
+  w.Key("drop");
+  w.Bool(f.drop);
+  w.Key("count");
+  w.Int64(f.count);
+  w.Key("share");
+  w.Double(f.share);
+  w.EndObject();
 }
 
 template <class Record>
 std::string toJSON(const std::vector<Record> &records) {
-    rapidjson::StringBuffer buffer;
-    KOJSONWriter w(buffer);
-    w.StartArray();
-    for (const auto &r : records) write(w, r);
-    w.EndArray();
-    return {buffer.GetString(), buffer.GetSize()};
+  rapidjson::StringBuffer buffer;
+  KOJSONWriter w(buffer);
+  w.StartArray();
+  for (const auto &r : records) write(w, r);
+  w.EndArray();
+  return {buffer.GetString(), buffer.GetSize()};
 }
 
 KOEmulatorFault faultFromJSON(const std::string &text) {
-    rapidjson::Document doc;
-    std::string error;
-    if (!KOEmulatorJSON::parse(text, doc, error)) throw std::invalid_argument(error);
-    if (!doc.IsObject()) throw std::invalid_argument("fault must be a JSON object");
-    KOEmulatorFault f;
-    for (auto &m : doc.GetObject()) {
-        std::string key = m.name.GetString();
-        const auto &v = m.value;
-        auto bad = [&](const char *what) {
-            return std::invalid_argument("fault \"" + key + "\" must be " + what + ", got " + KOEmulatorJSON::typeName(v));
-        };
-        if (key == "path") {
-            if (!v.IsString()) throw bad("a string");
-            f.path = v.GetString();
-        } else if (key == "status") {
-            if (!v.IsInt()) throw bad("an integer");
-            f.status = v.GetInt();
-        } else if (key == "delay_ms") {
-            if (!v.IsInt64()) throw bad("an integer");
-            f.delayMs = v.GetInt64();
-        } else if (key == "drop") {
-            if (!v.IsBool()) throw bad("a boolean");
-            f.drop = v.GetBool();
-        } else if (key == "count") {
-            if (!v.IsInt64()) throw bad("an integer");
-            f.count = v.GetInt64();
-        } else if (key == "share") {
-            if (!v.IsNumber()) throw bad("a number");
-            f.share = v.GetDouble();
-        } else {
-            throw std::invalid_argument("fault: unknown key \"" + key + "\"");
-        }
+  rapidjson::Document doc;
+  std::string error;
+  if (!KOEmulatorJSON::parse(text, doc, error)) throw std::invalid_argument(error);
+  if (!doc.IsObject()) throw std::invalid_argument("fault must be a JSON object");
+  KOEmulatorFault f;
+  for (auto &m : doc.GetObject()) {
+    std::string key = m.name.GetString();
+    const auto &v = m.value;
+    auto bad = [&](const char *what) {
+      return std::invalid_argument("fault \"" + key + "\" must be " + what + ", got " + KOEmulatorJSON::typeName(v));
+    };
+    if (key == "path") {
+      if (!v.IsString()) throw bad("a string");
+      f.path = v.GetString();
+    } else if (key == "status") {
+      if (!v.IsInt()) throw bad("an integer");
+      f.status = v.GetInt();
+    } else if (key == "delay_ms") {
+      if (!v.IsInt64()) throw bad("an integer");
+      f.delayMs = v.GetInt64();
+    } else if (key == "drop") {
+      if (!v.IsBool()) throw bad("a boolean");
+      f.drop = v.GetBool();
+    } else if (key == "count") {
+      if (!v.IsInt64()) throw bad("an integer");
+      f.count = v.GetInt64();
+    } else if (key == "share") {
+      if (!v.IsNumber()) throw bad("a number");
+      f.share = v.GetDouble();
+    } else {
+      throw std::invalid_argument("fault: unknown key \"" + key + "\"");
     }
-    KOEmulatorFaults::validate(f);
-    return f;
+  }
+  KOEmulatorFaults::validate(f);
+  return f;
 }
 
-} // namespace
+}  // namespace
 
 class KOEmulator::Impl {
-public:
-    explicit Impl(Options o) : options(std::move(o)), store(options.dataDir), service(store) {}
+ public:
+  explicit Impl(Options o) : options(std::move(o)), store(options.dataDir), service(store) {}
 
-    void serve(const httplib::Request &req, httplib::Response &res);
-    void serveControl(const httplib::Request &req, httplib::Response &res);
-    // What the control API and the in-process API show under a name; nothing for an unknown name.
-    std::optional<std::string> inspect(const std::string &what, const std::string &pathFilter) const;
-    void record(const httplib::Request &req, int status, const std::string &error, const std::string &fault);
-    // Stalls for a fault's delay, cut short when the emulator stops.
-    void stall(int64_t ms);
+  void serve(const httplib::Request &req, httplib::Response &res);
+  void serveControl(const httplib::Request &req, httplib::Response &res);
+  // What the control API and the in-process API show under a name; nothing for an unknown name.
+  std::optional<std::string> inspect(const std::string &what, const std::string &pathFilter) const;
+  void record(const httplib::Request &req, int status, const std::string &error, const std::string &fault);
+  // Stalls for a fault's delay, cut short when the emulator stops.
+  void stall(int64_t ms);
 
-    Options options;
-    KOEmulatorStore store;
-    KOEmulatorService service;
-    KOEmulatorFaults faults;
+  Options options;
+  KOEmulatorStore store;
+  KOEmulatorService service;
+  KOEmulatorFaults faults;
 
-    mutable std::mutex lifecycle;   // start / stop
-    std::unique_ptr<httplib::Server> server;
-    std::thread listener;
-    std::atomic<int> boundPort{0};
+  mutable std::mutex lifecycle;  // start / stop
+  std::unique_ptr<httplib::Server> server;
+  std::thread listener;
+  std::atomic<int> boundPort{0};
 
-    std::mutex stopMutex;
-    std::condition_variable stopChanged;
-    bool stopping = false;
+  std::mutex stopMutex;
+  std::condition_variable stopChanged;
+  bool stopping = false;
 
-    mutable std::mutex arrivalMutex;
-    mutable std::condition_variable arrived;
+  mutable std::mutex arrivalMutex;
+  mutable std::condition_variable arrived;
 
-    std::mutex logMutex;
+  std::mutex logMutex;
 };
 
 void KOEmulator::Impl::stall(int64_t ms) {
-    std::unique_lock lock(stopMutex);
-    stopChanged.wait_for(lock, std::chrono::milliseconds(ms), [&] { return stopping; });
+  std::unique_lock lock(stopMutex);
+  stopChanged.wait_for(lock, std::chrono::milliseconds(ms), [&] { return stopping; });
 }
 
 void KOEmulator::Impl::record(const httplib::Request &req, int status, const std::string &error,
                               const std::string &fault) {
-    KOEmulatorRequest r;
-    r.time = KOEmulatorStore::now();
-    r.method = req.method;
-    r.path = req.path;
-    r.target = req.target;
-    r.queryJSON = KOEmulatorService::queryJSON(req.params);
-    r.body = req.body;
-    r.status = status;
-    r.error = error;
-    r.fault = fault;
-    store.recordRequest(r);
-    {
-        std::lock_guard lock(arrivalMutex);
-    }
-    arrived.notify_all();
-    if (options.logRequests) {
-        std::lock_guard lock(logMutex);
-        std::cerr << req.method << ' ' << req.target << " -> " << (status ? std::to_string(status) : "dropped");
-        if (!fault.empty()) std::cerr << " [fault: " << fault << ']';
-        if (!error.empty()) std::cerr << " (" << error << ')';
-        std::cerr << std::endl;
-    }
+  KOEmulatorRequest r;
+  r.time = KOEmulatorStore::now();
+  r.method = req.method;
+  r.path = req.path;
+  r.target = req.target;
+  r.queryJSON = KOEmulatorService::queryJSON(req.params);
+  r.body = req.body;
+  r.status = status;
+  r.error = error;
+  r.fault = fault;
+  store.recordRequest(r);
+  { std::lock_guard lock(arrivalMutex); }
+  arrived.notify_all();
+  if (options.logRequests) {
+    std::lock_guard lock(logMutex);
+    std::cerr << req.method << ' ' << req.target << " -> " << (status ? std::to_string(status) : "dropped");
+    if (!fault.empty()) std::cerr << " [fault: " << fault << ']';
+    if (!error.empty()) std::cerr << " (" << error << ')';
+    std::cerr << std::endl;
+  }
 }
 
 void KOEmulator::Impl::serve(const httplib::Request &req, httplib::Response &res) {
-    if (req.path.starts_with(kControlPrefix)) {
-        serveControl(req, res);
-        return;
+  if (req.path.starts_with(kControlPrefix)) {
+    serveControl(req, res);
+    return;
+  }
+  try {
+    if (KOEmulatorService::isServicePath(req.path)) {
+      if (auto fault = faults.take(req.path)) {
+        if (fault->delayMs > 0) stall(fault->delayMs);
+        if (fault->drop) {
+          // Recorded first, so that a client which saw the drop also finds the record.
+          record(req, 0, {}, describe(*fault));
+          dropConnection(req);
+          res.status = 500;  // never reaches the client: the socket is already shut
+          res.set_content(KOEmulatorJSON::errorBody("dropped"), "application/json");
+          return;
+        }
+        if (fault->status != 0) {
+          res.status = fault->status;
+          if (fault->status != 204 && fault->status != 304) {
+            res.set_content(KOEmulatorJSON::errorBody("injected fault"), "application/json");
+          }
+          record(req, fault->status, {}, describe(*fault));
+          return;
+        }
+      }
     }
+    KOEmulatorCall call{req.method, req.path, req.params, req.get_header_value("Content-Type"), req.body};
+    KOEmulatorReply reply = service.handle(call);
+    res.status = reply.status;
+    if (!reply.body.empty()) res.set_content(reply.body, "application/json");
+    record(req, reply.status, reply.error, {});
+  } catch (const std::exception &e) {
+    // A store failure must not take the server down; it answers like a failing service.
+    std::string message = std::string("emulator failure: ") + e.what();
+    res.status = 500;
+    res.set_content(KOEmulatorJSON::errorBody(message), "application/json");
     try {
-        if (KOEmulatorService::isServicePath(req.path)) {
-            if (auto fault = faults.take(req.path)) {
-                if (fault->delayMs > 0) stall(fault->delayMs);
-                if (fault->drop) {
-                    // Recorded first, so that a client which saw the drop also finds the record.
-                    record(req, 0, {}, describe(*fault));
-                    dropConnection(req);
-                    res.status = 500;   // never reaches the client: the socket is already shut
-                    res.set_content(KOEmulatorJSON::errorBody("dropped"), "application/json");
-                    return;
-                }
-                if (fault->status != 0) {
-                    res.status = fault->status;
-                    if (fault->status != 204 && fault->status != 304) {
-                        res.set_content(KOEmulatorJSON::errorBody("injected fault"), "application/json");
-                    }
-                    record(req, fault->status, {}, describe(*fault));
-                    return;
-                }
-            }
-        }
-        KOEmulatorCall call{req.method, req.path, req.params, req.get_header_value("Content-Type"), req.body};
-        KOEmulatorReply reply = service.handle(call);
-        res.status = reply.status;
-        if (!reply.body.empty()) res.set_content(reply.body, "application/json");
-        record(req, reply.status, reply.error, {});
-    } catch (const std::exception &e) {
-        // A store failure must not take the server down; it answers like a failing service.
-        std::string message = std::string("emulator failure: ") + e.what();
-        res.status = 500;
-        res.set_content(KOEmulatorJSON::errorBody(message), "application/json");
-        try {
-            record(req, 500, message, {});
-        } catch (const std::exception &) {
-        }
+      record(req, 500, message, {});
+    } catch (const std::exception &) {
     }
+  }
 }
 
 void KOEmulator::Impl::serveControl(const httplib::Request &req, httplib::Response &res) {
-    const std::string what = req.path.substr(kControlPrefix.size());
-    const std::string &m = req.method;
-    auto answer = [&](int status, const std::string &json) {
-        res.status = status;
-        res.set_content(json, "application/json");
-    };
-    auto okay = [&] { answer(200, R"({"ok":true})"); };
-    try {
-        if (m == "GET" && what == "health") {
-            answer(200, "{\"ok\":true,\"port\":" + std::to_string(boundPort.load()) + "}");
-        } else if (m == "POST" && what == "seed") {
-            service.seed(req.body);
-            okay();
-        } else if (m == "POST" && what == "reset") {
-            bool seeds = false;
-            if (!req.body.empty()) {
-                rapidjson::Document doc;
-                std::string error;
-                if (!KOEmulatorJSON::parse(req.body, doc, error)) throw std::invalid_argument(error);
-                if (!doc.IsObject()) throw std::invalid_argument("reset body must be a JSON object");
-                auto it = doc.FindMember("seeds");
-                if (it != doc.MemberEnd()) {
-                    if (!it->value.IsBool()) throw std::invalid_argument("reset \"seeds\" must be a boolean");
-                    seeds = it->value.GetBool();
-                }
-            }
-            store.reset(seeds);
-            okay();
-        } else if (m == "POST" && what == "fault") {
-            faults.add(faultFromJSON(req.body));
-            okay();
-        } else if (m == "DELETE" && what == "fault") {
-            faults.clear(req.get_param_value("path"));
-            okay();
-        } else if (m == "GET") {
-            if (std::optional<std::string> json = inspect(what, req.get_param_value("path"))) {
-                answer(200, *json);
-            } else {
-                answer(404, KOEmulatorJSON::errorBody("no such control endpoint: " + req.path));
-            }
-        } else {
-            answer(404, KOEmulatorJSON::errorBody("no such control endpoint: " + m + " " + req.path));
+  const std::string what = req.path.substr(kControlPrefix.size());
+  const std::string &m = req.method;
+  auto answer = [&](int status, const std::string &json) {
+    res.status = status;
+    res.set_content(json, "application/json");
+  };
+  auto okay = [&] { answer(200, R"({"ok":true})"); };
+  try {
+    if (m == "GET" && what == "health") {
+      answer(200, "{\"ok\":true,\"port\":" + std::to_string(boundPort.load()) + "}");
+    } else if (m == "POST" && what == "seed") {
+      service.seed(req.body);
+      okay();
+    } else if (m == "POST" && what == "reset") {
+      bool seeds = false;
+      if (!req.body.empty()) {
+        rapidjson::Document doc;
+        std::string error;
+        if (!KOEmulatorJSON::parse(req.body, doc, error)) throw std::invalid_argument(error);
+        if (!doc.IsObject()) throw std::invalid_argument("reset body must be a JSON object");
+        auto it = doc.FindMember("seeds");
+        if (it != doc.MemberEnd()) {
+          if (!it->value.IsBool()) throw std::invalid_argument("reset \"seeds\" must be a boolean");
+          seeds = it->value.GetBool();
         }
-    } catch (const std::invalid_argument &e) {
-        answer(400, KOEmulatorJSON::errorBody(e.what()));
-    } catch (const std::exception &e) {
-        answer(500, KOEmulatorJSON::errorBody(std::string("emulator failure: ") + e.what()));
+      }
+      store.reset(seeds);
+      okay();
+    } else if (m == "POST" && what == "fault") {
+      faults.add(faultFromJSON(req.body));
+      okay();
+    } else if (m == "DELETE" && what == "fault") {
+      faults.clear(req.get_param_value("path"));
+      okay();
+    } else if (m == "GET") {
+      if (std::optional<std::string> json = inspect(what, req.get_param_value("path"))) {
+        answer(200, *json);
+      } else {
+        answer(404, KOEmulatorJSON::errorBody("no such control endpoint: " + req.path));
+      }
+    } else {
+      answer(404, KOEmulatorJSON::errorBody("no such control endpoint: " + m + " " + req.path));
     }
+  } catch (const std::invalid_argument &e) {
+    answer(400, KOEmulatorJSON::errorBody(e.what()));
+  } catch (const std::exception &e) {
+    answer(500, KOEmulatorJSON::errorBody(std::string("emulator failure: ") + e.what()));
+  }
 }
 
 KOEmulator::KOEmulator(Options options) : impl_(std::make_unique<Impl>(std::move(options))) {
-    if (!impl_->options.seedFile.empty()) {
-        std::ifstream in(impl_->options.seedFile, std::ios::binary);
-        if (!in) throw std::runtime_error("cannot read seed file " + impl_->options.seedFile);
-        std::stringstream text;
-        text << in.rdbuf();
-        try {
-            impl_->service.seed(text.str());
-        } catch (const std::invalid_argument &e) {
-            throw std::runtime_error(impl_->options.seedFile + ": " + e.what());
-        }
+  if (!impl_->options.seedFile.empty()) {
+    std::ifstream in(impl_->options.seedFile, std::ios::binary);
+    if (!in) throw std::runtime_error("cannot read seed file " + impl_->options.seedFile);
+    std::stringstream text;
+    text << in.rdbuf();
+    try {
+      impl_->service.seed(text.str());
+    } catch (const std::invalid_argument &e) {
+      throw std::runtime_error(impl_->options.seedFile + ": " + e.what());
     }
+  }
 }
 
 KOEmulator::~KOEmulator() { stop(); }
 
 int KOEmulator::start(int port) {
-    std::lock_guard lock(impl_->lifecycle);
-    if (impl_->server) throw std::runtime_error("emulator already running");
-    {
-        std::lock_guard stopLock(impl_->stopMutex);
-        impl_->stopping = false;
+  std::lock_guard lock(impl_->lifecycle);
+  if (impl_->server) throw std::runtime_error("emulator already running");
+  {
+    std::lock_guard stopLock(impl_->stopMutex);
+    impl_->stopping = false;
+  }
+  auto server = std::make_unique<BacklogServer>();
+  server->new_task_queue = [] { return new KOEmulatorTaskQueue(kWorkerThreads); };
+  server->set_keep_alive_timeout(impl_->options.keepAliveSeconds);
+  server->set_keep_alive_max_count(static_cast<size_t>(std::max(1, impl_->options.keepAliveMaxRequests)));
+  // Headers and body go out in separate writes: without this, Nagle and delayed ACKs add ~40 ms.
+  server->set_tcp_nodelay(true);
+  server->set_payload_max_length(64u << 20);
+  Impl *impl = impl_.get();
+  auto handler = [impl](const httplib::Request &req, httplib::Response &res) { impl->serve(req, res); };
+  server->Get(".*", handler).Post(".*", handler).Put(".*", handler).Patch(".*", handler);
+  server->Delete(".*", handler).Options(".*", handler);
+  // Errors httplib answers by itself (unreadable request, oversized body) still get a JSON body,
+  // and are recorded when they were meant for the service.
+  server->set_error_handler([impl](const httplib::Request &req, httplib::Response &res) {
+    if (!res.body.empty()) return;
+    std::string message = "request refused by the HTTP layer (status " + std::to_string(res.status) + ")";
+    res.set_content(KOEmulatorJSON::errorBody(message), "application/json");
+    if (!req.path.starts_with(kControlPrefix)) {
+      try {
+        impl->record(req, res.status, message, {});
+      } catch (const std::exception &) {
+      }
     }
-    auto server = std::make_unique<BacklogServer>();
-    server->new_task_queue = [] { return new KOEmulatorTaskQueue(kWorkerThreads); };
-    server->set_keep_alive_timeout(impl_->options.keepAliveSeconds);
-    server->set_keep_alive_max_count(static_cast<size_t>(std::max(1, impl_->options.keepAliveMaxRequests)));
-    // Headers and body go out in separate writes: without this, Nagle and delayed ACKs add ~40 ms.
-    server->set_tcp_nodelay(true);
-    server->set_payload_max_length(64u << 20);
-    Impl *impl = impl_.get();
-    auto handler = [impl](const httplib::Request &req, httplib::Response &res) { impl->serve(req, res); };
-    server->Get(".*", handler).Post(".*", handler).Put(".*", handler).Patch(".*", handler);
-    server->Delete(".*", handler).Options(".*", handler);
-    // Errors httplib answers by itself (unreadable request, oversized body) still get a JSON body,
-    // and are recorded when they were meant for the service.
-    server->set_error_handler([impl](const httplib::Request &req, httplib::Response &res) {
-        if (!res.body.empty()) return;
-        std::string message = "request refused by the HTTP layer (status " + std::to_string(res.status) + ")";
-        res.set_content(KOEmulatorJSON::errorBody(message), "application/json");
-        if (!req.path.starts_with(kControlPrefix)) {
-            try {
-                impl->record(req, res.status, message, {});
-            } catch (const std::exception &) {
-            }
-        }
-    });
+  });
 
-    int bound = 0;
-    if (port == 0) {
-        bound = server->bind_to_any_port(impl_->options.bindAddress);
-    } else {
-        bound = server->bind_to_port(impl_->options.bindAddress, port) ? port : -1;
-    }
-    if (bound <= 0) {
-        throw std::runtime_error("cannot bind " + impl_->options.bindAddress + ":" + std::to_string(port));
-    }
-    server->widenBacklog();
-    impl_->boundPort = bound;
-    httplib::Server *raw = server.get();
-    impl_->listener = std::thread([raw] {
-        pthread_setname_np(pthread_self(), "emu-listener");
-        raw->listen_after_bind();
-    });
-    // stop() is a no-op until the accept loop runs, so do not hand out a server that could not be
-    // stopped. The socket already listens, so clients may connect meanwhile.
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!raw->is_running() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-    impl_->server = std::move(server);
-    return bound;
+  int bound = 0;
+  if (port == 0) {
+    bound = server->bind_to_any_port(impl_->options.bindAddress);
+  } else {
+    bound = server->bind_to_port(impl_->options.bindAddress, port) ? port : -1;
+  }
+  if (bound <= 0) {
+    throw std::runtime_error("cannot bind " + impl_->options.bindAddress + ":" + std::to_string(port));
+  }
+  server->widenBacklog();
+  impl_->boundPort = bound;
+  httplib::Server *raw = server.get();
+  impl_->listener = std::thread([raw] {
+    pthread_setname_np(pthread_self(), "emu-listener");
+    raw->listen_after_bind();
+  });
+  // stop() is a no-op until the accept loop runs, so do not hand out a server that could not be
+  // stopped. The socket already listens, so clients may connect meanwhile.
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!raw->is_running() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  impl_->server = std::move(server);
+  return bound;
 }
 
 void KOEmulator::stop() {
-    std::lock_guard lock(impl_->lifecycle);
-    if (!impl_->server) return;
-    {
-        std::lock_guard stopLock(impl_->stopMutex);
-        impl_->stopping = true;
-    }
-    impl_->stopChanged.notify_all();
-    impl_->server->stop();
-    impl_->listener.join();
-    impl_->server.reset();
-    impl_->boundPort = 0;
+  std::lock_guard lock(impl_->lifecycle);
+  if (!impl_->server) return;
+  {
+    std::lock_guard stopLock(impl_->stopMutex);
+    impl_->stopping = true;
+  }
+  impl_->stopChanged.notify_all();
+  impl_->server->stop();
+  impl_->listener.join();
+  impl_->server.reset();
+  impl_->boundPort = 0;
 }
 
 bool KOEmulator::isRunning() const {
-    std::lock_guard lock(impl_->lifecycle);
-    return impl_->server != nullptr;
+  std::lock_guard lock(impl_->lifecycle);
+  return impl_->server != nullptr;
 }
 
 int KOEmulator::port() const { return impl_->boundPort.load(); }
 
 std::string KOEmulator::baseURL() const {
-    return "http://" + impl_->options.bindAddress + ":" + std::to_string(port());
+  return "http://" + impl_->options.bindAddress + ":" + std::to_string(port());
 }
 
 void KOEmulator::seed(const std::string &json) { impl_->service.seed(json); }
@@ -492,7 +557,7 @@ std::vector<KOEmulatorFault> KOEmulator::faults() const { return impl_->faults.l
 void KOEmulator::reset(bool resetSeeds) { impl_->store.reset(resetSeeds); }
 
 std::vector<KOEmulatorRequest> KOEmulator::requests(const std::string &pathFilter) const {
-    return impl_->store.requests(pathFilter);
+  return impl_->store.requests(pathFilter);
 }
 size_t KOEmulator::requestCount(const std::string &pathFilter) const { return impl_->store.countRequests(pathFilter); }
 std::vector<KOEmulatorDevice> KOEmulator::devices() const { return impl_->store.devices(); }
@@ -503,25 +568,24 @@ std::vector<KOEmulatorLog> KOEmulator::logs() const { return impl_->store.logs()
 std::vector<KOEmulatorCategories> KOEmulator::categories() const { return impl_->store.categories(); }
 
 std::optional<std::string> KOEmulator::Impl::inspect(const std::string &what, const std::string &pathFilter) const {
-    if (what == "requests") return toJSON(store.requests(pathFilter));
-    if (what == "devices") return toJSON(store.devices());
-    if (what == "batches") return toJSON(store.batches());
-    if (what == "events") return toJSON(store.events());
-    if (what == "duplicates") return toJSON(store.duplicates());
-    if (what == "logs") return toJSON(store.logs());
-    if (what == "categories") return toJSON(store.categories());
-    if (what == "seed") return service.seedsJSON();
-    if (what == "fault") return toJSON(faults.list());
-    return std::nullopt;
+  if (what == "requests") return toJSON(store.requests(pathFilter));
+  if (what == "devices") return toJSON(store.devices());
+  if (what == "batches") return toJSON(store.batches());
+  if (what == "events") return toJSON(store.events());
+  if (what == "duplicates") return toJSON(store.duplicates());
+  if (what == "logs") return toJSON(store.logs());
+  if (what == "categories") return toJSON(store.categories());
+  if (what == "seed") return service.seedsJSON();
+  if (what == "fault") return toJSON(faults.list());
+  return std::nullopt;
 }
 
 std::string KOEmulator::inspectJSON(const std::string &what, const std::string &pathFilter) const {
-    if (std::optional<std::string> json = impl_->inspect(what, pathFilter)) return *json;
-    throw std::invalid_argument("nothing to inspect called \"" + what + "\"");
+  if (std::optional<std::string> json = impl_->inspect(what, pathFilter)) return *json;
+  throw std::invalid_argument("nothing to inspect called \"" + what + "\"");
 }
 
-bool KOEmulator::waitForRequests(const std::string &pathFilter, size_t count,
-                                 std::chrono::milliseconds timeout) const {
-    std::unique_lock lock(impl_->arrivalMutex);
-    return impl_->arrived.wait_for(lock, timeout, [&] { return impl_->store.countRequests(pathFilter) >= count; });
+bool KOEmulator::waitForRequests(const std::string &pathFilter, size_t count, std::chrono::milliseconds timeout) const {
+  std::unique_lock lock(impl_->arrivalMutex);
+  return impl_->arrived.wait_for(lock, timeout, [&] { return impl_->store.countRequests(pathFilter) >= count; });
 }

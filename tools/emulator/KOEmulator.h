@@ -4,72 +4,71 @@
 // the SDK makes, stores what it received in SQLite and can be told to fail. Thread-safe; every
 // accessor may be called while the server is answering requests.
 
-#include "KOEmulatorRecords.h"
-
 #include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "KOEmulatorRecords.h"
+
 class KOEmulator {
-public:
-    struct Options {
-        std::string dataDir;                      // holds emulator.sqlite; created when missing
-        std::string seedFile;                     // optional JSON seed applied at construction
-        std::string bindAddress = "127.0.0.1";
-        int keepAliveSeconds = 2;                 // short, so that stop() never waits long on idle clients
-        int keepAliveMaxRequests = 1000;          // per connection, as production front ends allow
-        bool logRequests = false;                 // one line per service request on stderr
-    };
+ public:
+  struct Options {
+    std::string dataDir;   // holds emulator.sqlite; created when missing
+    std::string seedFile;  // optional JSON seed applied at construction
+    std::string bindAddress = "127.0.0.1";
+    int keepAliveSeconds = 2;         // short, so that stop() never waits long on idle clients
+    int keepAliveMaxRequests = 1000;  // per connection, as production front ends allow
+    bool logRequests = false;         // one line per service request on stderr
+  };
 
-    // Throws std::runtime_error when the store cannot be opened or the seed file is unusable.
-    explicit KOEmulator(Options options);
-    ~KOEmulator();
-    KOEmulator(const KOEmulator &) = delete;
-    KOEmulator &operator=(const KOEmulator &) = delete;
+  // Throws std::runtime_error when the store cannot be opened or the seed file is unusable.
+  explicit KOEmulator(Options options);
+  ~KOEmulator();
+  KOEmulator(const KOEmulator &) = delete;
+  KOEmulator &operator=(const KOEmulator &) = delete;
 
-    // Binds (port 0 picks a free one), serves on background threads and returns the bound port.
-    // Throws std::runtime_error when the port cannot be bound or the server is already running.
-    int start(int port = 0);
-    // Stops serving and waits for the server threads; pending stalls are cut short. Idempotent.
-    void stop();
-    bool isRunning() const;
-    int port() const;
-    std::string baseURL() const;                  // "http://127.0.0.1:PORT"
+  // Binds (port 0 picks a free one), serves on background threads and returns the bound port.
+  // Throws std::runtime_error when the port cannot be bound or the server is already running.
+  int start(int port = 0);
+  // Stops serving and waits for the server threads; pending stalls are cut short. Idempotent.
+  void stop();
+  bool isRunning() const;
+  int port() const;
+  std::string baseURL() const;  // "http://127.0.0.1:PORT"
 
-    // Seeds: a JSON object whose sections replace the ones stored (see README.md). Throws
-    // std::invalid_argument with the reason when the text is not an acceptable seed.
-    void seed(const std::string &json);
-    std::string seedsJSON() const;
+  // Seeds: a JSON object whose sections replace the ones stored (see README.md). Throws
+  // std::invalid_argument with the reason when the text is not an acceptable seed.
+  void seed(const std::string &json);
+  std::string seedsJSON() const;
 
-    void injectFault(const KOEmulatorFault &fault);
-    void clearFaults(const std::string &path = {});   // empty clears every fault
-    std::vector<KOEmulatorFault> faults() const;
+  void injectFault(const KOEmulatorFault &fault);
+  void clearFaults(const std::string &path = {});  // empty clears every fault
+  std::vector<KOEmulatorFault> faults() const;
 
-    // Forgets everything received; with resetSeeds the seeds go back to their defaults too.
-    void reset(bool resetSeeds = false);
+  // Forgets everything received; with resetSeeds the seeds go back to their defaults too.
+  void reset(bool resetSeeds = false);
 
-    // Received requests in arrival order. A filter is an exact path or a prefix ending in "/".
-    std::vector<KOEmulatorRequest> requests(const std::string &pathFilter = {}) const;
-    // How many requests match, without reading them.
-    size_t requestCount(const std::string &pathFilter = {}) const;
-    std::vector<KOEmulatorDevice> devices() const;
-    std::vector<KOEmulatorBatch> batches() const;
-    std::vector<KOEmulatorEvent> events() const;
-    std::vector<KOEmulatorDuplicate> duplicates() const;
-    std::vector<KOEmulatorLog> logs() const;
-    std::vector<KOEmulatorCategories> categories() const;
+  // Received requests in arrival order. A filter is an exact path or a prefix ending in "/".
+  std::vector<KOEmulatorRequest> requests(const std::string &pathFilter = {}) const;
+  // How many requests match, without reading them.
+  size_t requestCount(const std::string &pathFilter = {}) const;
+  std::vector<KOEmulatorDevice> devices() const;
+  std::vector<KOEmulatorBatch> batches() const;
+  std::vector<KOEmulatorEvent> events() const;
+  std::vector<KOEmulatorDuplicate> duplicates() const;
+  std::vector<KOEmulatorLog> logs() const;
+  std::vector<KOEmulatorCategories> categories() const;
 
-    // The JSON answer of GET /__emulator/<what>, e.g. inspectJSON("events"), or
-    // inspectJSON("requests", "/v2/report/add"). Throws std::invalid_argument for an unknown name.
-    std::string inspectJSON(const std::string &what, const std::string &pathFilter = {}) const;
+  // The JSON answer of GET /__emulator/<what>, e.g. inspectJSON("events"), or
+  // inspectJSON("requests", "/v2/report/add"). Throws std::invalid_argument for an unknown name.
+  std::string inspectJSON(const std::string &what, const std::string &pathFilter = {}) const;
 
-    // Blocks until at least `count` requests matching the filter were received (whatever their
-    // answer) or the timeout passed; returns whether the count was reached.
-    bool waitForRequests(const std::string &pathFilter, size_t count,
-                         std::chrono::milliseconds timeout) const;
+  // Blocks until at least `count` requests matching the filter were received (whatever their
+  // answer) or the timeout passed; returns whether the count was reached.
+  bool waitForRequests(const std::string &pathFilter, size_t count, std::chrono::milliseconds timeout) const;
 
-private:
-    class Impl;
-    std::unique_ptr<Impl> impl_;
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
 };

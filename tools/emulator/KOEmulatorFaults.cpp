@@ -1,73 +1,73 @@
 #include "KOEmulatorFaults.h"
 
-#include "KOEmulatorStore.h"
-
 #include <algorithm>
 #include <stdexcept>
 
+#include "KOEmulatorStore.h"
+
 void KOEmulatorFaults::validate(const KOEmulatorFault &f) {
-    if (f.path.empty() || (f.path != "*" && f.path.front() != '/')) {
-        throw std::invalid_argument("fault path must start with \"/\" or be \"*\"");
-    }
-    if (f.status != 0 && (f.status < 100 || f.status > 599)) {
-        throw std::invalid_argument("fault status must be between 100 and 599");
-    }
-    if (f.delayMs < 0 || f.delayMs > 600000) {
-        throw std::invalid_argument("fault delay_ms must be between 0 and 600000");
-    }
-    if (!(f.share > 0.0 && f.share <= 1.0)) {
-        throw std::invalid_argument("fault share must be in (0, 1]");
-    }
-    if (f.count == 0 || f.count < -1) {
-        throw std::invalid_argument("fault count must be positive");
-    }
-    if (f.status == 0 && !f.drop && f.delayMs == 0) {
-        throw std::invalid_argument("fault needs a status, a delay or drop");
-    }
+  if (f.path.empty() || (f.path != "*" && f.path.front() != '/')) {
+    throw std::invalid_argument("fault path must start with \"/\" or be \"*\"");
+  }
+  if (f.status != 0 && (f.status < 100 || f.status > 599)) {
+    throw std::invalid_argument("fault status must be between 100 and 599");
+  }
+  if (f.delayMs < 0 || f.delayMs > 600000) {
+    throw std::invalid_argument("fault delay_ms must be between 0 and 600000");
+  }
+  if (!(f.share > 0.0 && f.share <= 1.0)) {
+    throw std::invalid_argument("fault share must be in (0, 1]");
+  }
+  if (f.count == 0 || f.count < -1) {
+    throw std::invalid_argument("fault count must be positive");
+  }
+  if (f.status == 0 && !f.drop && f.delayMs == 0) {
+    throw std::invalid_argument("fault needs a status, a delay or drop");
+  }
 }
 
 bool KOEmulatorFaults::matches(const std::string &faultPath, const std::string &path) {
-    return faultPath == "*" || KOEmulatorStore::pathMatches(faultPath, path);
+  return faultPath == "*" || KOEmulatorStore::pathMatches(faultPath, path);
 }
 
 void KOEmulatorFaults::add(const KOEmulatorFault &fault) {
-    validate(fault);
-    std::lock_guard lock(mutex_);
-    auto it = std::find_if(entries_.begin(), entries_.end(), [&](const Entry &e) { return e.fault.path == fault.path; });
-    if (it != entries_.end()) {
-        *it = Entry{fault, 0};
-    } else {
-        entries_.push_back(Entry{fault, 0});
-    }
+  validate(fault);
+  std::lock_guard lock(mutex_);
+  auto it = std::find_if(entries_.begin(), entries_.end(), [&](const Entry &e) { return e.fault.path == fault.path; });
+  if (it != entries_.end()) {
+    *it = Entry{fault, 0};
+  } else {
+    entries_.push_back(Entry{fault, 0});
+  }
 }
 
 void KOEmulatorFaults::clear(const std::string &path) {
-    std::lock_guard lock(mutex_);
-    if (path.empty()) {
-        entries_.clear();
-        return;
-    }
-    std::erase_if(entries_, [&](const Entry &e) { return e.fault.path == path; });
+  std::lock_guard lock(mutex_);
+  if (path.empty()) {
+    entries_.clear();
+    return;
+  }
+  std::erase_if(entries_, [&](const Entry &e) { return e.fault.path == path; });
 }
 
 std::vector<KOEmulatorFault> KOEmulatorFaults::list() const {
-    std::lock_guard lock(mutex_);
-    std::vector<KOEmulatorFault> out;
-    for (const auto &e : entries_) out.push_back(e.fault);
-    return out;
+  std::lock_guard lock(mutex_);
+  std::vector<KOEmulatorFault> out;
+  for (const auto &e : entries_) out.push_back(e.fault);
+  return out;
 }
 
 std::optional<KOEmulatorFault> KOEmulatorFaults::take(const std::string &path) {
-    std::lock_guard lock(mutex_);
-    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-        if (!matches(it->fault.path, path)) continue;
-        // Spread the hits evenly instead of at random, so a test sees the same pattern every run.
-        it->credit += it->fault.share;
-        if (it->credit < 1.0 - 1e-9) return std::nullopt;
-        it->credit -= 1.0;
-        KOEmulatorFault hit = it->fault;
-        if (it->fault.count > 0 && --it->fault.count == 0) entries_.erase(it);
-        return hit;
-    }
-    return std::nullopt;
+  std::lock_guard lock(mutex_);
+  for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+    if (!matches(it->fault.path, path)) continue;
+    // Spread the hits evenly instead of at random, so a test sees the same pattern every run.
+    it->credit += it->fault.share;
+    if (it->credit < 1.0 - 1e-9) return std::nullopt;
+    it->credit -= 1.0;
+    KOEmulatorFault hit = it->fault;
+    if (it->fault.count > 0 && --it->fault.count == 0) entries_.erase(it);
+    return hit;
+  }
+  return std::nullopt;
 }

@@ -12,14 +12,14 @@
 using KOJSONWriter = rapidjson::Writer<rapidjson::StringBuffer>;
 
 class KOEmulatorJSON {
-public:
-    // Strict parse: one value, valid UTF-8, nothing after it. On failure `error` says why.
-    static bool parse(std::string_view text, rapidjson::Document &doc, std::string &error);
-    static std::string serialize(const rapidjson::Value &value);
-    static std::string errorBody(const std::string &message);   // {"error": message}
-    static const char *typeName(const rapidjson::Value &value);
-    static void writeString(KOJSONWriter &w, const std::string &s);
-    // Writes stored JSON text as a value; text that does not parse is written as a string, so an
-    // answer stays valid JSON whatever the store holds.
-    static void writeRaw(KOJSONWriter &w, const std::string &json);
+ public:
+  // Strict parse: one value, valid UTF-8, nothing after it. On failure `error` says why.
+  static bool parse(std::string_view text, rapidjson::Document &doc, std::string &error);
+  static std::string serialize(const rapidjson::Value &value);
+  static std::string errorBody(const std::string &message);  // {"error": message}
+  static const char *typeName(const rapidjson::Value &value);
+  static void writeString(KOJSONWriter &w, const std::string &s);
+  // Writes stored JSON text as a value; text that does not parse is written as a string, so an
+  // answer stays valid JSON whatever the store holds.
+  static void writeRaw(KOJSONWriter &w, const std::string &json);
 };

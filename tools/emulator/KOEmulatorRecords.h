@@ -8,63 +8,63 @@
 #include <string>
 
 struct KOEmulatorRequest {
-    int64_t id = 0;
-    double time = 0;                              // seconds since 1970
-    std::string method;
-    std::string path;
-    std::string target;                           // path and query exactly as received
-    std::string queryJSON;                        // {"key": "value"}; a repeated key gives an array
-    std::map<std::string, std::string> query;     // last value of each key
-    std::string body;
-    int status = 0;                               // 0 when the connection was dropped
-    std::string error;                            // why it was refused, empty when accepted
-    std::string fault;                            // the injected fault that hit it, if any
+  int64_t id = 0;
+  double time = 0;  // seconds since 1970
+  std::string method;
+  std::string path;
+  std::string target;                        // path and query exactly as received
+  std::string queryJSON;                     // {"key": "value"}; a repeated key gives an array
+  std::map<std::string, std::string> query;  // last value of each key
+  std::string body;
+  int status = 0;     // 0 when the connection was dropped
+  std::string error;  // why it was refused, empty when accepted
+  std::string fault;  // the injected fault that hit it, if any
 };
 
 struct KOEmulatorDevice {
-    std::string appId, uniqueId, deviceUniqueId, pushId, model, osVer, appVer, sdkVer;
-    std::string idfv, advertisingId;
-    double firstSeen = 0, lastSeen = 0;
-    int64_t registrations = 0;
+  std::string appId, uniqueId, deviceUniqueId, pushId, model, osVer, appVer, sdkVer;
+  std::string idfv, advertisingId;
+  double firstSeen = 0, lastSeen = 0;
+  int64_t registrations = 0;
 };
 
 struct KOEmulatorBatch {
-    std::string appId, uniqueId, batchId;
-    int64_t viewsCount = 0;
-    int64_t eventCount = 0;
-    double received = 0;
+  std::string appId, uniqueId, batchId;
+  int64_t viewsCount = 0;
+  int64_t eventCount = 0;
+  double received = 0;
 };
 
 struct KOEmulatorEvent {
-    std::string appId, uniqueId, batchId;
-    int64_t position = 0;                         // index inside its batch
-    std::string name;                             // "EVENT_ACTION" when it is a string
-    std::string json;                             // the event record as received
+  std::string appId, uniqueId, batchId;
+  int64_t position = 0;  // index inside its batch
+  std::string name;      // "EVENT_ACTION" when it is a string
+  std::string json;      // the event record as received
 };
 
 struct KOEmulatorDuplicate {
-    std::string appId, uniqueId, batchId;
-    int64_t viewsCount = 0;
-    double received = 0;
-    bool identical = false;                       // same events as the stored batch
+  std::string appId, uniqueId, batchId;
+  int64_t viewsCount = 0;
+  double received = 0;
+  bool identical = false;  // same events as the stored batch
 };
 
 struct KOEmulatorLog {
-    std::string token, appid, uid, lvl, tb, sdkVer, msg, tmS;
-    double received = 0;
+  std::string token, appid, uid, lvl, tb, sdkVer, msg, tmS;
+  double received = 0;
 };
 
 struct KOEmulatorCategories {
-    std::string appId, uniqueId;
-    std::string dataJSON;                         // the "data" array as received
-    double received = 0;
+  std::string appId, uniqueId;
+  std::string dataJSON;  // the "data" array as received
+  double received = 0;
 };
 
 struct KOEmulatorFault {
-    std::string path;          // exact path, a prefix ending in "/", or "*" for every service path
-    int status = 0;            // answer with this status; 0 answers normally (after any delay)
-    int64_t delayMs = 0;       // stall this long before answering or dropping
-    bool drop = false;         // close the connection without an answer
-    int64_t count = -1;        // requests it still hits; -1 means until cleared
-    double share = 1.0;        // fraction of matching requests it hits, spread evenly
+  std::string path;     // exact path, a prefix ending in "/", or "*" for every service path
+  int status = 0;       // answer with this status; 0 answers normally (after any delay)
+  int64_t delayMs = 0;  // stall this long before answering or dropping
+  bool drop = false;    // close the connection without an answer
+  int64_t count = -1;   // requests it still hits; -1 means until cleared
+  double share = 1.0;   // fraction of matching requests it hits, spread evenly
 };

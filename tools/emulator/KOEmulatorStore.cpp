@@ -1,12 +1,12 @@
 #include "KOEmulatorStore.h"
 
-#include "KOEmulatorJSON.h"
-
 #include <sqlite3.h>
 
 #include <chrono>
 #include <filesystem>
 #include <stdexcept>
+
+#include "KOEmulatorJSON.h"
 
 namespace {
 
@@ -42,375 +42,382 @@ constexpr const char *kPathFilter =
     "(?1 = '' OR path = ?1 OR (substr(?1, -1) = '/' AND substr(path, 1, length(?1)) = ?1))";
 
 class Statement {
-public:
-    Statement(sqlite3 *db, const std::string &sql) : db_(db) {
-        if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt_, nullptr) != SQLITE_OK) {
-            throw std::runtime_error(std::string("sqlite prepare: ") + sqlite3_errmsg(db));
-        }
+ public:
+  Statement(sqlite3 *db, const std::string &sql) : db_(db) {
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt_, nullptr) != SQLITE_OK) {
+      throw std::runtime_error(std::string("sqlite prepare: ") + sqlite3_errmsg(db));
     }
-    ~Statement() { sqlite3_finalize(stmt_); }
-    Statement(const Statement &) = delete;
-    Statement &operator=(const Statement &) = delete;
+  }
+  ~Statement() { sqlite3_finalize(stmt_); }
+  Statement(const Statement &) = delete;
+  Statement &operator=(const Statement &) = delete;
 
-    Statement &bind(int i, const std::string &s) {
-        sqlite3_bind_text(stmt_, i, s.data(), static_cast<int>(s.size()), SQLITE_TRANSIENT);
-        return *this;
+  Statement &bind(int i, const std::string &s) {
+    sqlite3_bind_text(stmt_, i, s.data(), static_cast<int>(s.size()), SQLITE_TRANSIENT);
+    return *this;
+  }
+  Statement &bind(int i, int64_t v) {
+    sqlite3_bind_int64(stmt_, i, v);
+    return *this;
+  }
+  Statement &bind(int i, double v) {
+    sqlite3_bind_double(stmt_, i, v);
+    return *this;
+  }
+  // True while a row is available.
+  bool step() {
+    int rc = sqlite3_step(stmt_);
+    if (rc == SQLITE_ROW) return true;
+    if (rc == SQLITE_DONE) return false;
+    throw std::runtime_error(std::string("sqlite step: ") + sqlite3_errmsg(db_));
+  }
+  void reset() {
+    sqlite3_reset(stmt_);
+    sqlite3_clear_bindings(stmt_);
+  }
+  void run() {
+    while (step()) {
     }
-    Statement &bind(int i, int64_t v) {
-        sqlite3_bind_int64(stmt_, i, v);
-        return *this;
-    }
-    Statement &bind(int i, double v) {
-        sqlite3_bind_double(stmt_, i, v);
-        return *this;
-    }
-    // True while a row is available.
-    bool step() {
-        int rc = sqlite3_step(stmt_);
-        if (rc == SQLITE_ROW) return true;
-        if (rc == SQLITE_DONE) return false;
-        throw std::runtime_error(std::string("sqlite step: ") + sqlite3_errmsg(db_));
-    }
-    void reset() {
-        sqlite3_reset(stmt_);
-        sqlite3_clear_bindings(stmt_);
-    }
-    void run() {
-        while (step()) {
-        }
-    }
-    std::string text(int col) const {
-        auto p = sqlite3_column_text(stmt_, col);
-        int n = sqlite3_column_bytes(stmt_, col);
-        return p ? std::string(reinterpret_cast<const char *>(p), static_cast<size_t>(n)) : std::string();
-    }
-    int64_t integer(int col) const { return sqlite3_column_int64(stmt_, col); }
-    double real(int col) const { return sqlite3_column_double(stmt_, col); }
+  }
+  std::string text(int col) const {
+    auto p = sqlite3_column_text(stmt_, col);
+    int n = sqlite3_column_bytes(stmt_, col);
+    return p ? std::string(reinterpret_cast<const char *>(p), static_cast<size_t>(n)) : std::string();
+  }
+  int64_t integer(int col) const { return sqlite3_column_int64(stmt_, col); }
+  double real(int col) const { return sqlite3_column_double(stmt_, col); }
 
-private:
-    sqlite3 *db_;
-    sqlite3_stmt *stmt_ = nullptr;
+ private:
+  sqlite3 *db_;
+  sqlite3_stmt *stmt_ = nullptr;
 };
 
 // Keeps a multi-statement change all-or-nothing even when a step throws.
 class Transaction {
-public:
-    explicit Transaction(sqlite3 *db) : db_(db) { sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr); }
-    ~Transaction() {
-        if (!committed_) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+ public:
+  explicit Transaction(sqlite3 *db) : db_(db) { sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr); }
+  ~Transaction() {
+    if (!committed_) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  }
+  Transaction(const Transaction &) = delete;
+  Transaction &operator=(const Transaction &) = delete;
+  void commit() {
+    if (sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
+      throw std::runtime_error(std::string("sqlite commit: ") + sqlite3_errmsg(db_));
     }
-    Transaction(const Transaction &) = delete;
-    Transaction &operator=(const Transaction &) = delete;
-    void commit() {
-        if (sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
-            throw std::runtime_error(std::string("sqlite commit: ") + sqlite3_errmsg(db_));
-        }
-        committed_ = true;
-    }
+    committed_ = true;
+  }
 
-private:
-    sqlite3 *db_;
-    bool committed_ = false;
+ private:
+  sqlite3 *db_;
+  bool committed_ = false;
 };
 
 std::map<std::string, std::string> queryMap(const std::string &json) {
-    std::map<std::string, std::string> out;
-    rapidjson::Document doc;
-    std::string error;
-    if (!KOEmulatorJSON::parse(json, doc, error) || !doc.IsObject()) return out;
-    for (auto &m : doc.GetObject()) {
-        const rapidjson::Value *v = &m.value;
-        if (v->IsArray() && !v->Empty()) v = &(*v)[v->Size() - 1];
-        if (v->IsString()) out[m.name.GetString()] = std::string(v->GetString(), v->GetStringLength());
-    }
-    return out;
+  std::map<std::string, std::string> out;
+  rapidjson::Document doc;
+  std::string error;
+  if (!KOEmulatorJSON::parse(json, doc, error) || !doc.IsObject()) return out;
+  for (auto &m : doc.GetObject()) {
+    const rapidjson::Value *v = &m.value;
+    if (v->IsArray() && !v->Empty()) v = &(*v)[v->Size() - 1];
+    if (v->IsString()) out[m.name.GetString()] = std::string(v->GetString(), v->GetStringLength());
+  }
+  return out;
 }
 
-} // namespace
+}  // namespace
 
 KOEmulatorStore::KOEmulatorStore(const std::string &dataDir) {
-    std::error_code ec;
-    std::filesystem::create_directories(dataDir, ec);
-    if (ec) throw std::runtime_error("cannot create data directory " + dataDir + ": " + ec.message());
-    auto file = (std::filesystem::path(dataDir) / "emulator.sqlite").string();
-    if (sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                        nullptr) != SQLITE_OK) {
-        std::string message = db_ ? sqlite3_errmsg(db_) : "out of memory";
-        sqlite3_close(db_);
-        throw std::runtime_error("cannot open " + file + ": " + message);
-    }
-    try {
-        // Durability matters less than speed here: the store is a test fixture, not a ledger.
-        exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF; PRAGMA foreign_keys=ON;");
-        sqlite3_busy_timeout(db_, 5000);
-        exec(kSchema);
-    } catch (...) {
-        sqlite3_close(db_);
-        throw;
-    }
+  std::error_code ec;
+  std::filesystem::create_directories(dataDir, ec);
+  if (ec) throw std::runtime_error("cannot create data directory " + dataDir + ": " + ec.message());
+  auto file = (std::filesystem::path(dataDir) / "emulator.sqlite").string();
+  if (sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                      nullptr) != SQLITE_OK) {
+    std::string message = db_ ? sqlite3_errmsg(db_) : "out of memory";
+    sqlite3_close(db_);
+    throw std::runtime_error("cannot open " + file + ": " + message);
+  }
+  try {
+    // Durability matters less than speed here: the store is a test fixture, not a ledger.
+    exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF; PRAGMA foreign_keys=ON;");
+    sqlite3_busy_timeout(db_, 5000);
+    exec(kSchema);
+  } catch (...) {
+    sqlite3_close(db_);
+    throw;
+  }
 }
 
 KOEmulatorStore::~KOEmulatorStore() { sqlite3_close(db_); }
 
 void KOEmulatorStore::exec(const char *sql) const {
-    char *message = nullptr;
-    if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
-        std::string text = message ? message : "unknown error";
-        sqlite3_free(message);
-        throw std::runtime_error("sqlite: " + text);
-    }
+  char *message = nullptr;
+  if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+    std::string text = message ? message : "unknown error";
+    sqlite3_free(message);
+    throw std::runtime_error("sqlite: " + text);
+  }
 }
 
 double KOEmulatorStore::now() {
-    using namespace std::chrono;
-    return duration<double>(system_clock::now().time_since_epoch()).count();
+  using namespace std::chrono;
+  return duration<double>(system_clock::now().time_since_epoch()).count();
 }
 
 bool KOEmulatorStore::pathMatches(const std::string &filter, const std::string &path) {
-    if (filter.empty() || filter == path) return true;
-    return filter.back() == '/' && path.compare(0, filter.size(), filter) == 0;
+  if (filter.empty() || filter == path) return true;
+  return filter.back() == '/' && path.compare(0, filter.size(), filter) == 0;
 }
 
 int64_t KOEmulatorStore::recordRequest(const KOEmulatorRequest &r) {
-    std::lock_guard lock(mutex_);
-    Statement s(db_, "INSERT INTO requests (time, method, path, target, query, body, status, error, fault) "
-                     "VALUES (?,?,?,?,?,?,?,?,?)");
-    s.bind(1, r.time).bind(2, r.method).bind(3, r.path).bind(4, r.target).bind(5, r.queryJSON).bind(6, r.body);
-    s.bind(7, int64_t{r.status}).bind(8, r.error).bind(9, r.fault).run();
-    return sqlite3_last_insert_rowid(db_);
+  std::lock_guard lock(mutex_);
+  Statement s(db_,
+              "INSERT INTO requests (time, method, path, target, query, body, status, error, fault) "
+              "VALUES (?,?,?,?,?,?,?,?,?)");
+  s.bind(1, r.time).bind(2, r.method).bind(3, r.path).bind(4, r.target).bind(5, r.queryJSON).bind(6, r.body);
+  s.bind(7, int64_t{r.status}).bind(8, r.error).bind(9, r.fault).run();
+  return sqlite3_last_insert_rowid(db_);
 }
 
 void KOEmulatorStore::registerDevice(const KOEmulatorDevice &d) {
-    std::lock_guard lock(mutex_);
-    // A device registers again on every start; keep its first sighting and count the rest.
-    Statement s(db_, R"sql(
+  std::lock_guard lock(mutex_);
+  // A device registers again on every start; keep its first sighting and count the rest.
+  Statement s(db_, R"sql(
       INSERT INTO devices (app_id, unique_id, device_unique_id, push_id, model, os_ver, app_ver, sdk_ver,
                            idfv, advertising_id, first_seen, last_seen, registrations)
       VALUES (?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?11,1)
       ON CONFLICT (app_id, unique_id) DO UPDATE SET
         device_unique_id=?3, push_id=?4, model=?5, os_ver=?6, app_ver=?7, sdk_ver=?8, idfv=?9,
         advertising_id=?10, last_seen=?11, registrations=registrations+1)sql");
-    s.bind(1, d.appId).bind(2, d.uniqueId).bind(3, d.deviceUniqueId).bind(4, d.pushId).bind(5, d.model);
-    s.bind(6, d.osVer).bind(7, d.appVer).bind(8, d.sdkVer).bind(9, d.idfv).bind(10, d.advertisingId);
-    s.bind(11, d.lastSeen).run();
+  s.bind(1, d.appId).bind(2, d.uniqueId).bind(3, d.deviceUniqueId).bind(4, d.pushId).bind(5, d.model);
+  s.bind(6, d.osVer).bind(7, d.appVer).bind(8, d.sdkVer).bind(9, d.idfv).bind(10, d.advertisingId);
+  s.bind(11, d.lastSeen).run();
 }
 
 bool KOEmulatorStore::storeBatch(const KOEmulatorBatch &b, const std::string &eventsJSON) {
-    std::lock_guard lock(mutex_);
-    Transaction tx(db_);
-    {
-        Statement existing(db_, "SELECT events_json FROM batches WHERE app_id=? AND unique_id=? AND batch_id=?");
-        existing.bind(1, b.appId).bind(2, b.uniqueId).bind(3, b.batchId);
-        if (existing.step()) {
-            bool identical = existing.text(0) == eventsJSON;
-            Statement dup(db_, "INSERT INTO duplicates (app_id, unique_id, batch_id, views_count, received, identical) "
-                               "VALUES (?,?,?,?,?,?)");
-            dup.bind(1, b.appId).bind(2, b.uniqueId).bind(3, b.batchId).bind(4, b.viewsCount).bind(5, b.received);
-            dup.bind(6, int64_t{identical ? 1 : 0}).run();
-            tx.commit();
-            return false;
-        }
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_);
+  {
+    Statement existing(db_, "SELECT events_json FROM batches WHERE app_id=? AND unique_id=? AND batch_id=?");
+    existing.bind(1, b.appId).bind(2, b.uniqueId).bind(3, b.batchId);
+    if (existing.step()) {
+      bool identical = existing.text(0) == eventsJSON;
+      Statement dup(db_,
+                    "INSERT INTO duplicates (app_id, unique_id, batch_id, views_count, received, identical) "
+                    "VALUES (?,?,?,?,?,?)");
+      dup.bind(1, b.appId).bind(2, b.uniqueId).bind(3, b.batchId).bind(4, b.viewsCount).bind(5, b.received);
+      dup.bind(6, int64_t{identical ? 1 : 0}).run();
+      tx.commit();
+      return false;
     }
-    Statement ins(db_, "INSERT INTO batches (app_id, unique_id, batch_id, views_count, received, events_json) "
-                       "VALUES (?,?,?,?,?,?)");
-    ins.bind(1, b.appId).bind(2, b.uniqueId).bind(3, b.batchId).bind(4, b.viewsCount).bind(5, b.received);
-    ins.bind(6, eventsJSON).run();
-    tx.commit();
-    return true;
+  }
+  Statement ins(db_,
+                "INSERT INTO batches (app_id, unique_id, batch_id, views_count, received, events_json) "
+                "VALUES (?,?,?,?,?,?)");
+  ins.bind(1, b.appId).bind(2, b.uniqueId).bind(3, b.batchId).bind(4, b.viewsCount).bind(5, b.received);
+  ins.bind(6, eventsJSON).run();
+  tx.commit();
+  return true;
 }
 
 void KOEmulatorStore::storeCategories(const KOEmulatorCategories &c) {
-    std::lock_guard lock(mutex_);
-    Statement s(db_, "INSERT INTO categories (app_id, unique_id, data, received) VALUES (?,?,?,?)");
-    s.bind(1, c.appId).bind(2, c.uniqueId).bind(3, c.dataJSON).bind(4, c.received).run();
+  std::lock_guard lock(mutex_);
+  Statement s(db_, "INSERT INTO categories (app_id, unique_id, data, received) VALUES (?,?,?,?)");
+  s.bind(1, c.appId).bind(2, c.uniqueId).bind(3, c.dataJSON).bind(4, c.received).run();
 }
 
 void KOEmulatorStore::storeLog(const KOEmulatorLog &l) {
-    std::lock_guard lock(mutex_);
-    Statement s(db_, "INSERT INTO logs (token, appid, uid, lvl, tb, sdk_ver, msg, tm_s, received) "
-                     "VALUES (?,?,?,?,?,?,?,?,?)");
-    s.bind(1, l.token).bind(2, l.appid).bind(3, l.uid).bind(4, l.lvl).bind(5, l.tb).bind(6, l.sdkVer);
-    s.bind(7, l.msg).bind(8, l.tmS).bind(9, l.received).run();
+  std::lock_guard lock(mutex_);
+  Statement s(db_,
+              "INSERT INTO logs (token, appid, uid, lvl, tb, sdk_ver, msg, tm_s, received) "
+              "VALUES (?,?,?,?,?,?,?,?,?)");
+  s.bind(1, l.token).bind(2, l.appid).bind(3, l.uid).bind(4, l.lvl).bind(5, l.tb).bind(6, l.sdkVer);
+  s.bind(7, l.msg).bind(8, l.tmS).bind(9, l.received).run();
 }
 
 std::optional<std::string> KOEmulatorStore::seedSection(const std::string &section) const {
-    std::lock_guard lock(mutex_);
-    Statement s(db_, "SELECT json FROM seeds WHERE section=?");
-    s.bind(1, section);
-    if (s.step()) return s.text(0);
-    return std::nullopt;
+  std::lock_guard lock(mutex_);
+  Statement s(db_, "SELECT json FROM seeds WHERE section=?");
+  s.bind(1, section);
+  if (s.step()) return s.text(0);
+  return std::nullopt;
 }
 
 void KOEmulatorStore::setSeedSection(const std::string &section, const std::string &json) {
-    std::lock_guard lock(mutex_);
-    Statement s(db_, "INSERT INTO seeds (section, json) VALUES (?1, ?2) ON CONFLICT (section) DO UPDATE SET json=?2");
-    s.bind(1, section).bind(2, json).run();
+  std::lock_guard lock(mutex_);
+  Statement s(db_, "INSERT INTO seeds (section, json) VALUES (?1, ?2) ON CONFLICT (section) DO UPDATE SET json=?2");
+  s.bind(1, section).bind(2, json).run();
 }
 
 void KOEmulatorStore::reset(bool seeds) {
-    std::lock_guard lock(mutex_);
-    Transaction tx(db_);
-    exec("DELETE FROM batches; DELETE FROM duplicates; DELETE FROM requests;"
-         "DELETE FROM devices; DELETE FROM categories; DELETE FROM logs;");
-    if (seeds) exec("DELETE FROM seeds;");
-    tx.commit();
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_);
+  exec(
+      "DELETE FROM batches; DELETE FROM duplicates; DELETE FROM requests;"
+      "DELETE FROM devices; DELETE FROM categories; DELETE FROM logs;");
+  if (seeds) exec("DELETE FROM seeds;");
+  tx.commit();
 }
 
 std::vector<KOEmulatorRequest> KOEmulatorStore::requests(const std::string &pathFilter) const {
-    std::lock_guard lock(mutex_);
-    std::vector<KOEmulatorRequest> out;
-    Statement s(db_, std::string("SELECT id, time, method, path, target, query, body, status, error, fault "
-                                 "FROM requests WHERE ") + kPathFilter + " ORDER BY id");
-    s.bind(1, pathFilter);
-    while (s.step()) {
-        KOEmulatorRequest r;
-        r.id = s.integer(0);
-        r.time = s.real(1);
-        r.method = s.text(2);
-        r.path = s.text(3);
-        r.target = s.text(4);
-        r.queryJSON = s.text(5);
-        r.query = queryMap(r.queryJSON);
-        r.body = s.text(6);
-        r.status = static_cast<int>(s.integer(7));
-        r.error = s.text(8);
-        r.fault = s.text(9);
-        out.push_back(std::move(r));
-    }
-    return out;
+  std::lock_guard lock(mutex_);
+  std::vector<KOEmulatorRequest> out;
+  Statement s(db_, std::string("SELECT id, time, method, path, target, query, body, status, error, fault "
+                               "FROM requests WHERE ") +
+                       kPathFilter + " ORDER BY id");
+  s.bind(1, pathFilter);
+  while (s.step()) {
+    KOEmulatorRequest r;
+    r.id = s.integer(0);
+    r.time = s.real(1);
+    r.method = s.text(2);
+    r.path = s.text(3);
+    r.target = s.text(4);
+    r.queryJSON = s.text(5);
+    r.query = queryMap(r.queryJSON);
+    r.body = s.text(6);
+    r.status = static_cast<int>(s.integer(7));
+    r.error = s.text(8);
+    r.fault = s.text(9);
+    out.push_back(std::move(r));
+  }
+  return out;
 }
 
 size_t KOEmulatorStore::countRequests(const std::string &pathFilter) const {
-    std::lock_guard lock(mutex_);
-    Statement s(db_, std::string("SELECT count(*) FROM requests WHERE ") + kPathFilter);
-    s.bind(1, pathFilter);
-    s.step();
-    return static_cast<size_t>(s.integer(0));
+  std::lock_guard lock(mutex_);
+  Statement s(db_, std::string("SELECT count(*) FROM requests WHERE ") + kPathFilter);
+  s.bind(1, pathFilter);
+  s.step();
+  return static_cast<size_t>(s.integer(0));
 }
 
 std::vector<KOEmulatorDevice> KOEmulatorStore::devices() const {
-    std::lock_guard lock(mutex_);
-    std::vector<KOEmulatorDevice> out;
-    Statement s(db_, "SELECT app_id, unique_id, device_unique_id, push_id, model, os_ver, app_ver, sdk_ver, idfv, "
-                     "advertising_id, first_seen, last_seen, registrations FROM devices ORDER BY first_seen, rowid");
-    while (s.step()) {
-        KOEmulatorDevice d;
-        d.appId = s.text(0);
-        d.uniqueId = s.text(1);
-        d.deviceUniqueId = s.text(2);
-        d.pushId = s.text(3);
-        d.model = s.text(4);
-        d.osVer = s.text(5);
-        d.appVer = s.text(6);
-        d.sdkVer = s.text(7);
-        d.idfv = s.text(8);
-        d.advertisingId = s.text(9);
-        d.firstSeen = s.real(10);
-        d.lastSeen = s.real(11);
-        d.registrations = s.integer(12);
-        out.push_back(std::move(d));
-    }
-    return out;
+  std::lock_guard lock(mutex_);
+  std::vector<KOEmulatorDevice> out;
+  Statement s(db_,
+              "SELECT app_id, unique_id, device_unique_id, push_id, model, os_ver, app_ver, sdk_ver, idfv, "
+              "advertising_id, first_seen, last_seen, registrations FROM devices ORDER BY first_seen, rowid");
+  while (s.step()) {
+    KOEmulatorDevice d;
+    d.appId = s.text(0);
+    d.uniqueId = s.text(1);
+    d.deviceUniqueId = s.text(2);
+    d.pushId = s.text(3);
+    d.model = s.text(4);
+    d.osVer = s.text(5);
+    d.appVer = s.text(6);
+    d.sdkVer = s.text(7);
+    d.idfv = s.text(8);
+    d.advertisingId = s.text(9);
+    d.firstSeen = s.real(10);
+    d.lastSeen = s.real(11);
+    d.registrations = s.integer(12);
+    out.push_back(std::move(d));
+  }
+  return out;
 }
 
 std::vector<KOEmulatorBatch> KOEmulatorStore::batches() const {
-    std::lock_guard lock(mutex_);
-    std::vector<KOEmulatorBatch> out;
-    Statement s(db_, "SELECT app_id, unique_id, batch_id, views_count, received, views_count FROM batches ORDER BY id");
-    while (s.step()) {
-        KOEmulatorBatch b;
-        b.appId = s.text(0);
-        b.uniqueId = s.text(1);
-        b.batchId = s.text(2);
-        b.viewsCount = s.integer(3);
-        b.received = s.real(4);
-        b.eventCount = s.integer(5);
-        out.push_back(std::move(b));
-    }
-    return out;
+  std::lock_guard lock(mutex_);
+  std::vector<KOEmulatorBatch> out;
+  Statement s(db_, "SELECT app_id, unique_id, batch_id, views_count, received, views_count FROM batches ORDER BY id");
+  while (s.step()) {
+    KOEmulatorBatch b;
+    b.appId = s.text(0);
+    b.uniqueId = s.text(1);
+    b.batchId = s.text(2);
+    b.viewsCount = s.integer(3);
+    b.received = s.real(4);
+    b.eventCount = s.integer(5);
+    out.push_back(std::move(b));
+  }
+  return out;
 }
 
 std::vector<KOEmulatorEvent> KOEmulatorStore::events() const {
-    std::lock_guard lock(mutex_);
-    std::vector<KOEmulatorEvent> out;
-    Statement s(db_, "SELECT app_id, unique_id, batch_id, events_json FROM batches ORDER BY id");
-    while (s.step()) {
-        rapidjson::Document stored;
-        std::string error;
-        // Every stored report body was parsed and checked when it came in.
-        if (!KOEmulatorJSON::parse(s.text(3), stored, error)) continue;
-        const rapidjson::Value *found = &stored;
-        if (stored.IsObject()) {
-            const auto member = stored.FindMember("viewsInfo");
-            if (member == stored.MemberEnd()) continue;
-            found = &member->value;
-        }
-        const rapidjson::Value &views = *found;
-        if (!views.IsArray()) continue;
-        for (rapidjson::SizeType i = 0; i < views.Size(); ++i) {
-            const auto &view = views[i];
-            KOEmulatorEvent e;
-            e.appId = s.text(0);
-            e.uniqueId = s.text(1);
-            e.batchId = s.text(2);
-            e.position = static_cast<int64_t>(i);
-            const auto name = view.FindMember("EVENT_ACTION");
-            if (name != view.MemberEnd() && name->value.IsString()) e.name = name->value.GetString();
-            e.json = KOEmulatorJSON::serialize(view);
-            out.push_back(std::move(e));
-        }
+  std::lock_guard lock(mutex_);
+  std::vector<KOEmulatorEvent> out;
+  Statement s(db_, "SELECT app_id, unique_id, batch_id, events_json FROM batches ORDER BY id");
+  while (s.step()) {
+    rapidjson::Document stored;
+    std::string error;
+    // Every stored report body was parsed and checked when it came in.
+    if (!KOEmulatorJSON::parse(s.text(3), stored, error)) continue;
+    const rapidjson::Value *found = &stored;
+    if (stored.IsObject()) {
+      const auto member = stored.FindMember("viewsInfo");
+      if (member == stored.MemberEnd()) continue;
+      found = &member->value;
     }
-    return out;
+    const rapidjson::Value &views = *found;
+    if (!views.IsArray()) continue;
+    for (rapidjson::SizeType i = 0; i < views.Size(); ++i) {
+      const auto &view = views[i];
+      KOEmulatorEvent e;
+      e.appId = s.text(0);
+      e.uniqueId = s.text(1);
+      e.batchId = s.text(2);
+      e.position = static_cast<int64_t>(i);
+      const auto name = view.FindMember("EVENT_ACTION");
+      if (name != view.MemberEnd() && name->value.IsString()) e.name = name->value.GetString();
+      e.json = KOEmulatorJSON::serialize(view);
+      out.push_back(std::move(e));
+    }
+  }
+  return out;
 }
 
 std::vector<KOEmulatorDuplicate> KOEmulatorStore::duplicates() const {
-    std::lock_guard lock(mutex_);
-    std::vector<KOEmulatorDuplicate> out;
-    Statement s(db_, "SELECT app_id, unique_id, batch_id, views_count, received, identical FROM duplicates ORDER BY id");
-    while (s.step()) {
-        KOEmulatorDuplicate d;
-        d.appId = s.text(0);
-        d.uniqueId = s.text(1);
-        d.batchId = s.text(2);
-        d.viewsCount = s.integer(3);
-        d.received = s.real(4);
-        d.identical = s.integer(5) != 0;
-        out.push_back(std::move(d));
-    }
-    return out;
+  std::lock_guard lock(mutex_);
+  std::vector<KOEmulatorDuplicate> out;
+  Statement s(db_, "SELECT app_id, unique_id, batch_id, views_count, received, identical FROM duplicates ORDER BY id");
+  while (s.step()) {
+    KOEmulatorDuplicate d;
+    d.appId = s.text(0);
+    d.uniqueId = s.text(1);
+    d.batchId = s.text(2);
+    d.viewsCount = s.integer(3);
+    d.received = s.real(4);
+    d.identical = s.integer(5) != 0;
+    out.push_back(std::move(d));
+  }
+  return out;
 }
 
 std::vector<KOEmulatorLog> KOEmulatorStore::logs() const {
-    std::lock_guard lock(mutex_);
-    std::vector<KOEmulatorLog> out;
-    Statement s(db_, "SELECT token, appid, uid, lvl, tb, sdk_ver, msg, tm_s, received FROM logs ORDER BY id");
-    while (s.step()) {
-        KOEmulatorLog l;
-        l.token = s.text(0);
-        l.appid = s.text(1);
-        l.uid = s.text(2);
-        l.lvl = s.text(3);
-        l.tb = s.text(4);
-        l.sdkVer = s.text(5);
-        l.msg = s.text(6);
-        l.tmS = s.text(7);
-        l.received = s.real(8);
-        out.push_back(std::move(l));
-    }
-    return out;
+  std::lock_guard lock(mutex_);
+  std::vector<KOEmulatorLog> out;
+  Statement s(db_, "SELECT token, appid, uid, lvl, tb, sdk_ver, msg, tm_s, received FROM logs ORDER BY id");
+  while (s.step()) {
+    KOEmulatorLog l;
+    l.token = s.text(0);
+    l.appid = s.text(1);
+    l.uid = s.text(2);
+    l.lvl = s.text(3);
+    l.tb = s.text(4);
+    l.sdkVer = s.text(5);
+    l.msg = s.text(6);
+    l.tmS = s.text(7);
+    l.received = s.real(8);
+    out.push_back(std::move(l));
+  }
+  return out;
 }
 
 std::vector<KOEmulatorCategories> KOEmulatorStore::categories() const {
-    std::lock_guard lock(mutex_);
-    std::vector<KOEmulatorCategories> out;
-    Statement s(db_, "SELECT app_id, unique_id, data, received FROM categories ORDER BY id");
-    while (s.step()) {
-        KOEmulatorCategories c;
-        c.appId = s.text(0);
-        c.uniqueId = s.text(1);
-        c.dataJSON = s.text(2);
-        c.received = s.real(3);
-        out.push_back(std::move(c));
-    }
-    return out;
+  std::lock_guard lock(mutex_);
+  std::vector<KOEmulatorCategories> out;
+  Statement s(db_, "SELECT app_id, unique_id, data, received FROM categories ORDER BY id");
+  while (s.step()) {
+    KOEmulatorCategories c;
+    c.appId = s.text(0);
+    c.uniqueId = s.text(1);
+    c.dataJSON = s.text(2);
+    c.received = s.real(3);
+    out.push_back(std::move(c));
+  }
+  return out;
 }

@@ -3,52 +3,52 @@
 // The emulator's SQLite store: one connection, every call serialised by one mutex, so that the
 // server's worker threads and in-process inspection can share it.
 
-#include "KOEmulatorRecords.h"
-
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "KOEmulatorRecords.h"
+
 struct sqlite3;
 
 class KOEmulatorStore {
-public:
-    explicit KOEmulatorStore(const std::string &dataDir);   // throws std::runtime_error
-    ~KOEmulatorStore();
-    KOEmulatorStore(const KOEmulatorStore &) = delete;
-    KOEmulatorStore &operator=(const KOEmulatorStore &) = delete;
+ public:
+  explicit KOEmulatorStore(const std::string &dataDir);  // throws std::runtime_error
+  ~KOEmulatorStore();
+  KOEmulatorStore(const KOEmulatorStore &) = delete;
+  KOEmulatorStore &operator=(const KOEmulatorStore &) = delete;
 
-    int64_t recordRequest(const KOEmulatorRequest &request);
-    void registerDevice(const KOEmulatorDevice &device);
+  int64_t recordRequest(const KOEmulatorRequest &request);
+  void registerDevice(const KOEmulatorDevice &device);
 
-    // Stores the batch with its events (the report body as received) in one row: events are
-    // read out of it when inspected, so that taking a report stays cheap. Returns false, and
-    // records a duplicate instead, when this app and device already delivered a batch with that id.
-    bool storeBatch(const KOEmulatorBatch &batch, const std::string &eventsJSON);
-    void storeCategories(const KOEmulatorCategories &categories);
-    void storeLog(const KOEmulatorLog &log);
+  // Stores the batch with its events (the report body as received) in one row: events are
+  // read out of it when inspected, so that taking a report stays cheap. Returns false, and
+  // records a duplicate instead, when this app and device already delivered a batch with that id.
+  bool storeBatch(const KOEmulatorBatch &batch, const std::string &eventsJSON);
+  void storeCategories(const KOEmulatorCategories &categories);
+  void storeLog(const KOEmulatorLog &log);
 
-    std::optional<std::string> seedSection(const std::string &section) const;
-    void setSeedSection(const std::string &section, const std::string &json);
+  std::optional<std::string> seedSection(const std::string &section) const;
+  void setSeedSection(const std::string &section, const std::string &json);
 
-    void reset(bool seeds);
+  void reset(bool seeds);
 
-    std::vector<KOEmulatorRequest> requests(const std::string &pathFilter) const;
-    size_t countRequests(const std::string &pathFilter) const;
-    std::vector<KOEmulatorDevice> devices() const;
-    std::vector<KOEmulatorBatch> batches() const;
-    std::vector<KOEmulatorEvent> events() const;
-    std::vector<KOEmulatorDuplicate> duplicates() const;
-    std::vector<KOEmulatorLog> logs() const;
-    std::vector<KOEmulatorCategories> categories() const;
+  std::vector<KOEmulatorRequest> requests(const std::string &pathFilter) const;
+  size_t countRequests(const std::string &pathFilter) const;
+  std::vector<KOEmulatorDevice> devices() const;
+  std::vector<KOEmulatorBatch> batches() const;
+  std::vector<KOEmulatorEvent> events() const;
+  std::vector<KOEmulatorDuplicate> duplicates() const;
+  std::vector<KOEmulatorLog> logs() const;
+  std::vector<KOEmulatorCategories> categories() const;
 
-    static double now();   // seconds since 1970
-    // An exact path, or every path under a prefix that ends in "/"; empty matches everything.
-    static bool pathMatches(const std::string &filter, const std::string &path);
+  static double now();  // seconds since 1970
+  // An exact path, or every path under a prefix that ends in "/"; empty matches everything.
+  static bool pathMatches(const std::string &filter, const std::string &path);
 
-private:
-    void exec(const char *sql) const;
-    sqlite3 *db_ = nullptr;
-    mutable std::mutex mutex_;
+ private:
+  void exec(const char *sql) const;
+  sqlite3 *db_ = nullptr;
+  mutable std::mutex mutex_;
 };

@@ -14,20 +14,20 @@
 #include <vector>
 
 class KOEmulatorTaskQueue : public httplib::TaskQueue {
-public:
-    explicit KOEmulatorTaskQueue(size_t threads);
-    ~KOEmulatorTaskQueue() override;
-    KOEmulatorTaskQueue(const KOEmulatorTaskQueue &) = delete;
-    KOEmulatorTaskQueue &operator=(const KOEmulatorTaskQueue &) = delete;
+ public:
+  explicit KOEmulatorTaskQueue(size_t threads);
+  ~KOEmulatorTaskQueue() override;
+  KOEmulatorTaskQueue(const KOEmulatorTaskQueue &) = delete;
+  KOEmulatorTaskQueue &operator=(const KOEmulatorTaskQueue &) = delete;
 
-    void enqueue(std::function<void()> fn) override;
-    void shutdown() override;
+  void enqueue(std::function<void()> fn) override;
+  void shutdown() override;
 
-private:
-    void work();
-    std::mutex mutex_;
-    std::condition_variable cond_;
-    std::deque<std::function<void()>> jobs_;
-    std::vector<std::thread> threads_;
-    bool shuttingDown_ = false;
+ private:
+  void work();
+  std::mutex mutex_;
+  std::condition_variable cond_;
+  std::deque<std::function<void()>> jobs_;
+  std::vector<std::thread> threads_;
+  bool shuttingDown_ = false;
 };

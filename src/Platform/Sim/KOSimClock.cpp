@@ -3,9 +3,7 @@
 #include <chrono>
 
 namespace {
-double realNow() {
-  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-}
+double realNow() { return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count(); }
 }  // namespace
 
 double KOSimClock::now() const {
@@ -20,8 +18,10 @@ void KOSimClock::setNow(double secondsSince1970) {
 
 void KOSimClock::advance(double seconds) {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (fixed_) *fixed_ += seconds;
-  else offset_ += seconds;
+  if (fixed_)
+    *fixed_ += seconds;
+  else
+    offset_ += seconds;
 }
 
 void KOSimClock::useRealTime() {

@@ -29,8 +29,8 @@ KOSimDevice::KOSimDevice(KOSimDeviceConfig config) : config_(std::move(config)) 
   faulty_ = std::make_shared<KOSimFaultyFileSystem>(files_);
   dispatch_ = std::make_shared<KOSimDispatch>(config_.backgroundThreads);
   profile_ = std::make_shared<KOSimDeviceProfile>(*files_, root_ + "/Device/identifierForVendor", config_.profile);
-  preferences_ = std::make_shared<KOSimPreferences>(*faulty_, standardPreferencesPath(), root_ + "/AppGroups",
-                                                    config_.appGroups);
+  preferences_ =
+      std::make_shared<KOSimPreferences>(*faulty_, standardPreferencesPath(), root_ + "/AppGroups", config_.appGroups);
   keychain_ = std::make_shared<KOSimKeychain>(*files_, keychainDirectory());
   application_ = std::make_shared<KOSimApplication>(*dispatch_);
   userInterface_ = std::make_shared<KOSimUserInterface>(*dispatch_);

@@ -47,10 +47,10 @@ std::string KOSimDeviceProfile::identifierForVendor() const {
   return id;
 }
 
-#define KO_SETTING(Type, getter, field)               \
-  Type KOSimDeviceProfile::getter() const {           \
-    std::lock_guard<std::mutex> lock(mutex_);         \
-    return settings_.field;                           \
+#define KO_SETTING(Type, getter, field)       \
+  Type KOSimDeviceProfile::getter() const {   \
+    std::lock_guard<std::mutex> lock(mutex_); \
+    return settings_.field;                   \
   }
 KO_SETTING(std::optional<std::string>, shortVersion, shortVersion)
 KO_SETTING(std::optional<std::string>, buildVersion, buildVersion)
@@ -91,15 +91,15 @@ std::string KOSimDeviceProfile::countryCode() const {
 // A small English name table stands in for the platform's locale database.
 std::string KOSimDeviceProfile::displayNameForLanguage(const std::string& code) const {
   static const std::map<std::string, std::string> names{
-      {"en", "English"}, {"hi", "Hindi"},   {"fr", "French"},   {"de", "German"},  {"es", "Spanish"},
-      {"ja", "Japanese"}, {"zh", "Chinese"}, {"ar", "Arabic"},  {"pt", "Portuguese"}, {"ta", "Tamil"}};
+      {"en", "English"},  {"hi", "Hindi"},   {"fr", "French"}, {"de", "German"},     {"es", "Spanish"},
+      {"ja", "Japanese"}, {"zh", "Chinese"}, {"ar", "Arabic"}, {"pt", "Portuguese"}, {"ta", "Tamil"}};
   const auto it = names.find(code);
   return it == names.end() ? code : it->second;
 }
 
 std::string KOSimDeviceProfile::displayNameForCountry(const std::string& code) const {
   static const std::map<std::string, std::string> names{
-      {"US", "United States"}, {"IN", "India"}, {"GB", "United Kingdom"}, {"FR", "France"},
+      {"US", "United States"}, {"IN", "India"}, {"GB", "United Kingdom"},       {"FR", "France"},
       {"DE", "Germany"},       {"JP", "Japan"}, {"AE", "United Arab Emirates"}, {"BR", "Brazil"}};
   const auto it = names.find(code);
   return it == names.end() ? code : it->second;

@@ -69,8 +69,8 @@ void KOSimDispatch::asyncBackground(std::function<void()> work) {
 }
 
 KODispatchToken KOSimDispatch::schedule(double delaySeconds, bool onMain, std::function<void()> work) {
-  const auto delay = std::chrono::duration_cast<Clock::duration>(
-      std::chrono::duration<double>(delaySeconds > 0 ? delaySeconds : 0));
+  const auto delay =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(delaySeconds > 0 ? delaySeconds : 0));
   KODispatchToken token;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -117,8 +117,8 @@ std::size_t KOSimDispatch::pumpMain() {
 }
 
 bool KOSimDispatch::runMainUntil(const std::function<bool()>& condition, double timeoutSeconds) {
-  const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                           std::chrono::duration<double>(timeoutSeconds));
+  const auto deadline =
+      Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(timeoutSeconds));
   for (;;) {
     pumpMain();
     if (condition()) return true;

@@ -11,10 +11,10 @@
 
 enum class KOFileFault {
   None,
-  DiskFull,            // a write stores only part of its bytes, then fails with ENOSPC
-  IOError,             // a write fails with EIO before storing anything
-  ReadError,           // a read fails with EIO
-  CrashBeforeRename,   // the rename never happens; the temporary file stays behind
+  DiskFull,           // a write stores only part of its bytes, then fails with ENOSPC
+  IOError,            // a write fails with EIO before storing anything
+  ReadError,          // a read fails with EIO
+  CrashBeforeRename,  // the rename never happens; the temporary file stays behind
 };
 
 class KOSimFaultyFileSystem : public KOFileSystem {
@@ -38,9 +38,7 @@ class KOSimFaultyFileSystem : public KOFileSystem {
   bool removeItem(const std::string& path, KOFileError* error = nullptr) override;
   bool createDirectories(const std::string& path, KOFileError* error = nullptr) override;
   bool fileExists(const std::string& path) const override { return inner_->fileExists(path); }
-  std::vector<std::string> listDirectory(const std::string& path) const override {
-    return inner_->listDirectory(path);
-  }
+  std::vector<std::string> listDirectory(const std::string& path) const override { return inner_->listDirectory(path); }
 
  private:
   bool fires(KOFileFault kind, const std::string& path) const;

@@ -31,8 +31,8 @@ int KOSimKeychain::add(const std::string& service, const std::string& account, s
   if (fs_.fileExists(path)) return KOKeychainDuplicateItem;
   KOData bytes;
   bytes.bytes.assign(data.begin(), data.end());
-  const KODictionary item{{"svce", service}, {"acct", account}, {"pdmn", std::string(accessibility)},
-                          {"v_Data", std::move(bytes)}};
+  const KODictionary item{
+      {"svce", service}, {"acct", account}, {"pdmn", std::string(accessibility)}, {"v_Data", std::move(bytes)}};
   fs_.createDirectories(directory_);
   return KOPropertyListFile::write(fs_, path, KOValue(item), 0600) ? KOKeychainSuccess : KOKeychainIOError;
 }

@@ -22,8 +22,10 @@ KOValue KOSimPreferenceStore::objectForKey(std::string_view key) const {
 void KOSimPreferenceStore::setObject(const KOValue& value, std::string_view key) {
   std::lock_guard<std::mutex> lock(mutex_);
   loadLocked();
-  if (value.isAbsent()) values_.remove(key);
-  else values_.set(std::string(key), value);
+  if (value.isAbsent())
+    values_.remove(key);
+  else
+    values_.set(std::string(key), value);
 }
 
 void KOSimPreferenceStore::removeObjectForKey(std::string_view key) {
@@ -74,8 +76,9 @@ KOPreferenceStore* KOSimPreferences::suite(std::string_view groupIdentifier) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = suites_.find(groupIdentifier);
   if (it == suites_.end()) {
-    it = suites_.emplace(std::string(groupIdentifier),
-                         std::make_unique<KOSimPreferenceStore>(fs_, suitePath(groupIdentifier)))
+    it = suites_
+             .emplace(std::string(groupIdentifier),
+                      std::make_unique<KOSimPreferenceStore>(fs_, suitePath(groupIdentifier)))
              .first;
   }
   return it->second.get();
