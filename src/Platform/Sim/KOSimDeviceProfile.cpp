@@ -4,7 +4,7 @@
 #include <map>
 #include <random>
 
-#include "KOUtilities/KOAtomicFile.h"
+#include "KOSimFiles.h"
 
 KOSimDeviceProfile::KOSimDeviceProfile(KOFileSystem& fs, std::string vendorIdFile, KOSimProfileSettings settings)
     : fs_(fs), vendorIdFile_(std::move(vendorIdFile)), settings_(std::move(settings)) {}
@@ -43,7 +43,7 @@ std::string KOSimDeviceProfile::identifierForVendor() const {
   if (!settings_.vendorIdAvailable) return "";
   if (auto stored = fs_.readFile(vendorIdFile_); stored && stored->size() == 36) return *stored;
   const std::string id = makeUUID();
-  KOAtomicFile::write(fs_, vendorIdFile_, id);
+  KOSimFiles::writeWhole(fs_, vendorIdFile_, id);
   return id;
 }
 

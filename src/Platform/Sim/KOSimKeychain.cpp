@@ -1,6 +1,6 @@
 #include "KOSimKeychain.h"
 
-#include "KOUtilities/KOPropertyListFile.h"
+#include "KOSimFiles.h"
 
 namespace {
 
@@ -34,12 +34,12 @@ int KOSimKeychain::add(const std::string& service, const std::string& account, s
   const KODictionary item{
       {"svce", service}, {"acct", account}, {"pdmn", std::string(accessibility)}, {"v_Data", std::move(bytes)}};
   fs_.createDirectories(directory_);
-  return KOPropertyListFile::write(fs_, path, KOValue(item), 0600) ? KOKeychainSuccess : KOKeychainIOError;
+  return KOSimFiles::writePropertyList(fs_, path, KOValue(item), 0600) ? KOKeychainSuccess : KOKeychainIOError;
 }
 
 int KOSimKeychain::copyMatching(const std::string& service, const std::string& account, std::string* data) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  const KOValue item = KOPropertyListFile::read(fs_, itemPath(service, account));
+  const KOValue item = KOSimFiles::readPropertyList(fs_, itemPath(service, account));
   if (!item.isDictionary()) return KOKeychainItemNotFound;
   const KOValue& bytes = item["v_Data"];
   if (!bytes.isData()) return KOKeychainItemNotFound;

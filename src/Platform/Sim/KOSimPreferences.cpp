@@ -2,14 +2,14 @@
 
 #include <algorithm>
 
-#include "KOUtilities/KOPropertyListFile.h"
+#include "KOSimFiles.h"
 
 KOSimPreferenceStore::KOSimPreferenceStore(KOFileSystem& fs, std::string path) : fs_(fs), path_(std::move(path)) {}
 
 void KOSimPreferenceStore::loadLocked() const {
   if (loaded_) return;
   loaded_ = true;
-  KOValue stored = KOPropertyListFile::read(fs_, path_);
+  KOValue stored = KOSimFiles::readPropertyList(fs_, path_);
   values_ = stored.isDictionary() ? std::move(stored.dictionaryValue()) : KODictionary{};
 }
 
@@ -38,7 +38,7 @@ bool KOSimPreferenceStore::synchronize() {
   std::lock_guard<std::mutex> lock(mutex_);
   loadLocked();
   ++synchronizeCount_;
-  return KOPropertyListFile::write(fs_, path_, KOValue(values_));
+  return KOSimFiles::writePropertyList(fs_, path_, KOValue(values_));
 }
 
 KODictionary KOSimPreferenceStore::dictionaryRepresentation() const {
