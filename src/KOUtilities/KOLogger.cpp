@@ -5,7 +5,6 @@
 #include <mutex>
 
 #include "KOStringFormat.h"
-#include "Network/KOServerInterface.h"
 #include "kovantis/KOConstants.h"
 #include "kovantis/KOPlatform.h"
 
@@ -182,11 +181,9 @@ void KOLogger::logWithVerbosity(int verbosity, int severity, const KOArray& form
       std::lock_guard<std::mutex> lock(settings().mutex);
       shipper = settings().shipper;
     }
-    if (shipper) {
-      shipper(*message, andStackTrace, labelForSeverity(severity));
-    } else {
-      KOServerInterface::sharedInstance().sendLogToLogEntries(*message, andStackTrace, labelForSeverity(severity));
-    }
+    // The server interface registers itself when it is created (at start); before that there is
+    // no log token either, so nothing is lost by not shipping.
+    if (shipper) shipper(*message, andStackTrace, labelForSeverity(severity));
   } catch (const std::exception& e) {
     reportFailure("LogEntries Logger exception logWithVerbosity:andStackTrace: %@", e);
   }

@@ -80,7 +80,8 @@ class KOLogger {
   static void logLocated(const KOSourceLocation& where, const void* object, int severity, const std::string& message,
                          const KOValue& stackTrace);
 
-  /// Replaces the remote log ingestion call of the server interface (nullptr restores it).
+  /// Where shipped records go: the server interface registers its log upload here when it is
+  /// created; nullptr stops shipping.
   static void setRemoteShipper(RemoteShipper shipper);
 
   /// "Class::method" out of a compiler's pretty function name.

@@ -235,6 +235,17 @@ struct ADHttpClient::Impl {
 };
 
 ADHttpClient::ADHttpClient() : impl_(std::make_unique<Impl>()) {}
+
+ADHttpClient& ADHttpClient::sharedInstance() {
+  // The client itself is never freed: a sync still running on another thread at exit gets a
+  // "client shut down" failure rather than freed memory. Its network thread, started here, is
+  // stopped here too, when static objects are destroyed at exit.
+  static ADHttpClient* const client = new ADHttpClient();
+  static const struct Stopper {
+    ~Stopper() { client->shutdown(); }
+  } stopper;
+  return *client;
+}
 ADHttpClient::~ADHttpClient() = default;
 
 void ADHttpClient::shutdown() { impl_->stop(); }

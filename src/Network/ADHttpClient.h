@@ -13,6 +13,11 @@ class ADHttpClient {
   using FetchCompletion = std::function<void(const KOValue& response)>;
   using SuccessCompletion = std::function<void(bool success)>;
 
+  /// The SDK's client. Its network thread starts on first use and is stopped and joined when the
+  /// process exits (the client is a function-local static), before the runtime goes away.
+  static ADHttpClient& sharedInstance();
+
+  /// A client of one's own (tests, benchmarks): the network thread lives as long as the object.
   ADHttpClient();
   ~ADHttpClient();
   ADHttpClient(const ADHttpClient&) = delete;

@@ -10,6 +10,7 @@
 #include "KOUtilities/KovantisDateUtils.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "kovantis/KOConstants.h"
+#include "kovantis/KONotificationCenter.h"
 
 namespace {
 
@@ -57,10 +58,21 @@ KOServerInterface& KOServerInterface::sharedInstance() {
 }
 
 KOServerInterface::KOServerInterface()
-    : httpClient_(std::make_unique<ADHttpClient>()), requestGenerator_(ADServiceRequestGenerator::sharedInstance()) {
-  // The network thread must be gone before the process tears down what it uses.
-  static ADHttpClient* client = httpClient_.get();
-  std::atexit([] { client->shutdown(); });
+    : httpClient_(ADHttpClient::sharedInstance()), requestGenerator_(ADServiceRequestGenerator::sharedInstance()) {
+  // The logger sits below the network layer: it ships through whatever registers here.
+  KOLogger::setRemoteShipper([this](const std::string& message, const KOValue& traceBack, const std::string& level) {
+    sendLogToLogEntries(message, traceBack, level);
+  });
+  // Connections kept for reuse are released while the app is away.
+  for (const char* name : {KOApplicationDidEnterBackgroundNotification, KOApplicationWillTerminateNotification}) {
+    KONotificationCenter::defaultCenter().addObserver(name, [this](const KONotification&) {
+      try {
+        httpClient_.closeIdleConnections(0);
+      } catch (const std::exception& e) {
+        KOLogger::logException(KO_HERE, this, "Kovantis - exception in application did enter Background is %@", e);
+      }
+    });
+  }
 }
 
 // ------------------------------------------------------------------------------------ parameters
@@ -140,7 +152,7 @@ void KOServerInterface::send(int service, const KODictionary& params, const Body
     if (completion) completion(false);
     return;
   }
-  httpClient_->syncRequest(std::move(*request), std::move(completion));
+  httpClient_.syncRequest(std::move(*request), std::move(completion));
 }
 
 namespace {
@@ -157,7 +169,7 @@ void KOServerInterface::fetch(int service, const KODictionary& params, const KOV
     failFetch(completion);
     return;
   }
-  httpClient_->fetchRequest(std::move(*request), std::move(completion));
+  httpClient_.fetchRequest(std::move(*request), std::move(completion));
 }
 
 void KOServerInterface::initializeWith(const KODictionary&, SuccessCompletion completion) {
@@ -367,7 +379,7 @@ void KOServerInterface::sendLogToLogEntries(const std::string& message, const KO
     std::optional<KOURLRequest> request =
         requestGenerator_.requestForService(KOServiceNumberSendLogs, KODictionary{}, KOValue(std::move(body)));
     if (!request) return;
-    httpClient_->sendLogRequest(std::move(*request), [this](bool success) {
+    httpClient_.sendLogRequest(std::move(*request), [this](bool success) {
       if (!success) {
         // Console only: a failed upload must never cause another one.
         KOLogger::logLocated(KO_HERE, this, KOLogSeverityError, "Kovantis - Error while trying to send logs");

@@ -20,7 +20,7 @@ class KOServerInterface {
 
   static KOServerInterface& sharedInstance();
 
-  ADHttpClient& httpClient() { return *httpClient_; }
+  ADHttpClient& httpClient() { return httpClient_; }
   ADServiceRequestGenerator& requestGenerator() { return requestGenerator_; }
 
   /// The parameters that identify app, SDK and device on every call. Throws KOAssertionFailure
@@ -65,6 +65,6 @@ class KOServerInterface {
   void sendReport(const Body& batch, const KOValue& batchID, SuccessCompletion completion);
   void fetch(int service, const KODictionary& params, const KOValue& body, FetchCompletion completion);
 
-  std::unique_ptr<ADHttpClient> httpClient_;
+  ADHttpClient& httpClient_;
   ADServiceRequestGenerator& requestGenerator_;
 };
