@@ -36,6 +36,12 @@ Kovantis& Kovantis::sharedInstance() {
   return *instance;
 }
 
+Kovantis::Kovantis() {
+  // Handlers subscribe to what they care about when created; create them before anything can
+  // post it (a reset can come before or without a start).
+  KOUserAttributesHandler::sharedInstance();
+}
+
 // ------------------------------------------------------------------------------------------ start
 
 void Kovantis::initializeDevWithApiKey(const KOValue& apiKey, KOApplication*, const KODictionary&,
@@ -283,12 +289,8 @@ void Kovantis::applicationEnteredForeground(const KODictionary&) {
 }
 
 void Kovantis::applicationEnteredBackground(const KODictionary&) {
-  try {
-    // Connections kept for reuse are released while the app is away.
-    KOServerInterface::sharedInstance().httpClient().closeIdleConnections(0);
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception in application did enter Background is %@", e);
-  }
+  // Nothing of the facade's own to do yet: the handlers hear the background themselves (the
+  // server interface releases its idle connections).
 }
 
 void Kovantis::updateModules() {
@@ -321,6 +323,14 @@ void Kovantis::syncOnSessionTerminationWithApplication(KOApplication* applicatio
 void Kovantis::syncNow() {
   try {
     KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(false, false, false);
+  } catch (const std::exception& e) {
+    KOLogger::logException(KO_HERE, this, "Kovantis - SyncNow exception : %@", e);
+  }
+}
+
+void Kovantis::flush(std::function<void(bool allDelivered)> completion) {
+  try {
+    KOEventsHandler::sharedInstance().flush(std::move(completion));
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - SyncNow exception : %@", e);
   }

@@ -85,6 +85,10 @@ class Kovantis {
   void syncOnSessionTerminationWithApplication(KOApplication* application);
   /// Sends every stored batch and the events in memory now.
   void syncNow();
+  /// Like syncNow(), then calls the completion on the main queue once that sync has ended and its
+  /// outcome is on disk: true when nothing is left waiting for the service. For a host that must
+  /// know its data left the device (before a logout screen, at the end of a test).
+  void flush(std::function<void(bool allDelivered)> completion);
   void initNewUser();
   /// Registers the device with the service unless it already is.
   void addDeviceWithCompletion(std::function<void(bool)> completion = nullptr);
@@ -96,7 +100,8 @@ class Kovantis {
   void resetUser();
 
  private:
-  Kovantis() = default;
+  /// Connects the handlers that hear of the lifecycle and of a user reset by notification.
+  Kovantis();
   void start(const KOValue& apiKey, bool openDeeplinkUrlAutomatically);
 
   std::atomic<bool> disableInbox_{false};

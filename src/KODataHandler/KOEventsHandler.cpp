@@ -3,9 +3,9 @@
 #include <atomic>
 #include <cmath>
 
-#include "KOUserAttributesHandler.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOLogger.h"
+#include "KOUtilities/KOSDKNotifications.h"
 #include "KOUtilities/KOStringFormat.h"
 #include "KOUtilities/KovantisDateUtils.h"
 #include "KOUtilities/KovantisUtils.h"
@@ -132,17 +132,16 @@ void KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload)
                            "NSMutable Dictionary type");
       return;
     }
+    const std::string& eventName = name.stringValue();
     if (andPayload.isNil()) {
-      append(recordJSON(name.stringValue(), nullptr, nullptr));
-      return;
+      append(recordJSON(eventName, nullptr, nullptr));
+    } else if (!KovantisUtils::payloadNeedsTransform(andPayload.dictionaryValue())) {
+      append(recordJSON(eventName, &andPayload, nullptr));
+    } else {
+      const KOValue attributes(KovantisUtils::transformPayloadForIncompatibleTypes(andPayload.dictionaryValue()));
+      append(recordJSON(eventName, &attributes, nullptr));
     }
-    const KODictionary& given = andPayload.dictionaryValue();
-    if (!KovantisUtils::payloadNeedsTransform(given)) {
-      append(recordJSON(name.stringValue(), &andPayload, nullptr));
-      return;
-    }
-    const KOValue attributes(KovantisUtils::transformPayloadForIncompatibleTypes(given));
-    append(recordJSON(name.stringValue(), &attributes, nullptr));
+    offerToObserver(eventName, andPayload);
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
   }
@@ -161,7 +160,29 @@ void KOEventsHandler::trackEvent(const KOValue& name, KOPayloadBuilder& builderP
     if (!builderPayload.timeStampArray().empty()) custom.set("timestamp", KOValue(builderPayload.timeStampArray()));
     if (!builderPayload.locationArray().empty()) custom.set("location", KOValue(builderPayload.locationArray()));
     append(recordJSON(name.stringValue(), attributes ? &*attributes : nullptr, custom.empty() ? nullptr : &custom));
+    offerToObserver(name.stringValue(), attributes ? *attributes : KOValue());
   } catch (const std::exception& e) {
+    KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
+  }
+}
+
+void KOEventsHandler::setEventObserver(EventObserver observer) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!observer) {
+    observer_.store(nullptr, std::memory_order_release);
+    return;
+  }
+  installedObservers_.push_back(std::make_unique<EventObserver>(std::move(observer)));
+  observer_.store(installedObservers_.back().get(), std::memory_order_release);
+}
+
+void KOEventsHandler::offerToObserver(const std::string& name, const KOValue& attributes) const {
+  const EventObserver* observer = observer_.load(std::memory_order_acquire);
+  if (!observer) return;
+  try {
+    (*observer)(name, attributes);
+  } catch (const std::exception& e) {
+    // The event is recorded whatever the observer makes of it.
     KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
   }
 }
@@ -277,6 +298,7 @@ void KOEventsHandler::syncTrackedEventsInBackground(bool inBackground, bool andR
 
 void KOEventsHandler::runSync(SyncRequest request) {
   struct Round {
+    std::uint64_t number = 0;
     std::vector<std::string> ids;
     std::atomic<std::size_t> completed{0};
     std::mutex mutex;
@@ -293,6 +315,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
         return;
       }
       syncInProgress_ = true;
+      round->number = ++roundsStarted_;
       ensureLoadedLocked();
       if (!request.onlyForEventsPlist) cutLocked();
       batches = store_.snapshot();
@@ -303,6 +326,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
     if (round->ids.empty()) {
       if (!request.onlyForEventsPlist) logInfo("Kovantis - All the tracked events are already synced with Kovantis :]");
       if (request.reset) cleanUp();
+      completeFlushes(round->number);
       return;
     }
     // One batch's outcome; the last one ends the round.
@@ -335,6 +359,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
           failed = round->failed;
         }
         syncAttemptCompletedInBackground(request.inBackground, request.reset, std::move(failed));
+        completeFlushes(round->number);
       }
     };
     KOServerInterface& server = KOServerInterface::sharedInstance();
@@ -363,6 +388,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
       persistLocked();
     }
     logSyncException(e);
+    if (round->number != 0) completeFlushes(round->number);
   }
 }
 
@@ -409,9 +435,47 @@ void KOEventsHandler::syncAttemptCompletedInBackground(bool inBackground, bool a
   }
 }
 
+void KOEventsHandler::flush(std::function<void(bool allDelivered)> completion) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    flushWaiters_.push_back({roundsStarted_, std::move(completion)});
+  }
+  syncTrackedEventsInBackground(false, false, false);
+}
+
+void KOEventsHandler::completeFlushes(std::uint64_t round) {
+  std::vector<std::function<void(bool)>> served;
+  bool waiting = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (flushWaiters_.empty()) return;
+    std::erase_if(flushWaiters_, [&](FlushWaiter& w) {
+      if (w.roundsBefore >= round) return false;  // asked while this round ran: not part of it
+      served.push_back(std::move(w.completion));
+      return true;
+    });
+    waiting = !flushWaiters_.empty();
+  }
+  if (!served.empty()) {
+    writeSnapshotNow();  // the answer speaks of the file too
+    bool delivered = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      delivered = store_.size() == 0 && views_.empty();
+    }
+    for (auto& completion : served) {
+      if (completion)
+        platform().dispatch->asyncMain([completion = std::move(completion), delivered] { completion(delivered); });
+    }
+  }
+  if (waiting) syncTrackedEventsInBackground(false, false, false);
+}
+
 void KOEventsHandler::cleanUp() {
-  KOUserAttributesHandler::cleanUpUserData();
-  KONotificationCenter::defaultCenter().post(KOV_INIT_NEW_USER);
+  // Every handler that keeps data of the user clears it first; then the new user starts.
+  KONotificationCenter& center = KONotificationCenter::defaultCenter();
+  center.post(KOUserDataResetNotification);
+  center.post(KOV_INIT_NEW_USER);
 }
 
 // ------------------------------------------------------------------------------- legacy events

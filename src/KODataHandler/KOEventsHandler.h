@@ -3,7 +3,9 @@
 // each. A batch leaves the file only once the service accepted it, or a reset dropped it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -24,11 +26,21 @@ class KOEventsHandler {
   void trackEvent(const KOValue& name, const KOValue& andPayload);
   void trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload);
 
+  /// Sees every event once it is recorded: its name and attributes (nil when it has none), on the
+  /// tracking thread. One observer at a time (the facade's, for the in-app trigger check); nullptr
+  /// removes it. With none installed, tracking pays one atomic load.
+  using EventObserver = std::function<void(const std::string& name, const KOValue& attributes)>;
+  void setEventObserver(EventObserver observer);
+
   /// Cuts a batch and starts a sync once the records in memory reach the threshold.
   void checkEventCountForCurrentBatchGreaterThanThreshhold();
   /// Starts a sync on the shared queue; returns at once. A sync asked for while one runs is
   /// dropped, except a reset, which runs when the running one completes.
   void syncTrackedEventsInBackground(bool inBackground, bool andReset, bool andOnlyForEventsPlist);
+  /// Syncs now, and calls the completion on the main queue once a sync that started after this
+  /// call has ended and the batch file holds its outcome: true when nothing is left waiting for
+  /// the service (no batch stored, no record in memory).
+  void flush(std::function<void(bool allDelivered)> completion);
   /// The batches to send, cutting the records in memory into a new one first when asked.
   KODictionary getBatchesWithViewsArray(bool cut);
   /// Stores the records under the batch id in the batch file.
@@ -70,6 +82,7 @@ class KOEventsHandler {
   /// Event names must be strings; anything else is logged at the caller's place.
   bool acceptsName(const KOSourceLocation& where, const KOValue& name) const;
   void append(std::string recordJSON);
+  void offerToObserver(const std::string& name, const KOValue& attributes) const;
   void runSync(SyncRequest request);
   /// The end of a sync: `failed` are the batches it sent that the service did not accept.
   void syncAttemptCompletedInBackground(bool inBackground, bool andForReset, std::vector<std::string> failed);
@@ -95,4 +108,14 @@ class KOEventsHandler {
   std::uint64_t threshold_ = 30;
   bool fileDirty_ = false;
   bool writerQueued_ = false;
+  struct FlushWaiter {
+    std::uint64_t roundsBefore;  // served by the first sync round numbered above this
+    std::function<void(bool)> completion;
+  };
+  /// After sync round `round` ended: answers the flushes it served and syncs again for the rest.
+  void completeFlushes(std::uint64_t round);
+  std::uint64_t roundsStarted_ = 0;
+  std::vector<FlushWaiter> flushWaiters_;
+  std::atomic<const EventObserver*> observer_{nullptr};
+  std::vector<std::unique_ptr<EventObserver>> installedObservers_;  // kept: a tracking thread may still call one
 };

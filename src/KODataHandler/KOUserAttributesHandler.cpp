@@ -1,13 +1,15 @@
 #include "KOUserAttributesHandler.h"
 
+#include "KOEventsHandler.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOPropertyListFile.h"
+#include "KOUtilities/KOSDKNotifications.h"
 #include "KOUtilities/KOStringFormat.h"
 #include "KOUtilities/KOValueHelpers.h"
 #include "kovantis/KOConstants.h"
+#include "kovantis/KONotificationCenter.h"
 #include "kovantis/KOPayloadBuilder.h"
 #include "kovantis/KOPlatform.h"
-#include "kovantis/Kovantis.h"
 
 namespace {
 
@@ -18,6 +20,12 @@ constexpr const char* kCacheFileName = "KovantisUserAttributes.plist";
 KOUserAttributesHandler& KOUserAttributesHandler::sharedInstance() {
   static auto* instance = new KOUserAttributesHandler();
   return *instance;
+}
+
+KOUserAttributesHandler::KOUserAttributesHandler() {
+  // Lives as long as the process: the subscription is never removed.
+  KONotificationCenter::defaultCenter().addObserver(KOUserDataResetNotification,
+                                                    [](const KONotification&) { cleanUpUserData(); });
 }
 
 std::string KOUserAttributesHandler::userAttributePlistFilePath() const {
@@ -83,7 +91,7 @@ bool KOUserAttributesHandler::setUserAttribute(const KOValue& value, const KOVal
     if (forKey.isNil()) return false;
     std::optional<KODictionary> attributes = attributeEntry(value, forKey);
     if (!attributes || doesUserAttributeExistsWithKey(forKey, value)) return false;
-    Kovantis::sharedInstance().trackEvent(KOValue(EVENT_ACTION_USER_ATTRIBUTE), KOValue(std::move(*attributes)));
+    KOEventsHandler::sharedInstance().trackEvent(KOValue(EVENT_ACTION_USER_ATTRIBUTE), KOValue(std::move(*attributes)));
     return true;
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - exception : %@", e);
@@ -96,7 +104,7 @@ void KOUserAttributesHandler::setUserAttributeTimestamp(double timeStamp, const 
   KODictionary entry;
   entry.set(keyText(forKey), KOValue(timeStamp * 1000.0));
   builder.timeStampArray().push_back(KOValue(std::move(entry)));
-  Kovantis::sharedInstance().trackEvent(KOValue(EVENT_ACTION_USER_ATTRIBUTE), builder);
+  KOEventsHandler::sharedInstance().trackEvent(KOValue(EVENT_ACTION_USER_ATTRIBUTE), builder);
 }
 
 void KOUserAttributesHandler::setUserAttributeLocationLatitude(double latitude, double longitude,
@@ -105,7 +113,7 @@ void KOUserAttributesHandler::setUserAttributeLocationLatitude(double latitude, 
   KODictionary entry;
   entry.set(keyText(forKey), KOValue(KOStringFormat::format("%f,%f", {KOValue(latitude), KOValue(longitude)})));
   builder.locationArray().push_back(KOValue(std::move(entry)));
-  Kovantis::sharedInstance().trackEvent(KOValue(EVENT_ACTION_USER_ATTRIBUTE), builder);
+  KOEventsHandler::sharedInstance().trackEvent(KOValue(EVENT_ACTION_USER_ATTRIBUTE), builder);
 }
 
 void KOUserAttributesHandler::cleanUpUserData() {

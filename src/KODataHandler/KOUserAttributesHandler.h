@@ -34,6 +34,7 @@ class KOUserAttributesHandler {
   void userAttributeRemovePlistFile();
 
  private:
-  KOUserAttributesHandler() = default;
+  /// Subscribes to the user reset, which clears what this handler keeps.
+  KOUserAttributesHandler();
   std::mutex mutex_;  // the cache file is read, changed and written as one step
 };

@@ -1,0 +1,7 @@
+// Notifications the SDK posts to itself. A handler that keeps data of the user subscribes to them
+// instead of being called one by one by whoever ends a reset.
+#pragma once
+
+/// A user reset has sent what it could; every handler now clears what it keeps of the user. Posted
+/// (synchronously) just before "KOV_INIT_NEW_USER".
+inline constexpr const char* KOUserDataResetNotification = "KOUserDataResetNotification";
