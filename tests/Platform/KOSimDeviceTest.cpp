@@ -3,7 +3,9 @@
 #include <filesystem>
 
 #include "KOTestDevice.h"
+#include "KOUtilities/KOKeychain.h"
 #include "KOUtilities/KOPropertyListFile.h"
+#include "Sim/KOForwardingPlatform.h"
 #include "kovantis/KOConstants.h"
 #include "kovantis/KONotificationCenter.h"
 
@@ -80,35 +82,80 @@ TEST_F(KOSimDeviceTest, LifecyclePostsNotificationsAndSetsState) {
                       KOApplicationWillEnterForegroundNotification}));
 }
 
-TEST_F(KOSimDeviceTest, ApplicationRecordsWhatItWasAsked) {
+TEST_F(KOSimDeviceTest, BackgroundTimeRunningOutExpiresOnlyTasksStillActive) {
   auto& app = device().application();
+  std::vector<std::string> expired;
+  const auto ended = app.beginBackgroundTask("upload", [&] { expired.push_back("upload"); });
+  app.beginBackgroundTask("sync", [&] { expired.push_back("sync"); });
+  app.endBackgroundTask(ended);
+  app.expireBackgroundTasks();
+  EXPECT_EQ(expired, std::vector<std::string>{"sync"});
+}
+
+TEST_F(KOSimDeviceTest, ScreenRecordKeepsOneOrderAcrossTheDevice) {
+  auto& ui = device().userInterface();
+  auto& app = device().application();
+  auto home = std::make_shared<KOViewController>();
+  home->name = "Home";
+  ui.setAlertAnswer(1);
+  std::string tapped;
+  ui.presentAlert("Allow?", "Push",
+                  {{"No", KOAlertActionStyle::Cancel, [&] { tapped = "No"; }},
+                   {"Yes", KOAlertActionStyle::Default, [&] { tapped = "Yes"; }}},
+                  home.get());
+  EXPECT_TRUE(tapped.empty());  // answered once the alert is up, not inside the call that shows it
   bool opened = false, refused = true;
   app.openURL("https://kovantis.example/offer", [&](bool ok) { opened = ok; });
-  app.openURL("myapp://deep", [&](bool ok) { refused = ok; });
-  EXPECT_TRUE(waitFor([&] { return opened && !refused; }));
+  app.openURL("myapp://deep", [&](bool ok) { refused = ok; });  // cannot open: never on screen
+  ui.presentShareSheet(KOArray{"text"}, {"mail"}, nullptr, KORect{384, 512, 0, 0});
+  ASSERT_TRUE(waitFor([&] { return tapped == "Yes" && opened && !refused; }));
+  EXPECT_FALSE(ui.tapAlertAction(0, 0));  // an answered alert is gone
+
+  std::vector<std::string> kinds;
+  for (const auto& e : device().screen().entries()) {
+    kinds.push_back(e["kind"].stringValue());
+    EXPECT_EQ(e["seq"], KOValue(kinds.size()));
+  }
+  EXPECT_EQ(kinds, (std::vector<std::string>{"alert", "openURL", "shareSheet", "dismiss"}));
+  const KODictionary dismissal = device().screen().last("dismiss");
+  EXPECT_EQ(dismissal["of"], KOValue(1));
+  EXPECT_EQ(dismissal["button"], KOValue("Yes"));
+
+  // The per-kind views read the same record.
   EXPECT_EQ(app.openedURLs(), std::vector<std::string>{"https://kovantis.example/offer"});
+  const auto alerts = ui.alerts();
+  ASSERT_EQ(alerts.size(), 1u);
+  EXPECT_EQ(alerts[0].actionTitles, (std::vector<std::string>{"No", "Yes"}));
+  EXPECT_EQ(alerts[0].presenterName, "Home");
+  const auto sheets = ui.shareSheets();
+  ASSERT_EQ(sheets.size(), 1u);
+  EXPECT_EQ(sheets[0].popoverAnchor, (KORect{384, 512, 0, 0}));
+  EXPECT_EQ(sheets[0].excludedActivityTypes, std::vector<std::string>{"mail"});
+
   app.addOpenableScheme("myapp");
   EXPECT_TRUE(app.canOpenURL("myapp://deep"));
   EXPECT_FALSE(app.canOpenURL("no-scheme"));
-
-  bool expired = false;
-  const auto task = app.beginBackgroundTask("sync", [&] { expired = true; });
-  EXPECT_EQ(app.activeBackgroundTasks(), std::vector<std::string>{"sync"});
-  app.expireBackgroundTasks();
-  EXPECT_TRUE(expired);
-  app.endBackgroundTask(task);
-  EXPECT_TRUE(app.activeBackgroundTasks().empty());
 }
 
-TEST_F(KOSimDeviceTest, ScriptedAlertAnswersRunOnTheMainQueue) {
-  device().userInterface().setAlertAnswer(1);
-  std::string tapped;
-  device().userInterface().presentAlert("Allow?", "Push",
-                                        {{"No", KOAlertActionStyle::Cancel, [&] { tapped = "No"; }},
-                                         {"Yes", KOAlertActionStyle::Default, [&] { tapped = "Yes"; }}},
-                                        nullptr);
-  EXPECT_TRUE(tapped.empty());  // not synchronously inside the presentation
-  EXPECT_TRUE(waitFor([&] { return tapped == "Yes"; }));
+// A keychain that cannot be read, as on a device still locked after a restart.
+class UnreadableKeychain : public KOForwardingKeychainStore {
+ public:
+  using KOForwardingKeychainStore::KOForwardingKeychainStore;
+  int copyMatching(const std::string&, const std::string&, std::string*) const override { return KOKeychainIOError; }
+};
+
+TEST_F(KOSimDeviceTest, AWrappedPortBreaksOneCallAndForwardsTheRest) {
+  auto platform = std::make_shared<KOPlatform>(*device().platform());
+  platform->keychain = std::make_shared<UnreadableKeychain>(platform->keychain);
+  KOPlatform::install(platform);
+
+  KOKeychain::save("svc", KOValue("P-1"));
+  EXPECT_TRUE(KOKeychain::load("svc").isNil());  // a failed read is a missing item, not an exception
+  std::string stored;
+  EXPECT_EQ(device().keychain().copyMatching("svc", "svc", &stored), KOKeychainSuccess);
+  EXPECT_NE(stored.find("P-1"), std::string::npos);
+  KOKeychain::remove("svc");
+  EXPECT_EQ(device().keychain().copyMatching("svc", "svc", &stored), KOKeychainItemNotFound);
 }
 
 TEST(KOPlatformTest, InstallRefusesAnIncompletePlatform) {

@@ -1,6 +1,7 @@
 #include "KOSimApplication.h"
 
-KOSimApplication::KOSimApplication(KODispatch& dispatch) : dispatch_(dispatch) {}
+KOSimApplication::KOSimApplication(KODispatch& dispatch, std::shared_ptr<KOSimScreen> screen)
+    : dispatch_(dispatch), screen_(std::move(screen)) {}
 
 KOApplicationState KOSimApplication::applicationState() const {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -62,10 +63,7 @@ bool KOSimApplication::canOpenURL(const std::string& url) const {
 
 void KOSimApplication::openURL(const std::string& url, std::function<void(bool success)> completion) {
   const bool ok = canOpenURL(url);
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (ok) opened_.push_back(url);
-  }
+  if (ok) screen_->record(KOSimScreen::OpenURL, {{"url", url}});
   if (completion) dispatch_.asyncMain([completion = std::move(completion), ok] { completion(ok); });
 }
 
@@ -75,8 +73,9 @@ void KOSimApplication::addOpenableScheme(const std::string& scheme) {
 }
 
 std::vector<std::string> KOSimApplication::openedURLs() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return opened_;
+  std::vector<std::string> urls;
+  for (const auto& e : screen_->entries(KOSimScreen::OpenURL)) urls.push_back(e["url"].stringValue());
+  return urls;
 }
 
 void KOSimApplication::openSettings() {

@@ -1,18 +1,21 @@
 // The running application on the simulated device: state, badge, background tasks, URLs and the
-// screens on show. Records what the SDK asked of it so tests can read it back.
+// screens on show. Records what the SDK asked of it so tests can read it back; the URLs it opens go
+// on the device's screen record (KOSimScreen).
 #pragma once
 
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "Sim/KOSimScreen.h"
 #include "kovantis/KOPlatform.h"
 
 class KOSimApplication : public KOApplication {
  public:
-  explicit KOSimApplication(KODispatch& dispatch);
+  KOSimApplication(KODispatch& dispatch, std::shared_ptr<KOSimScreen> screen);
 
   KOApplicationState applicationState() const override;
   std::int64_t applicationIconBadgeNumber() const override;
@@ -36,6 +39,7 @@ class KOSimApplication : public KOApplication {
   void setKeyboardShown(bool shown);
   /// URL schemes the device can open (http, https, tel, mailto and sms by default).
   void addOpenableScheme(const std::string& scheme);
+  /// The URLs opened, from the screen record, oldest first.
   std::vector<std::string> openedURLs() const;
   int settingsOpenedCount() const;
   /// Names of the background tasks begun and not yet ended.
@@ -51,13 +55,13 @@ class KOSimApplication : public KOApplication {
   };
 
   KODispatch& dispatch_;
+  std::shared_ptr<KOSimScreen> screen_;
   mutable std::mutex mutex_;
   KOApplicationState state_ = KOApplicationState::Inactive;
   std::int64_t badge_ = 0;
   KOBackgroundTaskIdentifier nextTask_ = 1;
   std::map<KOBackgroundTaskIdentifier, Task> tasks_;
   std::set<std::string> schemes_{"http", "https", "tel", "mailto", "sms"};
-  std::vector<std::string> opened_;
   int settingsOpened_ = 0;
   bool registeredForRemote_ = false;
   bool keyboardShown_ = false;

@@ -32,8 +32,9 @@ KOSimDevice::KOSimDevice(KOSimDeviceConfig config) : config_(std::move(config)) 
   preferences_ =
       std::make_shared<KOSimPreferences>(*faulty_, standardPreferencesPath(), root_ + "/AppGroups", config_.appGroups);
   keychain_ = std::make_shared<KOSimKeychain>(*files_, keychainDirectory());
-  application_ = std::make_shared<KOSimApplication>(*dispatch_);
-  userInterface_ = std::make_shared<KOSimUserInterface>(*dispatch_);
+  screen_ = std::make_shared<KOSimScreen>();
+  application_ = std::make_shared<KOSimApplication>(*dispatch_, screen_);
+  userInterface_ = std::make_shared<KOSimUserInterface>(*dispatch_, screen_);
   console_ = std::make_shared<KOSimConsole>(config_.echoConsole);
   clock_ = std::make_shared<KOSimClock>();
 

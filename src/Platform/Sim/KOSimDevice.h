@@ -21,6 +21,7 @@
 #include "Sim/KOSimFileSystem.h"
 #include "Sim/KOSimKeychain.h"
 #include "Sim/KOSimPreferences.h"
+#include "Sim/KOSimScreen.h"
 #include "Sim/KOSimUserInterface.h"
 
 struct KOSimDeviceConfig {
@@ -56,6 +57,8 @@ class KOSimDevice {
   KOSimKeychain& keychain() { return *keychain_; }
   KOSimApplication& application() { return *application_; }
   KOSimUserInterface& userInterface() { return *userInterface_; }
+  /// Everything shown on the screen and dismissed, in order (see KOSimScreen for the entries).
+  KOSimScreen& screen() { return *screen_; }
   KOSimConsole& console() { return *console_; }
   KOSimClock& clock() { return *clock_; }
   KOSimDispatch& dispatch() { return *dispatch_; }
@@ -97,6 +100,7 @@ class KOSimDevice {
   std::shared_ptr<KOSimDeviceProfile> profile_;
   std::shared_ptr<KOSimPreferences> preferences_;
   std::shared_ptr<KOSimKeychain> keychain_;
+  std::shared_ptr<KOSimScreen> screen_;
   std::shared_ptr<KOSimApplication> application_;
   std::shared_ptr<KOSimUserInterface> userInterface_;
   std::shared_ptr<KOSimConsole> console_;
