@@ -2,7 +2,8 @@
 
 #include <cerrno>
 
-KOSimFaultyFileSystem::KOSimFaultyFileSystem(std::shared_ptr<KOFileSystem> inner) : inner_(std::move(inner)) {}
+KOSimFaultyFileSystem::KOSimFaultyFileSystem(std::shared_ptr<KOFileSystem> inner)
+    : KOForwardingFileSystem(std::move(inner)) {}
 
 void KOSimFaultyFileSystem::inject(KOFileFault fault, std::string pathContains, int times) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -27,13 +28,13 @@ std::optional<std::string> KOSimFaultyFileSystem::readFile(const std::string& pa
     if (error) *error = KOFileError{EIO, "injected read error"};
     return std::nullopt;
   }
-  return inner_->readFile(path, error);
+  return target().readFile(path, error);
 }
 
 bool KOSimFaultyFileSystem::writeFile(const std::string& path, std::string_view bytes, KOFileError* error,
                                       unsigned mode) {
   if (fires(KOFileFault::DiskFull, path)) {
-    inner_->writeFile(path, bytes.substr(0, bytes.size() / 2), nullptr, mode);
+    target().writeFile(path, bytes.substr(0, bytes.size() / 2), nullptr, mode);
     if (error) *error = KOFileError{ENOSPC, "injected full disk"};
     return false;
   }
@@ -41,7 +42,7 @@ bool KOSimFaultyFileSystem::writeFile(const std::string& path, std::string_view 
     if (error) *error = KOFileError{EIO, "injected I/O error"};
     return false;
   }
-  return inner_->writeFile(path, bytes, error, mode);
+  return target().writeFile(path, bytes, error, mode);
 }
 
 bool KOSimFaultyFileSystem::renameFile(const std::string& from, const std::string& to, KOFileError* error) {
@@ -49,7 +50,7 @@ bool KOSimFaultyFileSystem::renameFile(const std::string& from, const std::strin
     if (error) *error = KOFileError{EINTR, "injected crash before rename"};
     return false;
   }
-  return inner_->renameFile(from, to, error);
+  return target().renameFile(from, to, error);
 }
 
 bool KOSimFaultyFileSystem::removeItem(const std::string& path, KOFileError* error) {
@@ -60,9 +61,5 @@ bool KOSimFaultyFileSystem::removeItem(const std::string& path, KOFileError* err
       return true;
     }
   }
-  return inner_->removeItem(path, error);
-}
-
-bool KOSimFaultyFileSystem::createDirectories(const std::string& path, KOFileError* error) {
-  return inner_->createDirectories(path, error);
+  return target().removeItem(path, error);
 }

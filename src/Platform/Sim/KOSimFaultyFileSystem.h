@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string>
 
-#include "kovantis/KOPlatform.h"
+#include "Sim/KOForwardingPlatform.h"
 
 enum class KOFileFault {
   None,
@@ -17,7 +17,7 @@ enum class KOFileFault {
   CrashBeforeRename,  // the rename never happens; the temporary file stays behind
 };
 
-class KOSimFaultyFileSystem : public KOFileSystem {
+class KOSimFaultyFileSystem : public KOForwardingFileSystem {
  public:
   explicit KOSimFaultyFileSystem(std::shared_ptr<KOFileSystem> inner);
 
@@ -28,22 +28,16 @@ class KOSimFaultyFileSystem : public KOFileSystem {
   /// How many faults fired so far.
   int faultsFired() const { return fired_; }
 
-  std::string documentsDirectory() const override { return inner_->documentsDirectory(); }
-  std::string cachesDirectory() const override { return inner_->cachesDirectory(); }
-  std::string temporaryDirectory() const override { return inner_->temporaryDirectory(); }
+  // Only the calls that can fail are overridden; the rest go straight through.
   std::optional<std::string> readFile(const std::string& path, KOFileError* error = nullptr) const override;
   bool writeFile(const std::string& path, std::string_view bytes, KOFileError* error = nullptr,
                  unsigned mode = 0644) override;
   bool renameFile(const std::string& from, const std::string& to, KOFileError* error = nullptr) override;
   bool removeItem(const std::string& path, KOFileError* error = nullptr) override;
-  bool createDirectories(const std::string& path, KOFileError* error = nullptr) override;
-  bool fileExists(const std::string& path) const override { return inner_->fileExists(path); }
-  std::vector<std::string> listDirectory(const std::string& path) const override { return inner_->listDirectory(path); }
 
  private:
   bool fires(KOFileFault kind, const std::string& path) const;
 
-  std::shared_ptr<KOFileSystem> inner_;
   mutable std::mutex mutex_;
   KOFileFault fault_ = KOFileFault::None;
   std::string pathContains_;
