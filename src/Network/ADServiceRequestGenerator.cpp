@@ -39,63 +39,58 @@ std::string ADServiceRequestGenerator::schema() const { return endpoints().schem
 std::string ADServiceRequestGenerator::host() const { return endpoints().apiHost; }
 int ADServiceRequestGenerator::port() const { return endpoints().port; }
 
+std::span<const KOServiceRow> ADServiceRequestGenerator::serviceTable() {
+  static constexpr KOServiceRow kTable[] = {
+      {KOServiceNumberInitializeV2, kServiceInitializeV2, kPOST, KOServiceHost::Api},
+      {KOServiceNumberSendReportsV2, kServiceSendReportsV2, kPOST, KOServiceHost::Api},
+      {KOServiceNumberGetInAppsV2, kServiceGetInAppsV2, kPOST, KOServiceHost::Api},
+      {KOServiceNumberGetSingleInApp, kServiceGetSingleInApp, kGET, KOServiceHost::Api},
+      {KOServiceNumberSmartTriggerInApps, kServiceSmartTriggerInApps, kPOST, KOServiceHost::Api},
+      {KOServiceNumberInbox, kServiceInbox, kGET, KOServiceHost::Inbox},
+      {KOServiceNumberSendCategories, kServiceSendCategories, kPOST, KOServiceHost::Api},
+      {KOServiceNumberGeofenceHit, kServiceGeofenceHit, kGET, KOServiceHost::Api},
+      {KOServiceNumberGetGeofences, kServiceGetGeofences, kGET, KOServiceHost::Api},
+      {KOServiceNumberGetConfig, kServiceGetConfig, kGET, KOServiceHost::Api},
+      {KOServiceNumberSendLogs, kServiceSendLogs, kPOST, KOServiceHost::Logs},
+  };
+  return kTable;
+}
+
+const KOServiceRow* ADServiceRequestGenerator::rowForService(int service) {
+  for (const KOServiceRow& row : serviceTable()) {
+    if (row.service == service) return &row;
+  }
+  return nullptr;
+}
+
 std::optional<std::string> ADServiceRequestGenerator::hostForService(int service) {
-  if (service < KOServiceNumberInitializeV2 || service > KOServiceNumberSendLogs) return std::nullopt;
-  if (redirectData() && service != KOServiceNumberSendLogs) return endpoints().indiaApiHost;
-  if (service == KOServiceNumberInbox) return endpoints().inboxHost;
-  if (service == KOServiceNumberSendLogs) return endpoints().logHost;
+  const KOServiceRow* row = rowForService(service);
+  if (!row) return std::nullopt;
+  // Redirected data goes to the India-region host, all but the log records.
+  if (redirectData() && row->host != KOServiceHost::Logs) return endpoints().indiaApiHost;
+  switch (row->host) {
+    case KOServiceHost::Inbox:
+      return endpoints().inboxHost;
+    case KOServiceHost::Logs:
+      return endpoints().logHost;
+    case KOServiceHost::Api:
+      break;
+  }
   return host();
 }
 
 std::optional<std::string> ADServiceRequestGenerator::getApiPathForService(int service) {
-  switch (service) {
-    case KOServiceNumberInitializeV2:
-      return kServiceInitializeV2;
-    case KOServiceNumberSendReportsV2:
-      return kServiceSendReportsV2;
-    case KOServiceNumberGetInAppsV2:
-      return kServiceGetInAppsV2;
-    case KOServiceNumberGetSingleInApp:
-      return kServiceGetSingleInApp;
-    case KOServiceNumberSmartTriggerInApps:
-      return kServiceSmartTriggerInApps;
-    case KOServiceNumberInbox:
-      return kServiceInbox;
-    case KOServiceNumberSendCategories:
-      return kServiceSendCategories;
-    case KOServiceNumberGeofenceHit:
-      return kServiceGeofenceHit;
-    case KOServiceNumberGetGeofences:
-      return kServiceGetGeofences;
-    case KOServiceNumberGetConfig:
-      return kServiceGetConfig;
-    case KOServiceNumberSendLogs: {
-      const KOValue token = KOPlatform::current().preferences->standard().objectForKey(kLogEntriesTokenKey);
-      return KOStringFormat::format("%@%@", {KOValue(kServiceSendLogs), token.isNil() ? KOValue("") : token});
-    }
-    default:
-      return std::nullopt;
-  }
+  const KOServiceRow* row = rowForService(service);
+  if (!row) return std::nullopt;
+  if (row->host != KOServiceHost::Logs) return row->path;
+  const KOValue token = KOPlatform::current().preferences->standard().objectForKey(kLogEntriesTokenKey);
+  return KOStringFormat::format("%@%@", {KOValue(row->path), token.isNil() ? KOValue("") : token});
 }
 
 std::optional<std::string> ADServiceRequestGenerator::getRequestMethodForService(int service) {
-  switch (service) {
-    case KOServiceNumberInitializeV2:
-    case KOServiceNumberSendReportsV2:
-    case KOServiceNumberGetInAppsV2:
-    case KOServiceNumberSmartTriggerInApps:
-    case KOServiceNumberSendCategories:
-    case KOServiceNumberSendLogs:
-      return kPOST;
-    case KOServiceNumberGetSingleInApp:
-    case KOServiceNumberInbox:
-    case KOServiceNumberGeofenceHit:
-    case KOServiceNumberGetGeofences:
-    case KOServiceNumberGetConfig:
-      return kGET;
-    default:
-      return std::nullopt;
-  }
+  const KOServiceRow* row = rowForService(service);
+  if (!row) return std::nullopt;
+  return row->method;
 }
 
 std::optional<std::string> ADServiceRequestGenerator::createURLForService(int service, const KODictionary& andParams) {

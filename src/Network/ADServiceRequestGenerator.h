@@ -3,6 +3,7 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
 
 #include "KOURLRequest.h"
@@ -13,8 +14,23 @@ struct KOJSONText {
   std::string text;
 };
 
+/// Which of the endpoints' hosts serves a service (before data redirection).
+enum class KOServiceHost { Api, Inbox, Logs };
+
+/// One service of the API: its number, path ("/noformat/logs/" is followed by the log token),
+/// method and host.
+struct KOServiceRow {
+  int service;
+  const char* path;
+  const char* method;
+  KOServiceHost host;
+};
+
 class ADServiceRequestGenerator {
  public:
+  /// Every service the SDK calls, one row each: the one place that knows paths, methods and hosts.
+  static std::span<const KOServiceRow> serviceTable();
+
   static ADServiceRequestGenerator& sharedInstance();
 
   /// The request, or nothing (logged) when the service is unknown or the body cannot be JSON.
@@ -37,4 +53,5 @@ class ADServiceRequestGenerator {
 
  private:
   ADServiceRequestGenerator() = default;
+  static const KOServiceRow* rowForService(int service);
 };
