@@ -10,6 +10,9 @@
 
 #include "kovantis/KOValue.h"
 
+// Exported from the shared library (see KOExport.h).
+#pragma GCC visibility push(default)
+
 struct KONotification {
   std::string name;
   KODictionary userInfo;
@@ -41,3 +44,5 @@ class KONotificationCenter {
   struct State;
   std::unique_ptr<State> state_;
 };
+
+#pragma GCC visibility pop

@@ -6,6 +6,9 @@
 
 #include "kovantis/KOValue.h"
 
+// Exported from the shared library (see KOExport.h).
+#pragma GCC visibility push(default)
+
 class KOPayloadBuilder {
  public:
   /// An empty attribute dictionary and empty lists.
@@ -36,3 +39,5 @@ class KOPayloadBuilder {
   KOArray timeStampArray_;
   KOArray locationArray_;
 };
+
+#pragma GCC visibility pop

@@ -16,6 +16,9 @@
 #include "kovantis/KOConstants.h"
 #include "kovantis/KOValue.h"
 
+// Exported from the shared library (see KOExport.h).
+#pragma GCC visibility push(default)
+
 // ------------------------------------------------------------------------------- geometry and UI
 
 struct KOSize {
@@ -358,3 +361,5 @@ struct KOPlatform {
   static const KOPlatform& current();
   static bool isInstalled() noexcept;
 };
+
+#pragma GCC visibility pop

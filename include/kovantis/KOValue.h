@@ -16,6 +16,9 @@
 #include <variant>
 #include <vector>
 
+// Exported from the shared library (see KOExport.h).
+#pragma GCC visibility push(default)
+
 class KOValue;
 
 /// Thrown by a typed accessor that finds another kind of value.
@@ -232,6 +235,11 @@ class KOValue {
 };
 
 // Container members that touch KOValue are defined once KOValue is complete.
+// Declared again at namespace scope: a friend declaration alone is not exported.
+bool operator==(const KOArray& a, const KOArray& b);
+bool operator==(const KODictionary& a, const KODictionary& b);
+bool operator==(const KOValue& a, const KOValue& b);
+
 inline std::size_t KOArray::size() const noexcept { return items_.size(); }
 inline bool KOArray::empty() const noexcept { return items_.empty(); }
 inline const KOValue& KOArray::operator[](std::size_t i) const { return items_[i]; }
@@ -255,3 +263,5 @@ inline KODictionary::iterator KODictionary::begin() noexcept { return entries_.b
 inline KODictionary::iterator KODictionary::end() noexcept { return entries_.end(); }
 inline KODictionary::const_iterator KODictionary::begin() const noexcept { return entries_.begin(); }
 inline KODictionary::const_iterator KODictionary::end() const noexcept { return entries_.end(); }
+
+#pragma GCC visibility pop

@@ -12,6 +12,9 @@
 #include "kovantis/KOPlatform.h"
 #include "kovantis/KOValue.h"
 
+// Exported from the shared library (see KOExport.h).
+#pragma GCC visibility push(default)
+
 /// App status for appStatus(): 0 install, 1 update.
 enum KOAppStatus : int { KOAppStatusInstall = 0, KOAppStatusUpdate = 1 };
 
@@ -110,3 +113,5 @@ class Kovantis {
   std::atomic<KOBackgroundTaskIdentifier> bgTask_{KOBackgroundTaskInvalid};
   std::vector<std::uint64_t> observers_;
 };
+
+#pragma GCC visibility pop

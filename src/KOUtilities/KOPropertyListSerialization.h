@@ -5,9 +5,10 @@
 #include <string>
 #include <string_view>
 
+#include "kovantis/KOExport.h"
 #include "kovantis/KOValue.h"
 
-class KOPropertyListSerialization {
+class KOVANTIS_EXPORT KOPropertyListSerialization {
  public:
   /// Parses an XML or binary property list. Throws KOParseError on anything unreadable, on strings
   /// that are not valid UTF-8 and on nesting deeper than the limit.

@@ -86,10 +86,15 @@ struct ADHttpClient::Impl {
   Impl() {
     globalInit();
     multi = newMulti();
-    thread = std::thread([this] {
-      pthread_setname_np(pthread_self(), "ko-network");
-      loop();
-    });
+    // One of the two threads the SDK starts outside the port (the other reads binary property
+    // lists): named for profilers. A plain function, so that the thread's type names nothing of
+    // ours in the library's exported symbols.
+    thread = std::thread(&Impl::run, static_cast<void*>(this));
+  }
+
+  static void run(void* self) {
+    pthread_setname_np(pthread_self(), "ko-network");
+    static_cast<Impl*>(self)->loop();
   }
 
   ~Impl() { stop(); }
