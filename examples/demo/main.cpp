@@ -7,11 +7,7 @@
 #include <map>
 #include <string>
 
-#include "KODataHandler/KOEventsHandler.h"
 #include "KOEmulator.h"
-#include "KOUtilities/KOPropertyListFile.h"
-#include "KOUtilities/KovantisUtils.h"
-#include "Network/KOServerInterface.h"
 #include "Sim/KOSimDevice.h"
 #include "kovantis/KOConstants.h"
 #include "kovantis/Kovantis.h"
@@ -27,31 +23,34 @@ class Demo {
  public:
   Demo(KOSimDevice& device, KOEmulator& emulator) : device_(device), emulator_(emulator) {}
 
-  // Pumps the main queue until every sync and file write settled, as the app's run loop would.
-  void settle() {
-    KOEventsHandler& events = KOEventsHandler::sharedInstance();
-    device_.runMainUntil([&] { return !events.syncInProgress() && device_.dispatch().backgroundIdle(); }, 15);
+  // Syncs and pumps the main queue until that sync ended, as the app's run loop would; returns
+  // whether nothing is left waiting for the service.
+  bool settle() {
+    bool done = false, delivered = false;
+    Kovantis::sharedInstance().flush([&](bool allDelivered) {
+      done = true;
+      delivered = allDelivered;
+    });
+    device_.runMainUntil([&] { return done; }, 15);
+    return delivered;
   }
 
   // Asks for syncs until nothing waits to be sent (or the service keeps refusing).
   void flush() {
-    KOEventsHandler& events = KOEventsHandler::sharedInstance();
-    for (int attempt = 0; attempt < 20; ++attempt) {
-      settle();
-      if (events.storedBatchCount() == 0 && events.eventsInMemory() == 0) return;
-      Kovantis::sharedInstance().syncNow();
+    for (int attempt = 0; attempt < 20 && !settle(); ++attempt) {
     }
-    settle();
   }
 
-  std::string storedBatches() {
-    const KOValue file = KOPropertyListFile::read(KOEventsHandler::sharedInstance().eventsPlistFilePath());
-    if (!file.isDictionary() || file.dictionaryValue().empty()) return "none";
+  // The batch ids of the report calls the service answered with this status.
+  std::string reportsAnswered(int status) {
     std::string ids;
-    for (const auto& [id, records] : file.dictionaryValue()) {
-      ids += (ids.empty() ? "" : ", ") + id + " (" + std::to_string(records.arrayValue().size()) + " events)";
+    for (const auto& r : emulator_.requests("/v2/report/add")) {
+      if (r.status != status) continue;
+      const auto id = r.query.find("batch_id");
+      const std::string text = id == r.query.end() ? std::string("?") : id->second;
+      if (ids.find(text) == std::string::npos) ids += (ids.empty() ? "" : ", ") + text;  // once per batch
     }
-    return ids;
+    return ids.empty() ? "none" : ids;
   }
 
   std::size_t received(const std::string& path) { return emulator_.requestCount(path); }
@@ -90,16 +89,15 @@ int main(int argc, char** argv) {
   Kovantis::debug(2);  // the SDK's console: exceptions and errors only
 
   std::printf("Kovantis SDK %s on a simulated %s (%s %s); emulator at %s\n", LIBRARY_VERSION,
-              KovantisUtils::getDeviceModel().c_str(), device.profile().systemName().c_str(),
-              KovantisUtils::getDeviceSystemVersion().c_str(), emulator.baseURL().c_str());
+              device.profile().model().c_str(), device.profile().systemName().c_str(),
+              device.profile().systemVersion().c_str(), emulator.baseURL().c_str());
 
   section("Launch");
   device.launch();
   sdk.initializeWithApiKey(KOValue("kovantis-demo-app"));
   sdk.appStatus(KOAppStatusInstall);
-  step("initialised with app id", KovantisUtils::getAppId().description());
-  step("vendor id", KovantisUtils::getIdentifierForVendor());
-  step("persistent id (keychain)", KovantisUtils::persistentDeviceId());
+  step("initialised with app id", "kovantis-demo-app");
+  step("vendor id", device.profile().identifierForVendor());
   step("install or reinstall",
        reinstall ? "reinstall: the keychain remembered this phone" : "first run or same install");
   device.becomeActive();
@@ -147,11 +145,10 @@ int main(int argc, char** argv) {
     sdk.trackEvent(KOValue("SEARCH"), KOValue(KODictionary{{"query", "shoes " + std::to_string(i)}}));
   sdk.syncNow();
   demo.settle();
-  step("service answered", "503 (injected)");
-  step("batch kept in the batch file", demo.storedBatches());
+  step("service answered 503 (injected)", "for batch " + demo.reportsAnswered(503) + ": kept on the device");
   emulator.clearFaults();
   demo.flush();
-  step("retried under the same id", "batch file now: " + demo.storedBatches());
+  step("retried under the same id", "accepted: " + demo.reportsAnswered(200));
 
   section("Logout");
   sdk.resetUser();
@@ -162,6 +159,10 @@ int main(int argc, char** argv) {
        "device registered again: " + std::to_string(demo.received("/v2/device/add")) + " device add call(s)");
 
   demo.flush();  // the new registration's device attributes too
+
+  if (const auto devices = emulator.devices(); !devices.empty()) {
+    step("persistent id (keychain)", devices.back().deviceUniqueId);
+  }
 
   section("What the service stored");
   std::map<std::string, int> byName;
@@ -179,7 +180,9 @@ int main(int argc, char** argv) {
     section("SDK console (exceptions and errors)");
     for (const auto& l : lines) std::printf("  | %s\n", l.c_str());
   }
-  KOServerInterface::sharedInstance().httpClient().closeIdleConnections();
+  device.resignActive();
+  device.enterBackground();  // the SDK lets go of its idle connections, as when the app is left
+  demo.settle();
   emulator.stop();
   return 0;
 }
