@@ -17,10 +17,6 @@ TEST_F(KOKeychainTest, SaveLoadReplaceRemove) {
   EXPECT_EQ(KOKeychain::keychainItem("svc"), "");  // not a string
   KOKeychain::remove("svc");
   EXPECT_TRUE(KOKeychain::load("svc").isNil());
-
-  const KODictionary query = KOKeychain::getKeychainQuery("svc");
-  EXPECT_EQ(query["svce"], KOValue("svc"));
-  EXPECT_EQ(query["acct"], KOValue("svc"));
 }
 
 TEST_F(KOKeychainTest, ItemsLiveOutsideTheSandboxWithOwnerOnlyAccess) {

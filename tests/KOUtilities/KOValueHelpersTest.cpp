@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+#include <vector>
+
 #include "KOTestDevice.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOLogger.h"
@@ -11,14 +14,21 @@ TEST_F(KOValueHelpersTest, NullCountsAsAbsentOnEveryLookup) {
   const KOValue json =
       KOJSONSerialization::parse(R"({"a": null, "b": "", "c": {"d": {"e": 5}, "n": null}, "s": "text"})");
   const KODictionary& d = json.dictionaryValue();
-  EXPECT_TRUE(validObjectForKey(d, "a").isNil());
-  EXPECT_EQ(validObjectForKey(d, "b"), KOValue(""));
-  EXPECT_TRUE(validObjectForKey(d, "missing").isNil());
-  EXPECT_TRUE(safeObjectForKey(d, "a").isNil());
-  EXPECT_EQ(validObjectForKeyPath(d, "c.d.e"), KOValue(5));
-  EXPECT_TRUE(validObjectForKeyPath(d, "c.n").isNil());
-  EXPECT_TRUE(validObjectForKeyPath(d, "c.n.x").isNil());
-  EXPECT_TRUE(validObjectForKeyPath(d, "s.x").isNil());  // a string where a dictionary was expected
+  using Lookup = const KOValue& (*)(const KODictionary&, std::string_view);
+  const Lookup key = validObjectForKey, safe = safeObjectForKey, path = validObjectForKeyPath;
+  // "s.x" reaches a string where a dictionary was expected.
+  for (const auto& [lookup, name, expected] :
+       std::vector<std::tuple<Lookup, const char*, KOValue>>{{key, "a", KOValue()},
+                                                             {key, "b", ""},
+                                                             {key, "missing", KOValue()},
+                                                             {safe, "a", KOValue()},
+                                                             {path, "c.d.e", 5},
+                                                             {path, "c.n", KOValue()},
+                                                             {path, "c.n.x", KOValue()},
+                                                             {path, "s.x", KOValue()}}) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(lookup(d, name), expected);
+  }
   EXPECT_TRUE(validObjectForKey(KOValue("not a dictionary"), "a").isNil());
 }
 

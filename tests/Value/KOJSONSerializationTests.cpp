@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <vector>
 
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOValuePrinting.h"
@@ -34,8 +35,7 @@ TEST(KOJSONSerialization, RoundTripsEveryJSONKind) {
       {"text", "quote \" backslash \\ newline \n tab \t nul " + std::string(1, '\0') + " é ✓ 𝄞"},
       {"", "empty key"},
   };
-  const std::string text = KOJSONSerialization::write(value);
-  const KOValue back = KOJSONSerialization::parse(text);
+  const KOValue back = KOJSONSerialization::parse(KOJSONSerialization::write(value));
   EXPECT_EQ(back, value);
   // Key order survives the trip, and number kinds are kept.
   EXPECT_EQ(back.dictionaryValue().keys(), value.dictionaryValue().keys());
@@ -54,22 +54,21 @@ TEST(KOJSONSerialization, RoundTripsEveryJSONKind) {
 TEST(KOJSONSerialization, NumbersAtTheEdges) {
   constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
   constexpr auto kMin = std::numeric_limits<std::int64_t>::min();
-  const KOValue ints = KOJSONSerialization::parse("[9223372036854775807,-9223372036854775808,-1,0,-0]");
-  const KOArray& a = ints.arrayValue();
+  const KOArray a = KOJSONSerialization::parse("[9223372036854775807,-9223372036854775808,-1,0,-0]").arrayValue();
   ASSERT_EQ(a.size(), 5u);
-  EXPECT_TRUE(a[0].isInteger());
+  EXPECT_TRUE(a[0].isInteger() && a[1].isInteger());
   EXPECT_EQ(a[0].intValue(), kMax);
-  EXPECT_TRUE(a[1].isInteger());
   EXPECT_EQ(a[1].intValue(), kMin);
   EXPECT_EQ(a[2].intValue(), -1);
   EXPECT_EQ(KOJSONSerialization::write(KOArray{kMax, kMin}), "[9223372036854775807,-9223372036854775808]");
 
   // Beyond int64 (either way) the number is kept as a real rather than wrapped.
-  const KOValue big = KOJSONSerialization::parse("[9223372036854775808,18446744073709551615,-9223372036854775809]");
-  for (const KOValue& v : big.arrayValue()) EXPECT_TRUE(v.isReal()) << v.description();
-  EXPECT_EQ(big.arrayValue()[0].doubleValue(), 9223372036854775808.0);
-  EXPECT_EQ(big.arrayValue()[1].doubleValue(), 18446744073709551615.0);
-  EXPECT_LT(big.arrayValue()[2].doubleValue(), 0);
+  const KOArray big =
+      KOJSONSerialization::parse("[9223372036854775808,18446744073709551615,-9223372036854775809]").arrayValue();
+  for (const KOValue& v : big) EXPECT_TRUE(v.isReal()) << v.description();
+  EXPECT_EQ(big[0].doubleValue(), 9223372036854775808.0);
+  EXPECT_EQ(big[1].doubleValue(), 18446744073709551615.0);
+  EXPECT_LT(big[2].doubleValue(), 0);
 
   // Reals come back bit-exact.
   for (double d : {0.1, -1e-310, 1.7976931348623157e308, -123456.789e-5, 1.0}) {
@@ -77,16 +76,8 @@ TEST(KOJSONSerialization, NumbersAtTheEdges) {
     EXPECT_TRUE(back.isReal());
     EXPECT_EQ(back.doubleValue(), d);
   }
-  expectRejected("1e400");
-  expectRejected("-");
-  expectRejected("01");
-  expectRejected("1.");
-  expectRejected("+1");
-}
-
-// Found by fuzzing: a zero with a large negative exponent once took a conversion path with
-// undefined behaviour.
-TEST(KOJSONSerialization, ZeroWithHugeNegativeExponentIsZero) {
+  // Found by fuzzing: a zero with a large negative exponent once took a conversion path with
+  // undefined behaviour.
   EXPECT_EQ(KOJSONSerialization::parse("0e-300"), KOValue(0.0));
   EXPECT_EQ(KOJSONSerialization::parse("[-0.0e-330]"), KOValue(KOArray{0.0}));
 }
@@ -97,39 +88,20 @@ TEST(KOJSONSerialization, RejectsCorruptText) {
   // Every proper prefix of a document is truncated.
   for (std::size_t n = 0; n < good.size(); ++n) expectRejected(good.substr(0, n));
 
-  for (const char* text : {"",
-                           "   ",
-                           "nul",
-                           "tru",
-                           "{\"a\"}",
-                           "{\"a\":}",
-                           "[1,]",
-                           "{,}",
-                           "{'a':1}",
-                           "[1 2]",
-                           "{\"a\":1,}",
-                           "\"unterminated",
-                           "\"bad escape \\x\"",
-                           "\"\\u12\"",
-                           "\"\\uD800\"",
-                           "\"\\uD800\\u0041\"",
-                           "/* comment */ 1",
-                           "NaN",
-                           "Infinity",
-                           "[1]]",
-                           "{}{}"}) {
-    expectRejected(text);
-  }
-  // Bytes after the root value, including after an embedded NUL, are not ignored.
-  expectRejected("{} x");
-  expectRejected(std::string("[1]\0", 4));
-  expectRejected(std::string("[1]\0[2]", 7));
-  expectRejected(std::string("\"a\0b\"", 5));
-  expectRejected(std::string("[1,\0 2]", 7));
-  // Found by fuzzing: a multi-byte character cut short at the very end of the text.
-  for (const char* cut : {"{\"a\":\"\xE2", "{\"e2\xE2", "[\"\xF0\x9F\x98", "\"\xC3"}) expectRejected(cut);
+  const std::vector<std::string> bad = {
+      "", "   ", "nul", "tru", "{\"a\"}", "{\"a\":}", "[1,]", "{,}", "{'a':1}", "[1 2]", "{\"a\":1,}", "\"unterminated",
+      "\"bad escape \\x\"", "\"\\u12\"", "/* comment */ 1", "NaN", "Infinity", "[1]]", "{}{}", "1e400", "-", "01", "1.",
+      "+1",
+      // Escaped surrogates out of pairs would decode to bytes that are not UTF-8, which could then
+      // never be written again.
+      "\"\\uD800\"", "\"\\uD800\\u0041\"", R"("\uDC00")", R"({"k":"a\uDFFFb"})",
+      // Bytes after the root value, including after an embedded NUL, are not ignored.
+      "{} x", std::string("[1]\0", 4), std::string("[1]\0[2]", 7), std::string("\"a\0b\"", 5),
+      std::string("[1,\0 2]", 7),
+      // Found by fuzzing: a multi-byte character cut short at the very end of the text.
+      "{\"a\":\"\xE2", "{\"e2\xE2", "[\"\xF0\x9F\x98", "\"\xC3"};
+  for (const std::string& text : bad) expectRejected(text);
   EXPECT_EQ(KOJSONSerialization::parse(" \n\t[1] \r\n"), KOValue(KOArray{1}));
-
   // An escaped NUL is a character like any other.
   EXPECT_EQ(KOJSONSerialization::parse(R"("a\u0000b")").stringValue(), std::string("a\0b", 3));
 }
@@ -148,13 +120,6 @@ TEST(KOJSONSerialization, RejectsInvalidUTF8) {
   EXPECT_THROW(KOJSONSerialization::write(KODictionary{{"\xFF", 1}}), KOTypeError);
 }
 
-// An escaped lone surrogate would decode to bytes that are not UTF-8, and the value could then
-// never be written again: it is refused at the door.
-TEST(KOJSONSerialization, EscapedLoneLowSurrogateIsRejected) {
-  expectRejected(R"("\uDC00")");
-  expectRejected(R"({"k":"a\uDFFFb"})");
-}
-
 TEST(KOJSONSerialization, NestingLimitInBothDirections) {
   constexpr int kMax = KOValue::kMaxNestingDepth;
   KOValue deepest = KOJSONSerialization::parse(nestedArrays(kMax, "1"));
@@ -164,21 +129,16 @@ TEST(KOJSONSerialization, NestingLimitInBothDirections) {
   expectRejected(nestedArrays(kMax + 1));
   std::string objects;
   for (int i = 0; i < kMax + 1; ++i) objects += "{\"k\":";
-  objects += "1" + std::string(static_cast<std::size_t>(kMax + 1), '}');
-  expectRejected(objects);
+  expectRejected(objects + "1" + std::string(static_cast<std::size_t>(kMax + 1), '}'));
 
   // Far deeper input, even unterminated, is refused without exhausting the stack.
   expectRejected(std::string(100000, '['));
   expectRejected(nestedArrays(100000));
 
+  // The writer never produces text the reader would refuse for its depth.
   EXPECT_NO_THROW(KOJSONSerialization::write(nestedValue(kMax)));
+  EXPECT_THROW(KOJSONSerialization::write(nestedValue(kMax + 1)), KOTypeError);
   EXPECT_THROW(KOJSONSerialization::write(nestedValue(kMax + 5)), KOTypeError);
-}
-
-// The writer never produces text the reader would refuse for its depth.
-TEST(KOJSONSerialization, WriterRefusesWhatTheReaderWouldRefuse) {
-  const KOValue tooDeep = nestedValue(KOValue::kMaxNestingDepth + 1);
-  EXPECT_THROW(KOJSONSerialization::write(tooDeep), KOTypeError);
 }
 
 TEST(KOJSONSerialization, WritingNonJSONValuesThrows) {

@@ -190,7 +190,6 @@ TEST_F(ServerInterfaceIntegrationTest, FailedCallsShipARemoteLogRecord) {
   EXPECT_EQ(log.uid, KovantisUtils::getIdentifierForVendor());
   EXPECT_EQ(log.lvl, "DEBUG");
   EXPECT_EQ(log.tb, "");
-  EXPECT_EQ(log.sdkVer, "3.5.0");
   EXPECT_NE(log.msg.find("Kovantis - Api failed with response 500 and error (null)"), std::string::npos) << log.msg;
   EXPECT_NE(log.msg.find("ADHttpClient.cpp"), std::string::npos);
 
