@@ -41,6 +41,22 @@ void BM_TrackEvent(benchmark::State& state) {
 }
 BENCHMARK(BM_TrackEvent)->Iterations(100000);
 
+// The same with an observer installed on the per-event hook (the in-app trigger check's place),
+// one that only counts: the hook's own cost.
+void BM_TrackEventObserved(benchmark::State& state) {
+  KOBenchRig::shared();
+  KOEventsHandler& events = KOEventsHandler::sharedInstance();
+  events.setEventsBatchCountTreshold(UINT64_MAX);
+  std::size_t seen = 0;
+  events.setEventObserver([&seen](const std::string&, const KOValue&) { ++seen; });
+  const KOValue name("PRODUCT_VIEWED");
+  for (auto _ : state) events.trackEvent(name, payload());
+  events.setEventObserver(nullptr);
+  if (seen != static_cast<std::size_t>(state.iterations())) state.SkipWithError("the observer missed events");
+  events.getBatchesWithViewsArray(false);
+}
+BENCHMARK(BM_TrackEventObserved)->Iterations(100000);
+
 // A cut of 30 records plus the whole-file write, with `range(0)` batches already stored.
 void BM_BatchCut(benchmark::State& state) {
   KOBenchRig& r = KOBenchRig::shared();

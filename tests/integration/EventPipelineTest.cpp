@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <limits>
+#include <optional>
+#include <stdexcept>
 
 #include "KOSDKTestDevice.h"
 #include "KOUtilities/KOLogger.h"
@@ -286,4 +288,59 @@ TEST_F(EventPipelineTest, StartRegistersTheDeviceWithItsAttributesAndLocale) {
   sdk().initializeWithApiKey(KOValue("kov-test-app"));
   ASSERT_TRUE(flush());
   EXPECT_EQ(storedRecords(EVENT_ACTION_DEVICE_ATTRIBUTE).size(), 7u);
+}
+
+TEST_F(EventPipelineTest, TheObserverSeesEveryRecordedEventAndCannotLoseOne) {
+  startClean();
+  std::vector<std::pair<std::string, KOValue>> seen;
+  events().setEventObserver([&](const std::string& name, const KOValue& attributes) {
+    seen.emplace_back(name, attributes);
+    if (name == "THROWS") throw std::runtime_error("observer failed");
+  });
+  sdk().trackEvent(KOValue("PLAIN"), KOValue(KODictionary{{"a", 1}}));
+  KOPayloadBuilder builder;
+  builder.setLocationLat(1, 2, "here");
+  sdk().trackEvent(KOValue("BUILT"), builder);
+  sdk().setUserEmailID(KOValue("o@example.com"));  // tracked by the attributes handler, not the facade
+  sdk().trackEvent(KOValue(7), KOValue());         // refused, so never offered
+  sdk().trackEvent(KOValue("THROWS"), KOValue());
+  events().setEventObserver(nullptr);
+  sdk().trackEvent(KOValue("UNSEEN"), KOValue());
+
+  ASSERT_EQ(seen.size(), 4u);
+  EXPECT_EQ(seen[0], std::make_pair(std::string("PLAIN"), KOValue(KODictionary{{"a", 1}})));
+  EXPECT_EQ(seen[1].first, "BUILT");
+  EXPECT_TRUE(seen[1].second.isNil());
+  EXPECT_EQ(seen[2].first, EVENT_ACTION_USER_ATTRIBUTE);
+  EXPECT_EQ(seen[2].second["USER_ATTRIBUTE_USER_EMAIL"], KOValue("o@example.com"));
+  EXPECT_EQ(seen[3].first, "THROWS");
+  ASSERT_TRUE(flush());
+  for (const char* name : {"PLAIN", "BUILT", "THROWS", "UNSEEN"}) EXPECT_EQ(storedNames(name).size(), 1u) << name;
+}
+
+TEST_F(EventPipelineTest, FlushAnswersAfterASyncThatIncludedItsEvents) {
+  startClean();
+  auto flushed = [&] {
+    std::optional<bool> answer;
+    sdk().flush([&](bool allDelivered) { answer = allDelivered; });
+    EXPECT_TRUE(waitFor([&] { return answer.has_value(); }));
+    return answer.value_or(false);
+  };
+  emulator().injectFault(KOEmulatorFault{"/v2/report/add", 503, 0, false, -1, 1.0});
+  sdk().trackEvent(KOValue("KEPT"), KOValue());
+  EXPECT_FALSE(flushed());
+  // The answer speaks of the file too: the refused batch is on disk.
+  ASSERT_TRUE(batchFile().isDictionary());
+  EXPECT_EQ(batchFile().dictionaryValue().size(), 1u);
+
+  // A flush asked for while a sync runs waits for a sync that includes what came since.
+  emulator().clearFaults();
+  emulator().injectFault(KOEmulatorFault{"/v2/report/add", 0, 300, false, 1, 1.0});
+  sdk().syncNow();
+  ASSERT_TRUE(waitFor([&] { return events().syncInProgress(); }));
+  sdk().trackEvent(KOValue("LATE"), KOValue());
+  EXPECT_TRUE(flushed());
+  EXPECT_EQ(storedNames("KEPT").size(), 1u);
+  EXPECT_EQ(storedNames("LATE").size(), 1u);
+  EXPECT_FALSE(device().files().fileExists(events().eventsPlistFilePath()));
 }
