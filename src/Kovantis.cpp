@@ -64,7 +64,7 @@ void Kovantis::initializeWithApiKey(const KOValue& apiKey, KOApplication*, const
 }
 
 void Kovantis::start(const KOValue& apiKey, bool) {
-  try {
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception in initialize is %@", [&] {
     checkReinstallAndSaveAppID(apiKey);
     const KOValue stored = KovantisUtils::getAppId();
     if (stored.description() != apiKey.description()) {
@@ -77,9 +77,7 @@ void Kovantis::start(const KOValue& apiKey, bool) {
     queryForAdvertisingID();
     updateModules();
     trackLocale();
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception in initialize is %@", e);
-  }
+  });
 }
 
 void Kovantis::checkReinstallAndSaveAppID(const KOValue& appId) {
@@ -132,22 +130,18 @@ void Kovantis::smartTriggerForAppStatus(int status) {
 void Kovantis::debug(int level) { KOLogger::debug(level); }
 
 void Kovantis::setAppGroupID(const KOValue& groupId) {
-  try {
+  KOLogger::guard(KO_HERE, nullptr, "Kovantis - Exception : %@", [&] {
     if (emptyText(groupId)) return;
     prefs().setObject(groupId, KOV_APP_GROUP_ID_KEY);
     prefs().synchronize();
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
-  }
+  });
 }
 
 void Kovantis::setDataRedirection(bool redirect) {
-  try {
+  KOLogger::guard(KO_HERE, nullptr, "Kovantis - Exception : %@", [&] {
     prefs().setObject(KOValue(redirect), KO_SHOULD_REDIRECT_DATA);
     prefs().synchronize();
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
-  }
+  });
 }
 
 void Kovantis::applicationBecameActiveinApplication(KOApplication*) {
@@ -164,49 +158,36 @@ void Kovantis::stop(KOApplication*) { KOLogger::logPlain("Kovantis - stop method
 // ----------------------------------------------------------------------------------------- events
 
 void Kovantis::trackEvent(const KOValue& name, const KOValue& andPayload) {
-  try {
-    KOEventsHandler::sharedInstance().trackEvent(name, andPayload);
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
-  }
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception is %@",
+                  [&] { KOEventsHandler::sharedInstance().trackEvent(name, andPayload); });
 }
 
 void Kovantis::trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload) {
-  try {
-    KOEventsHandler::sharedInstance().trackEvent(name, builderPayload);
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
-  }
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception is %@",
+                  [&] { KOEventsHandler::sharedInstance().trackEvent(name, builderPayload); });
 }
 
 // -------------------------------------------------------------------------------- user attributes
 
 void Kovantis::setUserAttribute(const KOValue& value, const KOValue& forKey) {
-  try {
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception : %@", [&] {
     if (KOUserAttributesHandler::sharedInstance().setUserAttribute(value, forKey)) {
       KOLogger::logPlain(KOStringFormat::format("Kovantis - UserAttribute %@ tracked with Value %@", {forKey, value}));
     } else {
       KOLogger::logPlain("Kovantis - UserAttribute wasn't tracked as it was already present OR the key/value was nil");
     }
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception : %@", e);
-  }
+  });
 }
 
 void Kovantis::setUserAttributeTimestamp(double timeStamp, const KOValue& forKey) {
-  try {
-    KOUserAttributesHandler::sharedInstance().setUserAttributeTimestamp(timeStamp, forKey);
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception : %@", e);
-  }
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception : %@",
+                  [&] { KOUserAttributesHandler::sharedInstance().setUserAttributeTimestamp(timeStamp, forKey); });
 }
 
 void Kovantis::setUserAttributeLocationLatitude(double latitude, double longitude, const KOValue& forKey) {
-  try {
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception : %@", [&] {
     KOUserAttributesHandler::sharedInstance().setUserAttributeLocationLatitude(latitude, longitude, forKey);
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception : %@", e);
-  }
+  });
 }
 
 void Kovantis::setUserUniqueID(const KOValue& value) { setUserAttribute(value, KOValue(USER_ATTRIBUTE_UNIQUE_ID)); }
@@ -256,36 +237,24 @@ void Kovantis::addObserverForApplicationLifeCycle() {
 }
 
 void Kovantis::applicationIsActive(const KODictionary&) {
-  try {
-    sessionStarted();
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception in application is active : %@", e);
-  }
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception in application is active : %@", [&] { sessionStarted(); });
 }
 
 void Kovantis::sessionStarted() {
-  try {
-    trackEvent(KOValue(EVENT_ACTION_IOS_SESSION_START));
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception in Session start : %@", e);
-  }
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception in Session start : %@",
+                  [&] { trackEvent(KOValue(EVENT_ACTION_IOS_SESSION_START)); });
 }
 
 void Kovantis::applicationIsInactive(const KODictionary&) {
-  try {
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception in application is Inactive : %@", [&] {
     trackEvent(KOValue(EVENT_ACTION_IOS_SESSION_END));
     syncOnSessionTerminationWithApplication(platform().application.get());
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception in application is Inactive : %@", e);
-  }
+  });
 }
 
 void Kovantis::applicationEnteredForeground(const KODictionary&) {
-  try {
-    updateModules();
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception in application did enter Foreground is %@", e);
-  }
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception in application did enter Foreground is %@",
+                  [&] { updateModules(); });
 }
 
 void Kovantis::applicationEnteredBackground(const KODictionary&) {
@@ -294,7 +263,7 @@ void Kovantis::applicationEnteredBackground(const KODictionary&) {
 }
 
 void Kovantis::updateModules() {
-  try {
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception while updating modules %@", [&] {
     KOServerInterface::sharedInstance().getConfigForKovantis();
     if (!KovantisUtils::getDeviceToken().isAbsent() && !disableBadgeReset_) {
       platform().application->setApplicationIconBadgeNumber(0);
@@ -302,38 +271,28 @@ void Kovantis::updateModules() {
     KOEventsHandler& events = KOEventsHandler::sharedInstance();
     events.syncToServerFromDumpFile();
     events.syncTrackedEventsInBackground(false, false, true);
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception while updating modules %@", e);
-  }
+  });
 }
 
 void Kovantis::syncOnSessionTerminationWithApplication(KOApplication* application) {
-  try {
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception while trying to sync data : %@", [&] {
     KOApplication* app = application ? application : platform().application.get();
     auto task = std::make_shared<std::atomic<KOBackgroundTaskIdentifier>>(KOBackgroundTaskInvalid);
     *task = app->beginBackgroundTask(KOV_BACKGROUND_TASK_NAME, [app, task] { app->endBackgroundTask(*task); });
     bgTask_ = task->load();
     KOEventsHandler::sharedInstance().setBgTask(task->load());
     KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(true, false, false);  // queues the sync itself
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception while trying to sync data : %@", e);
-  }
+  });
 }
 
 void Kovantis::syncNow() {
-  try {
-    KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(false, false, false);
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - SyncNow exception : %@", e);
-  }
+  KOLogger::guard(KO_HERE, this, "Kovantis - SyncNow exception : %@",
+                  [&] { KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(false, false, false); });
 }
 
 void Kovantis::flush(std::function<void(bool allDelivered)> completion) {
-  try {
-    KOEventsHandler::sharedInstance().flush(std::move(completion));
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - SyncNow exception : %@", e);
-  }
+  KOLogger::guard(KO_HERE, this, "Kovantis - SyncNow exception : %@",
+                  [&] { KOEventsHandler::sharedInstance().flush(std::move(completion)); });
 }
 
 void Kovantis::initNewUser() {
@@ -352,7 +311,7 @@ void Kovantis::initNewUser() {
 }
 
 void Kovantis::addDeviceWithCompletion(std::function<void(bool)> completion) {
-  try {
+  KOLogger::guard(KO_HERE, this, "Kovantis - Exception in device add call %@", [&] {
     if (emptyText(KovantisUtils::getAppId())) {
       KOLogger::logPlain("Kovantis - Please initialze the app with the api key in did finish launching");
       return;
@@ -373,35 +332,29 @@ void Kovantis::addDeviceWithCompletion(std::function<void(bool)> completion) {
         KOLogger::logException(KO_HERE, this, "Kovantis - Exception in device add call %@", e);
       }
     });
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - Exception in device add call %@", e);
-  }
+  });
 }
 
 void Kovantis::setModelDeviceAttribute() {
-  try {
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception is %@", [&] {
     setDeviceAttribute(KOValue(KovantisUtils::getDeviceModel()), KOValue("device_model"));
     setDeviceAttribute(KOValue(KovantisUtils::getIdentifierForVendor()), KOValue("device_IDFV"));
     setDeviceAttribute(KOValue(KovantisUtils::getDeviceSystemVersion()), KOValue("os_version"));
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
-  }
+  });
 }
 
 void Kovantis::queryForAdvertisingID() {
-  try {
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception is %@", [&] {
     const KOValue advertisingId = KovantisUtils::advertiserID();
     if (advertisingId.isAbsent() || advertisingId == KovantisUtils::getSavedAdvertisingID()) return;
     setUserAttribute(advertisingId, KOValue(KO_ADVERTISING_IDENTIFIER));
     setDeviceAttribute(advertisingId, KOValue(KO_ADVERTISING_IDENTIFIER));
     KovantisUtils::saveAdvertisingID(advertisingId);
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
-  }
+  });
 }
 
 void Kovantis::trackLocale() {
-  try {
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception while tracking Locale %@", [&] {
     const KOLocale& locale = *platform().locale;
     std::string country, language;
     const std::string identifier = locale.localeIdentifier();
@@ -426,25 +379,19 @@ void Kovantis::trackLocale() {
       // Only a new or changed value goes out, as a device attribute too.
       if (handler.setUserAttribute(KOValue(value), KOValue(key))) setDeviceAttribute(KOValue(value), KOValue(key));
     }
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception while tracking Locale %@", e);
-  }
+  });
 }
 
 void Kovantis::setDeviceAttribute(const KOValue& value, const KOValue& forKey) {
-  try {
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception is %@", [&] {
     std::optional<KODictionary> attributes = KOUserAttributesHandler::attributeEntry(value, forKey);
     if (attributes) trackEvent(KOValue(EVENT_ACTION_DEVICE_ATTRIBUTE), KOValue(std::move(*attributes)));
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
-  }
+  });
 }
 
 void Kovantis::resetUser() {
-  try {
+  KOLogger::guard(KO_HERE, this, "Kovantis - Reset User exception : %@", [&] {
     trackEvent(KOValue(KOV_LOGOUT));
     KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(false, true, false);
-  } catch (const std::exception& e) {
-    KOLogger::logException(KO_HERE, this, "Kovantis - Reset User exception : %@", e);
-  }
+  });
 }

@@ -230,6 +230,14 @@ void KOLogger::logLocated(const KOSourceLocation& where, const void* object, int
   logWithVerbosity(2, severity, locatedArgs(where, object, message), stackTrace);
 }
 
+void KOLogger::logExceptionQuietly(const KOSourceLocation& where, const void* object, std::string_view format,
+                                   const std::exception& e) noexcept {
+  try {
+    logException(where, object, format, e);
+  } catch (...) {
+  }
+}
+
 void KOLogger::setRemoteShipper(RemoteShipper shipper) {
   std::lock_guard<std::mutex> lock(settings().mutex);
   settings().shipper = std::move(shipper);

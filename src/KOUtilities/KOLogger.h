@@ -5,6 +5,7 @@
 #include <exception>
 #include <functional>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -74,6 +75,18 @@ class KOLogger {
   static void logLocated(const KOSourceLocation& where, const void* object, int severity, const std::string& message);
   /// A located exception line (severity 4): the format's one %@ is the exception's text. Nothing
   /// is formatted when logging is off.
+  /// Runs `body`; an exception it throws is logged at `where` as `format` (its "%@" the exception's
+  /// text) and goes no further. The catch-and-log block of every public entry, written once.
+  template <typename Body>
+  static void guard(const KOSourceLocation& where, const void* object, std::string_view format, Body&& body) noexcept {
+    try {
+      body();
+    } catch (const std::exception& e) {
+      logExceptionQuietly(where, object, format, e);
+    } catch (...) {
+      logExceptionQuietly(where, object, format, std::runtime_error("unknown exception"));
+    }
+  }
   static void logException(const KOSourceLocation& where, const void* object, std::string_view format,
                            const std::exception& e);
   /// A located line that is also shipped remotely when remote logging is on.
@@ -83,6 +96,9 @@ class KOLogger {
   /// Where shipped records go: the server interface registers its log upload here when it is
   /// created; nullptr stops shipping.
   static void setRemoteShipper(RemoteShipper shipper);
+  /// logException that never throws itself (for guard()).
+  static void logExceptionQuietly(const KOSourceLocation& where, const void* object, std::string_view format,
+                                  const std::exception& e) noexcept;
 
   /// "Class::method" out of a compiler's pretty function name.
   static std::string methodName(const char* prettyFunction);
