@@ -61,13 +61,14 @@ class KOEventsHandler {
   /// Records per batch; the configuration's value applies from the next start.
   void setEventsBatchCountTreshold(std::uint64_t threshold);
   bool syncInProgress() const;
+  void setBgTask(KOBackgroundTaskIdentifier task);
+
+  // ---- For tests and benchmarks only: the SDK itself never asks these.
   /// Records tracked and not yet cut into a batch.
   std::size_t eventsInMemory() const;
   /// Batches waiting for the service, in memory and in the batch file.
   std::size_t storedBatchCount();
-  void setBgTask(KOBackgroundTaskIdentifier task);
-
-  /// Serialises one event record; exposed for the benchmarks.
+  /// Serialises one event record (the benchmarks build batches with it).
   static std::string recordJSON(const std::string& name, const KOValue* attributes, const KODictionary* custom);
 
  private:

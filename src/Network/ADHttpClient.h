@@ -14,7 +14,7 @@ class ADHttpClient {
   using SuccessCompletion = std::function<void(bool success)>;
 
   /// The SDK's client. Its network thread starts on first use and is stopped and joined when the
-  /// process exits (the client is a function-local static), before the runtime goes away.
+  /// process exits.
   static ADHttpClient& sharedInstance();
 
   /// A client of one's own (tests, benchmarks): the network thread lives as long as the object.
@@ -33,13 +33,15 @@ class ADHttpClient {
   /// console only, so that a failing upload never causes another.
   void sendLogRequest(KOURLRequest request, SuccessCompletion withCompletionHandler);
 
-  /// Requests handed over and not yet completed.
-  std::size_t inFlight() const;
   /// Closes the connections kept for reuse once nothing is in flight (as when the app goes to the
   /// background); waits at most the timeout and returns whether they were closed.
   bool closeIdleConnections(double timeoutSeconds = 5);
   /// Stops the network thread; requests still in flight complete as failures.
   void shutdown();
+
+  // ---- For tests and benchmarks only.
+  /// Requests handed over and not yet completed.
+  std::size_t inFlight() const;
 
  private:
   struct Impl;
