@@ -80,13 +80,14 @@ httplib::Params EmulatorTest::without(httplib::Params params, const std::string 
   return params;
 }
 
-httplib::Result EmulatorTest::get(const std::string &path, const httplib::Params &query) {
-  return client().Get(httplib::append_query_params(path, query));
-}
-
-httplib::Result EmulatorTest::post(const std::string &path, const httplib::Params &query, const std::string &body,
-                                   const std::string &contentType) {
-  return client().Post(httplib::append_query_params(path, query), body, contentType.c_str());
+httplib::Result EmulatorTest::send(const std::string &method, const std::string &path, const httplib::Params &query,
+                                   const std::string &body, const std::string &contentType) {
+  httplib::Request req;
+  req.method = method;
+  req.path = httplib::append_query_params(path, query);
+  req.body = body;
+  if (!contentType.empty()) req.set_header("Content-Type", contentType);
+  return client().send(req);
 }
 
 std::string EmulatorTest::report(int events, const std::string &name) {

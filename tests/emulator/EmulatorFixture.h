@@ -25,9 +25,13 @@ class EmulatorTest : public ::testing::Test {
   // A client with bounded timeouts, so a hung server fails the test instead of stalling it.
   httplib::Client client() const;
   static httplib::Params without(httplib::Params params, const std::string &key);
-  httplib::Result get(const std::string &path, const httplib::Params &query);
+  httplib::Result send(const std::string &method, const std::string &path, const httplib::Params &query,
+                       const std::string &body = {}, const std::string &contentType = {});
+  httplib::Result get(const std::string &path, const httplib::Params &query) { return send("GET", path, query); }
   httplib::Result post(const std::string &path, const httplib::Params &query, const std::string &body,
-                       const std::string &contentType = "application/json");
+                       const std::string &contentType = "application/json") {
+    return send("POST", path, query, body, contentType);
+  }
   // {"viewsInfo": [n events named <name>0..], "viewsCount": n}
   static std::string report(int events, const std::string &name = "EVENT");
   static rapidjson::Document json(const std::string &text);

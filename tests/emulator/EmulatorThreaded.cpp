@@ -17,6 +17,7 @@ extern char **environ;
 namespace {
 
 using Clock = std::chrono::steady_clock;
+const httplib::Params kConfigQuery = {{"app_id", "A"}, {"unique_id", "U"}, {"os", "iOS"}};
 
 // A child kovantis-emulator with its stdout on a pipe. The destructor kills a child that is still
 // running, so a failing test never leaves one behind.
@@ -30,10 +31,9 @@ class Child {
     posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
     posix_spawn_file_actions_addclose(&actions, fds[0]);
     posix_spawn_file_actions_addclose(&actions, fds[1]);
-    std::vector<char *> argv;
     std::string binary = KOVANTIS_EMULATOR_BINARY;
-    argv.push_back(binary.data());
     std::vector<std::string> copies = args;
+    std::vector<char *> argv = {binary.data()};
     for (auto &a : copies) argv.push_back(a.data());
     argv.push_back(nullptr);
     int rc = posix_spawn(&pid_, binary.c_str(), &actions, nullptr, argv.data(), environ);
@@ -52,40 +52,32 @@ class Child {
   Child(const Child &) = delete;
   Child &operator=(const Child &) = delete;
 
-  // Reads stdout until `until` appears or the output ends; gives up at the deadline.
+  // Reads stdout until `until` appears, the output ends or the time is up.
   std::string readUntil(const std::string &until, Clock::duration limit) {
     auto deadline = Clock::now() + limit;
-    while (output_.find(until) == std::string::npos && Clock::now() < deadline) {
+    while (!ended_ && output_.find(until) == std::string::npos && Clock::now() < deadline) {
       pollfd p{out_, POLLIN, 0};
-      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-      if (poll(&p, 1, static_cast<int>(std::max<long long>(left, 1))) <= 0) continue;
+      if (poll(&p, 1, 50) <= 0) continue;
       char buffer[512];
       ssize_t n = read(out_, buffer, sizeof buffer);
-      if (n <= 0) break;
-      output_.append(buffer, static_cast<size_t>(n));
+      if (n > 0) output_.append(buffer, static_cast<size_t>(n));
+      ended_ = n <= 0;
     }
     return output_;
   }
-  // Waits for the output to end (the child closes it on exit), then reaps the child.
+  // The exit status, once the output ended (the child closes it on exit); -1 if it did not in time.
   int exitStatus(Clock::duration limit) {
-    auto deadline = Clock::now() + limit;
     readUntil("\x01never", limit);
     int status = -1;
-    // The output closes a moment before the child can be reaped.
-    while (Clock::now() < deadline) {
-      if (waitpid(pid_, &status, WNOHANG) == pid_) {
-        pid_ = -1;
-        return status;
-      }
-      std::this_thread::yield();
-    }
-    return -1;
+    if (ended_ && waitpid(pid_, &status, 0) == pid_) pid_ = -1;
+    return status;
   }
   void signal(int sig) { kill(pid_, sig); }
 
  private:
   pid_t pid_ = -1;
   int out_ = -1;
+  bool ended_ = false;
   std::string output_;
 };
 
@@ -118,6 +110,7 @@ TEST_F(EmulatorTest, InspectionWhileServingIsSafe) {
     while (!done && Clock::now() < deadline) {
       emulator->inspectJSON("events");
       emulator->faults();
+      client().Get("/__emulator/requests");  // the control rows, on the server's threads
     }
   });
   emulator->injectFault(fault("/v1/getConfig", 500, 0, false, -1, 0.5));
@@ -126,7 +119,7 @@ TEST_F(EmulatorTest, InspectionWhileServingIsSafe) {
     writers.emplace_back([&, i] {
       for (int j = 0; j < 5; ++j) {
         post("/v2/report/add", universal({{"batch_id", std::to_string(i * 10 + j)}}), report(1));
-        get("/v1/getConfig", {{"app_id", "A"}, {"unique_id", "U"}, {"os", "iOS"}});
+        get("/v1/getConfig", kConfigQuery);
       }
     });
   }
@@ -141,7 +134,7 @@ TEST_F(EmulatorTest, InspectionWhileServingIsSafe) {
 
 TEST_F(EmulatorTest, StopCutsAStallShortAndTheEmulatorStartsAgain) {
   emulator->injectFault(fault("/v1/getConfig", 0, 60000, false, 1));
-  std::thread caller([&] { get("/v1/getConfig", {{"app_id", "A"}, {"unique_id", "U"}, {"os", "iOS"}}); });
+  std::thread caller([&] { get("/v1/getConfig", kConfigQuery); });
   // The fault is used up once the request has arrived and begun to stall.
   auto deadline = Clock::now() + std::chrono::seconds(10);
   while (!emulator->faults().empty() && Clock::now() < deadline) std::this_thread::yield();
@@ -151,9 +144,12 @@ TEST_F(EmulatorTest, StopCutsAStallShortAndTheEmulatorStartsAgain) {
   emulator->stop();
   EXPECT_LT(Clock::now() - started, std::chrono::seconds(10));
   caller.join();
+  EXPECT_FALSE(emulator->isRunning());
+  EXPECT_FALSE(get("/v1/getConfig", kConfigQuery)) << "nothing listens after stop";
 
   port = emulator->start(0);
-  auto res = get("/v1/getConfig", {{"app_id", "A"}, {"unique_id", "U"}, {"os", "iOS"}});
+  EXPECT_THROW(emulator->start(0), std::runtime_error);
+  auto res = get("/v1/getConfig", kConfigQuery);
   ASSERT_TRUE(res);
   EXPECT_EQ(res->status, 200);
 }
@@ -173,7 +169,7 @@ TEST(EmulatorCommandLine, PrintsItsPortServesAndStopsOnSigterm) {
     cli.set_read_timeout(10);
     auto health = cli.Get("/__emulator/health");
     ASSERT_TRUE(health);
-    EXPECT_EQ(health->status, 200);
+    EXPECT_EQ(health->body, "{\"ok\":true,\"port\":" + std::to_string(childPort) + "}");
     auto sent = cli.Post(httplib::append_query_params("/v2/report/add", EmulatorTest::universal({{"batch_id", "42"}})),
                          R"({"viewsInfo":[{"EVENT_ACTION":"x"}],"viewsCount":1})", "application/json");
     ASSERT_TRUE(sent);

@@ -26,7 +26,6 @@
 
 namespace {
 
-constexpr std::string_view kControlPrefix = "/__emulator/";
 constexpr size_t kWorkerThreads = 16;
 
 int portOf(const sockaddr_storage &addr) {
@@ -73,245 +72,21 @@ std::string describe(const KOEmulatorFault &f) {
   return out.str();
 }
 
-void write(KOJSONWriter &w, const KOEmulatorRequest &r) {
-  using J = KOEmulatorJSON;
-  w.StartObject();
-  w.Key("id");
-  w.Int64(r.id);
-  w.Key("time");
-  w.Double(r.time);
-  w.Key("method");
-  J::writeString(w, r.method);
-  w.Key("path");
-  J::writeString(w, r.path);
-  w.Key("target");
-  J::writeString(w, r.target);
-  w.Key("query");
-  J::writeRaw(w, r.queryJSON);
-  w.Key("body");
-  J::writeString(w, r.body);
-  w.Key("status");
-  w.Int(r.status);
-  w.Key("error");
-  if (r.error.empty())
-    w.Null();
-  else
-    J::writeString(w, r.error);
-  w.Key("fault");
-  if (r.fault.empty())
-    w.Null();
-  else
-    J::writeString(w, r.fault);
-  w.EndObject();
-}
-
-void write(KOJSONWriter &w, const KOEmulatorDevice &d) {
-  using J = KOEmulatorJSON;
-  w.StartObject();
-  w.Key("app_id");
-  J::writeString(w, d.appId);
-  w.Key("unique_id");
-  J::writeString(w, d.uniqueId);
-  w.Key("device_unique_id");
-  J::writeString(w, d.deviceUniqueId);
-  w.Key("push_id");
-  J::writeString(w, d.pushId);
-  w.Key("model");
-  J::writeString(w, d.model);
-  w.Key("os_ver");
-  J::writeString(w, d.osVer);
-  w.Key("app_ver");
-  J::writeString(w, d.appVer);
-  w.Key("sdk_ver");
-  J::writeString(w, d.sdkVer);
-  w.Key("IDFV");
-  J::writeString(w, d.idfv);
-  w.Key("ADVERTISING_IDENTIFIER");
-  J::writeString(w, d.advertisingId);
-  w.Key("first_seen");
-  w.Double(d.firstSeen);
-  w.Key("last_seen");
-  w.Double(d.lastSeen);
-  w.Key("registrations");
-  w.Int64(d.registrations);
-  w.EndObject();
-}
-
-void write(KOJSONWriter &w, const KOEmulatorBatch &b) {
-  using J = KOEmulatorJSON;
-  w.StartObject();
-  w.Key("app_id");
-  J::writeString(w, b.appId);
-  w.Key("unique_id");
-  J::writeString(w, b.uniqueId);
-  w.Key("batch_id");
-  J::writeString(w, b.batchId);
-  w.Key("views_count");
-  w.Int64(b.viewsCount);
-  w.Key("events");
-  w.Int64(b.eventCount);
-  w.Key("received");
-  w.Double(b.received);
-  w.EndObject();
-}
-
-void write(KOJSONWriter &w, const KOEmulatorEvent &e) {
-  using J = KOEmulatorJSON;
-  w.StartObject();
-  w.Key("app_id");
-  J::writeString(w, e.appId);
-  w.Key("unique_id");
-  J::writeString(w, e.uniqueId);
-  w.Key("batch_id");
-  J::writeString(w, e.batchId);
-  w.Key("position");
-  w.Int64(e.position);
-  w.Key("name");
-  J::writeString(w, e.name);
-  w.Key("event");
-  J::writeRaw(w, e.json);
-  w.EndObject();
-}
-
-void write(KOJSONWriter &w, const KOEmulatorDuplicate &d) {
-  using J = KOEmulatorJSON;
-  w.StartObject();
-  w.Key("app_id");
-  J::writeString(w, d.appId);
-  w.Key("unique_id");
-  J::writeString(w, d.uniqueId);
-  w.Key("batch_id");
-  J::writeString(w, d.batchId);
-  w.Key("views_count");
-  w.Int64(d.viewsCount);
-  w.Key("received");
-  w.Double(d.received);
-  w.Key("identical");
-  w.Bool(d.identical);
-  w.EndObject();
-}
-
-void write(KOJSONWriter &w, const KOEmulatorLog &l) {
-  using J = KOEmulatorJSON;
-  w.StartObject();
-  w.Key("token");
-  J::writeString(w, l.token);
-  w.Key("appid");
-  J::writeString(w, l.appid);
-  w.Key("uid");
-  J::writeString(w, l.uid);
-  w.Key("lvl");
-  J::writeString(w, l.lvl);
-  w.Key("tb");
-  J::writeString(w, l.tb);
-  w.Key("sdk_ver");
-  J::writeString(w, l.sdkVer);
-  w.Key("msg");
-  J::writeString(w, l.msg);
-  w.Key("tm_s");
-  J::writeString(w, l.tmS);
-  w.Key("received");
-  w.Double(l.received);
-  w.EndObject();
-}
-
-void write(KOJSONWriter &w, const KOEmulatorCategories &c) {
-  using J = KOEmulatorJSON;
-  w.StartObject();
-  w.Key("app_id");
-  J::writeString(w, c.appId);
-  w.Key("unique_id");
-  J::writeString(w, c.uniqueId);
-  w.Key("data");
-  J::writeRaw(w, c.dataJSON);
-  w.Key("received");
-  w.Double(c.received);
-  w.EndObject();
-}
-
-void write(KOJSONWriter &w, const KOEmulatorFault &f) {
-  w.StartObject();
-  w.Key("path");
-  KOEmulatorJSON::writeString(w, f.path);
-  w.Key("status");
-  w.Int(f.status);
-  w.Key("delay_ms");
-  w.Int64(f.delayMs);
-  w.Key("drop");
-  w.Bool(f.drop);
-  w.Key("count");
-  w.Int64(f.count);
-  w.Key("share");
-  w.Double(f.share);
-  w.EndObject();
-}
-
-template <class Record>
-std::string toJSON(const std::vector<Record> &records) {
-  rapidjson::StringBuffer buffer;
-  KOJSONWriter w(buffer);
-  w.StartArray();
-  for (const auto &r : records) write(w, r);
-  w.EndArray();
-  return {buffer.GetString(), buffer.GetSize()};
-}
-
-KOEmulatorFault faultFromJSON(const std::string &text) {
-  rapidjson::Document doc;
-  std::string error;
-  if (!KOEmulatorJSON::parse(text, doc, error)) throw std::invalid_argument(error);
-  if (!doc.IsObject()) throw std::invalid_argument("fault must be a JSON object");
-  KOEmulatorFault f;
-  for (auto &m : doc.GetObject()) {
-    std::string key = m.name.GetString();
-    const auto &v = m.value;
-    auto bad = [&](const char *what) {
-      return std::invalid_argument("fault \"" + key + "\" must be " + what + ", got " + KOEmulatorJSON::typeName(v));
-    };
-    if (key == "path") {
-      if (!v.IsString()) throw bad("a string");
-      f.path = v.GetString();
-    } else if (key == "status") {
-      if (!v.IsInt()) throw bad("an integer");
-      f.status = v.GetInt();
-    } else if (key == "delay_ms") {
-      if (!v.IsInt64()) throw bad("an integer");
-      f.delayMs = v.GetInt64();
-    } else if (key == "drop") {
-      if (!v.IsBool()) throw bad("a boolean");
-      f.drop = v.GetBool();
-    } else if (key == "count") {
-      if (!v.IsInt64()) throw bad("an integer");
-      f.count = v.GetInt64();
-    } else if (key == "share") {
-      if (!v.IsNumber()) throw bad("a number");
-      f.share = v.GetDouble();
-    } else {
-      throw std::invalid_argument("fault: unknown key \"" + key + "\"");
-    }
-  }
-  KOEmulatorFaults::validate(f);
-  return f;
-}
-
 }  // namespace
 
 class KOEmulator::Impl {
  public:
-  explicit Impl(Options o) : options(std::move(o)), store(options.dataDir), service(store) {}
+  explicit Impl(Options o) : options(std::move(o)), store(options.dataDir), service(store, faults) {}
 
   void serve(const httplib::Request &req, httplib::Response &res);
-  void serveControl(const httplib::Request &req, httplib::Response &res);
-  // What the control API and the in-process API show under a name; nothing for an unknown name.
-  std::optional<std::string> inspect(const std::string &what, const std::string &pathFilter) const;
   void record(const httplib::Request &req, int status, const std::string &error, const std::string &fault);
   // Stalls for a fault's delay, cut short when the emulator stops.
   void stall(int64_t ms);
 
   Options options;
   KOEmulatorStore store;
-  KOEmulatorService service;
   KOEmulatorFaults faults;
+  KOEmulatorService service;
 
   mutable std::mutex lifecycle;  // start / stop
   std::unique_ptr<httplib::Server> server;
@@ -357,11 +132,10 @@ void KOEmulator::Impl::record(const httplib::Request &req, int status, const std
   }
 }
 
+// Every request arrives here. What all service calls share (a fault may hit them, each is
+// recorded and logged) happens around the service's table, which takes the rest.
 void KOEmulator::Impl::serve(const httplib::Request &req, httplib::Response &res) {
-  if (req.path.starts_with(kControlPrefix)) {
-    serveControl(req, res);
-    return;
-  }
+  const bool recorded = !KOEmulatorService::isControlPath(req.path);
   try {
     if (KOEmulatorService::isServicePath(req.path)) {
       if (auto fault = faults.take(req.path)) {
@@ -384,71 +158,26 @@ void KOEmulator::Impl::serve(const httplib::Request &req, httplib::Response &res
         }
       }
     }
-    KOEmulatorCall call{req.method, req.path, req.params, req.get_header_value("Content-Type"), req.body};
+    KOEmulatorCall call{.method = req.method,
+                        .path = req.path,
+                        .query = req.params,
+                        .contentType = req.get_header_value("Content-Type"),
+                        .body = req.body,
+                        .port = req.local_port};
     KOEmulatorReply reply = service.handle(call);
     res.status = reply.status;
     if (!reply.body.empty()) res.set_content(reply.body, "application/json");
-    record(req, reply.status, reply.error, {});
+    if (recorded) record(req, reply.status, reply.error, {});
   } catch (const std::exception &e) {
     // A store failure must not take the server down; it answers like a failing service.
     std::string message = std::string("emulator failure: ") + e.what();
     res.status = 500;
     res.set_content(KOEmulatorJSON::errorBody(message), "application/json");
+    if (!recorded) return;
     try {
       record(req, 500, message, {});
     } catch (const std::exception &) {
     }
-  }
-}
-
-void KOEmulator::Impl::serveControl(const httplib::Request &req, httplib::Response &res) {
-  const std::string what = req.path.substr(kControlPrefix.size());
-  const std::string &m = req.method;
-  auto answer = [&](int status, const std::string &json) {
-    res.status = status;
-    res.set_content(json, "application/json");
-  };
-  auto okay = [&] { answer(200, R"({"ok":true})"); };
-  try {
-    if (m == "GET" && what == "health") {
-      answer(200, "{\"ok\":true,\"port\":" + std::to_string(boundPort.load()) + "}");
-    } else if (m == "POST" && what == "seed") {
-      service.seed(req.body);
-      okay();
-    } else if (m == "POST" && what == "reset") {
-      bool seeds = false;
-      if (!req.body.empty()) {
-        rapidjson::Document doc;
-        std::string error;
-        if (!KOEmulatorJSON::parse(req.body, doc, error)) throw std::invalid_argument(error);
-        if (!doc.IsObject()) throw std::invalid_argument("reset body must be a JSON object");
-        auto it = doc.FindMember("seeds");
-        if (it != doc.MemberEnd()) {
-          if (!it->value.IsBool()) throw std::invalid_argument("reset \"seeds\" must be a boolean");
-          seeds = it->value.GetBool();
-        }
-      }
-      store.reset(seeds);
-      okay();
-    } else if (m == "POST" && what == "fault") {
-      faults.add(faultFromJSON(req.body));
-      okay();
-    } else if (m == "DELETE" && what == "fault") {
-      faults.clear(req.get_param_value("path"));
-      okay();
-    } else if (m == "GET") {
-      if (std::optional<std::string> json = inspect(what, req.get_param_value("path"))) {
-        answer(200, *json);
-      } else {
-        answer(404, KOEmulatorJSON::errorBody("no such control endpoint: " + req.path));
-      }
-    } else {
-      answer(404, KOEmulatorJSON::errorBody("no such control endpoint: " + m + " " + req.path));
-    }
-  } catch (const std::invalid_argument &e) {
-    answer(400, KOEmulatorJSON::errorBody(e.what()));
-  } catch (const std::exception &e) {
-    answer(500, KOEmulatorJSON::errorBody(std::string("emulator failure: ") + e.what()));
   }
 }
 
@@ -492,7 +221,7 @@ int KOEmulator::start(int port) {
     if (!res.body.empty()) return;
     std::string message = "request refused by the HTTP layer (status " + std::to_string(res.status) + ")";
     res.set_content(KOEmulatorJSON::errorBody(message), "application/json");
-    if (!req.path.starts_with(kControlPrefix)) {
+    if (!KOEmulatorService::isControlPath(req.path)) {
       try {
         impl->record(req, res.status, message, {});
       } catch (const std::exception &) {
@@ -567,21 +296,10 @@ std::vector<KOEmulatorDuplicate> KOEmulator::duplicates() const { return impl_->
 std::vector<KOEmulatorLog> KOEmulator::logs() const { return impl_->store.logs(); }
 std::vector<KOEmulatorCategories> KOEmulator::categories() const { return impl_->store.categories(); }
 
-std::optional<std::string> KOEmulator::Impl::inspect(const std::string &what, const std::string &pathFilter) const {
-  if (what == "requests") return toJSON(store.requests(pathFilter));
-  if (what == "devices") return toJSON(store.devices());
-  if (what == "batches") return toJSON(store.batches());
-  if (what == "events") return toJSON(store.events());
-  if (what == "duplicates") return toJSON(store.duplicates());
-  if (what == "logs") return toJSON(store.logs());
-  if (what == "categories") return toJSON(store.categories());
-  if (what == "seed") return service.seedsJSON();
-  if (what == "fault") return toJSON(faults.list());
-  return std::nullopt;
-}
+std::vector<KOEmulatorRoute> KOEmulator::routes() { return KOEmulatorService::routes(); }
 
 std::string KOEmulator::inspectJSON(const std::string &what, const std::string &pathFilter) const {
-  if (std::optional<std::string> json = impl_->inspect(what, pathFilter)) return *json;
+  if (std::optional<std::string> json = impl_->service.inspect(what, pathFilter)) return *json;
   throw std::invalid_argument("nothing to inspect called \"" + what + "\"");
 }
 

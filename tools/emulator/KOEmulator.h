@@ -28,6 +28,9 @@ class KOEmulator {
   KOEmulator(const KOEmulator &) = delete;
   KOEmulator &operator=(const KOEmulator &) = delete;
 
+  // The service rows {method, path} of the request table, for a test checking the SDK's own service table against it.
+  static std::vector<KOEmulatorRoute> routes();
+
   // Binds (port 0 picks a free one), serves on background threads and returns the bound port.
   // Throws std::runtime_error when the port cannot be bound or the server is already running.
   int start(int port = 0);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "KOEmulatorJSON.h"
 #include "KOEmulatorStore.h"
 
 void KOEmulatorFaults::validate(const KOEmulatorFault &f) {
@@ -70,4 +71,42 @@ std::optional<KOEmulatorFault> KOEmulatorFaults::take(const std::string &path) {
     return hit;
   }
   return std::nullopt;
+}
+
+KOEmulatorFault KOEmulatorFaults::fromJSON(const std::string &text) {
+  rapidjson::Document doc;
+  std::string error;
+  if (!KOEmulatorJSON::parse(text, doc, error)) throw std::invalid_argument(error);
+  if (!doc.IsObject()) throw std::invalid_argument("fault must be a JSON object");
+  KOEmulatorFault f;
+  for (auto &m : doc.GetObject()) {
+    std::string key = m.name.GetString();
+    const auto &v = m.value;
+    auto bad = [&](const char *what) {
+      return std::invalid_argument("fault \"" + key + "\" must be " + what + ", got " + KOEmulatorJSON::typeName(v));
+    };
+    if (key == "path") {
+      if (!v.IsString()) throw bad("a string");
+      f.path = v.GetString();
+    } else if (key == "status") {
+      if (!v.IsInt()) throw bad("an integer");
+      f.status = v.GetInt();
+    } else if (key == "delay_ms") {
+      if (!v.IsInt64()) throw bad("an integer");
+      f.delayMs = v.GetInt64();
+    } else if (key == "drop") {
+      if (!v.IsBool()) throw bad("a boolean");
+      f.drop = v.GetBool();
+    } else if (key == "count") {
+      if (!v.IsInt64()) throw bad("an integer");
+      f.count = v.GetInt64();
+    } else if (key == "share") {
+      if (!v.IsNumber()) throw bad("a number");
+      f.share = v.GetDouble();
+    } else {
+      throw std::invalid_argument("fault: unknown key \"" + key + "\"");
+    }
+  }
+  validate(f);
+  return f;
 }

@@ -8,6 +8,9 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "KOEmulatorRecords.h"
 
 using KOJSONWriter = rapidjson::Writer<rapidjson::StringBuffer>;
 
@@ -22,4 +25,23 @@ class KOEmulatorJSON {
   // Writes stored JSON text as a value; text that does not parse is written as a string, so an
   // answer stays valid JSON whatever the store holds.
   static void writeRaw(KOJSONWriter &w, const std::string &json);
+
+  // The records as the control API shows them.
+  static void write(KOJSONWriter &w, const KOEmulatorRequest &r);
+  static void write(KOJSONWriter &w, const KOEmulatorDevice &d);
+  static void write(KOJSONWriter &w, const KOEmulatorBatch &b);
+  static void write(KOJSONWriter &w, const KOEmulatorEvent &e);
+  static void write(KOJSONWriter &w, const KOEmulatorDuplicate &d);
+  static void write(KOJSONWriter &w, const KOEmulatorLog &l);
+  static void write(KOJSONWriter &w, const KOEmulatorCategories &c);
+  static void write(KOJSONWriter &w, const KOEmulatorFault &f);
+  template <class Record>
+  static std::string toJSON(const std::vector<Record> &records) {
+    rapidjson::StringBuffer buffer;
+    KOJSONWriter w(buffer);
+    w.StartArray();
+    for (const auto &r : records) write(w, r);
+    w.EndArray();
+    return {buffer.GetString(), buffer.GetSize()};
+  }
 };

@@ -68,3 +68,8 @@ struct KOEmulatorFault {
   int64_t count = -1;   // requests it still hits; -1 means until cleared
   double share = 1.0;   // fraction of matching requests it hits, spread evenly
 };
+
+struct KOEmulatorRoute {
+  std::string method;
+  std::string path;  // exact, or every path under it when it ends in "/"
+};

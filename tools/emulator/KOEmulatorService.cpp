@@ -5,23 +5,27 @@
 #include <cerrno>
 #include <cstdlib>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
+#include "KOEmulatorFaults.h"
 #include "KOEmulatorJSON.h"
 #include "KOEmulatorStore.h"
 
 namespace {
 
-// Thrown while checking a call; becomes a 400 answer carrying the message.
-struct Refusal : std::runtime_error {
-  using std::runtime_error::runtime_error;
+// Thrown while checking a call; becomes a 400 answer carrying the message. The control API
+// refuses with the std::invalid_argument its parts throw, answered the same way.
+struct Refusal : std::invalid_argument {
+  using std::invalid_argument::invalid_argument;
 };
 
 constexpr std::string_view kLogPrefix = "/noformat/logs/";
+constexpr std::string_view kControlPrefix = "/__emulator/";
 
 const std::map<std::string, std::string, std::less<>> kDefaultSeeds = {
     {"config", R"({"l_e":0,"tkn":"5b7e0a92-3c41-4d8e-9f26-a1d04c7e8b13","e_b_c":30})"},
@@ -54,7 +58,8 @@ constexpr std::array<std::pair<const char *, const char *>, 8> kMirroredKeys = {
 
 class Query {
  public:
-  explicit Query(const std::multimap<std::string, std::string> &q) : q_(q) {
+  explicit Query(const std::multimap<std::string, std::string> &q) : q_(q) {}
+  void refuseRepeated() const {
     for (auto it = q_.begin(); it != q_.end(); it = q_.upper_bound(it->first)) {
       if (q_.count(it->first) > 1) throw Refusal("query parameter \"" + it->first + "\" given more than once");
     }
@@ -163,201 +168,24 @@ std::optional<std::string> seededCampaign(const std::string &sectionJSON, const 
   return campaignAnswer(it->value);
 }
 
-// Every service path with the one method it takes.
-const std::map<std::string, std::string, std::less<>> kServiceMethods = {
-    {"/v2/device/add", "POST"},
-    {"/v2/report/add", "POST"},
-    {"/v1/getConfig", "GET"},
-    {"/campaigns/inappcampaigns/fetch", "POST"},
-    {"/campaigns/inappcampaign/fetch", "GET"},
-    {"/v2/autotriggerinapps", "POST"},
-    {"/v2/categories/add", "POST"},
-    {"/v1/getInboxMessages", "GET"},
-    {"/v1/geoFenceHit", "GET"},
-    {"/v1/geoFences", "GET"},
-};
-
-}  // namespace
-
-bool KOEmulatorService::isServicePath(const std::string &path) {
-  return path.starts_with(kLogPrefix) || kServiceMethods.contains(path);
+std::string section(const KOEmulatorStore &store, const std::string &name) {
+  if (auto stored = store.seedSection(name)) return *stored;
+  return kDefaultSeeds.find(name)->second;
 }
 
-std::string KOEmulatorService::queryJSON(const std::multimap<std::string, std::string> &query) {
+std::string seedsOf(const KOEmulatorStore &store) {
   rapidjson::StringBuffer buffer;
   KOJSONWriter w(buffer);
   w.StartObject();
-  for (auto it = query.begin(); it != query.end();) {
-    auto end = query.upper_bound(it->first);
-    KOEmulatorJSON::writeString(w, it->first);
-    if (std::next(it) == end) {
-      KOEmulatorJSON::writeString(w, it->second);
-    } else {
-      w.StartArray();
-      for (; it != end; ++it) KOEmulatorJSON::writeString(w, it->second);
-      w.EndArray();
-    }
-    it = end;
+  for (const auto &[name, fallback] : kDefaultSeeds) {
+    KOEmulatorJSON::writeString(w, name);
+    KOEmulatorJSON::writeRaw(w, section(store, name));
   }
   w.EndObject();
   return {buffer.GetString(), buffer.GetSize()};
 }
 
-std::string KOEmulatorService::section(const std::string &name) const {
-  if (auto stored = store_.seedSection(name)) return *stored;
-  return kDefaultSeeds.find(name)->second;
-}
-
-KOEmulatorReply KOEmulatorService::handle(const KOEmulatorCall &call) {
-  const std::string &path = call.path;
-  const bool isLog = path.starts_with(kLogPrefix);
-  std::string expected;
-  if (isLog) {
-    expected = "POST";
-  } else if (auto it = kServiceMethods.find(path); it != kServiceMethods.end()) {
-    expected = it->second;
-  } else {
-    std::string message = "no such endpoint: " + path;
-    return {404, KOEmulatorJSON::errorBody(message), message};
-  }
-  if (call.method != expected) {
-    std::string message = call.method + " not allowed on " + path + ", use " + expected;
-    return {405, KOEmulatorJSON::errorBody(message), message};
-  }
-
-  try {
-    if (expected == "GET" && (!call.body.empty() || !call.contentType.empty())) {
-      throw Refusal("a GET must carry neither a body nor a content type");
-    }
-    if (expected == "POST" && !call.contentType.starts_with("application/json")) {
-      throw Refusal("body must be sent as application/json, got \"" + call.contentType + "\"");
-    }
-    Query q(call.query);
-    const double now = KOEmulatorStore::now();
-
-    if (isLog) {
-      std::string token = path.substr(kLogPrefix.size());
-      if (token.empty() || token.find('/') != std::string::npos) throw Refusal("bad log token in path");
-      q.allowOnly({});
-      auto body = parseBody(call);
-      KOEmulatorLog log;
-      log.token = token;
-      log.appid = member(body, "appid", rapidjson::kStringType, "a string").GetString();
-      log.uid = member(body, "uid", rapidjson::kStringType, "a string").GetString();
-      log.lvl = member(body, "lvl", rapidjson::kStringType, "a string").GetString();
-      log.tb = member(body, "tb", rapidjson::kStringType, "a string").GetString();
-      log.sdkVer = member(body, "sdk_ver", rapidjson::kStringType, "a string").GetString();
-      log.msg = member(body, "msg", rapidjson::kStringType, "a string").GetString();
-      log.tmS = member(body, "tm_s", rapidjson::kStringType, "a string").GetString();
-      log.received = now;
-      store_.storeLog(log);
-      return {204, {}, {}};
-    }
-
-    if (path == "/v1/getConfig") {
-      q.allowOnly({"app_id", "unique_id", "os"});
-      q.requireNonEmpty("app_id");
-      q.require("unique_id");
-      if (q.require("os") != "iOS") throw Refusal("query parameter \"os\" must be \"iOS\"");
-      return ok(section("config"));
-    }
-
-    q.requireUniversal();
-
-    if (path == "/v2/device/add") {
-      auto body = parseBody(call);
-      KOEmulatorDevice d;
-      d.appId = q.get("app_id");
-      d.uniqueId = q.get("unique_id");
-      d.deviceUniqueId = q.get("device_unique_id");
-      d.pushId = q.get("push_id");
-      d.model = q.get("model");
-      d.osVer = q.get("os_ver");
-      d.appVer = q.get("app_ver");
-      d.sdkVer = q.get("sdk_ver");
-      d.idfv = optionalString(body, "IDFV");
-      d.advertisingId = optionalString(body, "ADVERTISING_IDENTIFIER");
-      d.firstSeen = d.lastSeen = now;
-      store_.registerDevice(d);
-      return ok();
-    }
-    if (path == "/v2/report/add") {
-      q.requireDigits("batch_id");
-      auto body = parseBody(call);
-      const auto &views = member(body, "viewsInfo", rapidjson::kArrayType, "an array");
-      const auto &count = member(body, "viewsCount", rapidjson::kNumberType, "an integer");
-      if (!count.IsInt64()) throw Refusal("body \"viewsCount\" must be an integer");
-      if (count.GetInt64() != static_cast<int64_t>(views.Size())) {
-        throw Refusal("body \"viewsCount\" is " + std::to_string(count.GetInt64()) + " but \"viewsInfo\" holds " +
-                      std::to_string(views.Size()) + " events");
-      }
-      for (rapidjson::SizeType i = 0; i < views.Size(); ++i) {
-        const auto &e = views[i];
-        if (!e.IsObject()) {
-          throw Refusal("event " + std::to_string(i) + " must be an object, got " + KOEmulatorJSON::typeName(e));
-        }
-      }
-      KOEmulatorBatch batch;
-      batch.appId = q.get("app_id");
-      batch.uniqueId = q.get("unique_id");
-      batch.batchId = q.get("batch_id");
-      batch.viewsCount = count.GetInt64();
-      batch.received = now;
-      // A repeated batch is answered with success too: the device must stop resending it.
-      // The body as it came: the events are read out of it only when someone inspects them.
-      store_.storeBatch(batch, call.body);
-      return ok();
-    }
-    if (path == "/campaigns/inappcampaigns/fetch") {
-      q.require("last_updated");
-      parseBody(call);
-      return ok(section("inapps"));
-    }
-    if (path == "/campaigns/inappcampaign/fetch") {
-      const auto &id = q.requireNonEmpty("campaign_id");
-      return ok(seededCampaign(section("campaigns"), id).value_or(R"({"reason":"Campaign not found"})"));
-    }
-    if (path == "/v2/autotriggerinapps") {
-      const auto &event = q.requireNonEmpty("event");
-      auto body = parseBody(call);
-      member(body, "EVENT_ATTRS", rapidjson::kObjectType, "an object");
-      return ok(seededCampaign(section("smart_triggers"), event).value_or(R"({"campaign_info":[]})"));
-    }
-    if (path == "/v2/categories/add") {
-      auto body = parseBody(call);
-      const auto &data = member(body, "data", rapidjson::kArrayType, "an array");
-      KOEmulatorCategories c;
-      c.appId = q.get("app_id");
-      c.uniqueId = q.get("unique_id");
-      c.dataJSON = KOEmulatorJSON::serialize(data);
-      c.received = now;
-      store_.storeCategories(c);
-      return ok();
-    }
-    if (path == "/v1/getInboxMessages") {
-      q.requireDigits("last_updated");
-      return ok(section("inbox"));
-    }
-    if (path == "/v1/geoFenceHit") {
-      const auto &transition = q.require("transitionType");
-      if (transition != "enter" && transition != "exit") {
-        throw Refusal("query parameter \"transitionType\" must be \"enter\" or \"exit\", got \"" + transition + "\"");
-      }
-      q.requireNumber("lat");
-      q.requireNumber("lng");
-      q.requireNonEmpty("geoId");
-      return ok(section("geofence_hit"));
-    }
-    // "/v1/geoFences", the last of the table.
-    q.requireNumber("lat");
-    q.requireNumber("lng");
-    return ok(section("geofences"));
-  } catch (const Refusal &refusal) {
-    return {400, KOEmulatorJSON::errorBody(refusal.what()), refusal.what()};
-  }
-}
-
-void KOEmulatorService::seed(const std::string &json) {
+void applySeed(KOEmulatorStore &store, const std::string &json) {
   rapidjson::Document doc;
   std::string error;
   if (!KOEmulatorJSON::parse(json, doc, error)) throw std::invalid_argument("seed: " + error);
@@ -392,17 +220,343 @@ void KOEmulatorService::seed(const std::string &json) {
     }
     sections.emplace_back(std::move(name), std::move(text));
   }
-  for (const auto &[name, text] : sections) store_.setSeedSection(name, text);
+  for (const auto &[name, text] : sections) store.setSeedSection(name, text);
 }
 
-std::string KOEmulatorService::seedsJSON() const {
+// What a row's handler works on.
+struct Env {
+  KOEmulatorStore &store;
+  KOEmulatorFaults &faults;
+};
+using Call = KOEmulatorCall;
+using Reply = KOEmulatorReply;
+using J = KOEmulatorJSON;
+
+// The service's calls. The checks their row's kind names have passed by the time they run.
+
+Reply deviceAdd(const Env &env, const Call &call, const Query &q) {
+  auto body = parseBody(call);
+  KOEmulatorDevice d;
+  d.appId = q.get("app_id");
+  d.uniqueId = q.get("unique_id");
+  d.deviceUniqueId = q.get("device_unique_id");
+  d.pushId = q.get("push_id");
+  d.model = q.get("model");
+  d.osVer = q.get("os_ver");
+  d.appVer = q.get("app_ver");
+  d.sdkVer = q.get("sdk_ver");
+  d.idfv = optionalString(body, "IDFV");
+  d.advertisingId = optionalString(body, "ADVERTISING_IDENTIFIER");
+  d.firstSeen = d.lastSeen = KOEmulatorStore::now();
+  env.store.registerDevice(d);
+  return ok();
+}
+
+Reply reportAdd(const Env &env, const Call &call, const Query &q) {
+  q.requireDigits("batch_id");
+  auto body = parseBody(call);
+  const auto &views = member(body, "viewsInfo", rapidjson::kArrayType, "an array");
+  const auto &count = member(body, "viewsCount", rapidjson::kNumberType, "an integer");
+  if (!count.IsInt64()) throw Refusal("body \"viewsCount\" must be an integer");
+  if (count.GetInt64() != static_cast<int64_t>(views.Size())) {
+    throw Refusal("body \"viewsCount\" is " + std::to_string(count.GetInt64()) + " but \"viewsInfo\" holds " +
+                  std::to_string(views.Size()) + " events");
+  }
+  for (rapidjson::SizeType i = 0; i < views.Size(); ++i) {
+    const auto &e = views[i];
+    if (!e.IsObject()) throw Refusal("event " + std::to_string(i) + " must be an object, got " + J::typeName(e));
+  }
+  KOEmulatorBatch batch;
+  batch.appId = q.get("app_id");
+  batch.uniqueId = q.get("unique_id");
+  batch.batchId = q.get("batch_id");
+  batch.viewsCount = count.GetInt64();
+  batch.received = KOEmulatorStore::now();
+  // A repeated batch is answered with success too: the device must stop resending it.
+  // The body as it came: the events are read out of it only when someone inspects them.
+  env.store.storeBatch(batch, call.body);
+  return ok();
+}
+
+Reply getConfig(const Env &env, const Call &, const Query &q) {
+  q.allowOnly({"app_id", "unique_id", "os"});
+  q.requireNonEmpty("app_id");
+  q.require("unique_id");
+  if (q.require("os") != "iOS") throw Refusal("query parameter \"os\" must be \"iOS\"");
+  return ok(section(env.store, "config"));
+}
+
+Reply inappsFetch(const Env &env, const Call &call, const Query &q) {
+  q.require("last_updated");
+  parseBody(call);
+  return ok(section(env.store, "inapps"));
+}
+
+Reply campaignFetch(const Env &env, const Call &, const Query &q) {
+  const auto &id = q.requireNonEmpty("campaign_id");
+  return ok(seededCampaign(section(env.store, "campaigns"), id).value_or(R"({"reason":"Campaign not found"})"));
+}
+
+Reply smartTriggers(const Env &env, const Call &call, const Query &q) {
+  const auto &event = q.requireNonEmpty("event");
+  auto body = parseBody(call);
+  member(body, "EVENT_ATTRS", rapidjson::kObjectType, "an object");
+  return ok(seededCampaign(section(env.store, "smart_triggers"), event).value_or(R"({"campaign_info":[]})"));
+}
+
+Reply categoriesAdd(const Env &env, const Call &call, const Query &q) {
+  auto body = parseBody(call);
+  const auto &data = member(body, "data", rapidjson::kArrayType, "an array");
+  KOEmulatorCategories c;
+  c.appId = q.get("app_id");
+  c.uniqueId = q.get("unique_id");
+  c.dataJSON = J::serialize(data);
+  c.received = KOEmulatorStore::now();
+  env.store.storeCategories(c);
+  return ok();
+}
+
+Reply inboxMessages(const Env &env, const Call &, const Query &q) {
+  q.requireDigits("last_updated");
+  return ok(section(env.store, "inbox"));
+}
+
+Reply geofenceHit(const Env &env, const Call &, const Query &q) {
+  const auto &transition = q.require("transitionType");
+  if (transition != "enter" && transition != "exit") {
+    throw Refusal("query parameter \"transitionType\" must be \"enter\" or \"exit\", got \"" + transition + "\"");
+  }
+  q.requireNumber("lat");
+  q.requireNumber("lng");
+  q.requireNonEmpty("geoId");
+  return ok(section(env.store, "geofence_hit"));
+}
+
+Reply geofences(const Env &env, const Call &, const Query &q) {
+  q.requireNumber("lat");
+  q.requireNumber("lng");
+  return ok(section(env.store, "geofences"));
+}
+
+Reply logUpload(const Env &env, const Call &call, const Query &q) {
+  std::string token = call.path.substr(kLogPrefix.size());
+  if (token.empty() || token.find('/') != std::string::npos) throw Refusal("bad log token in path");
+  q.allowOnly({});
+  auto body = parseBody(call);
+  auto text = [&](const char *key) { return member(body, key, rapidjson::kStringType, "a string").GetString(); };
+  KOEmulatorLog log;
+  log.token = token;
+  log.appid = text("appid");
+  log.uid = text("uid");
+  log.lvl = text("lvl");
+  log.tb = text("tb");
+  log.sdkVer = text("sdk_ver");
+  log.msg = text("msg");
+  log.tmS = text("tm_s");
+  log.received = KOEmulatorStore::now();
+  env.store.storeLog(log);
+  return {204, {}, {}};
+}
+
+// The control API.
+
+Reply done() { return {200, R"({"ok":true})", {}}; }
+
+Reply health(const Env &, const Call &call, const Query &) {
+  return {200, "{\"ok\":true,\"port\":" + std::to_string(call.port) + "}", {}};
+}
+
+Reply seed(const Env &env, const Call &call, const Query &) {
+  applySeed(env.store, call.body);
+  return done();
+}
+
+Reply reset(const Env &env, const Call &call, const Query &) {
+  bool seeds = false;
+  if (!call.body.empty()) {
+    rapidjson::Document doc;
+    std::string error;
+    if (!J::parse(call.body, doc, error)) throw Refusal(error);
+    if (!doc.IsObject()) throw Refusal("reset body must be a JSON object");
+    auto it = doc.FindMember("seeds");
+    if (it != doc.MemberEnd()) {
+      if (!it->value.IsBool()) throw Refusal("reset \"seeds\" must be a boolean");
+      seeds = it->value.GetBool();
+    }
+  }
+  env.store.reset(seeds);
+  return done();
+}
+
+Reply addFault(const Env &env, const Call &call, const Query &) {
+  env.faults.add(KOEmulatorFaults::fromJSON(call.body));
+  return done();
+}
+
+Reply clearFaults(const Env &env, const Call &, const Query &q) {
+  env.faults.clear(q.get("path"));
+  return done();
+}
+
+// The inspections, also reached in-process through KOEmulator::inspectJSON.
+Reply requests(const Env &env, const Call &, const Query &q) {
+  return ok(J::toJSON(env.store.requests(q.get("path"))));
+}
+Reply devices(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.devices())); }
+Reply batches(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.batches())); }
+Reply events(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.events())); }
+Reply duplicates(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.duplicates())); }
+Reply logs(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.logs())); }
+Reply categories(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.categories())); }
+Reply seeds(const Env &env, const Call &, const Query &) { return ok(seedsOf(env.store)); }
+Reply faults(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.faults.list())); }
+
+// Which of the shared checks run before a row's handler.
+enum class Kind {
+  Service,     // a service call: GET without body, POST as JSON, no repeated query parameter
+  Universal,   // a service call that also carries the universal parameters
+  Control,     // the emulator's own API: none of those checks
+  Inspection,  // a control GET that in-process callers reach too
+};
+
+struct Route {
+  std::string_view method;
+  std::string_view path;  // exact, or every path under it when it ends in "/"
+  Kind kind;
+  Reply (*handle)(const Env &, const Call &, const Query &);
+};
+
+// Every call the emulator answers. Whatever no row takes gets its answer from noRoute().
+constexpr Route kRoutes[] = {
+    {"POST", "/v2/device/add", Kind::Universal, deviceAdd},
+    {"POST", "/v2/report/add", Kind::Universal, reportAdd},
+    {"GET", "/v1/getConfig", Kind::Service, getConfig},
+    {"POST", "/campaigns/inappcampaigns/fetch", Kind::Universal, inappsFetch},
+    {"GET", "/campaigns/inappcampaign/fetch", Kind::Universal, campaignFetch},
+    {"POST", "/v2/autotriggerinapps", Kind::Universal, smartTriggers},
+    {"POST", "/v2/categories/add", Kind::Universal, categoriesAdd},
+    {"GET", "/v1/getInboxMessages", Kind::Universal, inboxMessages},
+    {"GET", "/v1/geoFenceHit", Kind::Universal, geofenceHit},
+    {"GET", "/v1/geoFences", Kind::Universal, geofences},
+    {"POST", kLogPrefix, Kind::Service, logUpload},
+    {"GET", "/__emulator/health", Kind::Control, health},
+    {"POST", "/__emulator/seed", Kind::Control, seed},
+    {"POST", "/__emulator/reset", Kind::Control, reset},
+    {"POST", "/__emulator/fault", Kind::Control, addFault},
+    {"DELETE", "/__emulator/fault", Kind::Control, clearFaults},
+    {"GET", "/__emulator/requests", Kind::Inspection, requests},
+    {"GET", "/__emulator/devices", Kind::Inspection, devices},
+    {"GET", "/__emulator/batches", Kind::Inspection, batches},
+    {"GET", "/__emulator/events", Kind::Inspection, events},
+    {"GET", "/__emulator/duplicates", Kind::Inspection, duplicates},
+    {"GET", "/__emulator/logs", Kind::Inspection, logs},
+    {"GET", "/__emulator/categories", Kind::Inspection, categories},
+    {"GET", "/__emulator/seed", Kind::Inspection, seeds},
+    {"GET", "/__emulator/fault", Kind::Inspection, faults},
+};
+
+bool isService(const Route &route) { return route.kind == Kind::Service || route.kind == Kind::Universal; }
+
+bool takes(const Route &route, std::string_view path) {
+  return route.path.ends_with('/') ? path.starts_with(route.path) : path == route.path;
+}
+
+const Route *find(std::string_view method, std::string_view path) {
+  for (const Route &route : kRoutes) {
+    if (route.method == method && takes(route, path)) return &route;
+  }
+  return nullptr;
+}
+
+// The one answer for a call no row takes.
+Reply noRoute(const Call &call) {
+  if (call.path.starts_with(kControlPrefix)) {
+    std::string message = "no such control endpoint: " + (call.method == "GET" ? "" : call.method + " ") + call.path;
+    return {404, J::errorBody(message), message};
+  }
+  std::string allowed;
+  for (const Route &route : kRoutes) {
+    if (takes(route, call.path)) allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
+  }
+  if (!allowed.empty()) {
+    std::string message = call.method + " not allowed on " + call.path + ", use " + allowed;
+    return {405, J::errorBody(message), message};
+  }
+  std::string message = "no such endpoint: " + call.path;
+  return {404, J::errorBody(message), message};
+}
+
+// The checks every service call shares, in the order the service makes them.
+void checkServiceCall(const Route &route, const Call &call, const Query &q) {
+  if (route.method == "GET" && (!call.body.empty() || !call.contentType.empty())) {
+    throw Refusal("a GET must carry neither a body nor a content type");
+  }
+  if (route.method == "POST" && !call.contentType.starts_with("application/json")) {
+    throw Refusal("body must be sent as application/json, got \"" + call.contentType + "\"");
+  }
+  q.refuseRepeated();
+  if (route.kind == Kind::Universal) q.requireUniversal();
+}
+
+}  // namespace
+
+std::vector<KOEmulatorRoute> KOEmulatorService::routes() {
+  std::vector<KOEmulatorRoute> out;
+  for (const Route &route : kRoutes) {
+    if (isService(route)) out.push_back({std::string(route.method), std::string(route.path)});
+  }
+  return out;
+}
+
+bool KOEmulatorService::isServicePath(const std::string &path) {
+  return std::any_of(std::begin(kRoutes), std::end(kRoutes),
+                     [&](const Route &route) { return isService(route) && takes(route, path); });
+}
+
+bool KOEmulatorService::isControlPath(const std::string &path) { return path.starts_with(kControlPrefix); }
+
+std::string KOEmulatorService::queryJSON(const std::multimap<std::string, std::string> &query) {
   rapidjson::StringBuffer buffer;
   KOJSONWriter w(buffer);
   w.StartObject();
-  for (const auto &[name, fallback] : kDefaultSeeds) {
-    KOEmulatorJSON::writeString(w, name);
-    KOEmulatorJSON::writeRaw(w, section(name));
+  for (auto it = query.begin(); it != query.end();) {
+    auto end = query.upper_bound(it->first);
+    J::writeString(w, it->first);
+    if (std::next(it) == end) {
+      J::writeString(w, it->second);
+    } else {
+      w.StartArray();
+      for (; it != end; ++it) J::writeString(w, it->second);
+      w.EndArray();
+    }
+    it = end;
   }
   w.EndObject();
   return {buffer.GetString(), buffer.GetSize()};
 }
+
+KOEmulatorReply KOEmulatorService::handle(const KOEmulatorCall &call) {
+  const Route *route = find(call.method, call.path);
+  if (!route) return noRoute(call);
+  try {
+    Query q(call.query);
+    if (isService(*route)) checkServiceCall(*route, call, q);
+    return route->handle(Env{store_, faults_}, call, q);
+  } catch (const std::invalid_argument &refusal) {
+    return {400, J::errorBody(refusal.what()), refusal.what()};
+  }
+}
+
+std::optional<std::string> KOEmulatorService::inspect(const std::string &what, const std::string &pathFilter) const {
+  KOEmulatorCall call;
+  call.method = "GET";
+  call.path = std::string(kControlPrefix) + what;
+  call.query.emplace("path", pathFilter);
+  const Route *route = find(call.method, call.path);
+  if (!route || route->kind != Kind::Inspection) return std::nullopt;
+  return route->handle(Env{store_, faults_}, call, Query(call.query)).body;
+}
+
+void KOEmulatorService::seed(const std::string &json) { applySeed(store_, json); }
+
+std::string KOEmulatorService::seedsJSON() const { return seedsOf(store_); }

@@ -1,12 +1,18 @@
 #pragma once
 
-// The service side of the emulator: checks each call the way the service expects it, stores what
-// it delivers and answers from the seeds. Knows nothing about sockets, so the HTTP layer only
-// moves bytes.
+// Everything the emulator answers, from one table of routes: the service's calls (checked the way
+// the service checks them, stored, answered from the seeds) and the emulator's own control API
+// under /__emulator/. Knows nothing about sockets, so the HTTP layer only moves bytes, injects
+// faults and records the service calls.
 
 #include <map>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "KOEmulatorRecords.h"
+
+class KOEmulatorFaults;
 class KOEmulatorStore;
 
 struct KOEmulatorCall {
@@ -15,6 +21,7 @@ struct KOEmulatorCall {
   std::multimap<std::string, std::string> query;
   std::string contentType;
   std::string body;
+  int port = 0;  // the local port it arrived on
 };
 
 struct KOEmulatorReply {
@@ -25,18 +32,26 @@ struct KOEmulatorReply {
 
 class KOEmulatorService {
  public:
-  explicit KOEmulatorService(KOEmulatorStore &store) : store_(store) {}
+  KOEmulatorService(KOEmulatorStore &store, KOEmulatorFaults &faults) : store_(store), faults_(faults) {}
 
+  // The service rows of the table, in table order.
+  static std::vector<KOEmulatorRoute> routes();
+  // Whether a service row takes this path, whatever its method: the calls faults may hit.
   static bool isServicePath(const std::string &path);
+  static bool isControlPath(const std::string &path);  // under /__emulator/
   static std::string queryJSON(const std::multimap<std::string, std::string> &query);
 
+  // Looks the call's row up, runs the checks its kind shares with the other rows, then its
+  // handler. A call no row takes is answered 404 here (405: a service path with another method).
   KOEmulatorReply handle(const KOEmulatorCall &call);
+  // The answer of GET /__emulator/<what>; nothing when no inspection row has that name.
+  std::optional<std::string> inspect(const std::string &what, const std::string &pathFilter) const;
 
   // Replaces the sections the seed names; throws std::invalid_argument when it is unusable.
   void seed(const std::string &json);
   std::string seedsJSON() const;  // every section, defaults included
 
  private:
-  std::string section(const std::string &name) const;
   KOEmulatorStore &store_;
+  KOEmulatorFaults &faults_;
 };
