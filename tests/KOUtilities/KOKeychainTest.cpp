@@ -41,13 +41,3 @@ TEST_F(KOKeychainTest, CorruptItemIsLoggedAndReadsAsNil) {
   EXPECT_TRUE(KOKeychain::load("svc").isNil());
   EXPECT_TRUE(device().console().contains("Kovantis - Unarchive of svc failed:"));
 }
-
-TEST_F(KOKeychainTest, PersistenceIdIsMadeFromTheVendorId) {
-  const KOValue id = KOKeychain::savePersistenceIDForService("svc");
-  ASSERT_TRUE(id.isString());
-  EXPECT_EQ(id.stringValue().rfind("P-", 0), 0u);
-  EXPECT_EQ(KOKeychain::load("svc"), id);
-  device().profile().update([](KOSimProfileSettings& s) { s.vendorIdAvailable = false; });
-  device().uninstall();
-  EXPECT_TRUE(KOKeychain::savePersistenceIDForService("other").isNil());
-}

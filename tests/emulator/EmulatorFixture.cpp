@@ -17,14 +17,7 @@ KOEmulator::Options emulatorOptions(const std::filesystem::path &dataDir, const 
 }
 
 KOEmulatorFault fault(const std::string &path, int status, int64_t delayMs, bool drop, int64_t count, double share) {
-  KOEmulatorFault f;
-  f.path = path;
-  f.status = status;
-  f.delayMs = delayMs;
-  f.drop = drop;
-  f.count = count;
-  f.share = share;
-  return f;
+  return {path, status, delayMs, drop, count, share};
 }
 
 void EmulatorTest::SetUp() {
@@ -49,35 +42,19 @@ httplib::Client EmulatorTest::client() const {
 }
 
 httplib::Params EmulatorTest::universal(const httplib::Params &extra) {
-  httplib::Params p = {
-      {"os", "iOS"},
-      {"app_ver", "2.1"},
-      {"app_id", "APP-1"},
-      {"sdk_ver", "3.5.0"},
-      {"unique_id", "A1B2-1700000000"},
-      {"model", "iPhone14,2"},
-      {"os_ver", "17.1"},
-      {"device_ts", "1700000000"},
-      {"device_tz", "Europe/Berlin"},
-      {"device_tz_offset", "3600"},
-      {"device_unique_id", "P-42"},
-      {"os_value", "iOS"},
-      {"version", "2.1"},
-      {"appId", "APP-1"},
-      {"lib_version", "3.5.0"},
-      {"device_model", "iPhone14,2"},
-      {"device_version", "17.1"},
-  };
+  httplib::Params p;
+  for (const std::string pair :
+       {"os=iOS", "app_ver=2.1", "app_id=APP-1", "sdk_ver=3.5.0", "unique_id=A1B2-1700000000", "model=iPhone14,2",
+        "os_ver=17.1", "device_ts=1700000000", "device_tz=Europe/Berlin", "device_tz_offset=3600",
+        "device_unique_id=P-42", "os_value=iOS", "version=2.1", "appId=APP-1", "lib_version=3.5.0",
+        "device_model=iPhone14,2", "device_version=17.1"}) {
+    p.emplace(pair.substr(0, pair.find('=')), pair.substr(pair.find('=') + 1));
+  }
   for (const auto &[k, v] : extra) {
     p.erase(k);
     p.emplace(k, v);
   }
   return p;
-}
-
-httplib::Params EmulatorTest::without(httplib::Params params, const std::string &key) {
-  params.erase(key);
-  return params;
 }
 
 httplib::Result EmulatorTest::send(const std::string &method, const std::string &path, const httplib::Params &query,

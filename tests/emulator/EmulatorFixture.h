@@ -24,7 +24,10 @@ class EmulatorTest : public ::testing::Test {
 
   // A client with bounded timeouts, so a hung server fails the test instead of stalling it.
   httplib::Client client() const;
-  static httplib::Params without(httplib::Params params, const std::string &key);
+  static httplib::Params without(httplib::Params params, const std::string &key) {
+    params.erase(key);
+    return params;
+  }
   httplib::Result send(const std::string &method, const std::string &path, const httplib::Params &query,
                        const std::string &body = {}, const std::string &contentType = {});
   httplib::Result get(const std::string &path, const httplib::Params &query) { return send("GET", path, query); }

