@@ -289,6 +289,103 @@ class KOUserInterface {
   virtual double systemFontSize() const = 0;
 };
 
+// ------------------------------------------------------------------------- user notifications
+
+/// Authorisation options and setting types: badge 1, sound 2, alert 4.
+enum KOUserNotificationOptions : int {
+  KOUserNotificationOptionBadge = 1,
+  KOUserNotificationOptionSound = 2,
+  KOUserNotificationOptionAlert = 4,
+};
+
+/// The alert setting of the current notification settings.
+enum KONotificationSetting : int {
+  KONotificationSettingNotSupported = 0,
+  KONotificationSettingDisabled = 1,
+  KONotificationSettingEnabled = 2,
+};
+
+/// An action button of a notification (both generations). Title and identifier may be missing in
+/// what a host hands over; such an action is skipped where the SDK reads them.
+struct KONotificationAction {
+  std::optional<std::string> identifier;
+  std::optional<std::string> title;
+  int options = 0;  // 1 authentication required, 2 destructive, 4 foreground
+};
+
+/// What every category object has in common, so that a set can hold either generation and a
+/// member of the wrong one can be noticed.
+class KONotificationCategoryBase {
+ public:
+  virtual ~KONotificationCategoryBase() = default;
+  std::optional<std::string> identifier;
+};
+
+/// A category of the current notification interface.
+class KOUserNotificationCategory : public KONotificationCategoryBase {
+ public:
+  std::vector<KONotificationAction> actions;
+  std::vector<std::string> intentIdentifiers;
+  int options = 0;  // 1: the app hears a swipe-away (custom dismiss action)
+};
+
+/// Action contexts of the older interface.
+enum KOUserNotificationActionContext : int {
+  KOUserNotificationActionContextDefault = 0,
+  KOUserNotificationActionContextMinimal = 1,
+};
+
+/// A category of the older settings interface: actions per context.
+class KOMutableUserNotificationCategory : public KONotificationCategoryBase {
+ public:
+  virtual void setActions(std::vector<KONotificationAction> actions, int forContext) {
+    (forContext == KOUserNotificationActionContextMinimal ? minimal_ : default_) = std::move(actions);
+  }
+  const std::vector<KONotificationAction>& actionsForContext(int context) const {
+    return context == KOUserNotificationActionContextMinimal ? minimal_ : default_;
+  }
+
+ private:
+  std::vector<KONotificationAction> default_;
+  std::vector<KONotificationAction> minimal_;
+};
+
+/// The SDK's category of the older interface: also remembers, in order, every action set for the
+/// minimal context (what the service is told about).
+class KONotificationCategory : public KOMutableUserNotificationCategory {
+ public:
+  void setActions(std::vector<KONotificationAction> actions, int forContext) override;
+  /// Absent until actions are first set; appended to on every minimal-context call.
+  std::optional<std::vector<KONotificationAction>> minimalContextActions;
+};
+
+/// A set of categories as a host hands it over; absent (nullopt) and empty are different.
+using KONotificationCategorySet = std::optional<std::vector<std::shared_ptr<KONotificationCategoryBase>>>;
+
+/// Receives what the notification centre reports about notifications (presentation, responses).
+class KOUserNotificationCenterDelegate {
+ public:
+  virtual ~KOUserNotificationCenterDelegate() = default;
+};
+
+/// The system's notification centre, both generations. Completions arrive on a thread of the
+/// platform's choosing, not necessarily the main one.
+class KOUserNotificationCenter {
+ public:
+  virtual ~KOUserNotificationCenter() = default;
+  /// Asks the user (once; later calls answer from the stored decision).
+  virtual void requestAuthorizationWithOptions(
+      int options, std::function<void(bool granted, std::optional<std::string> error)> completionHandler) = 0;
+  /// Reads the current settings; the completion gets the alert setting (KONotificationSetting).
+  virtual void getNotificationSettingsWithCompletionHandler(std::function<void(int alertSetting)> completion) = 0;
+  /// Replaces the installed categories.
+  virtual void setNotificationCategories(std::vector<std::shared_ptr<KOUserNotificationCategory>> categories) = 0;
+  virtual void setDelegate(std::shared_ptr<KOUserNotificationCenterDelegate> delegate) = 0;
+  /// The older settings interface: the answer comes later through the host's settings callback.
+  virtual void registerUserNotificationSettings(
+      int types, std::vector<std::shared_ptr<KOMutableUserNotificationCategory>> categories) = 0;
+};
+
 /// Locale and time zone.
 class KOLocale {
  public:
@@ -347,6 +444,7 @@ struct KOPlatform {
   std::shared_ptr<KOKeychainStore> keychain;
   std::shared_ptr<KOApplication> application;
   std::shared_ptr<KOUserInterface> userInterface;
+  std::shared_ptr<KOUserNotificationCenter> notificationCenter;
   std::shared_ptr<KOLocale> locale;
   std::shared_ptr<KOClock> clock;
   std::shared_ptr<KOConsole> console;

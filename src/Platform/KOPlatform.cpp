@@ -21,7 +21,8 @@ void KOPlatform::install(std::shared_ptr<const KOPlatform> platform) {
   if (!platform) throw KOAssertionFailure("KOPlatform::install: no platform");
   const KOPlatform& p = *platform;
   if (!p.appInfo || !p.deviceInfo || !p.advertising || !p.preferences || !p.fileSystem || !p.keychain ||
-      !p.application || !p.userInterface || !p.locale || !p.clock || !p.console || !p.dispatch) {
+      !p.application || !p.userInterface || !p.notificationCenter || !p.locale || !p.clock || !p.console ||
+      !p.dispatch) {
     throw KOAssertionFailure("KOPlatform::install: every interface must be set");
   }
   std::lock_guard<std::mutex> lock(gInstallMutex);
@@ -36,3 +37,12 @@ const KOPlatform& KOPlatform::current() {
 }
 
 bool KOPlatform::isInstalled() noexcept { return gCurrent.load(std::memory_order_acquire) != nullptr; }
+
+void KONotificationCategory::setActions(std::vector<KONotificationAction> actions, int forContext) {
+  KOMutableUserNotificationCategory::setActions(actions, forContext);
+  if (!minimalContextActions) minimalContextActions.emplace();
+  // Recorded again on every call: what a host sets twice is reported twice.
+  if (forContext == KOUserNotificationActionContextMinimal) {
+    minimalContextActions->insert(minimalContextActions->end(), actions.begin(), actions.end());
+  }
+}

@@ -170,6 +170,28 @@ class KOForwardingUserInterface : public KOForwarding<KOUserInterface> {
   double systemFontSize() const override { return target().systemFontSize(); }
 };
 
+class KOForwardingUserNotificationCenter : public KOForwarding<KOUserNotificationCenter> {
+ public:
+  using KOForwarding::KOForwarding;
+  void requestAuthorizationWithOptions(
+      int options, std::function<void(bool granted, std::optional<std::string> error)> completionHandler) override {
+    target().requestAuthorizationWithOptions(options, std::move(completionHandler));
+  }
+  void getNotificationSettingsWithCompletionHandler(std::function<void(int alertSetting)> completion) override {
+    target().getNotificationSettingsWithCompletionHandler(std::move(completion));
+  }
+  void setNotificationCategories(std::vector<std::shared_ptr<KOUserNotificationCategory>> categories) override {
+    target().setNotificationCategories(std::move(categories));
+  }
+  void setDelegate(std::shared_ptr<KOUserNotificationCenterDelegate> delegate) override {
+    target().setDelegate(std::move(delegate));
+  }
+  void registerUserNotificationSettings(
+      int types, std::vector<std::shared_ptr<KOMutableUserNotificationCategory>> categories) override {
+    target().registerUserNotificationSettings(types, std::move(categories));
+  }
+};
+
 class KOForwardingLocale : public KOForwarding<KOLocale> {
  public:
   using KOForwarding::KOForwarding;

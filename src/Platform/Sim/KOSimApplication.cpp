@@ -1,5 +1,8 @@
 #include "KOSimApplication.h"
 
+#include <atomic>
+#include <random>
+
 KOSimApplication::KOSimApplication(KODispatch& dispatch, std::shared_ptr<KOSimScreen> screen)
     : dispatch_(dispatch), screen_(std::move(screen)) {}
 
@@ -89,8 +92,70 @@ int KOSimApplication::settingsOpenedCount() const {
 }
 
 void KOSimApplication::registerForRemoteNotifications() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    registeredForRemote_ = true;
+  }
+  deliverToken();
+}
+
+void KOSimApplication::setRemoteNotificationHandlers(std::function<void(const std::string& token)> registered,
+                                                     std::function<void()> failed) {
   std::lock_guard<std::mutex> lock(mutex_);
-  registeredForRemote_ = true;
+  tokenHandler_ = std::move(registered);
+  failureHandler_ = std::move(failed);
+}
+
+void KOSimApplication::setRemoteNotificationRegistrationFails(bool fails) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  registrationFails_ = fails;
+}
+
+std::string KOSimApplication::deviceToken() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return token_;
+}
+
+void KOSimApplication::rotateDeviceToken() {
+  bool registered = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    token_ = newToken();
+    registered = registeredForRemote_;
+  }
+  if (registered) deliverToken();
+}
+
+std::string KOSimApplication::newToken() {
+  // 32 bytes, as the push service issues them; distinct per call so that a rotation is visible.
+  static std::atomic<std::uint64_t> counter{0};
+  std::mt19937_64 random(std::random_device{}() ^ counter.fetch_add(1));
+  std::string token(32, '\0');
+  for (char& c : token) c = static_cast<char>(random() & 0xFF);
+  return token;
+}
+
+void KOSimApplication::deliverToken() {
+  // The system answers a registration later, on the main queue, through the app delegate.
+  dispatch_.asyncMain([this] {
+    std::function<void(const std::string&)> registered;
+    std::function<void()> failed;
+    std::string token;
+    bool fails = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (token_.empty()) token_ = newToken();
+      registered = tokenHandler_;
+      failed = failureHandler_;
+      token = token_;
+      fails = registrationFails_;
+    }
+    if (fails) {
+      if (failed) failed();
+    } else if (registered) {
+      registered(token);
+    }
+  });
 }
 
 bool KOSimApplication::isRegisteredForRemoteNotifications() const {

@@ -3,6 +3,7 @@
 // on the device's screen record (KOSimScreen).
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -44,11 +45,23 @@ class KOSimApplication : public KOApplication {
   int settingsOpenedCount() const;
   /// Names of the background tasks begun and not yet ended.
   std::vector<std::string> activeBackgroundTasks() const;
+  /// What the app delegate does with a remote-notification registration: the token (32 bytes) or
+  /// the failure arrives on the main queue after each registerForRemoteNotifications().
+  void setRemoteNotificationHandlers(std::function<void(const std::string& token)> registered,
+                                     std::function<void()> failed = nullptr);
+  void setRemoteNotificationRegistrationFails(bool fails);
+  /// The token the push service issued to this install (empty before the first registration).
+  std::string deviceToken() const;
+  /// The push service issues a new token; a registered app hears of it as after a registration.
+  void rotateDeviceToken();
   /// Runs the expiration handlers of every active background task, as the system does when the
   /// app's background time runs out.
   void expireBackgroundTasks();
 
  private:
+  static std::string newToken();
+  void deliverToken();
+
   struct Task {
     std::string name;
     std::function<void()> expiration;
@@ -64,6 +77,10 @@ class KOSimApplication : public KOApplication {
   std::set<std::string> schemes_{"http", "https", "tel", "mailto", "sms"};
   int settingsOpened_ = 0;
   bool registeredForRemote_ = false;
+  bool registrationFails_ = false;
+  std::string token_;
+  std::function<void(const std::string&)> tokenHandler_;
+  std::function<void()> failureHandler_;
   bool keyboardShown_ = false;
   std::shared_ptr<KOViewController> keyRoot_;
   std::shared_ptr<KOViewController> delegateRoot_;

@@ -35,6 +35,7 @@ KOSimDevice::KOSimDevice(KOSimDeviceConfig config) : config_(std::move(config)) 
   screen_ = std::make_shared<KOSimScreen>();
   application_ = std::make_shared<KOSimApplication>(*dispatch_, screen_);
   userInterface_ = std::make_shared<KOSimUserInterface>(*dispatch_, screen_);
+  notificationCenter_ = std::make_shared<KOSimNotificationCenter>(*dispatch_);
   console_ = std::make_shared<KOSimConsole>(config_.echoConsole);
   clock_ = std::make_shared<KOSimClock>();
 
@@ -48,6 +49,7 @@ KOSimDevice::KOSimDevice(KOSimDeviceConfig config) : config_(std::move(config)) 
   platform_->keychain = keychain_;
   platform_->application = application_;
   platform_->userInterface = userInterface_;
+  platform_->notificationCenter = notificationCenter_;
   platform_->clock = clock_;
   platform_->console = console_;
   platform_->dispatch = dispatch_;

@@ -20,6 +20,7 @@
 #include "Sim/KOSimFaultyFileSystem.h"
 #include "Sim/KOSimFileSystem.h"
 #include "Sim/KOSimKeychain.h"
+#include "Sim/KOSimNotificationCenter.h"
 #include "Sim/KOSimPreferences.h"
 #include "Sim/KOSimScreen.h"
 #include "Sim/KOSimUserInterface.h"
@@ -57,6 +58,7 @@ class KOSimDevice {
   KOSimKeychain& keychain() { return *keychain_; }
   KOSimApplication& application() { return *application_; }
   KOSimUserInterface& userInterface() { return *userInterface_; }
+  KOSimNotificationCenter& notificationCenter() { return *notificationCenter_; }
   /// Everything shown on the screen and dismissed, in order (see KOSimScreen for the entries).
   KOSimScreen& screen() { return *screen_; }
   KOSimConsole& console() { return *console_; }
@@ -103,6 +105,7 @@ class KOSimDevice {
   std::shared_ptr<KOSimScreen> screen_;
   std::shared_ptr<KOSimApplication> application_;
   std::shared_ptr<KOSimUserInterface> userInterface_;
+  std::shared_ptr<KOSimNotificationCenter> notificationCenter_;
   std::shared_ptr<KOSimConsole> console_;
   std::shared_ptr<KOSimClock> clock_;
   std::shared_ptr<KOPlatform> platform_;
