@@ -4,6 +4,7 @@
 
 #include "KODataHandler/KOEventsHandler.h"
 #include "KODataHandler/KOUserAttributesHandler.h"
+#include "KONotification/KONotificationHandler.h"
 #include "KOUtilities/KOKeychain.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOStackTrace.h"
@@ -73,6 +74,7 @@ void Kovantis::start(const KOValue& apiKey, bool) {
       resetUser();
       return;
     }
+    KONotificationHandler::sharedInstance();  // hears the session starts from now on
     addObserverForApplicationLifeCycle();
     queryForAdvertisingID();
     updateModules();
@@ -214,6 +216,131 @@ void Kovantis::setUserDateOfBirth(const KOValue& date) {
 
 void Kovantis::setUserLocationLatitude(double latitude, double andLongitude) {
   setUserAttributeLocationLatitude(latitude, andLongitude, KOValue(USER_ATTRIBUTE_USER_LOCATION));
+}
+
+// ------------------------------------------------------------------------------------------- push
+
+namespace {
+
+// The members of one generation, in order; the first member of another kind is logged (once) and
+// skipped, and registration goes on.
+template <typename Category>
+std::vector<std::shared_ptr<Category>> membersOfKind(const KONotificationCategorySet& set, const char* wrongKindLine) {
+  std::vector<std::shared_ptr<Category>> members;
+  if (!set) return members;
+  bool logged = false;
+  for (const auto& member : *set) {
+    if (auto typed = std::dynamic_pointer_cast<Category>(member)) {
+      members.push_back(std::move(typed));
+    } else if (!logged) {
+      KOLogger::logPlain(wrongKindLine);
+      logged = true;
+    }
+  }
+  return members;
+}
+
+constexpr const char* kNotUNCategory = "Kovantis - Categories are not of type UNNotificationCategory";
+constexpr const char* kNotKOCategory = "Kovantis - Categories are not of type KONotificationCategory";
+
+// Steps shared by both generations: a new application version means the categories go to the
+// service again; then they are handed over unless the service already has them.
+bool categoriesDueForService() {
+  const KOValue version = KovantisUtils::versionId();
+  const KOValue stored = prefs().objectForKey(KOV_APP_VERSION);
+  if (stored.isNil() || !(stored == version)) {
+    prefs().setObject(KOValue(false), KOV_NOTIFICATION_CATEGORIES_SENT);
+    prefs().setObject(version, KOV_APP_VERSION);
+    prefs().synchronize();
+  }
+  const KOValue sent = prefs().objectForKey(KOV_NOTIFICATION_CATEGORIES_SENT);
+  return !(sent.isNumber() && sent.boolValue());
+}
+
+}  // namespace
+
+void Kovantis::registerForRemoteNotificationWithCategories(
+    const KONotificationCategorySet& categories, const KONotificationCategorySet& andCategoriesForPreviousVersions,
+    std::shared_ptr<KOUserNotificationCenterDelegate> andWithUserNotificationCenterDelegate) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception while registering for push : %@", [&] {
+    KOUserNotificationCenter& center = *platform().notificationCenter;
+    if (KONotificationHandler::usesCurrentNotificationInterface()) {
+      membersOfKind<KOUserNotificationCategory>(categories, kNotUNCategory);
+      platform().application->registerForRemoteNotifications();
+      center.requestAuthorizationWithOptions(
+          KOUserNotificationOptionBadge | KOUserNotificationOptionSound | KOUserNotificationOptionAlert,
+          [](bool granted, std::optional<std::string> error) {
+            // Only logged: the preference is settled by the next permission check.
+            if (granted) {
+              KOLogger::logPlain("Kovantis - Push permission granted");
+            } else {
+              KOLogger::logPlain(KOStringFormat::format("Kovantis - Push permission denied : %@",
+                                                        {error ? KOValue(*error) : KOValue()}));
+            }
+          });
+      setUserNotificationCategories(categories);
+      center.setDelegate(std::move(andWithUserNotificationCenterDelegate));
+    } else {
+      auto older = membersOfKind<KOMutableUserNotificationCategory>(andCategoriesForPreviousVersions, kNotKOCategory);
+      center.registerUserNotificationSettings(
+          KOUserNotificationOptionBadge | KOUserNotificationOptionSound | KOUserNotificationOptionAlert,
+          std::move(older));
+      platform().application->registerForRemoteNotifications();
+      setNotificationCategoriesForEarlieriOSVersionsWithCategories(andCategoriesForPreviousVersions);
+    }
+  });
+}
+
+void Kovantis::registerForPush(const KOValue& deviceToken) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception while registering for push %@", [&] {
+    const KOValue token = KovantisUtils::hexTokenForData(deviceToken);
+    if (!token.isString() || token.stringValue().empty()) throw std::invalid_argument("no device token");
+    if (const std::size_t bytes = deviceToken.dataValue().bytes.size(); bytes != 32) {
+      KOLogger::logPlain(KOStringFormat::format("Kovantis - Unexpected device token length %@",
+                                                {KOValue(static_cast<std::int64_t>(bytes))}));
+    }
+    const KOValue stored = KovantisUtils::getDeviceToken();
+    if (!stored.isNil() && stored == token) return;  // the same token: the service has it
+    saveAndRegisterWithToken(token);
+    addDeviceWithCompletion([](bool) {});
+  });
+}
+
+void Kovantis::saveAndRegisterWithToken(const KOValue& token) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception while registering for push %@", [&] {
+    setUserAttribute(KOValue(true), KOValue(KO_PUSH_PREFERENCE));
+    KovantisUtils::saveDeviceToken(token);
+  });
+}
+
+void Kovantis::didFailToRegisterForPush() { KONotificationHandler::sharedInstance().didFailToRegisterForPush(); }
+
+void Kovantis::didRegisterForUserNotificationSettings(int grantedTypes) {
+  KONotificationHandler::sharedInstance().didRegisterForUserNotificationSettings(grantedTypes);
+}
+
+void Kovantis::setUserNotificationCategories(const KONotificationCategorySet& categories) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - exception while setting categories : %@", [&] {
+    if (!KONotificationHandler::usesCurrentNotificationInterface()) return;
+    auto installed = membersOfKind<KOUserNotificationCategory>(categories, kNotUNCategory);
+    // The SDK's own category: a swipe-away reaches the app as a dismiss action.
+    auto dismiss = std::make_shared<KOUserNotificationCategory>();
+    dismiss->identifier = KOV_DISMISS_CATEGORY;
+    dismiss->actions.push_back(KONotificationAction{KOV_DISMISS_ACTION, "Dismiss", 2});
+    dismiss->options = 1;
+    installed.push_back(dismiss);
+    platform().notificationCenter->setNotificationCategories(installed);
+    if (categoriesDueForService()) KONotificationHandler::sharedInstance().setNotificationCategories(installed);
+  });
+}
+
+void Kovantis::setNotificationCategoriesForEarlieriOSVersionsWithCategories(
+    const KONotificationCategorySet& categories) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - exception while setting categories : %@", [&] {
+    auto older = membersOfKind<KONotificationCategory>(categories, kNotKOCategory);
+    if (categoriesDueForService())
+      KONotificationHandler::sharedInstance().setNotificationCategoriesForEarlierVersions(older);
+  });
 }
 
 // -------------------------------------------------------------------------- lifecycle and sessions

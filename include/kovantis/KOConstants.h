@@ -121,3 +121,103 @@ inline constexpr const char* LOCALE_LANGUAGE = "LOCALE_LANGUAGE";
 inline constexpr const char* LOCALE_LANGUAGE_DISPLAY = "LOCALE_LANGUAGE_DISPLAY";
 inline constexpr const char* LOCALE_DISPLAY = "LOCALE_DISPLAY";
 inline constexpr const char* LOCALE_IDENTIFIER = "LOCALE_IDENTIFIER";
+
+// ------------------------------------------------------------------ in-app campaigns and their store
+// Keys of a campaign, its presentation and its widgets, as the service sends them.
+inline constexpr const char* KO_WIDGETS = "widgets";
+inline constexpr const char* KO_WIDGET_ID = "widget_id";
+inline constexpr const char* KO_PROPERTIES = "properties";
+inline constexpr const char* KO_CONTENT = "content";
+inline constexpr const char* KO_CANCELLABLE = "cancellable";
+inline constexpr const char* KO_AUTO_DISMISS = "auto_dismiss";
+inline constexpr const char* KO_ANIMATE_ENTRY = "animate.entry";
+inline constexpr const char* KO_ANIMATE_EXIT = "animate.exit";
+inline constexpr const char* KO_ALIGNMENT = "alignment";
+inline constexpr const char* KO_HEIGHT = "height";
+inline constexpr const char* KO_WIDTH = "width";
+inline constexpr const char* KO_MAX_HEIGHT = "max_height";
+inline constexpr const char* KO_MAX_WIDTH = "max_width";
+inline constexpr const char* KO_MARGIN_LEFT = "margin.left";
+inline constexpr const char* KO_MARGIN_RIGHT = "margin.right";
+inline constexpr const char* KO_MARGIN_TOP = "margin.top";
+inline constexpr const char* KO_MARGIN_BOTTOM = "margin.bottom";
+inline constexpr const char* KO_PADDING_LEFT = "padding.left";
+inline constexpr const char* KO_PADDING_RIGHT = "padding.right";
+inline constexpr const char* KO_PADDING_TOP = "padding.top";
+inline constexpr const char* KO_PADDING_BOTTOM = "padding.bottom";
+inline constexpr const char* KO_LEFT = "left";
+inline constexpr const char* KO_RIGHT = "right";
+inline constexpr const char* KO_TOP = "top";
+inline constexpr const char* KO_BOTTOM = "bottom";
+inline constexpr const char* KO_CENTER = "center";
+inline constexpr const char* KO_ALIGNMENT_FULL = "full";
+inline constexpr const char* KO_ALIGNMENT_EMBED = "embedded";
+inline constexpr const char* KO_ALIGNMENT_SELF_HANDLED = "self_handled";
+inline constexpr const char* KO_INAPPTYPE_GENERAL = "general";
+inline constexpr const char* KO_INAPPTYPE_LINKED = "linked";
+inline constexpr const char* KO_INAPPTYPE_SMART = "smart";
+inline constexpr const char* KO_INAPPTYPE_ADVANCED = "advanced";
+inline constexpr const char* KO_INAPPTYPE_EMBEDDED = "embedded";
+inline constexpr const char* KO_INAPPTYPE_SELF_HANDLED = "self_handled";
+inline constexpr const char* KO_INAPPTYPE_TEST = "test";
+inline constexpr const char* KO_ANIMATION_SLIDE_UP = "slide_up";
+inline constexpr const char* KO_ANIMATION_SLIDE_DOWN = "slide_down";
+inline constexpr const char* KO_ANIMATION_SLIDE_LEFT = "slide_left";
+inline constexpr const char* KO_ANIMATION_SLIDE_RIGHT = "slide_right";
+inline constexpr const char* KO_ANIMATION_FADE_IN = "fade_in";
+inline constexpr const char* KO_ANIMATION_FADE_OUT = "fade_out";
+inline constexpr const char* KO_ACTION_NAVIGATE = "m_nav";
+inline constexpr const char* KO_ACTION_SHARE = "m_share";
+inline constexpr const char* KO_ACTION_DISMISS = "m_dismiss";
+inline constexpr const char* KO_ACTION_SETATTRIBUTE = "m_set";
+inline constexpr const char* KO_ACTION_OPEN_INAPP = "m_inapp";
+inline constexpr const char* KO_ACTION_TRACKEVENT = "m_track";
+inline constexpr const char* KO_ACTION_COPY = "m_copy";
+inline constexpr const char* KO_ACTION_CALL = "m_call";
+inline constexpr const char* KO_PERMISSION_NOTIFICATION = "m_permission_notification";
+inline constexpr const char* KO_PERMISSION_SETTINGS = "m_permission_settings";
+inline constexpr const char* CAMPAIGN_ID = "cid";
+inline constexpr const char* KO_INTERVAL = "interval";
+inline constexpr const char* KO_TTL = "ttl";
+inline constexpr const char* KO_MAX_TIMES = "max_times";
+inline constexpr const char* KO_STATUS = "status";
+inline constexpr const char* KO_PERSISTENCE = "persistent";
+inline constexpr const char* KO_PRIORITY = "priority";
+inline constexpr const char* KO_CONTEXT = "context";
+inline constexpr const char* KO_LAST_UPDATED = "last_updated";
+inline constexpr const char* KO_SHOW_ONLY_IN_SCREEN = "show_only_screen";
+inline constexpr const char* INAPP_EVENTS_INFO = "event_list";
+inline constexpr const char* INAPP_MIN_DELAY = "minimum_delay_bw_inapps";
+
+// The campaign store: its files, its statistics keys and the preferences it owns.
+inline constexpr const char* INAPP_PLIST_PATH_V2 = "InAppCampaignsV2.plist";
+inline constexpr const char* INAPP_PLIST_PATH = "InAppCampaigns.plist";
+inline constexpr const char* KO_INAPP_V2_IMAGES_PATH = "/Kovantis/InAppImages/";
+inline constexpr const char* KO_INAPP_V1_IMAGES_PATH = "/KovantisImages";
+inline constexpr const char* KO_INAPP_V1_REMOVE_IMAGES = "KO_inapps_v1_removed";
+inline constexpr const char* KO_MINIMUMDELAY_BW_INAPPS = "KO_MinimumDelay_BW_InApps";
+inline constexpr const char* KO_TIMES_SHOWN = "timesShown";
+inline constexpr const char* KO_EXPIRY_DATE = "expiryDate";
+inline constexpr const char* LAST_SHOWN = "lastShown";
+// Keys without an exported constant, kept here so that every file spells them once.
+inline constexpr const char* KO_INAPP_CAMPAIGN_INFO_KEY = "campaign_info";
+inline constexpr const char* KO_INAPP_IS_CLICKED_KEY = "isClicked";
+inline constexpr const char* KO_INAPP_STATUS_ACTIVE = "active";
+inline constexpr const char* KO_INAPP_STATUS_EXPIRED = "expired";
+
+// Push registration: names exported for the host, and the preferences the push layer owns.
+inline constexpr const char* Kovantis_Notification_Registered_Notification = "Kovantis_Notification_Registered";
+inline constexpr const char* Kovantis_Notification_Registration_Failed_Notification =
+    "Kovantis_Notification_Registration_Failed";
+inline constexpr const char* Kovantis_Notification_UserSettings_Registered_Notification =
+    "Kovantis_Notification_UserSettings_Registered";
+inline constexpr const char* Kovantis_Notification_Received_Notification = "Kovantis_Notification_Received";
+inline constexpr const char* Kovantis_Device_Token_Key = "deviceToken";
+inline constexpr const char* Kovantis_Notification_Settings_Key = "notificationSettings";
+inline constexpr const char* KO_PUSH_PREFERENCE = "PUSH_PREFERENCE";
+inline constexpr const char* KO_PUSH_PREF_CHANGED_EVENT = "KO_PUSH_PREFERENCE_CHANGED";
+inline constexpr const char* KO_PUSH_PREFERENCE_KEY = "kKovPushPreferenceUserDefaultKey";
+inline constexpr const char* KOV_NOTIFICATION_CATEGORIES = "KOV_NOTIFICATION_CATEGORIES";
+inline constexpr const char* KOV_APP_VERSION = "KOV_APP_VERSION";
+inline constexpr const char* KOV_DISMISS_ACTION = "KOV_DISMISS_ACTION";
+inline constexpr const char* KOV_DISMISS_CATEGORY = "KOV_DISMISS_CATEGORY";

@@ -77,6 +77,29 @@ class Kovantis {
   void setUserDateOfBirth(const KOValue& date);
   void setUserLocationLatitude(double latitude, double andLongitude);
 
+  // ------------------------------------------------------------------------------- push
+  /// Asks for permission (badge, sound, alert), registers for remote notifications and installs
+  /// the categories: the first set on systems with the current notification interface (10.0 and
+  /// later), the second (KONotificationCategory objects) on older ones. A member of the wrong
+  /// kind is logged and registration goes on.
+  void registerForRemoteNotificationWithCategories(
+      const KONotificationCategorySet& categories,
+      const KONotificationCategorySet& andCategoriesForPreviousVersions = {},
+      std::shared_ptr<KOUserNotificationCenterDelegate> andWithUserNotificationCenterDelegate = nullptr);
+  /// The device token the system delivered (data, 32 bytes). A new or changed token is saved and
+  /// the device registered again; the same token again does nothing.
+  void registerForPush(const KOValue& deviceToken);
+  /// Marks push as on for the user and saves the token (hexadecimal text).
+  void saveAndRegisterWithToken(const KOValue& token);
+  void didFailToRegisterForPush();
+  /// The older interface's answer: the granted types (0 when the user refused).
+  void didRegisterForUserNotificationSettings(int grantedTypes);
+  /// Installs the categories plus the SDK's own dismiss category, and tells the service once per
+  /// application version. Does nothing on systems before 10.0.
+  void setUserNotificationCategories(const KONotificationCategorySet& categories);
+  /// The same for older systems (no dismiss category, nothing installed here).
+  void setNotificationCategoriesForEarlieriOSVersionsWithCategories(const KONotificationCategorySet& categories);
+
   // ------------------------------------------------------------ lifecycle and sessions
   void addObserverForApplicationLifeCycle();
   void applicationIsActive(const KODictionary& notification = {});

@@ -225,15 +225,22 @@ void KOLogger::logException(const KOSourceLocation& where, const void* object, s
   logLocated(where, object, KOLogSeverityException, KOStringFormat::format(format, {KOValue(e.what())}));
 }
 
+void KOLogger::logError(const KOSourceLocation& where, const void* object, std::string_view format,
+                        const std::exception& e) {
+  if (!loggingEnabled()) return;
+  logLocated(where, object, KOLogSeverityError, KOStringFormat::format(format, {KOValue(e.what())}));
+}
+
 void KOLogger::logLocated(const KOSourceLocation& where, const void* object, int severity, const std::string& message,
                           const KOValue& stackTrace) {
   logWithVerbosity(2, severity, locatedArgs(where, object, message), stackTrace);
 }
 
-void KOLogger::logExceptionQuietly(const KOSourceLocation& where, const void* object, std::string_view format,
-                                   const std::exception& e) noexcept {
+void KOLogger::logExceptionQuietly(const KOSourceLocation& where, const void* object, int severity,
+                                   std::string_view format, const std::exception& e) noexcept {
   try {
-    logException(where, object, format, e);
+    if (!loggingEnabled()) return;
+    logLocated(where, object, severity, KOStringFormat::format(format, {KOValue(e.what())}));
   } catch (...) {
   }
 }

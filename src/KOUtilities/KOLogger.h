@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "kovantis/KOValue.h"
 
@@ -79,14 +80,23 @@ class KOLogger {
   /// text) and goes no further. The catch-and-log block of every public entry, written once.
   template <typename Body>
   static void guard(const KOSourceLocation& where, const void* object, std::string_view format, Body&& body) noexcept {
+    guard(where, object, KOLogSeverityException, format, std::forward<Body>(body));
+  }
+  /// The same, logged at the given severity.
+  template <typename Body>
+  static void guard(const KOSourceLocation& where, const void* object, int severity, std::string_view format,
+                    Body&& body) noexcept {
     try {
       body();
     } catch (const std::exception& e) {
-      logExceptionQuietly(where, object, format, e);
+      logExceptionQuietly(where, object, severity, format, e);
     } catch (...) {
-      logExceptionQuietly(where, object, format, std::runtime_error("unknown exception"));
+      logExceptionQuietly(where, object, severity, format, std::runtime_error("unknown exception"));
     }
   }
+  /// As logException, at error severity (5).
+  static void logError(const KOSourceLocation& where, const void* object, std::string_view format,
+                       const std::exception& e);
   static void logException(const KOSourceLocation& where, const void* object, std::string_view format,
                            const std::exception& e);
   /// A located line that is also shipped remotely when remote logging is on.
@@ -97,8 +107,8 @@ class KOLogger {
   /// created; nullptr stops shipping.
   static void setRemoteShipper(RemoteShipper shipper);
   /// logException that never throws itself (for guard()).
-  static void logExceptionQuietly(const KOSourceLocation& where, const void* object, std::string_view format,
-                                  const std::exception& e) noexcept;
+  static void logExceptionQuietly(const KOSourceLocation& where, const void* object, int severity,
+                                  std::string_view format, const std::exception& e) noexcept;
 
   /// "Class::method" out of a compiler's pretty function name.
   static std::string methodName(const char* prettyFunction);
