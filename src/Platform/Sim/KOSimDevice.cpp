@@ -35,7 +35,8 @@ KOSimDevice::KOSimDevice(KOSimDeviceConfig config) : config_(std::move(config)) 
   screen_ = std::make_shared<KOSimScreen>();
   application_ = std::make_shared<KOSimApplication>(*dispatch_, screen_);
   userInterface_ = std::make_shared<KOSimUserInterface>(*dispatch_, screen_);
-  notificationCenter_ = std::make_shared<KOSimNotificationCenter>(*dispatch_);
+  notificationCenter_ =
+      std::make_shared<KOSimNotificationCenter>(*dispatch_, *files_, root_ + "/Device/notificationSettings.plist");
   console_ = std::make_shared<KOSimConsole>(config_.echoConsole);
   clock_ = std::make_shared<KOSimClock>();
 
@@ -86,6 +87,7 @@ void KOSimDevice::uninstall() {
   std::filesystem::remove_all(sandboxDirectory(), ec);
   std::filesystem::remove_all(root_ + "/AppGroups", ec);
   profile_->resetVendorId();
+  notificationCenter_->forget();
   files_->prepareSandbox();
   preferences_->reloadAll();
   application_->setApplicationState(KOApplicationState::Inactive);

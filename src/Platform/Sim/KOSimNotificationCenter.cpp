@@ -2,7 +2,39 @@
 
 #include <stdexcept>
 
-KOSimNotificationCenter::KOSimNotificationCenter(KODispatch& dispatch) : dispatch_(dispatch) {}
+#include "KOSimFiles.h"
+
+namespace {
+// How a decision is kept in the state file.
+constexpr const char* kAnswerNames[] = {"granted", "denied", "denied-with-error"};
+}  // namespace
+
+KOSimNotificationCenter::KOSimNotificationCenter(KODispatch& dispatch, KOFileSystem& files, std::string stateFile)
+    : dispatch_(dispatch), files_(files), stateFile_(std::move(stateFile)) {
+  const KOValue state = KOSimFiles::readPropertyList(files_, stateFile_);
+  if (!state.isDictionary()) return;
+  for (int i = 0; i < 3; ++i) {
+    if (state["answered"] == KOValue(kAnswerNames[i])) answered_ = static_cast<Answer>(i);
+  }
+  if (state["alertSetting"].isNumber()) alertSetting_ = static_cast<int>(state["alertSetting"].intValue());
+}
+
+void KOSimNotificationCenter::saveLocked() {
+  KODictionary state;
+  if (answered_) state.set("answered", KOValue(kAnswerNames[static_cast<int>(*answered_)]));
+  if (alertSetting_) state.set("alertSetting", KOValue(*alertSetting_));
+  KOSimFiles::writePropertyList(files_, stateFile_, KOValue(std::move(state)));
+}
+
+void KOSimNotificationCenter::forget() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  answered_.reset();
+  alertSetting_.reset();
+  installed_.clear();
+  registeredTypes_.reset();
+  registeredCategories_.clear();
+  files_.removeItem(stateFile_);
+}
 
 void KOSimNotificationCenter::checkThrows() const {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -18,6 +50,7 @@ void KOSimNotificationCenter::requestAuthorizationWithOptions(
     ++requests_;
     answer = answer_;
     answered_ = answer;
+    saveLocked();
   }
   dispatch_.asyncBackground([answer, completionHandler = std::move(completionHandler)] {
     if (!completionHandler) return;
@@ -67,6 +100,7 @@ void KOSimNotificationCenter::registerUserNotificationSettings(
     registeredTypes_ = types;
     registeredCategories_ = std::move(categories);
     answered_ = answer_;
+    saveLocked();
     granted = answer_ == Answer::Grant ? types : 0;
     handler = settingsHandler_;
   }
@@ -82,6 +116,7 @@ void KOSimNotificationCenter::setAuthorizationAnswer(Answer answer) {
 void KOSimNotificationCenter::setAlertSetting(int setting) {
   std::lock_guard<std::mutex> lock(mutex_);
   alertSetting_ = setting;
+  saveLocked();
 }
 
 void KOSimNotificationCenter::setUserNotificationSettingsHandler(std::function<void(int)> handler) {

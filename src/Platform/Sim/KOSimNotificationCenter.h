@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "kovantis/KOPlatform.h"
@@ -16,7 +17,9 @@ class KOSimNotificationCenter : public KOUserNotificationCenter {
  public:
   enum class Answer { Grant, Deny, DenyWithError };
 
-  explicit KOSimNotificationCenter(KODispatch& dispatch);
+  /// The user's decision and alert setting are kept in `stateFile`, as the system keeps them
+  /// across launches; forget() drops them, as deleting the app does.
+  KOSimNotificationCenter(KODispatch& dispatch, KOFileSystem& files, std::string stateFile);
 
   void requestAuthorizationWithOptions(
       int options, std::function<void(bool granted, std::optional<std::string> error)> completionHandler) override;
@@ -36,6 +39,8 @@ class KOSimNotificationCenter : public KOUserNotificationCenter {
   void setUserNotificationSettingsHandler(std::function<void(int types)> handler);
   /// Makes every call of the port throw, as a broken bridge might.
   void setThrows(bool throws);
+  /// The app was deleted: no decision, no setting, nothing installed.
+  void forget();
 
   // Inspection.
   std::vector<std::shared_ptr<KOUserNotificationCategory>> installedCategories() const;
@@ -47,8 +52,11 @@ class KOSimNotificationCenter : public KOUserNotificationCenter {
 
  private:
   void checkThrows() const;
+  void saveLocked();
 
   KODispatch& dispatch_;
+  KOFileSystem& files_;
+  std::string stateFile_;
   mutable std::mutex mutex_;
   Answer answer_ = Answer::Grant;
   std::optional<Answer> answered_;
