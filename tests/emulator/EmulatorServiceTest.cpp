@@ -135,6 +135,13 @@ TEST_F(EmulatorTest, EveryEndpointRefusesWhatTheServiceWouldRefuse) {
       {"POST", kReport, q, R"({"viewsInfo":[{"EVENT_ACTION":"a"}],"viewsCount":2})", "viewsCount"},
       {"POST", kReport, q, R"({"viewsInfo":["tap"],"viewsCount":1})", "event 0"},
       {"POST", "/v2/autotriggerinapps", universal({{"event", "buy"}}), R"({"EVENT_ATTRS":[]})", "EVENT_ATTRS"},
+      {"POST", "/campaigns/inappcampaigns/fetch", universal({{"last_updated", "soon"}}), "{}", "last_updated"},
+      {"POST", "/campaigns/inappcampaigns/fetch", universal({{"last_updated", "0"}}), R"({"campaign_ids":"c1"})",
+       "campaign_ids"},
+      {"POST", "/campaigns/inappcampaigns/fetch", universal({{"last_updated", "0"}}), R"({"campaign_ids":[7]})",
+       "campaign_ids"},
+      {"POST", "/campaigns/inappcampaigns/fetch", universal({{"last_updated", "0"}}),
+       R"({"campaign_ids":[{"id":"c1"}]})", "cid"},
       {"POST", "/v2/categories/add", universal(), R"({"data":{}})", "data"},
       {"POST", "/v2/device/add", universal(), R"({"IDFV":7})", "IDFV"},
       {"POST", "/noformat/logs/T", {}, R"({"appid":"A"})", "uid"},
@@ -213,8 +220,10 @@ TEST_F(EmulatorTest, AnswersComeFromTheSeeds) {
 
 TEST_F(EmulatorTest, RejectedSeedChangesNothing) {
   emulator->seed(R"({"inbox":[{"cid":"keep"}]})");
-  for (const char *bad :
-       {R"({"inbox":[], "bogus":{}})", R"({"config":[1]})", R"({"campaigns":{"c":1}})", R"([{"config":{}}])", "{"}) {
+  for (const char *bad : {R"({"inbox":[], "bogus":{}})", R"({"config":[1]})", R"({"campaigns":{"c":1}})",
+                          R"([{"config":{}}])", "{", R"({"images":{"/img/a.png":"AA=="}})",
+                          R"({"images":{"/images/":"AA=="}})", R"({"images":{"/images/a.png":"A*=="}})",
+                          R"({"images":{"/images/a.png":"AAA"}})", R"({"images":{"/images/a.png":7}})"}) {
     SCOPED_TRACE(bad);
     EXPECT_THROW(emulator->seed(bad), std::invalid_argument);
     EXPECT_FALSE(errorOf(client().Post("/__emulator/seed", bad, kJSON)).empty());

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <thread>
 
 #include "EmulatorFixture.h"
@@ -132,6 +133,22 @@ TEST_F(EmulatorTest, InspectionWhileServingIsSafe) {
   EXPECT_EQ(failed, 20u) << "half of the 40 calls, however they interleave";
 }
 
+TEST_F(EmulatorTest, PeakOfConcurrentRequestsCountsStalledOnesAndResets) {
+  emulator->seed(R"({"images": {"/images/a.png": "iVBORw0KGgo="}})");
+  emulator->injectFault(fault("/images/", 0, 300));
+  std::vector<std::thread> callers;
+  for (int i = 0; i < 3; ++i) callers.emplace_back([&] { client().Get("/images/a.png"); });
+  for (auto &c : callers) c.join();
+  client().Get("/__emulator/health");  // control calls are not counted
+  EXPECT_EQ(emulator->peakConcurrentRequests(), 3u) << "three stalls of 300 ms overlap";
+  emulator->reset();
+  EXPECT_EQ(emulator->peakConcurrentRequests(), 0u);
+  emulator->clearFaults();
+  client().Get("/images/a.png");
+  client().Get("/images/a.png");
+  EXPECT_EQ(emulator->peakConcurrentRequests(), 1u) << "one after the other";
+}
+
 TEST_F(EmulatorTest, StopCutsAStallShortAndTheEmulatorStartsAgain) {
   emulator->injectFault(fault("/v1/getConfig", 0, 60000, false, 1));
   std::thread caller([&] { get("/v1/getConfig", kConfigQuery); });
@@ -157,7 +174,9 @@ TEST_F(EmulatorTest, StopCutsAStallShortAndTheEmulatorStartsAgain) {
 TEST(EmulatorCommandLine, PrintsItsPortServesAndStopsOnSigterm) {
   auto dir = makeTemporaryDirectory();
   {
-    Child child({"--port", "0", "--data", dir.string()});
+    std::filesystem::create_directories(dir / "images");
+    std::ofstream(dir / "images" / "a.gif") << "GIF89a";
+    Child child({"--port", "0", "--data", dir.string(), "--images", (dir / "images").string()});
     std::string out = child.readUntil("\n", std::chrono::seconds(30));
     const std::string prefix = "kovantis-emulator listening on 127.0.0.1:";
     ASSERT_EQ(out.rfind(prefix, 0), 0u) << out;
@@ -174,6 +193,9 @@ TEST(EmulatorCommandLine, PrintsItsPortServesAndStopsOnSigterm) {
                          R"({"viewsInfo":[{"EVENT_ACTION":"x"}],"viewsCount":1})", "application/json");
     ASSERT_TRUE(sent);
     EXPECT_EQ(sent->status, 200) << sent->body;
+    auto image = cli.Get("/images/a.gif");
+    ASSERT_TRUE(image);
+    EXPECT_EQ(image->body, "GIF89a") << "--images serves the directory";
 
     child.signal(SIGTERM);
     int status = child.exitStatus(std::chrono::seconds(30));

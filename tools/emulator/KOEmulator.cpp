@@ -76,7 +76,7 @@ std::string describe(const KOEmulatorFault &f) {
 
 class KOEmulator::Impl {
  public:
-  explicit Impl(Options o) : options(std::move(o)), store(options.dataDir), service(store, faults) {}
+  explicit Impl(Options o) : options(std::move(o)), store(options.dataDir), service(store, faults, options.imagesDir) {}
 
   void serve(const httplib::Request &req, httplib::Response &res);
   void record(const httplib::Request &req, int status, const std::string &error, const std::string &fault);
@@ -101,7 +101,31 @@ class KOEmulator::Impl {
   mutable std::condition_variable arrived;
 
   std::mutex logMutex;
+
+  std::atomic<size_t> concurrent{0};
+  std::atomic<size_t> peakConcurrent{0};
 };
+
+namespace {
+
+// Counts a request as being answered for as long as it lives, and keeps the peak.
+class Answering {
+ public:
+  Answering(std::atomic<size_t> &current, std::atomic<size_t> &peak) : current_(current) {
+    const size_t now = ++current_;
+    size_t seen = peak.load();
+    while (seen < now && !peak.compare_exchange_weak(seen, now)) {
+    }
+  }
+  ~Answering() { --current_; }
+  Answering(const Answering &) = delete;
+  Answering &operator=(const Answering &) = delete;
+
+ private:
+  std::atomic<size_t> &current_;
+};
+
+}  // namespace
 
 void KOEmulator::Impl::stall(int64_t ms) {
   std::unique_lock lock(stopMutex);
@@ -136,8 +160,10 @@ void KOEmulator::Impl::record(const httplib::Request &req, int status, const std
 // recorded and logged) happens around the service's table, which takes the rest.
 void KOEmulator::Impl::serve(const httplib::Request &req, httplib::Response &res) {
   const bool recorded = !KOEmulatorService::isControlPath(req.path);
+  std::optional<Answering> answering;
+  if (recorded) answering.emplace(concurrent, peakConcurrent);
   try {
-    if (KOEmulatorService::isServicePath(req.path)) {
+    if (KOEmulatorService::isFaultablePath(req.path)) {
       if (auto fault = faults.take(req.path)) {
         if (fault->delayMs > 0) stall(fault->delayMs);
         if (fault->drop) {
@@ -166,7 +192,9 @@ void KOEmulator::Impl::serve(const httplib::Request &req, httplib::Response &res
                         .port = req.local_port};
     KOEmulatorReply reply = service.handle(call);
     res.status = reply.status;
-    if (!reply.body.empty()) res.set_content(reply.body, "application/json");
+    if (!reply.body.empty()) {
+      res.set_content(reply.body, reply.contentType.empty() ? "application/json" : reply.contentType);
+    }
     if (recorded) record(req, reply.status, reply.error, {});
   } catch (const std::exception &e) {
     // A store failure must not take the server down; it answers like a failing service.
@@ -283,7 +311,11 @@ std::string KOEmulator::seedsJSON() const { return impl_->service.seedsJSON(); }
 void KOEmulator::injectFault(const KOEmulatorFault &fault) { impl_->faults.add(fault); }
 void KOEmulator::clearFaults(const std::string &path) { impl_->faults.clear(path); }
 std::vector<KOEmulatorFault> KOEmulator::faults() const { return impl_->faults.list(); }
-void KOEmulator::reset(bool resetSeeds) { impl_->store.reset(resetSeeds); }
+void KOEmulator::reset(bool resetSeeds) {
+  impl_->store.reset(resetSeeds);
+  impl_->peakConcurrent = impl_->concurrent.load();
+}
+size_t KOEmulator::peakConcurrentRequests() const { return impl_->peakConcurrent.load(); }
 
 std::vector<KOEmulatorRequest> KOEmulator::requests(const std::string &pathFilter) const {
   return impl_->store.requests(pathFilter);

@@ -14,8 +14,9 @@
 class KOEmulator {
  public:
   struct Options {
-    std::string dataDir;   // holds emulator.sqlite; created when missing
-    std::string seedFile;  // optional JSON seed applied at construction
+    std::string dataDir;    // holds emulator.sqlite; created when missing
+    std::string seedFile;   // optional JSON seed applied at construction
+    std::string imagesDir;  // optional: files under it are served at /images/<relative path>
     std::string bindAddress = "127.0.0.1";
     int keepAliveSeconds = 2;         // short, so that stop() never waits long on idle clients
     int keepAliveMaxRequests = 1000;  // per connection, as production front ends allow
@@ -66,6 +67,10 @@ class KOEmulator {
   // The JSON answer of GET /__emulator/<what>, e.g. inspectJSON("events"), or
   // inspectJSON("requests", "/v2/report/add"). Throws std::invalid_argument for an unknown name.
   std::string inspectJSON(const std::string &what, const std::string &pathFilter = {}) const;
+
+  // The most service and image requests that were being answered at once since the start or the
+  // last reset (a stalled request counts for its whole stall): how a test sees a client's limit.
+  size_t peakConcurrentRequests() const;
 
   // Blocks until at least `count` requests matching the filter were received (whatever their
   // answer) or the timeout passed; returns whether the count was reached.

@@ -3,11 +3,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iterator>
 #include <map>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -26,6 +30,7 @@ struct Refusal : std::invalid_argument {
 
 constexpr std::string_view kLogPrefix = "/noformat/logs/";
 constexpr std::string_view kControlPrefix = "/__emulator/";
+constexpr std::string_view kImagePrefix = "/images/";
 
 const std::map<std::string, std::string, std::less<>> kDefaultSeeds = {
     {"config", R"({"l_e":0,"tkn":"5b7e0a92-3c41-4d8e-9f26-a1d04c7e8b13","e_b_c":30})"},
@@ -35,6 +40,7 @@ const std::map<std::string, std::string, std::less<>> kDefaultSeeds = {
     {"inbox", R"({"messagesInfo":[]})"},
     {"geofences", R"({"fencesInfo":[]})"},
     {"geofence_hit", "{}"},
+    {"images", "{}"},
 };
 
 // Present on every call that carries the universal parameters; may be empty.
@@ -173,6 +179,83 @@ std::string section(const KOEmulatorStore &store, const std::string &name) {
   return kDefaultSeeds.find(name)->second;
 }
 
+// Standard base64 with padding, as seeds carry image bytes; nothing when the text is not that.
+std::optional<std::string> decodeBase64(std::string_view text) {
+  if (text.size() % 4 != 0) return std::nullopt;
+  std::string out;
+  out.reserve(text.size() / 4 * 3);
+  uint32_t bits = 0;
+  int pending = 0;
+  size_t padding = 0;
+  for (char c : text) {
+    int value = -1;
+    if (c >= 'A' && c <= 'Z') value = c - 'A';
+    if (c >= 'a' && c <= 'z') value = c - 'a' + 26;
+    if (c >= '0' && c <= '9') value = c - '0' + 52;
+    if (c == '+') value = 62;
+    if (c == '/') value = 63;
+    if (c == '=') {
+      ++padding;
+      continue;
+    }
+    if (value < 0 || padding > 0) return std::nullopt;
+    bits = (bits << 6) | static_cast<uint32_t>(value);
+    pending += 6;
+    if (pending >= 8) {
+      pending -= 8;
+      out.push_back(static_cast<char>((bits >> pending) & 0xFF));
+    }
+  }
+  if (padding > 2) return std::nullopt;
+  return out;
+}
+
+int64_t nowMilliseconds() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+// A campaign's own "last_updated" (milliseconds since 1970, a number or a string of digits).
+std::optional<int64_t> seededStamp(const rapidjson::Value &campaign) {
+  if (!campaign.IsObject()) return std::nullopt;
+  const auto it = campaign.FindMember("last_updated");
+  if (it == campaign.MemberEnd()) return std::nullopt;
+  const auto &v = it->value;
+  if (v.IsInt64()) return v.GetInt64();
+  if (v.IsNumber()) return static_cast<int64_t>(v.GetDouble());
+  if (v.IsString()) {
+    const std::string text(v.GetString(), v.GetStringLength());
+    if (text.empty() || text.size() > 18 ||
+        !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+      return std::nullopt;
+    }
+    return std::stoll(text);
+  }
+  return std::nullopt;
+}
+
+const rapidjson::Value *campaignList(const rapidjson::Value &inapps) {
+  if (!inapps.IsObject()) return nullptr;
+  const auto it = inapps.FindMember("campaign_info");
+  return it != inapps.MemberEnd() && it->value.IsArray() ? &it->value : nullptr;
+}
+
+// The service stamps a campaign whenever it changes. A seeded campaign without a stamp of its own
+// keeps the one it had when it is seeded again unchanged, and is stamped now when it is new or changed.
+std::map<std::string, int64_t> stampCampaigns(const rapidjson::Value &inapps,
+                                              const std::map<std::string, int64_t> &before) {
+  std::map<std::string, int64_t> stamps;
+  const rapidjson::Value *list = campaignList(inapps);
+  if (!list) return stamps;
+  const int64_t now = nowMilliseconds();
+  for (const auto &campaign : list->GetArray()) {
+    std::string key = KOEmulatorJSON::serialize(campaign);
+    const auto kept = before.find(key);
+    stamps[key] = seededStamp(campaign).value_or(kept != before.end() ? kept->second : now);
+  }
+  return stamps;
+}
+
 std::string seedsOf(const KOEmulatorStore &store) {
   rapidjson::StringBuffer buffer;
   KOJSONWriter w(buffer);
@@ -206,6 +289,18 @@ void applySeed(KOEmulatorStore &store, const std::string &json) {
     if (value.IsArray() && listKey != listKeys.end()) {
       text = std::string("{\"") + listKey->second + "\":" + KOEmulatorJSON::serialize(value) + "}";
     } else if (value.IsObject()) {
+      if (name == "images") {
+        for (auto &entry : value.GetObject()) {
+          const std::string path = entry.name.GetString();
+          if (!path.starts_with(kImagePrefix) || path.size() == kImagePrefix.size() || path.ends_with('/')) {
+            throw std::invalid_argument("seed: image path \"" + path + "\" must name a file under " +
+                                        std::string(kImagePrefix));
+          }
+          if (!entry.value.IsString() || !decodeBase64({entry.value.GetString(), entry.value.GetStringLength()})) {
+            throw std::invalid_argument("seed: image \"" + path + "\" must be a base64 string");
+          }
+        }
+      }
       if (name == "campaigns" || name == "smart_triggers") {
         for (auto &entry : value.GetObject()) {
           if (!entry.value.IsObject()) {
@@ -220,13 +315,21 @@ void applySeed(KOEmulatorStore &store, const std::string &json) {
     }
     sections.emplace_back(std::move(name), std::move(text));
   }
-  for (const auto &[name, text] : sections) store.setSeedSection(name, text);
+  for (const auto &[name, text] : sections) {
+    if (name == "inapps") {
+      rapidjson::Document inapps;
+      KOEmulatorJSON::parse(text, inapps, error);
+      store.setCampaignStamps(stampCampaigns(inapps, store.campaignStamps()));
+    }
+    store.setSeedSection(name, text);
+  }
 }
 
 // What a row's handler works on.
 struct Env {
   KOEmulatorStore &store;
   KOEmulatorFaults &faults;
+  const std::string &imagesDir;
 };
 using Call = KOEmulatorCall;
 using Reply = KOEmulatorReply;
@@ -286,10 +389,118 @@ Reply getConfig(const Env &env, const Call &, const Query &q) {
   return ok(section(env.store, "config"));
 }
 
+// The ids the device holds, from "campaign_ids": a list of ids, a list of campaigns carrying a
+// "cid", or an object keyed by id.
+std::vector<std::string> heldCampaignIds(const rapidjson::Value &body) {
+  std::vector<std::string> ids;
+  const auto it = body.FindMember("campaign_ids");
+  if (it == body.MemberEnd()) return ids;
+  const auto &held = it->value;
+  auto add = [&](const rapidjson::Value &id) {
+    if (!id.IsString()) throw Refusal(std::string("body \"campaign_ids\" holds a ") + J::typeName(id) + ", not an id");
+    ids.emplace_back(id.GetString(), id.GetStringLength());
+  };
+  if (held.IsArray()) {
+    for (const auto &entry : held.GetArray()) {
+      if (!entry.IsObject()) {
+        add(entry);
+        continue;
+      }
+      const auto cid = entry.FindMember("cid");
+      if (cid == entry.MemberEnd()) throw Refusal("body \"campaign_ids\" holds a campaign without \"cid\"");
+      add(cid->value);
+    }
+  } else if (held.IsObject()) {
+    for (const auto &entry : held.GetObject()) ids.emplace_back(entry.name.GetString(), entry.name.GetStringLength());
+  } else {
+    throw Refusal(std::string("body \"campaign_ids\" must be an array or an object, got ") + J::typeName(held));
+  }
+  return ids;
+}
+
+std::string stringMember(const rapidjson::Value &object, const char *key) {
+  if (!object.IsObject()) return {};
+  const auto it = object.FindMember(key);
+  return it != object.MemberEnd() && it->value.IsString() ? it->value.GetString() : std::string();
+}
+
+// Like the service: the campaigns changed after "last_updated" (all of them for "" or 0), and each
+// campaign the device holds that is no longer active, with its status, so that the device drops it.
 Reply inappsFetch(const Env &env, const Call &call, const Query &q) {
-  q.require("last_updated");
-  parseBody(call);
-  return ok(section(env.store, "inapps"));
+  int64_t since = 0;
+  if (!q.require("last_updated").empty()) {
+    q.requireDigits("last_updated");
+    const std::string &text = q.get("last_updated");
+    errno = 0;
+    since = std::strtoll(text.c_str(), nullptr, 10);
+    if (errno == ERANGE) throw Refusal("query parameter \"last_updated\" is out of range");
+  }
+  const std::vector<std::string> held = heldCampaignIds(parseBody(call));
+
+  rapidjson::Document inapps;
+  std::string error;
+  KOEmulatorJSON::parse(section(env.store, "inapps"), inapps, error);
+  const std::map<std::string, int64_t> stamps = env.store.campaignStamps();
+  const rapidjson::Value *list = campaignList(inapps);
+  std::vector<std::string> answered;  // the campaigns in the answer, as JSON
+  std::vector<std::string> answeredIds;
+  if (list) {
+    for (const auto &campaign : list->GetArray()) {
+      std::string text = J::serialize(campaign);
+      const auto stamp = stamps.find(text);
+      if (seededStamp(campaign).value_or(stamp != stamps.end() ? stamp->second : 0) <= since) continue;
+      answeredIds.push_back(stringMember(campaign, "cid"));
+      answered.push_back(std::move(text));
+    }
+  }
+  for (const std::string &id : held) {
+    if (std::find(answeredIds.begin(), answeredIds.end(), id) != answeredIds.end()) continue;
+    const rapidjson::Value *current = nullptr;
+    for (rapidjson::SizeType i = 0; list && i < list->Size() && !current; ++i) {
+      if (stringMember((*list)[i], "cid") == id) current = &(*list)[i];
+    }
+    if (current && stringMember(*current, "status") == "active") continue;
+    rapidjson::StringBuffer buffer;
+    KOJSONWriter w(buffer);
+    if (current) {
+      current->Accept(w);
+    } else {
+      w.StartObject();
+      J::writeString(w, "cid");
+      J::writeString(w, id);
+      J::writeString(w, "status");
+      J::writeString(w, "inactive");
+      w.EndObject();
+    }
+    answered.emplace_back(buffer.GetString(), buffer.GetSize());
+    answeredIds.push_back(id);
+  }
+
+  // Every other key of the seeded answer (event list, minimum delay) goes out as seeded.
+  rapidjson::StringBuffer buffer;
+  KOJSONWriter w(buffer);
+  w.StartObject();
+  auto writeCampaigns = [&] {
+    J::writeString(w, "campaign_info");
+    w.StartArray();
+    for (const std::string &campaign : answered) J::writeRaw(w, campaign);
+    w.EndArray();
+  };
+  bool wroteCampaigns = false;
+  if (inapps.IsObject()) {
+    for (const auto &m : inapps.GetObject()) {
+      if (std::string_view(m.name.GetString(), m.name.GetStringLength()) == "campaign_info") {
+        writeCampaigns();
+        wroteCampaigns = true;
+      } else {
+        m.name.Accept(w);
+        m.value.Accept(w);
+      }
+    }
+  }
+  if (!wroteCampaigns && !answered.empty()) writeCampaigns();
+  w.EndObject();
+  return ok({buffer.GetString(), buffer.GetSize()});
 }
 
 Reply campaignFetch(const Env &env, const Call &, const Query &q) {
@@ -358,6 +569,51 @@ Reply logUpload(const Env &env, const Call &call, const Query &q) {
   return {204, {}, {}};
 }
 
+std::string imageType(const std::string &path) {
+  const std::string extension = std::filesystem::path(path).extension().string();
+  if (extension == ".png") return "image/png";
+  if (extension == ".gif") return "image/gif";
+  if (extension == ".jpg" || extension == ".jpeg") return "image/jpeg";
+  return "application/octet-stream";
+}
+
+// A file under the images directory; nothing for a path that would leave it.
+std::optional<std::string> imageFile(const std::string &dir, const std::string &path) {
+  if (dir.empty()) return std::nullopt;
+  const std::filesystem::path relative(path.substr(kImagePrefix.size()));
+  for (const auto &part : relative) {
+    if (part == ".." || part == "." || part.empty()) return std::nullopt;
+  }
+  const std::filesystem::path file = std::filesystem::path(dir) / relative;
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(file, ec)) return std::nullopt;
+  std::ifstream in(file, std::ios::binary);
+  if (!in) return std::nullopt;
+  if (in.peek() == std::ifstream::traits_type::eof()) return std::string();
+  std::ostringstream bytes;
+  if (!(bytes << in.rdbuf())) return std::nullopt;
+  return std::move(bytes).str();
+}
+
+// Images are plain files at plain URLs, as a CDN serves them: any query is ignored.
+Reply image(const Env &env, const Call &call, const Query &) {
+  std::optional<std::string> bytes;
+  rapidjson::Document seeded;
+  std::string error;
+  if (J::parse(section(env.store, "images"), seeded, error) && seeded.IsObject()) {
+    const auto it = seeded.FindMember(call.path.c_str());
+    if (it != seeded.MemberEnd() && it->value.IsString()) {
+      bytes = decodeBase64({it->value.GetString(), it->value.GetStringLength()});
+    }
+  }
+  if (!bytes) bytes = imageFile(env.imagesDir, call.path);
+  if (!bytes) {
+    const std::string message = "no such image: " + call.path;
+    return {404, J::errorBody(message), message};
+  }
+  return {200, std::move(*bytes), {}, imageType(call.path)};
+}
+
 // The control API.
 
 Reply done() { return {200, R"({"ok":true})", {}}; }
@@ -417,6 +673,7 @@ enum class Kind {
   Universal,   // a service call that also carries the universal parameters
   Control,     // the emulator's own API: none of those checks
   Inspection,  // a control GET that in-process callers reach too
+  Image,       // a plain file, not a service call: recorded and open to faults, no shared checks
 };
 
 struct Route {
@@ -439,6 +696,7 @@ constexpr Route kRoutes[] = {
     {"GET", "/v1/geoFenceHit", Kind::Universal, geofenceHit},
     {"GET", "/v1/geoFences", Kind::Universal, geofences},
     {"POST", kLogPrefix, Kind::Service, logUpload},
+    {"GET", kImagePrefix, Kind::Image, image},
     {"GET", "/__emulator/health", Kind::Control, health},
     {"POST", "/__emulator/seed", Kind::Control, seed},
     {"POST", "/__emulator/reset", Kind::Control, reset},
@@ -513,6 +771,12 @@ bool KOEmulatorService::isServicePath(const std::string &path) {
                      [&](const Route &route) { return isService(route) && takes(route, path); });
 }
 
+bool KOEmulatorService::isFaultablePath(const std::string &path) {
+  return std::any_of(std::begin(kRoutes), std::end(kRoutes), [&](const Route &route) {
+    return (isService(route) || route.kind == Kind::Image) && takes(route, path);
+  });
+}
+
 bool KOEmulatorService::isControlPath(const std::string &path) { return path.starts_with(kControlPrefix); }
 
 std::string KOEmulatorService::queryJSON(const std::multimap<std::string, std::string> &query) {
@@ -541,7 +805,7 @@ KOEmulatorReply KOEmulatorService::handle(const KOEmulatorCall &call) {
   try {
     Query q(call.query);
     if (isService(*route)) checkServiceCall(*route, call, q);
-    return route->handle(Env{store_, faults_}, call, q);
+    return route->handle(Env{store_, faults_, imagesDir_}, call, q);
   } catch (const std::invalid_argument &refusal) {
     return {400, J::errorBody(refusal.what()), refusal.what()};
   }
@@ -554,7 +818,7 @@ std::optional<std::string> KOEmulatorService::inspect(const std::string &what, c
   call.query.emplace("path", pathFilter);
   const Route *route = find(call.method, call.path);
   if (!route || route->kind != Kind::Inspection) return std::nullopt;
-  return route->handle(Env{store_, faults_}, call, Query(call.query)).body;
+  return route->handle(Env{store_, faults_, imagesDir_}, call, Query(call.query)).body;
 }
 
 void KOEmulatorService::seed(const std::string &json) { applySeed(store_, json); }

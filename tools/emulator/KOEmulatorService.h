@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "KOEmulatorRecords.h"
@@ -25,19 +26,26 @@ struct KOEmulatorCall {
 };
 
 struct KOEmulatorReply {
+  KOEmulatorReply(int status_ = 200, std::string body_ = {}, std::string error_ = {}, std::string contentType_ = {})
+      : status(status_), body(std::move(body_)), error(std::move(error_)), contentType(std::move(contentType_)) {}
   int status = 200;
-  std::string body;   // JSON; empty for 204
-  std::string error;  // why the call was refused
+  std::string body;         // JSON, an image's bytes; empty for 204
+  std::string error;        // why the call was refused
+  std::string contentType;  // empty: application/json
 };
 
 class KOEmulatorService {
  public:
-  KOEmulatorService(KOEmulatorStore &store, KOEmulatorFaults &faults) : store_(store), faults_(faults) {}
+  // Images are served from the seeds and, when imagesDir is given, from the files under it.
+  KOEmulatorService(KOEmulatorStore &store, KOEmulatorFaults &faults, std::string imagesDir = {})
+      : store_(store), faults_(faults), imagesDir_(std::move(imagesDir)) {}
 
   // The service rows of the table, in table order.
   static std::vector<KOEmulatorRoute> routes();
   // Whether a service row takes this path, whatever its method: the calls faults may hit.
   static bool isServicePath(const std::string &path);
+  // The calls faults may hit: service calls and images.
+  static bool isFaultablePath(const std::string &path);
   static bool isControlPath(const std::string &path);  // under /__emulator/
   static std::string queryJSON(const std::multimap<std::string, std::string> &query);
 
@@ -54,4 +62,5 @@ class KOEmulatorService {
  private:
   KOEmulatorStore &store_;
   KOEmulatorFaults &faults_;
+  std::string imagesDir_;
 };

@@ -36,6 +36,7 @@ CREATE TABLE IF NOT EXISTS logs (
   lvl TEXT NOT NULL, tb TEXT NOT NULL, sdk_ver TEXT NOT NULL, msg TEXT NOT NULL, tm_s TEXT NOT NULL,
   received REAL NOT NULL);
 CREATE TABLE IF NOT EXISTS seeds (section TEXT PRIMARY KEY, json TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS campaign_stamps (campaign TEXT PRIMARY KEY, stamp INTEGER NOT NULL);
 )sql";
 
 constexpr const char *kPathFilter =
@@ -251,13 +252,33 @@ void KOEmulatorStore::setSeedSection(const std::string &section, const std::stri
   s.bind(1, section).bind(2, json).run();
 }
 
+std::map<std::string, int64_t> KOEmulatorStore::campaignStamps() const {
+  std::lock_guard lock(mutex_);
+  std::map<std::string, int64_t> out;
+  Statement s(db_, "SELECT campaign, stamp FROM campaign_stamps");
+  while (s.step()) out[s.text(0)] = s.integer(1);
+  return out;
+}
+
+void KOEmulatorStore::setCampaignStamps(const std::map<std::string, int64_t> &stamps) {
+  std::lock_guard lock(mutex_);
+  Transaction tx(db_);
+  exec("DELETE FROM campaign_stamps;");
+  Statement s(db_, "INSERT INTO campaign_stamps (campaign, stamp) VALUES (?, ?)");
+  for (const auto &[campaign, stamp] : stamps) {
+    s.bind(1, campaign).bind(2, stamp).run();
+    s.reset();
+  }
+  tx.commit();
+}
+
 void KOEmulatorStore::reset(bool seeds) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_);
   exec(
       "DELETE FROM batches; DELETE FROM duplicates; DELETE FROM requests;"
       "DELETE FROM devices; DELETE FROM categories; DELETE FROM logs;");
-  if (seeds) exec("DELETE FROM seeds;");
+  if (seeds) exec("DELETE FROM seeds; DELETE FROM campaign_stamps;");
   tx.commit();
 }
 

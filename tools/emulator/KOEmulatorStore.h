@@ -3,6 +3,7 @@
 // The emulator's SQLite store: one connection, every call serialised by one mutex, so that the
 // server's worker threads and in-process inspection can share it.
 
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -31,6 +32,10 @@ class KOEmulatorStore {
 
   std::optional<std::string> seedSection(const std::string &section) const;
   void setSeedSection(const std::string &section, const std::string &json);
+  // The update stamps (milliseconds since 1970) of the seeded in-app campaigns, keyed by each
+  // campaign's JSON text; setting replaces them all.
+  std::map<std::string, int64_t> campaignStamps() const;
+  void setCampaignStamps(const std::map<std::string, int64_t> &stamps);
 
   void reset(bool seeds);
 

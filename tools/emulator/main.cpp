@@ -12,8 +12,9 @@
 namespace {
 
 int usage(const char *self) {
-  std::cerr << "usage: " << self << " --port N --data DIR [--seed FILE] [--quiet]\n"
-            << "  --port 0 picks a free port; the chosen one is printed on the first line.\n";
+  std::cerr << "usage: " << self << " --port N --data DIR [--seed FILE] [--images DIR] [--quiet]\n"
+            << "  --port 0 picks a free port; the chosen one is printed on the first line.\n"
+            << "  --images DIR serves the files under DIR at /images/<relative path>.\n";
   return 2;
 }
 
@@ -41,6 +42,10 @@ int main(int argc, char **argv) {
       const char *v = value();
       if (!v) return usage(argv[0]);
       options.seedFile = v;
+    } else if (arg == "--images") {
+      const char *v = value();
+      if (!v) return usage(argv[0]);
+      options.imagesDir = v;
     } else if (arg == "--quiet") {
       quiet = true;
     } else {
