@@ -308,3 +308,10 @@ void ADHttpClient::sendLogRequest(KOURLRequest request, SuccessCompletion comple
     if (completion) completion(ok);
   }));
 }
+
+void ADHttpClient::dataRequest(KOURLRequest request, DataCompletion completion) {
+  impl_->submit(transfer(std::move(request), [completion = std::move(completion)](Outcome&& o) {
+    if (!completion) return;
+    completion(std::vector<std::uint8_t>(o.body.begin(), o.body.end()), o.status, o.error);
+  }));
+}

@@ -2,8 +2,11 @@
 // requests may be in flight at once; connections to a host are reused.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "KOURLRequest.h"
 #include "kovantis/KOValue.h"
@@ -12,6 +15,10 @@ class ADHttpClient {
  public:
   using FetchCompletion = std::function<void(const KOValue& response)>;
   using SuccessCompletion = std::function<void(bool success)>;
+  /// The bytes as received, the HTTP status (0 when no answer came) and the transport error ("" when
+  /// the exchange completed, whatever its status).
+  using DataCompletion =
+      std::function<void(std::vector<std::uint8_t>&& bytes, long statusCode, const std::string& error)>;
 
   /// The SDK's client. Its network thread starts on first use and is stopped and joined when the
   /// process exits.
@@ -32,6 +39,9 @@ class ADHttpClient {
   /// Success is status 204; the completion runs on the network thread. Failures are logged to the
   /// console only, so that a failing upload never causes another.
   void sendLogRequest(KOURLRequest request, SuccessCompletion withCompletionHandler);
+  /// Any status: the caller judges the answer (image downloads). Nothing is parsed or logged; the
+  /// completion runs on the network thread.
+  void dataRequest(KOURLRequest request, DataCompletion withCompletionHandler);
 
   /// Closes the connections kept for reuse once nothing is in flight (as when the app goes to the
   /// background); waits at most the timeout and returns whether they were closed.
