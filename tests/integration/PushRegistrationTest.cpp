@@ -106,6 +106,10 @@ TEST_F(PushRegistrationTest, CategoriesReachTheServiceOncePerVersionAndAgainAfte
   ASSERT_TRUE(waitFor([&] { return prefs().objectForKey(KOV_NOTIFICATION_CATEGORIES_SENT) == KOValue(true); }));
   sdk().setUserNotificationCategories(set);  // already sent for this version
   EXPECT_EQ(categoryUploads(), std::vector<std::string>{expected});
+  // The service keeps them with the device they came from.
+  EXPECT_EQ(emulator().categories()[0].deviceUniqueId,
+            emulator().requests("/v2/categories/add")[1].query.at("device_unique_id"));
+  EXPECT_FALSE(emulator().categories()[0].deviceUniqueId.empty());
   // Installed on the device: the host's categories as given, plus the dismiss category.
   const auto installed = device().notificationCenter().installedCategories();
   ASSERT_EQ(installed.size(), 4u);

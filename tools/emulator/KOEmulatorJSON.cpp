@@ -205,6 +205,10 @@ void KOEmulatorJSON::write(KOJSONWriter &w, const KOEmulatorCategories &c) {
   writeString(w, c.appId);
   w.Key("unique_id");
   writeString(w, c.uniqueId);
+  w.Key("device_unique_id");
+  writeString(w, c.deviceUniqueId);
+  w.Key("push_id");
+  writeString(w, c.pushId);
   w.Key("data");
   writeRaw(w, c.dataJSON);
   w.Key("received");

@@ -56,7 +56,8 @@ struct KOEmulatorLog {
 
 struct KOEmulatorCategories {
   std::string appId, uniqueId;
-  std::string dataJSON;  // the "data" array as received
+  std::string deviceUniqueId, pushId;  // the device they came from
+  std::string dataJSON;                // the "data" array as received
   double received = 0;
 };
 

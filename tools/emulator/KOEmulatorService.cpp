@@ -521,6 +521,8 @@ Reply categoriesAdd(const Env &env, const Call &call, const Query &q) {
   KOEmulatorCategories c;
   c.appId = q.get("app_id");
   c.uniqueId = q.get("unique_id");
+  c.deviceUniqueId = q.get("device_unique_id");
+  c.pushId = q.get("push_id");
   c.dataJSON = J::serialize(data);
   c.received = KOEmulatorStore::now();
   env.store.storeCategories(c);

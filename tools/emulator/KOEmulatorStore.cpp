@@ -145,6 +145,12 @@ KOEmulatorStore::KOEmulatorStore(const std::string &dataDir) {
     exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF; PRAGMA foreign_keys=ON;");
     sqlite3_busy_timeout(db_, 5000);
     exec(kSchema);
+    // Stores made before categories kept their device gain the columns (empty for old rows).
+    for (const char *column : {"device_unique_id", "push_id"}) {
+      const std::string alter =
+          std::string("ALTER TABLE categories ADD COLUMN ") + column + " TEXT NOT NULL DEFAULT ''";
+      sqlite3_exec(db_, alter.c_str(), nullptr, nullptr, nullptr);  // fails harmlessly when present
+    }
   } catch (...) {
     sqlite3_close(db_);
     throw;
@@ -225,8 +231,11 @@ bool KOEmulatorStore::storeBatch(const KOEmulatorBatch &b, const std::string &ev
 
 void KOEmulatorStore::storeCategories(const KOEmulatorCategories &c) {
   std::lock_guard lock(mutex_);
-  Statement s(db_, "INSERT INTO categories (app_id, unique_id, data, received) VALUES (?,?,?,?)");
-  s.bind(1, c.appId).bind(2, c.uniqueId).bind(3, c.dataJSON).bind(4, c.received).run();
+  Statement s(db_,
+              "INSERT INTO categories (app_id, unique_id, device_unique_id, push_id, data, received) "
+              "VALUES (?,?,?,?,?,?)");
+  s.bind(1, c.appId).bind(2, c.uniqueId).bind(3, c.deviceUniqueId).bind(4, c.pushId).bind(5, c.dataJSON);
+  s.bind(6, c.received).run();
 }
 
 void KOEmulatorStore::storeLog(const KOEmulatorLog &l) {
@@ -431,13 +440,15 @@ std::vector<KOEmulatorLog> KOEmulatorStore::logs() const {
 std::vector<KOEmulatorCategories> KOEmulatorStore::categories() const {
   std::lock_guard lock(mutex_);
   std::vector<KOEmulatorCategories> out;
-  Statement s(db_, "SELECT app_id, unique_id, data, received FROM categories ORDER BY id");
+  Statement s(db_, "SELECT app_id, unique_id, device_unique_id, push_id, data, received FROM categories ORDER BY id");
   while (s.step()) {
     KOEmulatorCategories c;
     c.appId = s.text(0);
     c.uniqueId = s.text(1);
-    c.dataJSON = s.text(2);
-    c.received = s.real(3);
+    c.deviceUniqueId = s.text(2);
+    c.pushId = s.text(3);
+    c.dataJSON = s.text(4);
+    c.received = s.real(5);
     out.push_back(std::move(c));
   }
   return out;
