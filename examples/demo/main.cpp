@@ -65,11 +65,14 @@ class Demo {
 int main(int argc, char** argv) {
   std::string root = "build/demo-device";
   bool reinstall = false;
+  bool revokePush = false;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--device") == 0 && i + 1 < argc)
       root = argv[++i];
     else if (std::strcmp(argv[i], "--reinstall") == 0)
       reinstall = true;
+    else if (std::strcmp(argv[i], "--revoke-push") == 0)
+      revokePush = true;
   }
 
   KOSimDeviceConfig config;
@@ -92,6 +95,11 @@ int main(int argc, char** argv) {
               device.profile().model().c_str(), device.profile().systemName().c_str(),
               device.profile().systemVersion().c_str(), emulator.baseURL().c_str());
 
+  // What the user chose in the system settings since the last run: notifications off with
+  // --revoke-push, on otherwise.
+  device.notificationCenter().setAlertSetting(revokePush ? KONotificationSettingDisabled
+                                                         : KONotificationSettingEnabled);
+
   section("Launch");
   device.launch();
   sdk.initializeWithApiKey(KOValue("kovantis-demo-app"));
@@ -111,6 +119,34 @@ int main(int argc, char** argv) {
   sdk.setUserDateOfBirth(KOValue(KODate{-1000000000}));
   sdk.setUserLocationLatitude(12.9716, 77.5946);
   step("attributes set", "id, e-mail (twice: sent once), gender, birthday, location");
+
+  section("Push");
+  // The app delegate hands the token (or the failure) to the SDK.
+  std::string token;
+  device.application().setRemoteNotificationHandlers(
+      [&](const std::string& bytes) {
+        token = bytes;
+        sdk.registerForPush(KOValue(KOData{std::vector<std::uint8_t>(bytes.begin(), bytes.end())}));
+      },
+      [&] { sdk.didFailToRegisterForPush(); });
+  auto orders = std::make_shared<KOUserNotificationCategory>();
+  orders->identifier = "ORDER_UPDATE";
+  orders->actions = {{"TRACK", "Track order", 4}, {"CANCEL", "Cancel order", 2}};
+  sdk.registerForRemoteNotificationWithCategories(std::vector<std::shared_ptr<KONotificationCategoryBase>>{orders});
+  device.runMainUntil([&] { return !token.empty(); }, 10);
+  step("permission", revokePush ? "turned off in the system settings" : "granted");
+  std::string hex;
+  for (unsigned char c : token.substr(0, 6)) {
+    static const char* digits = "0123456789abcdef";
+    hex += digits[c >> 4];
+    hex += digits[c & 15];
+  }
+  step("device token (32 bytes)", hex + "...");
+  std::string installed;
+  for (const auto& c : device.notificationCenter().installedCategories()) {
+    installed += (installed.empty() ? "" : ", ") + c->identifier.value_or("?");
+  }
+  step("categories installed", installed);
 
   section("Events");
   for (int i = 0; i < 40; ++i) {
@@ -165,8 +201,17 @@ int main(int argc, char** argv) {
   }
 
   section("What the service stored");
+  for (const auto& c : emulator.categories()) {
+    step("notification categories", c.dataJSON.substr(0, 60) + "... from device " + c.deviceUniqueId.substr(0, 14));
+  }
   std::map<std::string, int> byName;
-  for (const auto& e : emulator.events()) ++byName[e.name];
+  for (const auto& e : emulator.events()) {
+    ++byName[e.name];
+    if (e.name == "KO_PUSH_PREFERENCE_CHANGED") {
+      step("push preference changed",
+           e.json.find("\"push_preference_status\":true") != std::string::npos ? "to on" : "to off");
+    }
+  }
   for (const auto& [name, count] : byName) step(name, std::to_string(count));
   step("batches / duplicates refused",
        std::to_string(emulator.batches().size()) + " / " + std::to_string(emulator.duplicates().size()));
