@@ -4,6 +4,7 @@
 
 #include "KODataHandler/KOEventsHandler.h"
 #include "KODataHandler/KOUserAttributesHandler.h"
+#include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KONotification/KONotificationHandler.h"
 #include "KOUtilities/KOKeychain.h"
 #include "KOUtilities/KOLogger.h"
@@ -41,6 +42,7 @@ Kovantis::Kovantis() {
   // Handlers subscribe to what they care about when created; create them before anything can
   // post it (a reset can come before or without a start).
   KOUserAttributesHandler::sharedInstance();
+  KOInAppV2Manager::sharedInstance();
 }
 
 // ------------------------------------------------------------------------------------------ start

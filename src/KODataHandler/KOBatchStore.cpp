@@ -13,11 +13,6 @@
 
 namespace {
 
-constexpr const char* kPrologue =
-    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-    "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-    "<plist version=\"1.0\">\n";
-
 // A report body is {"viewsInfo":<records>,"viewsCount":n}: the records are written between these
 // two parts, straight into the body.
 constexpr std::string_view kBodyOpen = "{\"viewsInfo\":";
@@ -173,7 +168,7 @@ std::string KOBatchStore::fileText(const Snapshot& snapshot) {
   }
   std::string text;
   text.reserve(bytes);
-  text += kPrologue;
+  text += KOPropertyListSerialization::kXMLPrologue;
   text += "<dict>\n";
   for (const auto& [id, fragment] : parts) {
     text += "<key>";

@@ -361,6 +361,8 @@ std::string KOPropertyListSerialization::writeXML(const KOValue& value) {
   return out;
 }
 
+std::string KOPropertyListSerialization::xmlFragment(const KOValue& value) { return documentBody(writeXML(value)); }
+
 std::string KOPropertyListSerialization::xmlFragmentFromJSON(std::string_view json) {
   std::string out;
   out.reserve(json.size() * 2);

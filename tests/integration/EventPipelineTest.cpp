@@ -146,10 +146,17 @@ TEST_F(EventPipelineTest, ResetWithNothingStoredStillSendsTheLogoutThenRegisters
   sdk().setUserEmailID(KOValue("a@example.com"));
   ASSERT_TRUE(flush());
   const std::size_t devicesBefore = emulator().requests("/v2/device/add").size();
+  // The in-app store and its images belong to the user too.
+  const std::string store = device().documentsDirectory() + "/InAppCampaignsV2.plist";
+  const std::string images = device().documentsDirectory() + "/Kovantis/InAppImages/c1";
+  device().rawFiles().createDirectories(images);
+  device().rawFiles().writeFile(store, "<plist version=\"1.0\"><dict/></plist>");
   sdk().resetUser();
   ASSERT_TRUE(waitFor([&] { return storedNames("KOV_LOGOUT").size() == 1; }));
   // The reset's clean-up posts the new-user notification: the device is added again.
   ASSERT_TRUE(waitForRequests("/v2/device/add", devicesBefore + 1));
+  EXPECT_FALSE(device().files().fileExists(store));
+  EXPECT_FALSE(device().files().fileExists(images));
   ASSERT_TRUE(settle());
   // After a reset every attribute is sent again.
   sdk().setUserEmailID(KOValue("a@example.com"));
