@@ -5,6 +5,7 @@
 #include "KODataHandler/KOEventsHandler.h"
 #include "KODataHandler/KOUserAttributesHandler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
+#include "KOInbox/KOInboxHandler.h"
 #include "KONotification/KONotificationHandler.h"
 #include "KOUtilities/KOKeychain.h"
 #include "KOUtilities/KOLogger.h"
@@ -43,6 +44,7 @@ Kovantis::Kovantis() {
   // post it (a reset can come before or without a start).
   KOUserAttributesHandler::sharedInstance();
   KOInAppV2Manager::sharedInstance();
+  KOInboxHandler::sharedInstance();
 }
 
 // ------------------------------------------------------------------------------------------ start
@@ -394,6 +396,7 @@ void Kovantis::applicationEnteredBackground(const KODictionary&) {
 void Kovantis::updateModules() {
   KOLogger::guard(KO_HERE, this, "Kovantis - exception while updating modules %@", [&] {
     KOServerInterface::sharedInstance().getConfigForKovantis();
+    if (!disableInbox_) getInboxMessages();
     if (!KovantisUtils::getDeviceToken().isAbsent() && !disableBadgeReset_) {
       platform().application->setApplicationIconBadgeNumber(0);
     }
@@ -402,6 +405,8 @@ void Kovantis::updateModules() {
     events.syncTrackedEventsInBackground(false, false, true);
   });
 }
+
+void Kovantis::getInboxMessages() { KOInboxHandler::getInboxMessagesWithCompletion(nullptr); }
 
 void Kovantis::syncOnSessionTerminationWithApplication(KOApplication* application) {
   KOLogger::guard(KO_HERE, this, "Kovantis - exception while trying to sync data : %@", [&] {

@@ -221,3 +221,10 @@ inline constexpr const char* KOV_NOTIFICATION_CATEGORIES = "KOV_NOTIFICATION_CAT
 inline constexpr const char* KOV_APP_VERSION = "KOV_APP_VERSION";
 inline constexpr const char* KOV_DISMISS_ACTION = "KOV_DISMISS_ACTION";
 inline constexpr const char* KOV_DISMISS_CATEGORY = "KOV_DISMISS_CATEGORY";
+
+// Inbox: the notification the host hears when a fetch found messages not handed out yet.
+inline constexpr const char* KOInboxPendingNotificationsNotification = "PendingNotifications";
+inline constexpr const char* KOInboxPendingNotificationsKey = "pending_notifications";
+inline constexpr const char* KOInboxMessagesFileName = "InboxMessages.plist";
+inline constexpr const char* KOInboxMessagesInfoKey = "messagesInfo";
+inline constexpr int KOInboxMaximumMessages = 100;

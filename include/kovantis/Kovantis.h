@@ -125,6 +125,10 @@ class Kovantis {
   /// Logout: tracks "KOV_LOGOUT", sends what is stored, then clears the user's data.
   void resetUser();
 
+  // ------------------------------------------------------------------------------ inbox
+  /// Fetches new inbox messages from the service (KOInbox lists and deletes them).
+  void getInboxMessages();
+
  private:
   /// Connects the handlers that hear of the lifecycle and of a user reset by notification.
   Kovantis();
