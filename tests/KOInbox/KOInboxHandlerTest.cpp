@@ -1,5 +1,7 @@
 // The inbox store on a simulated device: opened pushes, the server merge, pending messages,
-// deletion, the record limit on every write path, and files and answers it must survive.
+// deletion, the record limit on every write path, and files it must survive. Fetching, bad
+// answers, the merge of read and unread copies and a user reset are checked against the emulator
+// in KOInboxIntegrationTest.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -10,9 +12,7 @@
 #include "KOTestDevice.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOPropertyListFile.h"
-#include "KOUtilities/KOSDKNotifications.h"
 #include "kovantis/KOInbox.h"
-#include "kovantis/KONotificationCenter.h"
 
 namespace {
 
@@ -76,26 +76,6 @@ TEST_F(KOInboxHandlerTest, ReopeningAPushLeavesOneReadRecordAtTheEnd) {
   EXPECT_EQ(records[1]["c_cr_t"], KOValue("1800000005.000000"));
   EXPECT_EQ(records[1]["isRead"], KOValue(true));
   EXPECT_EQ(records[1]["data"], push("a"));
-  EXPECT_TRUE(KOInboxPushDataModel(records[1]).isRead());
-}
-
-TEST_F(KOInboxHandlerTest, MergeKeepsReadCopiesAsGivenAndRefreshesUnreadOnes) {
-  KOInboxHandler::saveServerPushDataToPlist(answer({message("unread")}));
-  KOInboxHandler::saveClickedPushToLocalStorageWithData(push("read", "opened"));
-  ASSERT_EQ(KOInboxHandler::getPendingNotifications(), (KOArray{push("unread", "server unread")}));
-  ASSERT_TRUE(KOInboxHandler::getPendingNotifications().empty());  // handed out once
-
-  KOInboxHandler::saveServerPushDataToPlist(answer({message("read"), message("unread"), message("new")}));
-
-  const KOArray records = stored();
-  ASSERT_EQ(cids(records), (std::vector<std::string>{"read", "unread", "new"}));
-  const KOInboxPushDataModel read(records[0]);
-  EXPECT_TRUE(read.isRead());
-  EXPECT_TRUE(read.isGiven());
-  EXPECT_EQ(read.alertMessage(), "opened");
-  EXPECT_EQ(records[1], message("unread"));  // the server's copy, no longer given
-  EXPECT_EQ(KOInboxHandler::getPendingNotifications(),
-            (KOArray{push("unread", "server unread"), push("new", "server new")}));
 }
 
 TEST_F(KOInboxHandlerTest, PendingIsDecidedByKeyPresenceNotValue) {
@@ -130,35 +110,22 @@ TEST_F(KOInboxHandlerTest, TheLimitIsAppliedOnlyWhereTheStoreTrims) {
   // newest first) drops the newest.
   for (const Case& c : {Case{99, 100, 100, 99, 99}, Case{100, 101, 100, 100, 100}, Case{101, 102, 100, 100, 101}}) {
     SCOPED_TRACE(c.before);
-    store(messages(0, c.before));
-    KOInboxHandler::saveClickedPushToLocalStorageWithData(push("opened"));
-    EXPECT_EQ(stored().size(), c.opened);
-    EXPECT_EQ(cids(stored()).back(), "opened");
-
-    store(messages(0, c.before));
-    KOInboxHandler::saveServerPushDataToPlist(answer({message("new")}));
-    EXPECT_EQ(stored().size(), c.merged);
-    EXPECT_EQ(cids(stored()).back(), "new");
-
-    store(messages(0, c.before));
-    KOInboxHandler::removeMessageWithCampaignID(KOValue("unknown"));
-    EXPECT_EQ(stored().size(), c.deleted);
-    EXPECT_EQ(cids(stored()).back(), "m0");
-
-    store(messages(0, c.before));
-    KOInboxHandler::getPendingNotifications();
-    EXPECT_EQ(stored().size(), c.pending);
+    auto after = [&](auto write) {
+      store(messages(0, c.before));
+      write();
+      return cids(stored());
+    };
+    const auto opened = after([] { KOInboxHandler::saveClickedPushToLocalStorageWithData(push("opened")); });
+    EXPECT_EQ(opened.size(), c.opened);
+    EXPECT_EQ(opened.back(), "opened");
+    const auto merged = after([] { KOInboxHandler::saveServerPushDataToPlist(answer({message("new")})); });
+    EXPECT_EQ(merged.size(), c.merged);
+    EXPECT_EQ(merged.back(), "new");
+    const auto deleted = after([] { KOInboxHandler::removeMessageWithCampaignID(KOValue("unknown")); });
+    EXPECT_EQ(deleted.size(), c.deleted);
+    EXPECT_EQ(deleted.back(), "m0");
+    EXPECT_EQ(after([] { KOInboxHandler::getPendingNotifications(); }).size(), c.pending);
   }
-}
-
-TEST_F(KOInboxHandlerTest, AMergeOf120KeepsTheNewest100ByPosition) {
-  KOInboxHandler::saveServerPushDataToPlist(answer(messages(0, 120)));
-  EXPECT_EQ(cids(stored()), range(20, 120));
-  store(messages(0, 50));
-  KOInboxHandler::saveServerPushDataToPlist(answer(messages(100, 170)));
-  std::vector<std::string> expected = range(20, 50);
-  for (const auto& id : range(100, 170)) expected.push_back(id);
-  EXPECT_EQ(cids(stored()), expected);
 }
 
 TEST_F(KOInboxHandlerTest, ALargeFileFromElsewhereIsReadMergedAndTrimmed) {
@@ -188,41 +155,6 @@ TEST_F(KOInboxHandlerTest, BadFilesReadAsEmptyWithALogLineAndAreReplacedOnWrite)
   }
 }
 
-TEST_F(KOInboxHandlerTest, BadServerAnswersAreLoggedAndLoseNothing) {
-  store({message("kept")});
-  for (const KOValue& list : {KOValue("text"), KOValue(7), KOValue(KODictionary{{"cid", "x"}})}) {
-    device().console().clear();
-    KOInboxHandler::saveServerPushDataToPlist(KOValue(KODictionary{{"messagesInfo", list}}));
-    EXPECT_TRUE(logged("Kovantis - exception while saving push data from server is")) << list.description();
-    EXPECT_EQ(cids(stored()), (std::vector<std::string>{"kept"}));
-  }
-  // Entries that are not records are dropped with a line; the others merge.
-  device().console().clear();
-  KOInboxHandler::saveServerPushDataToPlist(answer({KOValue("junk"), KOValue(KOArray{}), message("new")}));
-  EXPECT_EQ(device().console().count("Kovantis - exception while saving push data from server is"), 2u);
-  EXPECT_EQ(cids(stored()), (std::vector<std::string>{"kept", "new"}));
-}
-
-TEST_F(KOInboxHandlerTest, TheModelReadsEveryFieldOnItsOwn) {
-  const KOValue record(KODictionary{
-      {"c_cr_t", 1800000000},
-      {"isGiven", "YES"},
-      {"data",
-       KODictionary{{"aps", KODictionary{{"alert", KODictionary{{"body", "Body"}}}}},
-                    {"kovantis", KODictionary{{"cid", 42}, {"media-attachment", "https://x/y.png"}}},
-                    {"app_extra", KODictionary{{"screenName", "Cart"}, {"screenData", KODictionary{{"k", 1}}}}}}}});
-  const KOInboxPushDataModel model(record);
-  EXPECT_EQ(model.campaignID(), "42");
-  EXPECT_EQ(model.alertMessage(), "Body");
-  EXPECT_EQ(model.pushTime(), "1800000000");
-  EXPECT_EQ(model.mediaAttachmentURL(), "https://x/y.png");
-  EXPECT_EQ(model.screenName(), "Cart");
-  EXPECT_EQ(model.screenData(), (KODictionary{{"k", 1}}));
-  EXPECT_TRUE(model.isGiven());
-  EXPECT_FALSE(model.isRead());
-  EXPECT_EQ(model.record(), record);
-}
-
 TEST_F(KOInboxHandlerTest, OddlyTypedFieldsAreLoggedAndLeaveTheRestIntact) {
   const std::string timeLine = "Created time for push notification is neither of type NSString";
   const std::string modelLine = "Kovantis - exception while creating push data model is";
@@ -233,6 +165,7 @@ TEST_F(KOInboxHandlerTest, OddlyTypedFieldsAreLoggedAndLeaveTheRestIntact) {
   const std::vector<Case> cases = {
       {KOValue("1800000000.500000"), KOValue("plain"), "1800000000.500000", "plain", ""},
       {KOValue(1.5), KOValue(KODictionary{{"title", "t"}}), "1.5", "", ""},
+      {KOValue(1800000000), KOValue(KODictionary{{"body", "Body"}}), "1800000000", "Body", ""},
       {KOValue(KOArray{}), KOValue(KODictionary{{"body", 3}}), "", "", timeLine},
       {KOValue(KODictionary{}), KOValue(12), "", "", timeLine},
       {KOValue(KODate{5}), KOValue(KOArray{KOValue("x")}), "", "", timeLine},
@@ -257,13 +190,4 @@ TEST_F(KOInboxHandlerTest, OddlyTypedFieldsAreLoggedAndLeaveTheRestIntact) {
     EXPECT_EQ(model.campaignID(), "");
     EXPECT_TRUE(logged(modelLine)) << junk.description();
   }
-}
-
-TEST_F(KOInboxHandlerTest, AUserResetEmptiesTheInbox) {
-  KOInboxHandler::sharedInstance();
-  KOInboxHandler::saveClickedPushToLocalStorageWithData(push("a"));
-  ASSERT_TRUE(device().rawFiles().fileExists(path()));
-  KONotificationCenter::defaultCenter().post(KOUserDataResetNotification);
-  EXPECT_FALSE(device().rawFiles().fileExists(path()));
-  EXPECT_TRUE(KOInbox::getInboxMessages().empty());
 }

@@ -1,5 +1,6 @@
 // Campaigns as the service answers them (by update stamp, inactive ones reported back) and the
-// image files campaigns point at.
+// image files campaigns point at. Query strings, unknown and empty images and faults on images are
+// exercised through KODownloadManagerTest.
 
 #include <chrono>
 #include <fstream>
@@ -85,8 +86,7 @@ TEST_F(EmulatorTest, ImagesAreServedFromTheSeedsAndTheImagesDirectory) {
   options.imagesDir = (dir / "images").string();
   emulator = std::make_unique<KOEmulator>(options);
   port = emulator->start(0);
-  emulator->seed(R"({"images": {"/images/a.png": ")" + kPNGBase64 +
-                 R"(", "/images/both.png": "c2VlZA==", "/images/empty.gif": ""}})");
+  emulator->seed(R"({"images": {"/images/a.png": ")" + kPNGBase64 + R"(", "/images/both.png": "c2VlZA=="}})");
 
   struct Case {
     std::string method, target;
@@ -95,11 +95,8 @@ TEST_F(EmulatorTest, ImagesAreServedFromTheSeedsAndTheImagesDirectory) {
   };
   const std::vector<Case> cases = {
       {"GET", "/images/a.png", 200, kPNG, "image/png"},
-      {"GET", "/images/a.png?v=2&w=300", 200, kPNG, "image/png"},
       {"GET", "/images/sub/file.gif", 200, "GIF89a-from-disk", "image/gif"},
       {"GET", "/images/both.png", 200, "seed", "image/png"},
-      {"GET", "/images/empty.gif", 200, "", ""},
-      {"GET", "/images/none.png", 404, "", ""},
       {"GET", "/images/%2e%2e/secret", 404, "", ""},
       {"POST", "/images/a.png", 405, "", ""},
   };
@@ -113,43 +110,11 @@ TEST_F(EmulatorTest, ImagesAreServedFromTheSeedsAndTheImagesDirectory) {
     EXPECT_EQ(res->status, c.status);
     if (c.status != 200) continue;
     EXPECT_EQ(res->body, c.body);
-    if (!c.type.empty()) {
-      EXPECT_EQ(res->get_header_value("Content-Type"), c.type);
-    }
+    EXPECT_EQ(res->get_header_value("Content-Type"), c.type);
   }
   auto recorded = emulator->requests("/images/");
   ASSERT_EQ(recorded.size(), cases.size()) << "image requests are recorded like service calls";
-  EXPECT_EQ(recorded[1].target, "/images/a.png?v=2&w=300");
-  EXPECT_EQ(recorded[5].status, 404);
+  EXPECT_EQ(recorded[3].status, 404);
   emulator.reset();
   std::filesystem::remove_all(dir);
-}
-
-TEST_F(EmulatorTest, FaultsHitImagesToo) {
-  emulator->seed(R"({"images": {"/images/a.png": ")" + kPNGBase64 + R"("}})");
-  struct Case {
-    KOEmulatorFault fault;
-    int status;  // 0: dropped without an answer
-    std::chrono::milliseconds stall;
-  };
-  const std::vector<Case> cases = {
-      {fault("/images/a.png", 404), 404, {}},
-      {fault("/images/", 500), 500, {}},
-      {fault("*", 503), 503, {}},
-      {fault("/images/a.png", 0, 0, true), 0, {}},
-      {fault("/images/a.png", 0, 200), 200, std::chrono::milliseconds(200)},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.fault.path + " " + std::to_string(c.status));
-    emulator->clearFaults();
-    emulator->injectFault(c.fault);
-    const auto started = std::chrono::steady_clock::now();
-    auto res = client().Get("/images/a.png");
-    EXPECT_GE(std::chrono::steady_clock::now() - started, c.stall);
-    EXPECT_EQ(res ? res->status : 0, c.status);
-    if (c.status == 200) {
-      EXPECT_EQ(res->body, kPNG);
-    }
-    EXPECT_EQ(emulator->requests("/images/a.png").back().status, c.status);
-  }
 }

@@ -9,35 +9,10 @@
 
 namespace {
 
-std::string fromHex(std::string_view hex) {
-  std::string out;
-  for (size_t i = 0; i + 1 < hex.size(); i += 2)
-    out.push_back(static_cast<char>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16)));
-  return out;
-}
-
-// A 1x1 RGB PNG and a 1x1 GIF89a of two frames (red, then blue, 100 ms each, looping).
-const std::string kPNG = fromHex(
-    "89504e470d0a1a0a0000000d4948445200000001000000010802000000907753de0000000c49444154789c63f8cfc0000003"
-    "010100c9fe92ef0000000049454e44ae426082");
-const std::string kGIF = fromHex(
-    "47494638396101000100800000ff00000000ff21ff0b4e45545343415045322e30030100000021f904000a0000002c000000"
-    "000100010000020244010021f904000a0000002c00000000010001000002024c01003b");
-
-std::string base64(const std::string& bytes) {
-  static const char* const kAlphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  auto byte = [&](size_t i) { return static_cast<uint32_t>(static_cast<uint8_t>(bytes[i])); };
-  std::string out;
-  for (size_t i = 0; i < bytes.size(); i += 3) {
-    const size_t left = bytes.size() - i;
-    const uint32_t n = byte(i) << 16 | (left > 1 ? byte(i + 1) << 8 : 0) | (left > 2 ? byte(i + 2) : 0);
-    out += kAlphabet[(n >> 18) & 63];
-    out += kAlphabet[(n >> 12) & 63];
-    out += left > 1 ? kAlphabet[(n >> 6) & 63] : '=';
-    out += left > 2 ? kAlphabet[n & 63] : '=';
-  }
-  return out;
-}
+// Image bytes, and as the emulator's seed takes them (base64). The manager never looks inside.
+const std::string kPNG = "png", kPNG64 = "cG5n";
+const std::string kGIF = "gif", kGIF64 = "Z2lm";
+const std::string kText = "not an image", kText64 = "bm90IGFuIGltYWdl";
 
 KOData dataOf(const std::string& bytes) { return KOData{std::vector<std::uint8_t>(bytes.begin(), bytes.end())}; }
 
@@ -51,11 +26,11 @@ struct Outcome {
 
 class KODownloadManagerTest : public KOEmulatorTestDevice {
  protected:
-  // Seeds images under /images/ by name and returns their URLs on the emulator.
+  // Seeds images (name, base64 bytes) under /images/.
   void seedImages(const std::vector<std::pair<std::string, std::string>>& images) {
     std::string seed = R"({"images": {)";
     for (size_t i = 0; i < images.size(); ++i) {
-      seed += (i ? "," : "") + ("\"/images/" + images[i].first + "\": \"" + base64(images[i].second) + "\"");
+      seed += (i ? "," : "") + ("\"/images/" + images[i].first + "\": \"" + images[i].second + "\"");
     }
     emulator().seed(seed + "}}");
   }
@@ -84,11 +59,8 @@ class KODownloadManagerTest : public KOEmulatorTestDevice {
 };
 
 TEST_F(KODownloadManagerTest, ResultsComeInURLOrderTaggedGifByTheURLText) {
-  seedImages({{"slow.png", kPNG}, {"anim.gif", kGIF}, {"notes.txt", "not an image"}, {"x.gif.png", kPNG}});
-  KOEmulatorFault slow;
-  slow.path = "/images/slow.png";
-  slow.delayMs = 200;  // the first URL answers last
-  emulator().injectFault(slow);
+  seedImages({{"slow.png", kPNG64}, {"anim.gif", kGIF64}, {"notes.txt", kText64}, {"x.gif.png", kPNG64}});
+  emulator().injectFault({.path = "/images/slow.png", .delayMs = 200});  // the first URL answers last
   download(KOArray{url("slow.png"), url("anim.gif?v=2&w=300"), url("notes.txt"), url("x.gif.png")});
   settle();
 
@@ -98,7 +70,7 @@ TEST_F(KODownloadManagerTest, ResultsComeInURLOrderTaggedGifByTheURLText) {
   EXPECT_TRUE(outcomes[0].onMain);
   const KOArray expected{
       KODictionary{{"isGif", 0}, {"data", dataOf(kPNG)}}, KODictionary{{"isGif", 1}, {"data", dataOf(kGIF)}},
-      KODictionary{{"isGif", 0}, {"data", dataOf("not an image")}}, KODictionary{{"isGif", 0}, {"data", dataOf(kPNG)}}};
+      KODictionary{{"isGif", 0}, {"data", dataOf(kText)}}, KODictionary{{"isGif", 0}, {"data", dataOf(kPNG)}}};
   EXPECT_EQ(outcomes[0].results, KOValue(expected));
 }
 
@@ -109,21 +81,14 @@ TEST_F(KODownloadManagerTest, OneFailedImageFailsTheDownloadAndDropsWhatHasNotSt
     KOEmulatorFault fault;         // on /images/bad/ (status 0 and no drop: none)
     bool transportError;
   };
-  auto faultOf = [](int status, bool drop) {
-    KOEmulatorFault f;
-    f.path = "/images/bad/";
-    f.status = status;
-    f.drop = drop;
-    return f;
-  };
   const std::vector<Case> cases = {
       // First, while every connection is new: curl resends a request once when a reused one drops.
-      {"dropped connection", {"bad/a.png"}, faultOf(0, true), true},
-      {"injected 404", {"bad/a.png"}, faultOf(404, false), false},
+      {"dropped connection", {"bad/a.png"}, {.path = "/images/bad/", .drop = true}, true},
+      {"injected 404", {"bad/a.png"}, {.path = "/images/bad/", .status = 404}, false},
       {"unknown image", {"bad/none.png"}, {}, false},
       {"empty body", {"bad/empty.png"}, {}, false},
       // Both are under way when the first fails, so the second reports its failure too.
-      {"two failures", {"bad/a.png", "bad/none.png"}, faultOf(404, false), false},
+      {"two failures", {"bad/a.png", "bad/none.png"}, {.path = "/images/bad/", .status = 404}, false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -131,12 +96,10 @@ TEST_F(KODownloadManagerTest, OneFailedImageFailsTheDownloadAndDropsWhatHasNotSt
     emulator().clearFaults();
     outcomes.clear();
     manager = std::make_unique<KODownloadManager>();
-    seedImages({{"bad/a.png", kPNG}, {"bad/empty.png", ""}, {"slow/ok.png", kPNG}});
+    seedImages({{"bad/a.png", kPNG64}, {"bad/empty.png", ""}, {"slow/ok.png", kPNG64}});
     if (c.fault.status || c.fault.drop) emulator().injectFault(c.fault);
-    KOEmulatorFault slow;
-    slow.path = "/images/slow/";
-    slow.delayMs = 400;  // the good ones are still under way when a bad one fails
-    emulator().injectFault(slow);
+    // The good ones are still under way when a bad one fails.
+    emulator().injectFault({.path = "/images/slow/", .delayMs = 400});
     KOArray urls;
     for (const auto& bad : c.bad) urls.push_back(url(bad));
     while (urls.size() < 10) urls.push_back(url("slow/ok.png"));
@@ -160,11 +123,9 @@ TEST_F(KODownloadManagerTest, OneFailedImageFailsTheDownloadAndDropsWhatHasNotSt
 }
 
 TEST_F(KODownloadManagerTest, NeverMoreThanFiveRequestsAtOnce) {
-  seedImages({{"a.png", kPNG}});
-  KOEmulatorFault slow;
-  slow.path = "/images/";
-  slow.delayMs = 250;  // every request stays open long enough to overlap with all the others allowed
-  emulator().injectFault(slow);
+  seedImages({{"a.png", kPNG64}});
+  // Every request stays open long enough to overlap with all the others allowed.
+  emulator().injectFault({.path = "/images/", .delayMs = 250});
   emulator().reset();
   KOArray urls;
   for (int i = 0; i < 10; ++i) urls.push_back(url("a.png?i=" + std::to_string(i)));
@@ -180,11 +141,9 @@ TEST_F(KODownloadManagerTest, NeverMoreThanFiveRequestsAtOnce) {
 
 // Ten images fill the result slots; an eleventh has none and fails the download when it arrives.
 TEST_F(KODownloadManagerTest, TenImagesFitAndAnEleventhFailsTheDownload) {
-  seedImages({{"a.png", kPNG}, {"last.png", kPNG}});
-  KOEmulatorFault slow;
-  slow.path = "/images/last.png";
-  slow.delayMs = 300;  // the last image arrives last, after the others filled their slots
-  emulator().injectFault(slow);
+  seedImages({{"a.png", kPNG64}, {"last.png", kPNG64}});
+  // The last image arrives last, after the others filled their slots.
+  emulator().injectFault({.path = "/images/last.png", .delayMs = 300});
   for (size_t count : {10u, 11u}) {
     SCOPED_TRACE(count);
     outcomes.clear();

@@ -63,16 +63,20 @@ TEST_F(KOInboxIntegrationTest, WithoutATokenNothingIsSentAndTheAnswerIsNoAtOnce)
   EXPECT_EQ(emulator().requestCount(kInboxPath), 0u);
 }
 
+// A message already handed out is not handed out again; one the user opened keeps the opened copy.
 TEST_F(KOInboxIntegrationTest, TheFirstFetchAsksForEverythingAndLaterOnesSinceTheLast) {
   KovantisUtils::saveDeviceToken(KOValue("tok-1"));
   emulator().seed(R"({"inbox": [)" + seedMessage("old", 1799999000) + "," + seedMessage("mine", 1799999500, "tok-1") +
-                  "," + seedMessage("other", 1800000050, "tok-2") + "," + seedMessage("later", 1800000500) + "]}");
+                  "," + seedMessage("other", 1800000050, "tok-2") + "," + seedMessage("later", 1800000500) + "," +
+                  seedMessage("opened", 1800000600) + "]}");
   std::vector<KOValue> posted;
   const auto token = KONotificationCenter::defaultCenter().addObserver(
       KOInboxPendingNotificationsNotification,
       [&](const KONotification& n) { posted.push_back(n.userInfo[KOInboxPendingNotificationsKey]); });
 
   ASSERT_TRUE(fetch());
+  KOInboxHandler::saveClickedPushToLocalStorageWithData(
+      KOValue(KODictionary{{"aps", KODictionary{{"alert", "seen"}}}, {"kovantis", KODictionary{{"cid", "opened"}}}}));
   device().clock().setNow(1800000100.4);
   ASSERT_TRUE(fetch());
   KONotificationCenter::defaultCenter().removeObserver(token);
@@ -81,11 +85,14 @@ TEST_F(KOInboxIntegrationTest, TheFirstFetchAsksForEverythingAndLaterOnesSinceTh
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_EQ(requests[0].query.at("last_updated"), "0");
   EXPECT_EQ(requests[1].query.at("last_updated"), "1800000000000");
-  // The second answer repeats only "later": unread, so it is replaced, handed out again.
-  EXPECT_EQ(storedCids(), (std::vector<std::string>{"later", "mine", "old"}));
+  // The second answer repeats "later" (unread: replaced, handed out again) and "opened" (read: kept).
+  EXPECT_EQ(storedCids(), (std::vector<std::string>{"opened", "later", "mine", "old"}));
+  const KOInboxPushDataModel opened(KOInbox::getInboxMessages()[0]);
+  EXPECT_TRUE(opened.isRead());
+  EXPECT_EQ(opened.alertMessage(), "seen");
   ASSERT_EQ(posted.size(), 2u);
   ASSERT_TRUE(posted[0].isArray());
-  EXPECT_EQ(posted[0].arrayValue().size(), 3u);
+  EXPECT_EQ(posted[0].arrayValue().size(), 4u);
   ASSERT_EQ(posted[1].arrayValue().size(), 1u);
   EXPECT_EQ(posted[1].arrayValue()[0]["kovantis"]["cid"], KOValue("later"));
   for (const auto& record : KOInbox::getInboxMessages()) EXPECT_FALSE(record.dictionaryValue().contains("push_id"));
@@ -93,11 +100,7 @@ TEST_F(KOInboxIntegrationTest, TheFirstFetchAsksForEverythingAndLaterOnesSinceTh
 
 TEST_F(KOInboxIntegrationTest, AFailedFetchAnswersNoAndKeepsTheTime) {
   KovantisUtils::saveDeviceToken(KOValue("tok-1"));
-  KOEmulatorFault fault;
-  fault.path = kInboxPath;
-  fault.status = 500;
-  fault.count = 1;
-  emulator().injectFault(fault);
+  emulator().injectFault({.path = kInboxPath, .status = 500, .count = 1});
   EXPECT_FALSE(fetch());
   EXPECT_TRUE(KovantisUtils::getlastUpdatedTimeForInbox().isNil());
   EXPECT_TRUE(fetch());
