@@ -2,6 +2,7 @@
 // service, printing a timeline of what the SDK did and what the service stored. The device lives
 // in a directory of its own, so a second run is the same phone again (--reinstall deletes the app
 // first; the keychain stays, and the SDK reports the reinstall).
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -201,11 +202,17 @@ int main(int argc, char** argv) {
   }
 
   section("What the service stored");
+  if (emulator.categories().empty()) step("notification categories", "none sent: the service has this version's");
   for (const auto& c : emulator.categories()) {
     step("notification categories", c.dataJSON.substr(0, 60) + "... from device " + c.deviceUniqueId.substr(0, 14));
   }
   std::map<std::string, int> byName;
-  for (const auto& e : emulator.events()) {
+  const auto stored = emulator.events();
+  if (std::none_of(stored.begin(), stored.end(),
+                   [](const auto& e) { return e.name == "KO_PUSH_PREFERENCE_CHANGED"; })) {
+    step("push preference", "unchanged since the last run: no event");
+  }
+  for (const auto& e : stored) {
     ++byName[e.name];
     if (e.name == "KO_PUSH_PREFERENCE_CHANGED") {
       step("push preference changed",
