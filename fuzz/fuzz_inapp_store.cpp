@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 
+#include "KOFuzzInput.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOPropertyListFile.h"
@@ -128,18 +129,15 @@ void checkStore() {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Rig& r = rig();
   const std::string_view input(reinterpret_cast<const char*>(data), size);
-  const auto separator = input.find("\n--\n");
-  const std::string_view answerText = separator == std::string_view::npos ? input : input.substr(separator + 4);
+  const KOFuzzInput parts = KOFuzzInput::split(input);
   KOValue answer;
   try {
-    answer = KOJSONSerialization::parse(answerText);
+    answer = KOJSONSerialization::parse(parts.answer);
   } catch (const KOParseError&) {
     return 0;
   }
   reset(r);
-  if (separator != std::string_view::npos) {
-    r.device->rawFiles().writeFile(KOInAppV2Manager::getFilePath(), input.substr(0, separator));
-  }
+  if (parts.stored) r.device->rawFiles().writeFile(KOInAppV2Manager::getFilePath(), *parts.stored);
   try {
     merge(answer);
     checkStore();

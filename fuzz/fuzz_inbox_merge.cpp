@@ -15,6 +15,7 @@
 #include <string_view>
 #include <vector>
 
+#include "KOFuzzInput.h"
 #include "KOInbox/KOInboxHandler.h"
 #include "KOInbox/KOInboxPushDataModel.h"
 #include "KOUtilities/KOJSONSerialization.h"
@@ -120,17 +121,15 @@ void run(const std::string_view storeBytes, bool withStore, const KOValue& answe
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view input(reinterpret_cast<const char*>(data), size);
-  const auto separator = input.find("\n--\n");
-  const std::string_view answerText = separator == std::string_view::npos ? input : input.substr(separator + 4);
+  const KOFuzzInput parts = KOFuzzInput::split(input);
   KOValue answer;
   try {
-    answer = KOJSONSerialization::parse(answerText);
+    answer = KOJSONSerialization::parse(parts.answer);
   } catch (const KOParseError&) {
     return 0;
   }
   try {
-    run(separator == std::string_view::npos ? std::string_view() : input.substr(0, separator),
-        separator != std::string_view::npos, answer);
+    run(parts.stored.value_or(std::string_view()), parts.stored.has_value(), answer);
   } catch (const std::exception& e) {
     fail(std::string("an exception escaped the inbox: ") + e.what());
   }
