@@ -125,6 +125,12 @@ struct KOServiceEndpoints {
 
 // ------------------------------------------------------------------------------------ interfaces
 
+// The screens the SDK describes for the user interface to show (KOViewDescription.h).
+struct KOViewDescription;
+class KOPresentedScreen;
+enum class KOViewEvent;
+using KOViewEventHandler = std::function<void(std::int64_t tag, KOViewEvent event)>;
+
 /// The application bundle.
 class KOAppInfo {
  public:
@@ -287,6 +293,11 @@ class KOUserInterface {
   /// The height of the text wrapped at the width.
   virtual double heightOfText(const std::string& text, double width, const KOFont& font) const = 0;
   virtual double systemFontSize() const = 0;
+  /// Shows a screen the SDK built (KOViewDescription.h) as a child of the host's screen, filling
+  /// it; what the user does to its tagged views reaches onEvent on the main queue. Nothing when
+  /// the screen cannot be shown (no host).
+  virtual std::shared_ptr<KOPresentedScreen> embedScreen(const KOViewController* host, KOViewDescription screen,
+                                                         KOViewEventHandler onEvent) = 0;
 };
 
 // ------------------------------------------------------------------------- user notifications

@@ -18,7 +18,7 @@ function(layer_of path out)
     set(l 4)  # public, but the facade's: no handler includes it
   elseif(p MATCHES "^kovantis/")
     set(l 0)
-  elseif(p MATCHES "^KOUtilities/" OR p STREQUAL "Platform/KOPlatform.cpp")
+  elseif(p MATCHES "^KOUtilities/" OR p MATCHES "^Platform/[^/]+\.cpp$")
     set(l 1)
   elseif(p MATCHES "^Network/")
     set(l 2)

@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "kovantis/KOPlatform.h"
+#include "kovantis/KOViewDescription.h"
 
 /// What every forwarding class has in common: the wrapped implementation.
 template <typename Port>
@@ -168,6 +169,10 @@ class KOForwardingUserInterface : public KOForwarding<KOUserInterface> {
     return target().heightOfText(text, width, font);
   }
   double systemFontSize() const override { return target().systemFontSize(); }
+  std::shared_ptr<KOPresentedScreen> embedScreen(const KOViewController* host, KOViewDescription screen,
+                                                 KOViewEventHandler onEvent) override {
+    return target().embedScreen(host, std::move(screen), std::move(onEvent));
+  }
 };
 
 class KOForwardingUserNotificationCenter : public KOForwarding<KOUserNotificationCenter> {

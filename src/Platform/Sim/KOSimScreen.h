@@ -10,6 +10,8 @@
 //   "shareSheet"  "items" (what is shared), "excluded" (array of activity types), "presenter",
 //                 "popover" ({"x", "y", "width", "height"}; only when anchored in a popover)
 //   "openURL"     "url" (opened only: a URL the device cannot open never reaches the screen)
+//   "embeddedScreen"  "host" (the host screen's name), "view" (KOViewDescription::toValue)
+//   "screenUpdate"    "of" (seq of the embedded screen), "view" (what it shows from now on)
 //   "dismiss"     "of" (seq of the entry taken off the screen), "dismissed" (its kind), and for an
 //                 alert "button" (the title tapped) and "buttonIndex"
 //
@@ -31,6 +33,8 @@ class KOSimScreen {
   static constexpr const char* ShareSheet = "shareSheet";
   static constexpr const char* OpenURL = "openURL";
   static constexpr const char* Dismiss = "dismiss";
+  static constexpr const char* EmbeddedScreen = "embeddedScreen";
+  static constexpr const char* ScreenUpdate = "screenUpdate";
 
   /// Appends an entry of the kind with its fields and returns its seq. "seq" and "kind" are set
   /// here and win over fields of the same name.

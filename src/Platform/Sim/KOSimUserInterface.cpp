@@ -3,17 +3,9 @@
 #include <algorithm>
 #include <cmath>
 
-namespace {
-
-// Characters, not bytes: UTF-8 continuation bytes do not count.
-std::size_t characterCount(const std::string& text) {
-  return static_cast<std::size_t>(
-      std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0) != 0x80; }));
-}
-
-double pointSize(const KOFont& font) { return font.pointSize > 0 ? font.pointSize : 17; }
-
-}  // namespace
+#include "KOSimRenderer.h"
+#include "KOSimTextLayout.h"
+#include "kovantis/KOViewDescription.h"
 
 KOSimUserInterface::KOSimUserInterface(KODispatch& dispatch, std::shared_ptr<KOSimScreen> screen)
     : dispatch_(dispatch), screen_(std::move(screen)) {}
@@ -108,16 +100,97 @@ std::vector<KOSimShareSheet> KOSimUserInterface::shareSheets() const {
 }
 
 KOSize KOSimUserInterface::sizeOfText(const std::string& text, const KOFont& font) const {
-  const double pt = pointSize(font);
-  return KOSize{static_cast<double>(characterCount(text)) * pt * 0.5, pt * 1.2};
+  return KOSize{
+      static_cast<double>(KOSimTextLayout::characterCount(text)) * KOSimTextLayout::characterWidth(font.pointSize),
+      KOSimTextLayout::lineHeight(font.pointSize)};
 }
 
 double KOSimUserInterface::heightOfText(const std::string& text, double width, const KOFont& font) const {
-  const double pt = pointSize(font);
-  const double charWidth = pt * 0.5;
-  const std::size_t chars = characterCount(text);
-  if (chars == 0) return 0;
-  const double perLine = std::max(1.0, std::floor(width / charWidth));
-  const double lines = std::ceil(static_cast<double>(chars) / perLine);
-  return lines * pt * 1.2;
+  if (text.empty()) return 0;
+  return static_cast<double>(KOSimTextLayout::wrap(text, width, font.pointSize).size()) *
+         KOSimTextLayout::lineHeight(font.pointSize);
+}
+
+// ------------------------------------------------------------------------ screens the SDK embeds
+
+namespace {
+
+// The handle the SDK keeps; it reaches the interface only while the device lives.
+class SimPresentedScreen : public KOPresentedScreen {
+ public:
+  SimPresentedScreen(std::weak_ptr<KOSimUserInterface> ui, std::int64_t seq) : ui_(std::move(ui)), seq_(seq) {}
+  void update(KOViewDescription screen) override {
+    if (auto ui = ui_.lock()) ui->updateEmbeddedScreen(seq_, std::move(screen));
+  }
+  void remove() override {
+    if (auto ui = ui_.lock()) ui->removeEmbeddedScreen(seq_);
+  }
+
+ private:
+  std::weak_ptr<KOSimUserInterface> ui_;
+  std::int64_t seq_;
+};
+
+}  // namespace
+
+std::shared_ptr<KOPresentedScreen> KOSimUserInterface::embedScreen(const KOViewController* host,
+                                                                   KOViewDescription screen,
+                                                                   KOViewEventHandler onEvent) {
+  if (!host) return nullptr;
+  std::lock_guard<std::mutex> lock(mutex_);
+  const std::int64_t seq =
+      screen_->record(KOSimScreen::EmbeddedScreen, {{"host", host->name}, {"view", screen.toValue()}});
+  embedded_.push_back(EmbeddedScreen{seq, std::move(screen), std::move(onEvent), false});
+  return std::make_shared<SimPresentedScreen>(weak_from_this(), seq);
+}
+
+void KOSimUserInterface::updateEmbeddedScreen(std::int64_t seq, KOViewDescription screen) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (EmbeddedScreen& shown : embedded_) {
+    if (shown.seq != seq || shown.removed) continue;
+    screen_->record(KOSimScreen::ScreenUpdate, {{"of", seq}, {"view", screen.toValue()}});
+    shown.view = std::move(screen);
+  }
+}
+
+void KOSimUserInterface::removeEmbeddedScreen(std::int64_t seq) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (EmbeddedScreen& shown : embedded_) {
+    if (shown.seq != seq || shown.removed) continue;
+    shown.removed = true;
+    shown.onEvent = nullptr;  // lets go of the SDK's screen
+    screen_->recordDismissal(seq);
+  }
+}
+
+std::optional<KOViewDescription> KOSimUserInterface::embeddedScreen() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto it = embedded_.rbegin(); it != embedded_.rend(); ++it) {
+    if (!it->removed) return it->view;
+  }
+  return std::nullopt;
+}
+
+bool KOSimUserInterface::sendEvent(std::int64_t tag, KOViewEvent event) {
+  KOViewEventHandler handler;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = std::find_if(embedded_.rbegin(), embedded_.rend(), [](const EmbeddedScreen& s) { return !s.removed; });
+    if (it == embedded_.rend()) return false;
+    const KOViewDescription* view = it->view.findTag(tag);
+    if (!view || (event == KOViewEvent::SwipeDelete && !view->deletable)) return false;
+    handler = it->onEvent;
+  }
+  // Outside the lock: the SDK answers by updating the screen.
+  if (handler) handler(tag, event);
+  return true;
+}
+
+bool KOSimUserInterface::tapView(std::int64_t tag) { return sendEvent(tag, KOViewEvent::Tap); }
+
+bool KOSimUserInterface::swipeToDelete(std::int64_t tag) { return sendEvent(tag, KOViewEvent::SwipeDelete); }
+
+std::string KOSimUserInterface::renderEmbeddedScreen() const {
+  std::optional<KOViewDescription> screen = embeddedScreen();
+  return screen ? KOSimRenderer::svg(*screen) : std::string();
 }

@@ -1,6 +1,7 @@
-// What the simulated device shows: it puts alerts and share sheets on the device's screen record
-// (KOSimScreen), answers alerts with scripted choices or taps, and measures text with a simple fixed metric (each
-// character is half the point size wide; a line is 1.2 times the point size high).
+// What the simulated device shows: it puts alerts, share sheets and the screens the SDK embeds on
+// the device's screen record (KOSimScreen), answers alerts with scripted choices or taps, lets a
+// test tap or swipe what an embedded screen shows and pictures it, and measures text with the one
+// metric its pictures use (KOSimTextLayout).
 #pragma once
 
 #include <memory>
@@ -11,6 +12,7 @@
 
 #include "Sim/KOSimScreen.h"
 #include "kovantis/KOPlatform.h"
+#include "kovantis/KOViewDescription.h"
 
 /// An alert as the screen record shows it.
 struct KOSimAlert {
@@ -28,7 +30,7 @@ struct KOSimShareSheet {
   std::optional<KORect> popoverAnchor;
 };
 
-class KOSimUserInterface : public KOUserInterface {
+class KOSimUserInterface : public KOUserInterface, public std::enable_shared_from_this<KOSimUserInterface> {
  public:
   KOSimUserInterface(KODispatch& dispatch, std::shared_ptr<KOSimScreen> screen);
 
@@ -40,6 +42,8 @@ class KOSimUserInterface : public KOUserInterface {
   KOSize sizeOfText(const std::string& text, const KOFont& font) const override;
   double heightOfText(const std::string& text, double width, const KOFont& font) const override;
   double systemFontSize() const override { return 17; }
+  std::shared_ptr<KOPresentedScreen> embedScreen(const KOViewController* host, KOViewDescription screen,
+                                                 KOViewEventHandler onEvent) override;
 
   // Scripting and inspection.
   void setSupportsAlertController(bool supported);
@@ -52,12 +56,34 @@ class KOSimUserInterface : public KOUserInterface {
   std::vector<KOSimAlert> alerts() const;
   std::vector<KOSimShareSheet> shareSheets() const;
 
+  /// The newest embedded screen still shown, as the SDK last described it.
+  std::optional<KOViewDescription> embeddedScreen() const;
+  /// The user taps the view with the tag on that screen, or swipes its row to delete it; false
+  /// when there is no screen, no such view, or the row cannot be deleted.
+  bool tapView(std::int64_t tag);
+  bool swipeToDelete(std::int64_t tag);
+  /// That screen as an SVG picture ("" when none is shown).
+  std::string renderEmbeddedScreen() const;
+
+  // Reached through the handle embedScreen returns.
+  void updateEmbeddedScreen(std::int64_t seq, KOViewDescription screen);
+  void removeEmbeddedScreen(std::int64_t seq);
+
  private:
   struct ShownAlert {
     std::int64_t seq = 0;
     std::vector<KOAlertAction> actions;
     bool answered = false;
   };
+
+  struct EmbeddedScreen {
+    std::int64_t seq = 0;
+    KOViewDescription view;
+    KOViewEventHandler onEvent;
+    bool removed = false;
+  };
+
+  bool sendEvent(std::int64_t tag, KOViewEvent event);
 
   KODispatch& dispatch_;
   std::shared_ptr<KOSimScreen> screen_;
@@ -66,4 +92,5 @@ class KOSimUserInterface : public KOUserInterface {
   std::optional<std::size_t> answer_;
   // The actions behind the alerts on the record; the record itself keeps only their titles.
   std::vector<ShownAlert> shownAlerts_;
+  std::vector<EmbeddedScreen> embedded_;
 };
