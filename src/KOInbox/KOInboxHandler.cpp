@@ -6,8 +6,10 @@
 #include <utility>
 
 #include "KOInboxPushDataModel.h"
+#include "KOUtilities/KOAtomicFile.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOPropertyListFile.h"
+#include "KOUtilities/KOPropertyListSerialization.h"
 #include "KOUtilities/KOSDKNotifications.h"
 #include "KOUtilities/KOStringFormat.h"
 #include "KOUtilities/KOValueHelpers.h"
@@ -49,10 +51,35 @@ std::optional<KOArray> storedArray(const KOSourceLocation& where, const char* fa
   return KOArray();
 }
 
-void writeDirectly(const KOArray& array) {
+KOValue fileContent(KOArray array) {
   KODictionary file;
-  file.set(KOInboxMessagesInfoKey, KOValue(array));
-  KOPropertyListFile::write(KOInboxHandler::getFilePathForInboxMessages(), KOValue(std::move(file)));
+  file.set(KOInboxMessagesInfoKey, KOValue(std::move(array)));
+  return KOValue(std::move(file));
+}
+
+void writeDirectly(const KOArray& array) {
+  std::string text;
+  try {
+    text = KOPropertyListSerialization::writeXML(fileContent(array));
+  } catch (const std::exception&) {
+    // A record the file cannot hold (a NUL byte in a text, say) goes alone, with a line; the
+    // others are saved, so that one bad message never blocks the inbox.
+    KOArray kept;
+    kept.reserve(array.size());
+    for (std::size_t i = 0; i < array.size(); ++i) {
+      try {
+        static_cast<void>(KOPropertyListSerialization::xmlFragment(array[i]));
+        kept.push_back(array[i]);
+      } catch (const std::exception& e) {
+        KOLogger::logError(KO_HERE, nullptr, kWriteFailure,
+                           std::runtime_error(KOStringFormat::format(
+                               "message %@ cannot be stored and is dropped: %@",
+                               {KOValue(static_cast<std::int64_t>(i)), KOValue(std::string(e.what()))})));
+      }
+    }
+    text = KOPropertyListSerialization::writeXML(fileContent(std::move(kept)));
+  }
+  KOAtomicFile::write(*KOPlatform::current().fileSystem, KOInboxHandler::getFilePathForInboxMessages(), text);
 }
 
 // A record's campaign id; nil for a record that is no dictionary.

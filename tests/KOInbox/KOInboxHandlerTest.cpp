@@ -155,6 +155,17 @@ TEST_F(KOInboxHandlerTest, BadFilesReadAsEmptyWithALogLineAndAreReplacedOnWrite)
   }
 }
 
+// A message the file cannot hold (a NUL byte in its text) goes alone; before, it kept every later
+// write of the inbox from reaching the file.
+TEST_F(KOInboxHandlerTest, AMessageTheFileCannotHoldIsDroppedAndTheRestSaved) {
+  KOInboxHandler::saveServerPushDataToPlist(
+      answer({message("m1"), message(std::string("bad\0cid", 7)), message("m2")}));
+  EXPECT_EQ(cids(stored()), (std::vector<std::string>{"m1", "m2"}));
+  EXPECT_TRUE(logged("cannot be stored and is dropped"));
+  KOInboxHandler::saveClickedPushToLocalStorageWithData(push("a"));
+  EXPECT_EQ(cids(stored()), (std::vector<std::string>{"m1", "m2", "a"}));
+}
+
 TEST_F(KOInboxHandlerTest, OddlyTypedFieldsAreLoggedAndLeaveTheRestIntact) {
   const std::string timeLine = "Created time for push notification is neither of type NSString";
   const std::string modelLine = "Kovantis - exception while creating push data model is";
