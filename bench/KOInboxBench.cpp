@@ -7,7 +7,9 @@
 #include "KOInbox/KOInboxHandler.h"
 #include "KOUtilities/KOPropertyListFile.h"
 #include "Sim/KOSimDevice.h"
+#include "Sim/KOSimRenderer.h"
 #include "kovantis/KOConstants.h"
+#include "kovantis/KOInbox.h"
 
 namespace {
 
@@ -63,5 +65,31 @@ void BM_InboxGetAllNotifications(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_InboxGetAllNotifications)->Unit(benchmark::kMicrosecond);
+
+// What the screen costs to lay out whole at 100 rows (load included), and its picture.
+void BM_InboxScreenDescribe(benchmark::State& state) {
+  ensureDevice();
+  storeFull();
+  for (auto _ : state) {
+    KOInboxViewController inbox;
+    inbox.viewDidLoad();
+    KOViewDescription screen = inbox.viewDescription();
+    benchmark::DoNotOptimize(screen);
+  }
+}
+BENCHMARK(BM_InboxScreenDescribe)->Unit(benchmark::kMicrosecond);
+
+void BM_InboxScreenPicture(benchmark::State& state) {
+  ensureDevice();
+  storeFull();
+  KOInboxViewController inbox;
+  inbox.viewDidLoad();
+  const KOViewDescription screen = inbox.viewDescription();
+  for (auto _ : state) {
+    std::string svg = KOSimRenderer::svg(screen);
+    benchmark::DoNotOptimize(svg);
+  }
+}
+BENCHMARK(BM_InboxScreenPicture)->Unit(benchmark::kMicrosecond);
 
 }  // namespace

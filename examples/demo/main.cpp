@@ -5,12 +5,18 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <fstream>
 #include <map>
+#include <memory>
+#include <optional>
 #include <string>
 
 #include "KOEmulator.h"
 #include "Sim/KOSimDevice.h"
 #include "kovantis/KOConstants.h"
+#include "kovantis/KOInbox.h"
+#include "kovantis/KONotificationCenter.h"
 #include "kovantis/Kovantis.h"
 
 namespace {
@@ -61,6 +67,39 @@ class Demo {
   KOEmulator& emulator_;
 };
 
+// Three messages the service has for every device: a day, an hour and a minute old.
+std::string inboxSeed() {
+  const double now = static_cast<double>(std::time(nullptr));
+  const auto message = [](const std::string& cid, double created, const std::string& alert, const std::string& extra) {
+    return R"({"cid": ")" + cid + R"(", "c_cr_t": )" + std::to_string(created) + R"(, "data": {"aps": {"alert": )" +
+           alert + R"(}, "kovantis": {"cid": ")" + cid + R"("}, "app_extra": )" + extra + "}}";
+  };
+  return R"({"inbox": {"messagesInfo": [)" +
+         message("welcome", now - 86400, R"("Welcome to Kovantis Store! Your first delivery is on us.")",
+                 R"({"screen": "home"})") +
+         ", " +
+         message(
+             "sale", now - 3600,
+             R"({"title": "Flash sale", "body": "Flash sale: 30% off running shoes until midnight, while stocks last."})",
+             R"({"screen": "offers", "code": "RUN30"})") +
+         ", " + message("order", now - 60, R"("Your order A-77 has shipped.")", R"({"screen": "orders"})") + "]}}";
+}
+
+// The host's own reaction to a tapped inbox message: where the app would navigate.
+class InboxNavigation : public KOInboxCellSelectedDelegate {
+ public:
+  void inboxCellSelectedWithData(const KODictionary& data) override {
+    step("tapped: the app opens", data["screen"].isString() ? data["screen"].stringValue() : "(nothing)");
+  }
+};
+
+std::string rowText(const KOViewDescription& row) {
+  std::string text = row.children.empty() ? "" : row.children[0].text;
+  if (text.size() > 44) text = text.substr(0, 41) + "...";
+  const bool bold = !row.children.empty() && row.children[0].font.name.find("Bold") != std::string::npos;
+  return (bold ? "[unread] " : "[read]   ") + text + (row.children.size() > 1 ? "  " + row.children[1].text : "");
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -87,6 +126,7 @@ int main(int argc, char** argv) {
   KOEmulator emulator(options);
   emulator.reset();
   emulator.seed(R"({"config": {"l_e": 0, "e_b_c": 30}})");
+  emulator.seed(inboxSeed());
   device.setServiceEndpoints(KOServiceEndpoints::local("127.0.0.1", emulator.start(0)));
   Demo demo(device, emulator);
   Kovantis& sdk = Kovantis::sharedInstance();
@@ -100,6 +140,13 @@ int main(int argc, char** argv) {
   // --revoke-push, on otherwise.
   device.notificationCenter().setAlertSetting(revokePush ? KONotificationSettingDisabled
                                                          : KONotificationSettingEnabled);
+
+  std::size_t pending = 0;
+  KONotificationCenter::defaultCenter().addObserver(KOInboxPendingNotificationsNotification,
+                                                    [&](const KONotification& n) {
+                                                      const KOValue& list = n.userInfo[KOInboxPendingNotificationsKey];
+                                                      pending += list.isArray() ? list.arrayValue().size() : 0;
+                                                    });
 
   section("Launch");
   device.launch();
@@ -148,6 +195,33 @@ int main(int argc, char** argv) {
     installed += (installed.empty() ? "" : ", ") + c->identifier.value_or("?");
   }
   step("categories installed", installed);
+
+  section("Inbox");
+  // The app asks for new messages, hears of those it was not handed before (here or in the fetch
+  // the SDK makes at launch once it knows the push token), then embeds the ready-made screen.
+  std::optional<bool> fetched;
+  KOInbox::fetchInboxMessagesWithCompletion([&](bool answered) { fetched = answered; });
+  device.runMainUntil([&] { return fetched.has_value(); }, 10);
+  step("fetched from the service", fetched.value_or(false) ? "answered" : "no answer");
+  step("new messages handed to the app", std::to_string(pending));
+  KOViewController home;
+  home.name = "HomeScreen";
+  auto inboxScreen = KOInbox::initializeInboxOnController(&home);
+  auto navigation = std::make_shared<InboxNavigation>();
+  if (inboxScreen) {
+    inboxScreen->setDelegate(navigation);
+    const auto screen = device.userInterface().embeddedScreen();
+    const auto& list = screen->children.at(0);
+    for (const auto& row : list.children) step("row", rowText(row));
+    if (!list.children.empty()) device.userInterface().tapView(KOInboxViewController::tagForRow(0));
+    if (list.children.size() > 2) {
+      device.userInterface().swipeToDelete(KOInboxViewController::tagForRow(list.children.size() - 1));
+      step("swiped away the oldest", std::to_string(KOInbox::getInboxMessages().size()) + " left in the inbox");
+    }
+    const std::string picture = root + "/inbox.svg";
+    std::ofstream(picture) << device.userInterface().renderEmbeddedScreen();
+    step("picture of the screen", picture);
+  }
 
   section("Events");
   for (int i = 0; i < 40; ++i) {
