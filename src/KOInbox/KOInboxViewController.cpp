@@ -60,11 +60,11 @@ void KOInboxViewController::setInboxTitle(std::string title) {
 }
 
 // Styling set while the screen shows takes effect at once, as a list restyled before it draws.
-#define KO_STYLE_PROPERTY(Type, getter, setter)                                        \
+#define KO_STYLE_PROPERTY(Type, getter, setter)                                               \
   const std::optional<Type>& KOInboxViewController::getter() const { return state_->getter; } \
-  void KOInboxViewController::setter(std::optional<Type> value) {                      \
-    state_->getter = std::move(value);                                                 \
-    refresh();                                                                         \
+  void KOInboxViewController::setter(std::optional<Type> value) {                             \
+    state_->getter = std::move(value);                                                        \
+    refresh();                                                                                \
   }
 KO_STYLE_PROPERTY(KOColor, cellBackgroundColor, setCellBackgroundColor)
 KO_STYLE_PROPERTY(KOColor, notificationTextLabelColor, setNotificationTextLabelColor)
@@ -143,7 +143,9 @@ KOViewDescription KOInboxViewController::cellForRowAtIndexPath(std::size_t row) 
 
 namespace {
 // The store keeps the oldest first; the rows show the newest first.
-KOArray storedOrder(const KOArray& rows) { return KOArray(KOArray::Storage(rows.items().rbegin(), rows.items().rend())); }
+KOArray storedOrder(const KOArray& rows) {
+  return KOArray(KOArray::Storage(rows.items().rbegin(), rows.items().rend()));
+}
 }  // namespace
 
 void KOInboxViewController::didSelectRowAtIndexPath(std::size_t row) {

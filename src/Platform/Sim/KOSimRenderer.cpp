@@ -134,9 +134,9 @@ class Writer {
       case KOViewKind::List: {
         // Rows scroll inside the list: what lies past its bottom is cut off.
         const std::string clip = "clip" + std::to_string(clips_++);
-        out += "<clipPath id=\"" + clip + "\"><rect x=\"" + number(x + v.frame.x) + "\" y=\"" +
-               number(y + v.frame.y) + "\" width=\"" + number(v.frame.width) + "\" height=\"" +
-               number(v.frame.height) + "\"/></clipPath>\n<g clip-path=\"url(#" + clip + ")\">\n";
+        out += "<clipPath id=\"" + clip + "\"><rect x=\"" + number(x + v.frame.x) + "\" y=\"" + number(y + v.frame.y) +
+               "\" width=\"" + number(v.frame.width) + "\" height=\"" + number(v.frame.height) +
+               "\"/></clipPath>\n<g clip-path=\"url(#" + clip + ")\">\n";
         for (const KOViewDescription& row : v.children) {
           view(row, x + v.frame.x, y + v.frame.y, depth + 1);
           const double bottom = y + v.frame.y + row.frame.y + row.frame.height;
