@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "Sim/KOSimDevice.h"
 #include "kovantis/KONotificationCenter.h"
@@ -58,6 +60,40 @@ TEST(KOSimDispatchThreaded, DelayedCallsFireInDueOrderAndCanBeCancelled) {
   EXPECT_FALSE(dispatch.cancel(cancelled));
   ASSERT_TRUE(dispatch.runMainUntil([&] { return fired.size() == 2 && backgroundFired; }, 10));
   EXPECT_EQ(fired, (std::vector<std::string>{"early", "late"}));
+}
+
+// With the device's clock fixed, an hour's delay passes in no real time: moving the clock fires
+// what became due, in due order, and nothing before.
+TEST(KOSimDispatchThreaded, DelayedCallsFollowAFixedClock) {
+  KOSimDevice device;
+  device.clock().setNow(1800000000);
+  KOSimDispatch& dispatch = device.dispatch();
+  std::vector<std::string> fired;
+  std::atomic<bool> backgroundFired{false};
+  dispatch.afterMain(3600, [&] { fired.push_back("hour"); });
+  dispatch.afterMain(60, [&] { fired.push_back("minute"); });
+  const auto cancelled = dispatch.afterMain(120, [&] { fired.push_back("cancelled"); });
+  dispatch.afterBackground(90, [&] { backgroundFired = true; });
+  dispatch.afterMain(0, [&] { fired.push_back("now"); });
+  EXPECT_TRUE(dispatch.cancel(cancelled));
+  ASSERT_TRUE(dispatch.runMainUntil([&] { return !fired.empty(); }, 10));
+  dispatch.pumpMain();
+  EXPECT_EQ(fired, (std::vector<std::string>{"now"}));
+
+  device.clock().advance(59);
+  dispatch.pumpMain();
+  EXPECT_EQ(fired.size(), 1u);
+  device.clock().advance(1);
+  ASSERT_TRUE(dispatch.runMainUntil([&] { return fired.size() == 2; }, 10));
+  device.clock().advance(3540);
+  ASSERT_TRUE(dispatch.runMainUntil([&] { return fired.size() == 3 && backgroundFired; }, 10));
+  EXPECT_EQ(fired, (std::vector<std::string>{"now", "minute", "hour"}));
+
+  // Calls left waiting when the clock runs freely again are due at once.
+  dispatch.afterMain(86400, [&] { fired.push_back("tomorrow"); });
+  device.clock().useRealTime();
+  ASSERT_TRUE(dispatch.runMainUntil([&] { return fired.size() == 4; }, 10));
+  EXPECT_EQ(dispatch.pendingSimulatedCalls(), 0u);
 }
 
 TEST(KOSimDispatchThreaded, ShutdownDropsQueuedWorkAndJoins) {

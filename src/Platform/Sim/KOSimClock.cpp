@@ -12,20 +12,41 @@ double KOSimClock::now() const {
 }
 
 void KOSimClock::setNow(double secondsSince1970) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  fixed_ = secondsSince1970;
+  changed([&] { fixed_ = secondsSince1970; });
 }
 
 void KOSimClock::advance(double seconds) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (fixed_)
-    *fixed_ += seconds;
-  else
-    offset_ += seconds;
+  changed([&] {
+    if (fixed_)
+      *fixed_ += seconds;
+    else
+      offset_ += seconds;
+  });
 }
 
 void KOSimClock::useRealTime() {
+  changed([&] {
+    fixed_.reset();
+    offset_ = 0;
+  });
+}
+
+bool KOSimClock::isFixed() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  fixed_.reset();
-  offset_ = 0;
+  return fixed_.has_value();
+}
+
+void KOSimClock::setObserver(std::function<void()> observer) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  observer_ = std::move(observer);
+}
+
+void KOSimClock::changed(const std::function<void()>& change) {
+  std::function<void()> observer;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    change();
+    observer = observer_;
+  }
+  if (observer) observer();
 }

@@ -1,6 +1,8 @@
-// The simulated device's clock: real time shifted by an offset, or a fixed moment for tests.
+// The simulated device's clock: real time shifted by an offset, or a fixed moment for tests. While
+// it is fixed, the device's delayed calls run in its time: moving it fires what became due.
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <optional>
 
@@ -16,9 +18,15 @@ class KOSimClock : public KOClock {
   void advance(double seconds);
   /// Runs with real time again, without offset.
   void useRealTime();
+  bool isFixed() const;
+  /// Told after every change of the time (the device's dispatch listens), outside the clock's lock.
+  void setObserver(std::function<void()> observer);
 
  private:
+  void changed(const std::function<void()>& change);
+
   mutable std::mutex mutex_;
   std::optional<double> fixed_;
   double offset_ = 0;
+  std::function<void()> observer_;
 };

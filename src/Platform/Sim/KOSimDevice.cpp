@@ -39,6 +39,10 @@ KOSimDevice::KOSimDevice(KOSimDeviceConfig config) : config_(std::move(config)) 
       std::make_shared<KOSimNotificationCenter>(*dispatch_, *files_, root_ + "/Device/notificationSettings.plist");
   console_ = std::make_shared<KOSimConsole>(config_.echoConsole);
   clock_ = std::make_shared<KOSimClock>();
+  dispatch_->setClock(clock_.get());
+  clock_->setObserver([dispatch = std::weak_ptr<KOSimDispatch>(dispatch_)] {
+    if (auto d = dispatch.lock()) d->clockMoved();
+  });
 
   platform_ = std::make_shared<KOPlatform>();
   platform_->appInfo = profile_;

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "KOSimClock.h"
+
 KOSimDispatch::KOSimDispatch(int backgroundThreads) : mainThread_(std::this_thread::get_id()) {
   for (int i = 0; i < (backgroundThreads > 0 ? backgroundThreads : 1); ++i) {
     workers_.emplace_back([this] {
@@ -69,17 +71,64 @@ void KOSimDispatch::asyncBackground(std::function<void()> work) {
 }
 
 KODispatchToken KOSimDispatch::schedule(double delaySeconds, bool onMain, std::function<void()> work) {
-  const auto delay =
-      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(delaySeconds > 0 ? delaySeconds : 0));
+  const double seconds = delaySeconds > 0 ? delaySeconds : 0;
+  const auto delay = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
   KODispatchToken token;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     token = nextToken_++;
     if (stopping_) return token;
+    if (clock_ && clock_->isFixed()) {
+      // Due at once is queued at once: nothing waits for a clock nobody moves.
+      if (seconds == 0) {
+        enqueueLocked(onMain, std::move(work));
+      } else {
+        simulatedTimers_.emplace(token, SimulatedTimer{clock_->now() + seconds, onMain, std::move(work)});
+      }
+      return token;
+    }
     timers_.emplace(token, Timer{Clock::now() + delay, onMain, std::move(work)});
   }
   timerCv_.notify_all();
   return token;
+}
+
+void KOSimDispatch::enqueueLocked(bool onMain, std::function<void()> work) {
+  if (onMain) {
+    mainQueue_.push_back(std::move(work));
+    mainCv_.notify_all();
+  } else {
+    backgroundQueue_.push_back(std::move(work));
+    backgroundCv_.notify_one();
+  }
+}
+
+void KOSimDispatch::setClock(const KOSimClock* clock) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  clock_ = clock;
+}
+
+void KOSimDispatch::clockMoved() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (stopping_ || !clock_ || simulatedTimers_.empty()) return;
+  const bool fixed = clock_->isFixed();
+  const double now = clock_->now();
+  // In the order they became due; calls due at the same moment in the order they were made.
+  std::vector<std::pair<double, KODispatchToken>> due;
+  for (const auto& [token, timer] : simulatedTimers_) {
+    if (!fixed || timer.due <= now) due.emplace_back(timer.due, token);
+  }
+  std::sort(due.begin(), due.end());
+  for (const auto& [when, token] : due) {
+    auto it = simulatedTimers_.find(token);
+    enqueueLocked(it->second.onMain, std::move(it->second.work));
+    simulatedTimers_.erase(it);
+  }
+}
+
+std::size_t KOSimDispatch::pendingSimulatedCalls() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return simulatedTimers_.size();
 }
 
 KODispatchToken KOSimDispatch::afterMain(double delaySeconds, std::function<void()> work) {
@@ -92,7 +141,7 @@ KODispatchToken KOSimDispatch::afterBackground(double delaySeconds, std::functio
 
 bool KOSimDispatch::cancel(KODispatchToken token) {
   std::lock_guard<std::mutex> lock(mutex_);
-  return timers_.erase(token) > 0;
+  return timers_.erase(token) > 0 || simulatedTimers_.erase(token) > 0;
 }
 
 bool KOSimDispatch::isMainThread() const {
@@ -175,12 +224,6 @@ void KOSimDispatch::timerLoop() {
     }
     Timer timer = std::move(earliest->second);
     timers_.erase(earliest);
-    if (timer.onMain) {
-      mainQueue_.push_back(std::move(timer.work));
-      mainCv_.notify_all();
-    } else {
-      backgroundQueue_.push_back(std::move(timer.work));
-      backgroundCv_.notify_one();
-    }
+    enqueueLocked(timer.onMain, std::move(timer.work));
   }
 }

@@ -1,5 +1,7 @@
 // The simulated device's queues: a main run loop the host pumps, a small pool for the shared
-// concurrent queue, and one timer thread for delayed calls.
+// concurrent queue, and one timer thread for delayed calls. A delayed call made while the device's
+// clock is fixed runs in the clock's time instead: it becomes due when the clock is moved past it,
+// so tests of delays and expiry never wait in real time.
 #pragma once
 
 #include <chrono>
@@ -12,6 +14,8 @@
 #include <vector>
 
 #include "kovantis/KOPlatform.h"
+
+class KOSimClock;
 
 class KOSimDispatch : public KODispatch {
  public:
@@ -37,6 +41,12 @@ class KOSimDispatch : public KODispatch {
   bool backgroundIdle() const;
   /// Stops the threads; queued work is dropped. Called by the destructor.
   void shutdown();
+  /// The clock whose fixed time delayed calls follow; the clock tells clockMoved of each change.
+  void setClock(const KOSimClock* clock);
+  /// Queues the delayed calls the clock's time reached (all of them once it runs freely again).
+  void clockMoved();
+  /// Delayed calls waiting for the simulated clock.
+  std::size_t pendingSimulatedCalls() const;
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -46,7 +56,14 @@ class KOSimDispatch : public KODispatch {
     std::function<void()> work;
   };
 
+  struct SimulatedTimer {
+    double due;
+    bool onMain;
+    std::function<void()> work;
+  };
+
   KODispatchToken schedule(double delaySeconds, bool onMain, std::function<void()> work);
+  void enqueueLocked(bool onMain, std::function<void()> work);
   void backgroundLoop();
   void timerLoop();
   static void runGuarded(const std::function<void()>& work);
@@ -58,6 +75,8 @@ class KOSimDispatch : public KODispatch {
   std::deque<std::function<void()>> mainQueue_;
   std::deque<std::function<void()>> backgroundQueue_;
   std::map<KODispatchToken, Timer> timers_;
+  std::map<KODispatchToken, SimulatedTimer> simulatedTimers_;
+  const KOSimClock* clock_ = nullptr;
   KODispatchToken nextToken_ = 1;
   int backgroundRunning_ = 0;
   bool stopping_ = false;
