@@ -173,6 +173,9 @@ class KOForwardingUserInterface : public KOForwarding<KOUserInterface> {
                                                  KOViewEventHandler onEvent) override {
     return target().embedScreen(host, std::move(screen), std::move(onEvent));
   }
+  std::shared_ptr<KOPresentedScreen> presentScreen(KOViewDescription screen, KOViewEventHandler onEvent) override {
+    return target().presentScreen(std::move(screen), std::move(onEvent));
+  }
 };
 
 class KOForwardingUserNotificationCenter : public KOForwarding<KOUserNotificationCenter> {

@@ -11,7 +11,8 @@
 //                 "popover" ({"x", "y", "width", "height"}; only when anchored in a popover)
 //   "openURL"     "url" (opened only: a URL the device cannot open never reaches the screen)
 //   "embeddedScreen"  "host" (the host screen's name), "view" (KOViewDescription::toValue)
-//   "screenUpdate"    "of" (seq of the embedded screen), "view" (what it shows from now on)
+//   "presentedScreen" "view" (KOViewDescription::toValue): shown over everything, an in-app say
+//   "screenUpdate"    "of" (seq of the embedded or presented screen), "view" (what it shows now)
 //   "dismiss"     "of" (seq of the entry taken off the screen), "dismissed" (its kind), and for an
 //                 alert "button" (the title tapped) and "buttonIndex"
 //
@@ -35,6 +36,7 @@ class KOSimScreen {
   static constexpr const char* Dismiss = "dismiss";
   static constexpr const char* EmbeddedScreen = "embeddedScreen";
   static constexpr const char* ScreenUpdate = "screenUpdate";
+  static constexpr const char* PresentedScreen = "presentedScreen";
 
   /// Appends an entry of the kind with its fields and returns its seq. "seq" and "kind" are set
   /// here and win over fields of the same name.

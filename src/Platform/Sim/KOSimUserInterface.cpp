@@ -140,7 +140,7 @@ std::shared_ptr<KOPresentedScreen> KOSimUserInterface::embedScreen(const KOViewC
   std::lock_guard<std::mutex> lock(mutex_);
   const std::int64_t seq =
       screen_->record(KOSimScreen::EmbeddedScreen, {{"host", host->name}, {"view", screen.toValue()}});
-  embedded_.push_back(EmbeddedScreen{seq, std::move(screen), std::move(onEvent), false});
+  embedded_.push_back(EmbeddedScreen{seq, std::move(screen), std::move(onEvent), false, false});
   return std::make_shared<SimPresentedScreen>(weak_from_this(), seq);
 }
 
@@ -163,19 +163,41 @@ void KOSimUserInterface::removeEmbeddedScreen(std::int64_t seq) {
   }
 }
 
-std::optional<KOViewDescription> KOSimUserInterface::embeddedScreen() const {
+std::shared_ptr<KOPresentedScreen> KOSimUserInterface::presentScreen(KOViewDescription screen,
+                                                                     KOViewEventHandler onEvent) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const std::int64_t seq = screen_->record(KOSimScreen::PresentedScreen, {{"view", screen.toValue()}});
+  embedded_.push_back(EmbeddedScreen{seq, std::move(screen), std::move(onEvent), false, true});
+  return std::make_shared<SimPresentedScreen>(weak_from_this(), seq);
+}
+
+std::optional<KOViewDescription> KOSimUserInterface::newest(bool presented) const {
   std::lock_guard<std::mutex> lock(mutex_);
   for (auto it = embedded_.rbegin(); it != embedded_.rend(); ++it) {
-    if (!it->removed) return it->view;
+    if (!it->removed && it->presented == presented) return it->view;
   }
   return std::nullopt;
+}
+
+std::optional<KOViewDescription> KOSimUserInterface::embeddedScreen() const { return newest(false); }
+
+std::optional<KOViewDescription> KOSimUserInterface::presentedScreen() const { return newest(true); }
+
+std::string KOSimUserInterface::renderPresentedScreen() const {
+  std::optional<KOViewDescription> screen = presentedScreen();
+  return screen ? KOSimRenderer::svg(*screen) : std::string();
 }
 
 bool KOSimUserInterface::sendEvent(std::int64_t tag, KOViewEvent event) {
   KOViewEventHandler handler;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    auto it = std::find_if(embedded_.rbegin(), embedded_.rend(), [](const EmbeddedScreen& s) { return !s.removed; });
+    // A presented screen covers every embedded one.
+    auto it = std::find_if(embedded_.rbegin(), embedded_.rend(),
+                           [](const EmbeddedScreen& s) { return !s.removed && s.presented; });
+    if (it == embedded_.rend()) {
+      it = std::find_if(embedded_.rbegin(), embedded_.rend(), [](const EmbeddedScreen& s) { return !s.removed; });
+    }
     if (it == embedded_.rend()) return false;
     const KOViewDescription* view = it->view.findTag(tag);
     if (!view || (event == KOViewEvent::SwipeDelete && !view->deletable)) return false;

@@ -44,6 +44,7 @@ class KOSimUserInterface : public KOUserInterface, public std::enable_shared_fro
   double systemFontSize() const override { return 17; }
   std::shared_ptr<KOPresentedScreen> embedScreen(const KOViewController* host, KOViewDescription screen,
                                                  KOViewEventHandler onEvent) override;
+  std::shared_ptr<KOPresentedScreen> presentScreen(KOViewDescription screen, KOViewEventHandler onEvent) override;
 
   // Scripting and inspection.
   void setSupportsAlertController(bool supported);
@@ -58,12 +59,17 @@ class KOSimUserInterface : public KOUserInterface, public std::enable_shared_fro
 
   /// The newest embedded screen still shown, as the SDK last described it.
   std::optional<KOViewDescription> embeddedScreen() const;
-  /// The user taps the view with the tag on that screen, or swipes its row to delete it; false
-  /// when there is no screen, no such view, or the row cannot be deleted.
+  /// The newest presented screen (an in-app message) still shown.
+  std::optional<KOViewDescription> presentedScreen() const;
+  /// The user taps the view with the tag on the topmost screen the SDK shows (presented over
+  /// embedded), or swipes its row to delete it; false when there is no screen, no such view, or
+  /// the row cannot be deleted.
   bool tapView(std::int64_t tag);
   bool swipeToDelete(std::int64_t tag);
-  /// That screen as an SVG picture ("" when none is shown).
+  /// The newest embedded screen as an SVG picture ("" when none is shown).
   std::string renderEmbeddedScreen() const;
+  /// The newest presented screen as an SVG picture ("" when none is shown).
+  std::string renderPresentedScreen() const;
 
   // Reached through the handle embedScreen returns.
   void updateEmbeddedScreen(std::int64_t seq, KOViewDescription screen);
@@ -81,7 +87,10 @@ class KOSimUserInterface : public KOUserInterface, public std::enable_shared_fro
     KOViewDescription view;
     KOViewEventHandler onEvent;
     bool removed = false;
+    bool presented = false;
   };
+
+  std::optional<KOViewDescription> newest(bool presented) const;
 
   bool sendEvent(std::int64_t tag, KOViewEvent event);
 
