@@ -202,6 +202,8 @@ inline constexpr const char* LAST_SHOWN = "lastShown";
 // Keys without an exported constant, kept here so that every file spells them once.
 inline constexpr const char* KO_INAPP_CAMPAIGN_INFO_KEY = "campaign_info";
 inline constexpr const char* KO_INAPP_IS_CLICKED_KEY = "isClicked";
+inline constexpr const char* INAPP_SHOWN = "iOS_IN_APP_SHOWN";
+inline constexpr const char* INAPP_AUTO_DISMISS = "iOS_IN_APP_AUTO_DISMISS";
 inline constexpr const char* KO_INAPP_STATUS_ACTIVE = "active";
 inline constexpr const char* KO_INAPP_STATUS_EXPIRED = "expired";
 

@@ -1,0 +1,489 @@
+#include "KOInAppV2Handler.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <cstdlib>
+#include <exception>
+#include <utility>
+
+#include "KODataHandler/KOEventsHandler.h"
+#include "KOInAppV2/InAppHandlers/KODownloadManager.h"
+#include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
+#include "KOInAppV2/InAppView/KOInAppV2ViewBuilder.h"
+#include "KOUtilities/KOLogger.h"
+#include "KOUtilities/KOStackTrace.h"
+#include "KOUtilities/KOStringFormat.h"
+#include "KOUtilities/KOValueHelpers.h"
+#include "KOUtilities/KovantisDateUtils.h"
+#include "KOUtilities/KovantisUtils.h"
+#include "Network/KOServerInterface.h"
+#include "kovantis/KOConstants.h"
+#include "kovantis/KOViewDescription.h"
+
+namespace {
+
+constexpr std::int64_t kDefaultMinimumDelayMinutes = 15;
+
+void refusal(const KOSourceLocation& where, const std::string& message) {
+  KOLogger::logLocated(where, nullptr, KOLogSeverityDebug, message);
+}
+
+// A moment as stored: a date, or seconds since 1970 as a number.
+std::optional<double> secondsOf(const KOValue& value) {
+  if (value.isDate()) return value.dateValue().secondsSince1970;
+  if (value.isNumber() && !value.isBool()) return value.doubleValue();
+  return std::nullopt;
+}
+
+// Whole minutes from then to now, as hours and minutes counted.
+std::int64_t minutesSince(double then) {
+  const KODateComponents d = KovantisDateUtils::getTimeDifferenceBetweenDate(KODate{then}, KODate{KovantisDateUtils::now()});
+  return d.hour >= 1 ? d.hour * 60 + d.minute : d.minute;
+}
+
+// An integer as the stores keep it: a number, or its decimal text.
+std::int64_t integerOf(const KOValue& value) {
+  if (value.isNumber()) {
+    const double d = value.doubleValue();
+    return std::isfinite(d) ? static_cast<std::int64_t>(std::clamp(d, -9e18, 9e18)) : 0;
+  }
+  if (value.isString()) return std::strtoll(value.stringValue().c_str(), nullptr, 10);
+  return 0;
+}
+
+bool sameIgnoringCase(const std::string& a, const std::string& b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+         });
+}
+
+// The image URLs of a campaign's widgets, with the widget ids they belong to, in widget order.
+void collectImages(const KOInAppV2WidgetList& list, std::vector<std::pair<std::int64_t, std::string>>& out);
+void collectImages(const KOInAppV2WidgetObject& widget, std::vector<std::pair<std::int64_t, std::string>>& out) {
+  if (widget.type() == KOInAppV2WidgetImage && !widget.content().empty()) {
+    out.emplace_back(widget.widgetId(), widget.content());
+  }
+  if (widget.widgetsArray()) collectImages(*widget.widgetsArray(), out);
+  if (widget.buttonsArray()) collectImages(*widget.buttonsArray(), out);
+}
+void collectImages(const KOInAppV2WidgetList& list, std::vector<std::pair<std::int64_t, std::string>>& out) {
+  for (const auto& entry : list) {
+    if (entry.isList()) {
+      collectImages(entry.list, out);
+    } else {
+      collectImages(*entry.widget, out);
+    }
+  }
+}
+
+}  // namespace
+
+KOInAppV2Handler& KOInAppV2Handler::sharedInstance() {
+  static auto* instance = new KOInAppV2Handler();
+  return *instance;
+}
+
+KOInAppV2Handler::KOInAppV2Handler() = default;
+
+// ------------------------------------------------------------------------------------- the rules
+
+KOInAppDecision KOInAppV2Handler::globalDelayDecision() {
+  std::int64_t delay = integerOf(KOPlatform::current().preferences->standard().objectForKey(KO_MINIMUMDELAY_BW_INAPPS));
+  if (delay == 0) delay = kDefaultMinimumDelayMinutes;
+  const std::optional<double> last = secondsOf(KovantisUtils::getLastInAppShowedTime());
+  if (!last) return {};
+  const std::int64_t elapsed = minutesSince(*last);
+  if (elapsed >= delay) return {};
+  return KOInAppDecision{kGlobalDelay, delay - elapsed};
+}
+
+bool KOInAppV2Handler::canShowInAppWithPreConditions() {
+  const KOInAppDecision decision = globalDelayDecision();
+  if (decision.shows()) return true;
+  std::int64_t delay = decision.minutesLeft;
+  const std::optional<double> last = secondsOf(KovantisUtils::getLastInAppShowedTime());
+  const std::int64_t elapsed = last ? minutesSince(*last) : 0;
+  delay += elapsed;
+  refusal(KO_HERE, KOStringFormat::format("Kovantis - in app not shown bcoz last inapp was shown less than %ld mins ago - %ld",
+                                          {KOValue(delay), KOValue(elapsed)}));
+  return false;
+}
+
+KOInAppDecision KOInAppV2Handler::campaignDecision(const KOInAppV2CampaignPropertiesObject& campaign) {
+  if (!(campaign.ttl() > KovantisDateUtils::now()) || campaign.status() == "expired") return {kExpired};
+  const KOValue stats = KOInAppV2Manager::getCampaignStatusDictWithCampaignId(campaign.campaignId());
+  if (!stats.isDictionary()) return {};
+  const KODictionary& s = stats.dictionaryValue();
+  if (const std::optional<double> shown = secondsOf(validObjectForKey(s, LAST_SHOWN))) {
+    const std::int64_t elapsed = minutesSince(*shown);
+    const std::int64_t delay = campaign.interval() / 60;
+    if (elapsed < delay) return {kMessageDelay, delay - elapsed};
+  }
+  if (!campaign.persistence() && s.contains(KO_INAPP_IS_CLICKED_KEY)) return {kClicked};
+  if (integerOf(validObjectForKey(s, KO_TIMES_SHOWN)) >= campaign.maxTimes()) return {kShownMaxTimes};
+  return {};
+}
+
+bool KOInAppV2Handler::canShowInApp(const KOInAppV2CampaignPropertiesObject& campaign) {
+  const KOInAppDecision decision = campaignDecision(campaign);
+  const KOValue cid(campaign.campaignId());
+  if (decision.refusedBy == kExpired) {
+    refusal(KO_HERE, KOStringFormat::format("Kovantis - Campaign not shown because it is expired; Campaign ID : %@", {cid}));
+  } else if (decision.refusedBy == kMessageDelay) {
+    refusal(KO_HERE, KOStringFormat::format(
+                         "Kovantis - Campaign not shown because it was last shown before it's message delay: %@", {cid}));
+  } else if (decision.refusedBy == kClicked) {
+    refusal(KO_HERE,
+            KOStringFormat::format("Kovantis - Campaign not shown because primary action was clicked : %@", {cid}));
+  } else if (decision.refusedBy == kShownMaxTimes) {
+    refusal(KO_HERE,
+            KOStringFormat::format("Kovantis - Campaign not shown because it is shown max no. of times: %@", {cid}));
+  }
+  return decision.shows();
+}
+
+KOInAppDecision KOInAppV2Handler::screenDecision(const KOInAppV2CampaignPropertiesObject& campaign,
+                                                 const std::string& screen) const {
+  const bool keyboard = KOPlatform::current().application->isKeyboardShown();
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (keyboardShown_ || keyboard) return {kKeyboard};
+  if (!campaign.showOnlyInScreen().empty() && !sameIgnoringCase(campaign.showOnlyInScreen(), screen)) {
+    return {kOtherScreen};
+  }
+  if (std::find(dontShowInAppScreenList_.begin(), dontShowInAppScreenList_.end(), screen) !=
+      dontShowInAppScreenList_.end()) {
+    return {kBlockedScreen};
+  }
+  return {};
+}
+
+std::string KOInAppV2Handler::currentScreenName(const KOViewController* viewController) const {
+  if (viewController) return viewController->name;
+  const auto top = KovantisUtils::getTopViewControllerForNudges();
+  return top ? top->name : std::string();
+}
+
+KOArray KOInAppV2Handler::decisionReport(const KOViewController* viewController) {
+  KOArray report;
+  KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
+    const std::string screen = currentScreenName(viewController);
+    const KOInAppDecision global = globalDelayDecision();
+    for (const KOValue& stored : KOInAppV2Manager::getActiveInAppCampaigns()) {
+      const KOInAppV2CampaignPropertiesObject campaign(stored);
+      // The order a showing applies them: type, the global delay, the campaign's own rules, then
+      // what the screen says.
+      KOInAppDecision decision;
+      if (campaign.inAppType() != KOInAppV2TypeGeneral) decision = {kWrongType};
+      if (decision.shows()) decision = global;
+      if (decision.shows()) decision = campaignDecision(campaign);
+      if (decision.shows()) decision = screenDecision(campaign, screen);
+      if (decision.shows()) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (imagesFailed_.count(campaign.campaignId())) decision = {kImagesFailed};
+      }
+      KODictionary entry{{"cid", campaign.campaignId()},
+                         {"type", static_cast<std::int64_t>(campaign.inAppType())},
+                         {"shows", decision.shows()}};
+      if (!decision.shows()) entry.set("refusedBy", decision.refusedBy);
+      if (decision.minutesLeft > 0) entry.set("minutesLeft", decision.minutesLeft);
+      report.push_back(KOValue(std::move(entry)));
+    }
+  });
+  return report;
+}
+
+// ------------------------------------------------------------------------------------- the fetch
+
+bool KOInAppV2Handler::currentlyFetchingInApps() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return fetching_;
+}
+
+void KOInAppV2Handler::getInAppCampaigns() {
+  try {
+    const std::optional<double> last = secondsOf(KovantisUtils::getLastInUpdatedTimeForInApps());
+    const KOValue stamp(last ? KOStringFormat::format("%.0f", {KOValue(std::floor(*last))}) + "000" : std::string("0"));
+    KOArray ids;
+    for (const KOValue& campaign : KOInAppV2Manager::getActiveInAppCampaigns()) {
+      ids.push_back(validObjectForKey(campaign, CAMPAIGN_ID));
+    }
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      fetching_ = true;
+    }
+    const double asked = KovantisDateUtils::now();
+    KOServerInterface::sharedInstance().getInAppCampaignsWithLastUpdatedTime(
+        stamp, KODictionary{{"campaign_ids", std::move(ids)}}, [this, asked](const KOValue& response) {
+          const auto finished = [this] {
+            bool showNow = false;
+            {
+              std::lock_guard<std::mutex> lock(mutex_);
+              fetching_ = false;
+              showNow = std::exchange(handleInAppsCalledDuringFetch_, false);
+            }
+            refreshTriggerEvents();
+            if (showNow) showInAppForViewController(nullptr);
+          };
+          if (!response.isDictionary()) return finished();
+          KOInAppV2Manager::saveInAppCampaignsWithData(response, [asked] {
+            KovantisUtils::saveLastUpdatedTimeForInApps(KOValue(KODate{asked}));
+          });
+          finished();
+        });
+  } catch (const std::exception& e) {
+    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
+                         KOStringFormat::format("Kovantis - exception is %@", {KOValue(e.what())}));
+    std::lock_guard<std::mutex> lock(mutex_);
+    fetching_ = false;
+  }
+}
+
+// ------------------------------------------------------------------------------------ the walk
+
+void KOInAppV2Handler::dontShowInAppInViewController(const KOViewController* viewController) {
+  if (!viewController) return;
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (std::find(dontShowInAppScreenList_.begin(), dontShowInAppScreenList_.end(), viewController->name) ==
+      dontShowInAppScreenList_.end()) {
+    dontShowInAppScreenList_.push_back(viewController->name);
+  }
+}
+
+void KOInAppV2Handler::showInAppForViewController(const KOViewController* viewController) {
+  try {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (fetching_) {
+        handleInAppsCalledDuringFetch_ = true;
+        return;
+      }
+      if (onScreen_) return;  // one in-app on screen at a time
+    }
+    const std::string screen = currentScreenName(viewController);
+    for (const KOValue& stored : KOInAppV2Manager::getActiveInAppCampaigns()) {
+      const KOInAppV2CampaignPropertiesObject campaign(stored);
+      if (campaign.inAppType() != KOInAppV2TypeGeneral) {
+        refusal(KO_HERE, KOStringFormat::format("Kovantis - In App not shown because it is not of type general : %@",
+                                                {KOValue(campaign.campaignId())}));
+        continue;
+      }
+      if (!campaign.showOnlyInScreen().empty()) {
+        if (!sameIgnoringCase(campaign.showOnlyInScreen(), screen) || !canShowInApp(campaign)) continue;
+        refusal(KO_HERE, KOStringFormat::format("Kovantis - ShowOnlyInScreen %@ check passed; CampaignID : %@",
+                                                {KOValue(campaign.showOnlyInScreen()), KOValue(campaign.campaignId())}));
+      } else if (!canShowInApp(campaign)) {
+        continue;
+      }
+      // The first campaign handed on is the one: a single in-app on screen at a time.
+      showInAppV2WithObject(std::make_shared<const KOInAppV2Object>(stored, campaign), screen);
+      return;
+    }
+  } catch (const std::exception& e) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      handleInAppsCalledDuringFetch_ = false;
+    }
+    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
+                         KOStringFormat::format("Kovantis - Exception : %@", {KOValue(e.what())}),
+                         KOValue(KOStackTrace::current()));
+  }
+}
+
+// -------------------------------------------------------------------------------- smart triggers
+
+void KOInAppV2Handler::refreshTriggerEvents() {
+  // The event list lives in the store's snapshot; the set is rebuilt only when that changes, so a
+  // tracked event costs one lookup.
+  auto snapshot = KOInAppV2Manager::sharedInstance().snapshot();
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (snapshot == triggerSource_ && triggerEvents_) return;
+  auto events = std::make_shared<std::set<std::string>>();
+  const KOValue list = snapshot->eventsArray();
+  if (list.isArray()) {
+    for (const KOValue& entry : list.arrayValue()) {
+      if (entry.isString()) events->insert(entry.stringValue());
+    }
+  }
+  triggerEvents_ = std::move(events);
+  triggerSource_ = std::move(snapshot);
+}
+
+void KOInAppV2Handler::checkTriggerWithEventName(const std::string& name, const KOValue& payload) {
+  try {
+    refreshTriggerEvents();
+    std::shared_ptr<const std::set<std::string>> events;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      events = triggerEvents_;
+    }
+    if (events && events->count(name)) smartTriggerInAppForEvent(name, payload);
+  } catch (const std::exception& e) {
+    KOLogger::logLocated(
+        KO_HERE, this, KOLogSeverityException,
+        KOStringFormat::format("Kovantis - exception while getting smart trigger in app for event %@ is %@",
+                               {KOValue(name), KOValue(e.what())}));
+  }
+}
+
+void KOInAppV2Handler::smartTriggerInAppForEvent(const std::string& name, const KOValue& payload) {
+  KOServerInterface::sharedInstance().triggerSmartInAppWithEvent(name, payload, [this, name](const KOValue& response) {
+    KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
+      const KOValue& list = validObjectForKey(response, KO_INAPP_CAMPAIGN_INFO_KEY);
+      if (!list.isArray() || list.arrayValue().empty()) {
+        refusal(KO_HERE, KOStringFormat::format("Kovantis - server sent empty campaign for the smart trigger event %@",
+                                                {KOValue(name)}));
+        return;
+      }
+      const KOValue& campaign = list.arrayValue()[0];
+      refusal(KO_HERE, KOStringFormat::format("Kovantis - Payload : %@", {campaign}));
+      const KOInAppV2CampaignPropertiesObject properties(campaign);
+      showInAppV2WithObject(std::make_shared<const KOInAppV2Object>(campaign, properties));
+    });
+  });
+}
+
+// ------------------------------------------------------------------------------------ showing
+
+void KOInAppV2Handler::keyboardShowed() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  keyboardShown_ = true;
+}
+
+void KOInAppV2Handler::keyboardHidden() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  keyboardShown_ = false;
+}
+
+bool KOInAppV2Handler::isShowingInApp() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return onScreen_ != nullptr;
+}
+
+void KOInAppV2Handler::showInAppV2WithObject(std::shared_ptr<const KOInAppV2Object> inApp) {
+  showInAppV2WithObject(std::move(inApp), currentScreenName(nullptr));
+}
+
+void KOInAppV2Handler::showInAppV2WithObject(std::shared_ptr<const KOInAppV2Object> inApp, std::string screen) {
+  try {
+    std::vector<std::pair<std::int64_t, std::string>> images;
+    if (inApp->widgetsArray()) {
+      for (const auto& widget : *inApp->widgetsArray()) collectImages(*widget, images);
+    }
+    if (images.empty()) {
+      KOPlatform::current().dispatch->asyncMain([this, inApp, screen] { present(inApp, screen); });
+      return;
+    }
+    KOArray urls;
+    for (const auto& image : images) urls.push_back(image.second);
+    auto manager = std::make_shared<KODownloadManager>();
+    manager->download(urls, [this, inApp, images, manager, screen](bool success, const KOValue&, const KOValue& results) {
+      const std::string cid = inApp->campaignPropertiesObject().campaignId();
+      if (!success || !results.isArray()) {
+        {
+          std::lock_guard<std::mutex> lock(mutex_);
+          imagesFailed_.insert(cid);
+        }
+        refusal(KO_HERE, "Kovantis - In App not shown because image download failed");
+        return;
+      }
+      const KOArray& data = results.arrayValue();
+      for (std::size_t i = 0; i < data.size() && i < images.size(); ++i) {
+        const KOValue& bytes = validObjectForKey(data[i], "data");
+        if (!bytes.isData()) continue;
+        KOInAppV2Manager::writeInAppImageData(bytes.dataValue(), "_" + std::to_string(images[i].first), *inApp,
+                                              integerOf(validObjectForKey(data[i], "isGif")) != 0);
+      }
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        imagesFailed_.erase(cid);
+      }
+      present(inApp, screen);
+    });
+  } catch (const std::exception& e) {
+    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
+                         KOStringFormat::format("Kovantis - InApp Exception %@", {KOValue(e.what())}));
+  }
+}
+
+void KOInAppV2Handler::present(const std::shared_ptr<const KOInAppV2Object>& inApp, const std::string& screen) {
+  KOLogger::guard(KO_HERE, this, "Kovantis - InApp Exception %@", [&] {
+    const KOInAppV2CampaignPropertiesObject& campaign = inApp->campaignPropertiesObject();
+    const KOInAppDecision decision = screenDecision(campaign, screen);
+    if (decision.refusedBy == kKeyboard) return refusal(KO_HERE, "Kovantis - In App not shown because Keyboard present");
+    if (decision.refusedBy == kOtherScreen) {
+      return refusal(KO_HERE, KOStringFormat::format("Kovantis - In App not shown because show only in screen "
+                                                     "validation failed. The screen name for which in-app was "
+                                                     "created is %@",
+                                                     {KOValue(campaign.showOnlyInScreen())}));
+    }
+    if (decision.refusedBy == kBlockedScreen) {
+      return refusal(KO_HERE,
+                     "Kovantis - In App not shown because the current view controller is subscribed to not show "
+                     "in-apps on this screen");
+    }
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (onScreen_) return;
+    }
+    const KOSize size{KovantisUtils::screenWidthForInApp(), KovantisUtils::screenHeightForInApp()};
+    const std::string cid = campaign.campaignId();
+    auto shown = KOPlatform::current().userInterface->presentScreen(
+        KOInAppV2ViewBuilder::describe(*inApp, size), [this, inApp](std::int64_t, KOViewEvent) {
+          // Until the actions land, any tap on the message records the click of a primary widget
+          // and takes the message away.
+          KOInAppV2Manager::writeToPlistForInAppClickedWithButtonType(1, *inApp);
+          dismissInApp();
+        });
+    if (!shown) return;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      onScreen_ = std::move(shown);
+      onScreenCampaign_ = cid;
+    }
+    KOInAppV2Manager::writeToPlistToUpdateInAppNumberOfTimesShownWithInAppObject(*inApp);
+    saveLastShownTimeAndTrackEventForInApp(*inApp, campaign.inAppType() == KOInAppV2TypeTest);
+    if (inApp->autoDismissInterval() > 0) {
+      const KODispatchToken token = KOPlatform::current().dispatch->afterMain(
+          static_cast<double>(inApp->autoDismissInterval()), [this, cid] {
+            {
+              std::lock_guard<std::mutex> lock(mutex_);
+              if (onScreenCampaign_ != cid || !onScreen_) return;
+              autoDismiss_ = 0;
+            }
+            dismissInApp();
+            trackInAppAutoDismissForCampaignID(cid);
+          });
+      std::lock_guard<std::mutex> lock(mutex_);
+      autoDismiss_ = token;
+    }
+  });
+}
+
+void KOInAppV2Handler::dismissInApp() {
+  std::shared_ptr<KOPresentedScreen> shown;
+  KODispatchToken timer = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    shown = std::move(onScreen_);
+    onScreen_.reset();
+    onScreenCampaign_.clear();
+    timer = std::exchange(autoDismiss_, 0);
+  }
+  if (timer) KOPlatform::current().dispatch->cancel(timer);
+  if (shown) shown->remove();
+}
+
+void KOInAppV2Handler::saveLastShownTimeAndTrackEventForInApp(const KOInAppV2Object& inApp, bool) {
+  KovantisUtils::saveLastInAppShowedTime(KOValue(KODate{KovantisDateUtils::now()}));
+  trackInAppShownForCampaignID(inApp.campaignPropertiesObject().campaignId());
+}
+
+void KOInAppV2Handler::trackInAppShownForCampaignID(const std::string& campaignID) {
+  KOEventsHandler::sharedInstance().trackEvent(KOValue(INAPP_SHOWN), KOValue(KODictionary{{"cid", campaignID}}));
+}
+
+void KOInAppV2Handler::trackInAppAutoDismissForCampaignID(const std::string& campaignID) {
+  KOEventsHandler::sharedInstance().trackEvent(KOValue(INAPP_AUTO_DISMISS),
+                                               KOValue(KODictionary{{"cid", campaignID}}));
+}
