@@ -4,6 +4,7 @@
 
 #include "KODataHandler/KOEventsHandler.h"
 #include "KODataHandler/KOUserAttributesHandler.h"
+#include "KOInAppV2/InAppHandlers/KOInAppV2Handler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInbox/KOInboxHandler.h"
 #include "KONotification/KONotificationHandler.h"
@@ -70,6 +71,7 @@ void Kovantis::initializeWithApiKey(const KOValue& apiKey, KOApplication*, const
 
 void Kovantis::start(const KOValue& apiKey, bool) {
   KOLogger::guard(KO_HERE, this, "Kovantis - exception in initialize is %@", [&] {
+    KOInAppV2Manager::removeV1InApps();
     checkReinstallAndSaveAppID(apiKey);
     const KOValue stored = KovantisUtils::getAppId();
     if (stored.description() != apiKey.description()) {
@@ -128,6 +130,7 @@ void Kovantis::smartTriggerForAppStatus(int status) {
     const char* name = status == KOAppStatusInstall ? "INSTALL" : status == KOAppStatusUpdate ? "UPDATE" : nullptr;
     if (!name) return;
     trackEvent(KOValue(name));
+    if (!disableInApps_) KOInAppV2Handler::sharedInstance().smartTriggerInAppForEvent(name, KOValue());
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - Exception while tracking  INSTALL/UPDATE %@", e);
   }
@@ -166,11 +169,13 @@ void Kovantis::stop(KOApplication*) { KOLogger::logPlain("Kovantis - stop method
 void Kovantis::trackEvent(const KOValue& name, const KOValue& andPayload) {
   KOLogger::guard(KO_HERE, this, "Kovantis - exception is %@",
                   [&] { KOEventsHandler::sharedInstance().trackEvent(name, andPayload); });
+  checkInAppTrigger(name, andPayload);
 }
 
 void Kovantis::trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload) {
   KOLogger::guard(KO_HERE, this, "Kovantis - exception is %@",
                   [&] { KOEventsHandler::sharedInstance().trackEvent(name, builderPayload); });
+  checkInAppTrigger(name, KOValue());
 }
 
 // -------------------------------------------------------------------------------- user attributes
@@ -397,6 +402,7 @@ void Kovantis::updateModules() {
   KOLogger::guard(KO_HERE, this, "Kovantis - exception while updating modules %@", [&] {
     KOServerInterface::sharedInstance().getConfigForKovantis();
     if (!disableInbox_) getInboxMessages();
+    if (!disableInApps_) KOInAppV2Handler::sharedInstance().getInAppCampaigns();
     if (!KovantisUtils::getDeviceToken().isAbsent() && !disableBadgeReset_) {
       platform().application->setApplicationIconBadgeNumber(0);
     }
@@ -407,6 +413,30 @@ void Kovantis::updateModules() {
 }
 
 void Kovantis::getInboxMessages() { KOInboxHandler::getInboxMessagesWithCompletion(nullptr); }
+
+// ---------------------------------------------------------------------------------------- in-apps
+
+void Kovantis::checkInAppTrigger(const KOValue& name, const KOValue& payload) {
+  if (disableInApps_ || !name.isString()) return;
+  KOInAppV2Handler::sharedInstance().checkTriggerWithEventName(name.stringValue(), payload);
+}
+
+void Kovantis::handleInAppMessage() { handleInAppMessageForViewController(nullptr); }
+
+void Kovantis::handleInAppMessageForViewController(const KOViewController* viewController) {
+  KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
+    if (disableInApps_ || !KOInAppV2Handler::canShowInAppWithPreConditions()) return;
+    KOInAppV2Handler::sharedInstance().showInAppForViewController(viewController);
+  });
+}
+
+void Kovantis::dontShowInAppInViewController(const KOViewController* viewController) {
+  KOInAppV2Handler::sharedInstance().dontShowInAppInViewController(viewController);
+}
+
+KOArray Kovantis::inAppDecisionReport(const KOViewController* viewController) {
+  return KOInAppV2Handler::sharedInstance().decisionReport(viewController);
+}
 
 void Kovantis::syncOnSessionTerminationWithApplication(KOApplication* application) {
   KOLogger::guard(KO_HERE, this, "Kovantis - exception while trying to sync data : %@", [&] {
@@ -431,6 +461,7 @@ void Kovantis::flush(std::function<void(bool allDelivered)> completion) {
 
 void Kovantis::initNewUser() {
   KOLogger::logPlain("Kovantis - Creating new user now");
+  if (!disableInApps_) KOInAppV2Handler::sharedInstance().getInAppCampaigns();
   addDeviceWithCompletion([this](bool registered) {
     try {
       const KOValue advertisingId = KovantisUtils::getSavedAdvertisingID();

@@ -129,7 +129,21 @@ class Kovantis {
   /// Fetches new inbox messages from the service (KOInbox lists and deletes them).
   void getInboxMessages();
 
+  // In-app messages.
+  /// Shows the best stored campaign the rules allow on the top screen (or the one given).
+  void handleInAppMessage();
+  void handleInAppMessageForViewController(const KOViewController* viewController);
+  /// No in-app shows on this screen from now on.
+  void dontShowInAppInViewController(const KOViewController* viewController);
+  /// Every stored campaign with whether it would show now on the screen (the top one when none is
+  /// given) and, if not, the first rule that refuses it: [{"cid", "type", "shows", "refusedBy",
+  /// "minutesLeft"}] in the order campaigns are considered. "refusedBy" is one of "wrongType",
+  /// "globalDelay", "expired", "messageDelay", "clicked", "shownMaxTimes", "keyboard",
+  /// "otherScreen", "blockedScreen", "imagesFailed".
+  KOArray inAppDecisionReport(const KOViewController* viewController = nullptr);
+
  private:
+  void checkInAppTrigger(const KOValue& name, const KOValue& payload);
   /// Connects the handlers that hear of the lifecycle and of a user reset by notification.
   Kovantis();
   void start(const KOValue& apiKey, bool openDeeplinkUrlAutomatically);
