@@ -298,6 +298,8 @@ class KOUserInterface {
   /// the screen cannot be shown (no host).
   virtual std::shared_ptr<KOPresentedScreen> embedScreen(const KOViewController* host, KOViewDescription screen,
                                                          KOViewEventHandler onEvent) = 0;
+  /// Puts the text on the general pasteboard.
+  virtual void setPasteboardString(const std::string& text) = 0;
   /// Shows a screen the SDK built over whatever is on screen (an in-app message), until removed.
   virtual std::shared_ptr<KOPresentedScreen> presentScreen(KOViewDescription screen, KOViewEventHandler onEvent) = 0;
 };

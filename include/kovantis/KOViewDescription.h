@@ -29,6 +29,8 @@ enum class KOViewKind {
   Button,     // text on a tappable background
   List,       // a scrolling list; its children are rows
   Row,        // one row of a list
+  Rating,     // stars the user sets: `value` of `maximum`
+  TextField,  // text the user types; `text` is what it holds
 };
 
 enum class KOTextAlignment { Left, Center, Right };
@@ -54,10 +56,14 @@ struct KOViewDescription {
   std::string image;
   /// A row the user may delete with a swipe.
   bool deletable = false;
+  /// A rating's stars.
+  double value = 0;
+  double maximum = 0;
   std::vector<KOViewDescription> children;
 
   /// The view with the tag in this tree, depth first; nullptr when none has it.
   const KOViewDescription* findTag(std::int64_t tag) const;
+  KOViewDescription* findTag(std::int64_t tag);
   /// The description as a dictionary (kind names as text, frames as {"x","y","width","height"}),
   /// the form screen records and pictures read.
   KOValue toValue() const;
@@ -71,6 +77,8 @@ class KOPresentedScreen {
   virtual ~KOPresentedScreen() = default;
   virtual void update(KOViewDescription screen) = 0;
   virtual void remove() = 0;
+  /// What the user made of an input view (a rating set, text typed); nothing for another view.
+  virtual std::optional<KOView> viewWithTag(std::int64_t tag) const = 0;
 };
 
 #pragma GCC visibility pop

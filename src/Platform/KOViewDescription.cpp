@@ -51,24 +51,36 @@ const char* KOViewDescription::kindName(KOViewKind kind) {
       return "list";
     case KOViewKind::Row:
       return "row";
+    case KOViewKind::Rating:
+      return "rating";
+    case KOViewKind::TextField:
+      return "textField";
     case KOViewKind::Container:
       break;
   }
   return "container";
 }
 
-const KOViewDescription* KOViewDescription::findTag(std::int64_t wanted) const {
+namespace {
+// Depth first with an explicit stack: a description is data from the core, but depth costs
+// nothing to bound.
+template <typename View>
+View* findIn(View* root, std::int64_t wanted) {
   if (wanted == 0) return nullptr;
-  // An explicit stack: a description is data from the core, but depth costs nothing to bound.
-  std::vector<const KOViewDescription*> pending{this};
+  std::vector<View*> pending{root};
   while (!pending.empty()) {
-    const KOViewDescription* view = pending.back();
+    View* view = pending.back();
     pending.pop_back();
     if (view->tag == wanted) return view;
     for (auto it = view->children.rbegin(); it != view->children.rend(); ++it) pending.push_back(&*it);
   }
   return nullptr;
 }
+}  // namespace
+
+const KOViewDescription* KOViewDescription::findTag(std::int64_t wanted) const { return findIn(this, wanted); }
+
+KOViewDescription* KOViewDescription::findTag(std::int64_t wanted) { return findIn(this, wanted); }
 
 KOValue KOViewDescription::toValue() const {
   KODictionary d;
@@ -76,7 +88,8 @@ KOValue KOViewDescription::toValue() const {
   if (tag != 0) d.set("tag", tag);
   d.set("frame", KODictionary{{"x", frame.x}, {"y", frame.y}, {"width", frame.width}, {"height", frame.height}});
   if (!text.empty()) d.set("text", text);
-  if (kind == KOViewKind::Label || kind == KOViewKind::Button || kind == KOViewKind::Screen) {
+  if (kind == KOViewKind::Label || kind == KOViewKind::Button || kind == KOViewKind::Screen ||
+      kind == KOViewKind::TextField) {
     d.set("font", KODictionary{{"name", font.name}, {"size", font.pointSize}});
     d.set("lines", static_cast<std::int64_t>(numberOfLines));
     d.set("alignment", alignmentName(alignment));
@@ -85,6 +98,10 @@ KOValue KOViewDescription::toValue() const {
   if (backgroundColor) d.set("backgroundColor", hexColor(*backgroundColor));
   if (!image.empty()) d.set("image", image);
   if (deletable) d.set("deletable", true);
+  if (kind == KOViewKind::Rating) {
+    d.set("value", value);
+    d.set("maximum", maximum);
+  }
   if (!children.empty()) {
     KOArray list;
     list.reserve(children.size());

@@ -173,6 +173,7 @@ class KOForwardingUserInterface : public KOForwarding<KOUserInterface> {
                                                  KOViewEventHandler onEvent) override {
     return target().embedScreen(host, std::move(screen), std::move(onEvent));
   }
+  void setPasteboardString(const std::string& text) override { target().setPasteboardString(text); }
   std::shared_ptr<KOPresentedScreen> presentScreen(KOViewDescription screen, KOViewEventHandler onEvent) override {
     return target().presentScreen(std::move(screen), std::move(onEvent));
   }

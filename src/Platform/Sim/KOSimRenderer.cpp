@@ -145,6 +145,27 @@ class Writer {
         out += "</g>\n";
         return;
       }
+      case KOViewKind::Rating: {
+        KOViewDescription stars = v;
+        stars.text.clear();
+        const int total = static_cast<int>(std::clamp(v.maximum, 0.0, 10.0));
+        const int filled = static_cast<int>(std::clamp(std::round(v.value), 0.0, 10.0));
+        for (int i = 0; i < total; ++i) stars.text += i < filled ? "\u2605" : "\u2606";
+        if (!stars.textColor) stars.textColor = KOColor{1, 0.7, 0, 1};
+        text(stars, x, y, KOTextAlignment::Center, true);
+        break;
+      }
+      case KOViewKind::TextField:
+        out += "<rect x=\"" + number(x + v.frame.x) + "\" y=\"" + number(y + v.frame.y) + "\" width=\"" +
+               number(v.frame.width) + "\" height=\"" + number(v.frame.height) +
+               "\" rx=\"4\" fill=\"white\" stroke=\"rgb(180,180,185)\"/>\n";
+        {
+          KOViewDescription inside = v;
+          inside.frame.x += 8;
+          inside.frame.width -= 16;
+          text(inside, x, y, KOTextAlignment::Left, true);
+        }
+        break;
       case KOViewKind::Screen:
       case KOViewKind::Container:
       case KOViewKind::Row:

@@ -125,6 +125,10 @@ class SimPresentedScreen : public KOPresentedScreen {
   void remove() override {
     if (auto ui = ui_.lock()) ui->removeEmbeddedScreen(seq_);
   }
+  std::optional<KOView> viewWithTag(std::int64_t tag) const override {
+    auto ui = ui_.lock();
+    return ui ? ui->inputView(seq_, tag) : std::nullopt;
+  }
 
  private:
   std::weak_ptr<KOSimUserInterface> ui_;
@@ -188,24 +192,70 @@ std::string KOSimUserInterface::renderPresentedScreen() const {
   return screen ? KOSimRenderer::svg(*screen) : std::string();
 }
 
+KOSimUserInterface::EmbeddedScreen* KOSimUserInterface::topmostLocked() {
+  // A presented screen covers every embedded one.
+  auto it = std::find_if(embedded_.rbegin(), embedded_.rend(),
+                         [](const EmbeddedScreen& s) { return !s.removed && s.presented; });
+  if (it == embedded_.rend()) {
+    it = std::find_if(embedded_.rbegin(), embedded_.rend(), [](const EmbeddedScreen& s) { return !s.removed; });
+  }
+  return it == embedded_.rend() ? nullptr : &*it;
+}
+
 bool KOSimUserInterface::sendEvent(std::int64_t tag, KOViewEvent event) {
   KOViewEventHandler handler;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    // A presented screen covers every embedded one.
-    auto it = std::find_if(embedded_.rbegin(), embedded_.rend(),
-                           [](const EmbeddedScreen& s) { return !s.removed && s.presented; });
-    if (it == embedded_.rend()) {
-      it = std::find_if(embedded_.rbegin(), embedded_.rend(), [](const EmbeddedScreen& s) { return !s.removed; });
-    }
-    if (it == embedded_.rend()) return false;
-    const KOViewDescription* view = it->view.findTag(tag);
+    EmbeddedScreen* top = topmostLocked();
+    if (!top) return false;
+    const KOViewDescription* view = top->view.findTag(tag);
     if (!view || (event == KOViewEvent::SwipeDelete && !view->deletable)) return false;
-    handler = it->onEvent;
+    handler = top->onEvent;
   }
   // Outside the lock: the SDK answers by updating the screen.
   if (handler) handler(tag, event);
   return true;
+}
+
+bool KOSimUserInterface::setRating(std::int64_t tag, double stars) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  EmbeddedScreen* top = topmostLocked();
+  KOViewDescription* view = top ? top->view.findTag(tag) : nullptr;
+  if (!view || view->kind != KOViewKind::Rating) return false;
+  view->value = std::clamp(stars, 0.0, view->maximum);
+  return true;
+}
+
+bool KOSimUserInterface::typeText(std::int64_t tag, const std::string& text) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  EmbeddedScreen* top = topmostLocked();
+  KOViewDescription* view = top ? top->view.findTag(tag) : nullptr;
+  if (!view || view->kind != KOViewKind::TextField) return false;
+  view->text = text;
+  return true;
+}
+
+std::optional<KOView> KOSimUserInterface::inputView(std::int64_t seq, std::int64_t tag) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const EmbeddedScreen& shown : embedded_) {
+    if (shown.seq != seq) continue;
+    const KOViewDescription* view = shown.view.findTag(tag);
+    if (!view) return std::nullopt;
+    if (view->kind == KOViewKind::Rating) return KOView{KOWidgetKind::StarRating, view->value, false, ""};
+    if (view->kind == KOViewKind::TextField) return KOView{KOWidgetKind::TextField, 0, false, view->text};
+    return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+void KOSimUserInterface::setPasteboardString(const std::string& text) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  pasteboard_ = text;
+}
+
+std::string KOSimUserInterface::pasteboardString() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return pasteboard_;
 }
 
 bool KOSimUserInterface::tapView(std::int64_t tag) { return sendEvent(tag, KOViewEvent::Tap); }

@@ -45,6 +45,7 @@ class KOSimUserInterface : public KOUserInterface, public std::enable_shared_fro
   std::shared_ptr<KOPresentedScreen> embedScreen(const KOViewController* host, KOViewDescription screen,
                                                  KOViewEventHandler onEvent) override;
   std::shared_ptr<KOPresentedScreen> presentScreen(KOViewDescription screen, KOViewEventHandler onEvent) override;
+  void setPasteboardString(const std::string& text) override;
 
   // Scripting and inspection.
   void setSupportsAlertController(bool supported);
@@ -66,6 +67,14 @@ class KOSimUserInterface : public KOUserInterface, public std::enable_shared_fro
   /// the row cannot be deleted.
   bool tapView(std::int64_t tag);
   bool swipeToDelete(std::int64_t tag);
+  /// The user sets a rating's stars or types into a text field on the topmost screen; false when
+  /// there is no such input view.
+  bool setRating(std::int64_t tag, double stars);
+  bool typeText(std::int64_t tag, const std::string& text);
+  /// What the topmost screen's input view with the tag holds.
+  std::optional<KOView> inputView(std::int64_t seq, std::int64_t tag) const;
+  /// The text on the general pasteboard.
+  std::string pasteboardString() const;
   /// The newest embedded screen as an SVG picture ("" when none is shown).
   std::string renderEmbeddedScreen() const;
   /// The newest presented screen as an SVG picture ("" when none is shown).
@@ -91,6 +100,8 @@ class KOSimUserInterface : public KOUserInterface, public std::enable_shared_fro
   };
 
   std::optional<KOViewDescription> newest(bool presented) const;
+  // The topmost shown screen (presented over embedded); nullptr when none. Under mutex_.
+  EmbeddedScreen* topmostLocked();
 
   bool sendEvent(std::int64_t tag, KOViewEvent event);
 
@@ -102,4 +113,5 @@ class KOSimUserInterface : public KOUserInterface, public std::enable_shared_fro
   // The actions behind the alerts on the record; the record itself keeps only their titles.
   std::vector<ShownAlert> shownAlerts_;
   std::vector<EmbeddedScreen> embedded_;
+  std::string pasteboard_;
 };
