@@ -19,10 +19,11 @@ namespace {
 constexpr double kNow = 1800000000;
 
 std::string campaignJSON(const std::string& cid, const std::string& extra = "") {
-  return R"({"cid": ")" + cid + R"(", "status": "active", "type": "general", "ttl": )" +
-         std::to_string(kNow + 86400) + R"(, "max_times": 3, "priority": 1, "last_updated": 1799990000000)" + extra +
+  return R"({"cid": ")" + cid + R"(", "status": "active", "type": "general", "ttl": )" + std::to_string(kNow + 86400) +
+         R"(, "max_times": 3, "priority": 1, "last_updated": 1799990000000)" + extra +
          R"(, "widgets": [{"id": 1, "type": "text", "content": "Spring sale: 20% off everything"},
-                          {"id": 2, "type": "button", "content": "Shop now", "primary": true},
+                          {"id": 2, "type": "button", "content": "Shop now", "primary": true,
+                           "action": [{"tag": "m_dismiss"}]},
                           {"id": 3, "type": "closebutton"}]})";
 }
 
@@ -85,7 +86,7 @@ struct RuleCase {
   std::string screen;
   bool keyboard;
   bool blockScreen;
-  double advance;  // seconds the clock moves after storing
+  double advance;         // seconds the clock moves after storing
   std::string refusedBy;  // "" when it shows
   std::int64_t minutesLeft;
 };
@@ -122,10 +123,26 @@ TEST_F(InAppHandlerTest, TheDecisionReportAgreesWithWhatShowsForEveryRule) {
       {"clicked, even false", "", {{"isClicked", false}}, -1, "Home", false, false, 0, "clicked", 0},
       {"clicked but persistent", R"(, "persistent": true)", {{"isClicked", true}}, -1, "Home", false, false, 0, "", 0},
       {"shown max times as text", "", {{"timesShown", "3"}}, -1, "Home", false, false, 0, "shownMaxTimes", 0},
-      {"screen matches ignoring case", R"(, "show_only_screen": "HomeViewController")", {}, -1,
-       "homeviewcontroller", false, false, 0, "", 0},
-      {"other screen", R"(, "show_only_screen": "HomeViewController")", {}, -1, "Cart", false, false, 0,
-       "otherScreen", 0},
+      {"screen matches ignoring case",
+       R"(, "show_only_screen": "HomeViewController")",
+       {},
+       -1,
+       "homeviewcontroller",
+       false,
+       false,
+       0,
+       "",
+       0},
+      {"other screen",
+       R"(, "show_only_screen": "HomeViewController")",
+       {},
+       -1,
+       "Cart",
+       false,
+       false,
+       0,
+       "otherScreen",
+       0},
       {"blocked screen", "", {}, -1, "Checkout", false, true, 0, "blockedScreen", 0},
       {"keyboard", "", {}, -1, "Home", true, false, 0, "keyboard", 0},
       {"wrong type", R"(, "type": "smart")", {}, -1, "Home", false, false, 0, "wrongType", 0},
@@ -214,8 +231,7 @@ TEST_F(InAppHandlerTest, TheFetchSendsItsStampAndHeldIdsAndAnswersAShowAskedMean
 TEST_F(InAppHandlerTest, ATrackedEventOnTheTriggerListFetchesAndShowsItsCampaign) {
   startClean();
   store(R"({"cid": "seed", "status": "active", "type": "smart", "ttl": 1900000000})");
-  KOInAppV2Manager::saveInAppCampaignsWithData(KOJSONSerialization::parse(R"({"event_list": ["ADD_TO_CART"]})"),
-                                               [] {});
+  KOInAppV2Manager::saveInAppCampaignsWithData(KOJSONSerialization::parse(R"({"event_list": ["ADD_TO_CART"]})"), [] {});
   emulator().seed(R"({"smart_triggers": {"ADD_TO_CART": )" + campaignJSON("smart-1", R"(, "type": "smart")") + "}}");
   sdk().trackEvent(KOValue("PRODUCT_VIEWED"));
   sdk().trackEvent(KOValue("ADD_TO_CART"), KOValue(KODictionary{{"sku", "A-1"}}));

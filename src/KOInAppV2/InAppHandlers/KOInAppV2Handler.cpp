@@ -5,10 +5,12 @@
 #include <cmath>
 #include <cstdlib>
 #include <exception>
+#include <map>
 #include <utility>
 
 #include "KODataHandler/KOEventsHandler.h"
 #include "KOInAppV2/InAppHandlers/KODownloadManager.h"
+#include "KOInAppV2/InAppHandlers/KOInAppV2ActionHandler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInAppV2/InAppView/KOInAppV2ViewBuilder.h"
 #include "KOUtilities/KOLogger.h"
@@ -38,7 +40,8 @@ std::optional<double> secondsOf(const KOValue& value) {
 
 // Whole minutes from then to now, as hours and minutes counted.
 std::int64_t minutesSince(double then) {
-  const KODateComponents d = KovantisDateUtils::getTimeDifferenceBetweenDate(KODate{then}, KODate{KovantisDateUtils::now()});
+  const KODateComponents d =
+      KovantisDateUtils::getTimeDifferenceBetweenDate(KODate{then}, KODate{KovantisDateUtils::now()});
   return d.hour >= 1 ? d.hour * 60 + d.minute : d.minute;
 }
 
@@ -105,8 +108,9 @@ bool KOInAppV2Handler::canShowInAppWithPreConditions() {
   const std::optional<double> last = secondsOf(KovantisUtils::getLastInAppShowedTime());
   const std::int64_t elapsed = last ? minutesSince(*last) : 0;
   delay += elapsed;
-  refusal(KO_HERE, KOStringFormat::format("Kovantis - in app not shown bcoz last inapp was shown less than %ld mins ago - %ld",
-                                          {KOValue(delay), KOValue(elapsed)}));
+  refusal(KO_HERE,
+          KOStringFormat::format("Kovantis - in app not shown bcoz last inapp was shown less than %ld mins ago - %ld",
+                                 {KOValue(delay), KOValue(elapsed)}));
   return false;
 }
 
@@ -129,10 +133,12 @@ bool KOInAppV2Handler::canShowInApp(const KOInAppV2CampaignPropertiesObject& cam
   const KOInAppDecision decision = campaignDecision(campaign);
   const KOValue cid(campaign.campaignId());
   if (decision.refusedBy == kExpired) {
-    refusal(KO_HERE, KOStringFormat::format("Kovantis - Campaign not shown because it is expired; Campaign ID : %@", {cid}));
+    refusal(KO_HERE,
+            KOStringFormat::format("Kovantis - Campaign not shown because it is expired; Campaign ID : %@", {cid}));
   } else if (decision.refusedBy == kMessageDelay) {
-    refusal(KO_HERE, KOStringFormat::format(
-                         "Kovantis - Campaign not shown because it was last shown before it's message delay: %@", {cid}));
+    refusal(KO_HERE,
+            KOStringFormat::format(
+                "Kovantis - Campaign not shown because it was last shown before it's message delay: %@", {cid}));
   } else if (decision.refusedBy == kClicked) {
     refusal(KO_HERE,
             KOStringFormat::format("Kovantis - Campaign not shown because primary action was clicked : %@", {cid}));
@@ -226,9 +232,8 @@ void KOInAppV2Handler::getInAppCampaigns() {
             if (showNow) showInAppForViewController(nullptr);
           };
           if (!response.isDictionary()) return finished();
-          KOInAppV2Manager::saveInAppCampaignsWithData(response, [asked] {
-            KovantisUtils::saveLastUpdatedTimeForInApps(KOValue(KODate{asked}));
-          });
+          KOInAppV2Manager::saveInAppCampaignsWithData(
+              response, [asked] { KovantisUtils::saveLastUpdatedTimeForInApps(KOValue(KODate{asked})); });
           finished();
         });
   } catch (const std::exception& e) {
@@ -270,8 +275,9 @@ void KOInAppV2Handler::showInAppForViewController(const KOViewController* viewCo
       }
       if (!campaign.showOnlyInScreen().empty()) {
         if (!sameIgnoringCase(campaign.showOnlyInScreen(), screen) || !canShowInApp(campaign)) continue;
-        refusal(KO_HERE, KOStringFormat::format("Kovantis - ShowOnlyInScreen %@ check passed; CampaignID : %@",
-                                                {KOValue(campaign.showOnlyInScreen()), KOValue(campaign.campaignId())}));
+        refusal(KO_HERE,
+                KOStringFormat::format("Kovantis - ShowOnlyInScreen %@ check passed; CampaignID : %@",
+                                       {KOValue(campaign.showOnlyInScreen()), KOValue(campaign.campaignId())}));
       } else if (!canShowInApp(campaign)) {
         continue;
       }
@@ -377,29 +383,30 @@ void KOInAppV2Handler::showInAppV2WithObject(std::shared_ptr<const KOInAppV2Obje
     KOArray urls;
     for (const auto& image : images) urls.push_back(image.second);
     auto manager = std::make_shared<KODownloadManager>();
-    manager->download(urls, [this, inApp, images, manager, screen](bool success, const KOValue&, const KOValue& results) {
-      const std::string cid = inApp->campaignPropertiesObject().campaignId();
-      if (!success || !results.isArray()) {
-        {
-          std::lock_guard<std::mutex> lock(mutex_);
-          imagesFailed_.insert(cid);
-        }
-        refusal(KO_HERE, "Kovantis - In App not shown because image download failed");
-        return;
-      }
-      const KOArray& data = results.arrayValue();
-      for (std::size_t i = 0; i < data.size() && i < images.size(); ++i) {
-        const KOValue& bytes = validObjectForKey(data[i], "data");
-        if (!bytes.isData()) continue;
-        KOInAppV2Manager::writeInAppImageData(bytes.dataValue(), "_" + std::to_string(images[i].first), *inApp,
-                                              integerOf(validObjectForKey(data[i], "isGif")) != 0);
-      }
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        imagesFailed_.erase(cid);
-      }
-      present(inApp, screen);
-    });
+    manager->download(
+        urls, [this, inApp, images, manager, screen](bool success, const KOValue&, const KOValue& results) {
+          const std::string cid = inApp->campaignPropertiesObject().campaignId();
+          if (!success || !results.isArray()) {
+            {
+              std::lock_guard<std::mutex> lock(mutex_);
+              imagesFailed_.insert(cid);
+            }
+            refusal(KO_HERE, "Kovantis - In App not shown because image download failed");
+            return;
+          }
+          const KOArray& data = results.arrayValue();
+          for (std::size_t i = 0; i < data.size() && i < images.size(); ++i) {
+            const KOValue& bytes = validObjectForKey(data[i], "data");
+            if (!bytes.isData()) continue;
+            KOInAppV2Manager::writeInAppImageData(bytes.dataValue(), "_" + std::to_string(images[i].first), *inApp,
+                                                  integerOf(validObjectForKey(data[i], "isGif")) != 0);
+          }
+          {
+            std::lock_guard<std::mutex> lock(mutex_);
+            imagesFailed_.erase(cid);
+          }
+          present(inApp, screen);
+        });
   } catch (const std::exception& e) {
     KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
                          KOStringFormat::format("Kovantis - InApp Exception %@", {KOValue(e.what())}));
@@ -410,7 +417,8 @@ void KOInAppV2Handler::present(const std::shared_ptr<const KOInAppV2Object>& inA
   KOLogger::guard(KO_HERE, this, "Kovantis - InApp Exception %@", [&] {
     const KOInAppV2CampaignPropertiesObject& campaign = inApp->campaignPropertiesObject();
     const KOInAppDecision decision = screenDecision(campaign, screen);
-    if (decision.refusedBy == kKeyboard) return refusal(KO_HERE, "Kovantis - In App not shown because Keyboard present");
+    if (decision.refusedBy == kKeyboard)
+      return refusal(KO_HERE, "Kovantis - In App not shown because Keyboard present");
     if (decision.refusedBy == kOtherScreen) {
       return refusal(KO_HERE, KOStringFormat::format("Kovantis - In App not shown because show only in screen "
                                                      "validation failed. The screen name for which in-app was "
@@ -428,14 +436,32 @@ void KOInAppV2Handler::present(const std::shared_ptr<const KOInAppV2Object>& inA
     }
     const KOSize size{KovantisUtils::screenWidthForInApp(), KovantisUtils::screenHeightForInApp()};
     const std::string cid = campaign.campaignId();
+    KOViewDescription description = KOInAppV2ViewBuilder::describe(*inApp, size);
+    // A tap reaches the action handler's entry for the kind of view it hit.
+    auto kinds = std::make_shared<std::map<std::int64_t, KOViewKind>>();
+    std::vector<const KOViewDescription*> pending{&description};
+    while (!pending.empty()) {
+      const KOViewDescription* view = pending.back();
+      pending.pop_back();
+      if (view->tag != 0) kinds->emplace(view->tag, view->kind);
+      for (const auto& child : view->children) pending.push_back(&child);
+    }
     auto shown = KOPlatform::current().userInterface->presentScreen(
-        KOInAppV2ViewBuilder::describe(*inApp, size), [this, inApp](std::int64_t, KOViewEvent) {
-          // Until the actions land, any tap on the message records the click of a primary widget
-          // and takes the message away.
-          KOInAppV2Manager::writeToPlistForInAppClickedWithButtonType(1, *inApp);
-          dismissInApp();
+        std::move(description), [kinds](std::int64_t tag, KOViewEvent event) {
+          if (event != KOViewEvent::Tap) return;
+          KOInAppV2ActionHandler& actions = KOInAppV2ActionHandler::sharedInstance();
+          const auto kind = kinds->find(tag);
+          if (kind == kinds->end()) return;
+          if (kind->second == KOViewKind::Button) {
+            actions.buttonTapped(tag, false);
+          } else if (kind->second == KOViewKind::Image) {
+            actions.imageViewTapped(tag, false);
+          } else {
+            actions.labelTapped(tag, false);
+          }
         });
     if (!shown) return;
+    KOInAppV2ActionHandler::sharedInstance().setInAppObject(inApp, shown, [this] { dismissInApp(); });
     {
       std::lock_guard<std::mutex> lock(mutex_);
       onScreen_ = std::move(shown);
@@ -444,8 +470,8 @@ void KOInAppV2Handler::present(const std::shared_ptr<const KOInAppV2Object>& inA
     KOInAppV2Manager::writeToPlistToUpdateInAppNumberOfTimesShownWithInAppObject(*inApp);
     saveLastShownTimeAndTrackEventForInApp(*inApp, campaign.inAppType() == KOInAppV2TypeTest);
     if (inApp->autoDismissInterval() > 0) {
-      const KODispatchToken token = KOPlatform::current().dispatch->afterMain(
-          static_cast<double>(inApp->autoDismissInterval()), [this, cid] {
+      const KODispatchToken token =
+          KOPlatform::current().dispatch->afterMain(static_cast<double>(inApp->autoDismissInterval()), [this, cid] {
             {
               std::lock_guard<std::mutex> lock(mutex_);
               if (onScreenCampaign_ != cid || !onScreen_) return;
@@ -484,6 +510,59 @@ void KOInAppV2Handler::trackInAppShownForCampaignID(const std::string& campaignI
 }
 
 void KOInAppV2Handler::trackInAppAutoDismissForCampaignID(const std::string& campaignID) {
-  KOEventsHandler::sharedInstance().trackEvent(KOValue(INAPP_AUTO_DISMISS),
-                                               KOValue(KODictionary{{"cid", campaignID}}));
+  KOEventsHandler::sharedInstance().trackEvent(KOValue(INAPP_AUTO_DISMISS), KOValue(KODictionary{{"cid", campaignID}}));
+}
+
+// ------------------------------------------------------------------- single and self-handled
+
+void KOInAppV2Handler::returnSelfHandledInAppData(const KOInAppV2Object& inApp) {
+  const auto& host = KOInAppV2ActionHandler::sharedInstance().host();
+  const auto delegate = host.delegate ? host.delegate() : nullptr;
+  if (!delegate) return;
+  delegate->selfHandledInAppWithData(KODictionary{{"campaign_id", inApp.campaignPropertiesObject().campaignId()},
+                                                  {"content", inApp.selfHandledcontent()}});
+}
+
+void KOInAppV2Handler::fetchAndShowInAppForCampaignID(const std::string& campaignID, bool forTestInApp) {
+  KOServerInterface::sharedInstance().getInAppForCampaignID(
+      campaignID, [campaignID, forTestInApp](const KOValue& response) {
+        KOLogger::guard(KO_HERE, nullptr, "Kovantis - InApp Exception %@", [&] {
+          const KOValue cid(campaignID);
+          if (!response.isDictionary()) {
+            refusal(KO_HERE, KOStringFormat::format(
+                                 "Kovantis - error while getting specific campaign from server. cid is %@", {cid}));
+            if (forTestInApp) {
+              KovantisUtils::showAlertViewWithMessage(
+                  KOStringFormat::format("Network Error: Could not show test In-App.\n CampaignId : %@.\n Please try "
+                                         "again or contact Kovantis Support with the screenshot.",
+                                         {cid}),
+                  "ERROR");
+            }
+            return;
+          }
+          const KOValue& reason = validObjectForKey(response, "reason");
+          const KOValue& list = validObjectForKey(response, KO_INAPP_CAMPAIGN_INFO_KEY);
+          if (!reason.isAbsent() || !list.isArray() || list.arrayValue().empty()) {
+            if (forTestInApp) {
+              std::string message =
+                  KOStringFormat::format("Error while trying to show In-App campaign.\n CampaignId: %@.\n", {cid});
+              if (reason.isString() && !reason.stringValue().empty()) {
+                message += KOStringFormat::format("Reason: %@\n", {reason});
+              }
+              message += "Please try again or contact Kovantis Support with the screenshot";
+              KovantisUtils::showAlertViewWithMessage(message, "ERROR");
+            }
+            return;
+          }
+          const KOValue& campaign = list.arrayValue()[0];
+          const KOInAppV2CampaignPropertiesObject properties(campaign);
+          auto inApp = std::make_shared<const KOInAppV2Object>(campaign, properties);
+          if (properties.inAppType() == KOInAppV2TypeSelfHandled ||
+              inApp->alignmentType() == KOInAppV2AlignmentSelfHandled) {
+            returnSelfHandledInAppData(*inApp);
+          } else {
+            sharedInstance().showInAppV2WithObject(std::move(inApp));
+          }
+        });
+      });
 }

@@ -70,6 +70,11 @@ class KOInAppV2Handler {
   /// The same for the named screen (the one a show was asked for), not the top one.
   void showInAppV2WithObject(std::shared_ptr<const KOInAppV2Object> inApp, std::string screen);
   void saveLastShownTimeAndTrackEventForInApp(const KOInAppV2Object& inApp, bool forTestCampaign);
+  /// Fetches one campaign (a linked one, a pushed one, a test) and shows it, hands it to the host
+  /// when it is self-handled; a test campaign that fails says why in an alert.
+  static void fetchAndShowInAppForCampaignID(const std::string& campaignID, bool forTestInApp);
+  /// Hands a self-handled campaign to the host app's delegate.
+  static void returnSelfHandledInAppData(const KOInAppV2Object& inApp);
   static void trackInAppShownForCampaignID(const std::string& campaignID);
   static void trackInAppAutoDismissForCampaignID(const std::string& campaignID);
 

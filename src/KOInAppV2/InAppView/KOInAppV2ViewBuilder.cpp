@@ -11,14 +11,6 @@ const KOColor kWhite{1, 1, 1, 1};
 const KOColor kBackdrop{0, 0, 0, 0.4};
 const KOColor kButton{0.0, 0.48, 1.0, 1};
 
-std::string stars(double rating, double maximum) {
-  const int total = static_cast<int>(std::clamp(std::isfinite(maximum) ? maximum : 5.0, 0.0, 10.0));
-  const int filled = static_cast<int>(std::clamp(std::isfinite(rating) ? std::round(rating) : 0.0, 0.0, 10.0));
-  std::string text;
-  for (int i = 0; i < total; ++i) text += i < filled ? "\u2605" : "\u2606";
-  return text;
-}
-
 class Layout {
  public:
   Layout(const KOInAppV2Object& inApp, const KOUserInterface& ui) : inApp_(inApp), ui_(ui) {}
@@ -47,13 +39,18 @@ class Layout {
         view.image = KOInAppV2ViewBuilder::imagePathForWidget(inApp_, widget.widgetId());
         view.frame = KORect{x, y, width, width / 2};
         break;
-      case KOInAppV2WidgetRating:
-        view.kind = KOViewKind::Label;
-        view.alignment = KOTextAlignment::Center;
+      case KOInAppV2WidgetRating: {
+        const KOInAppV2PropertiesObject& p = widget.propertiesObject();
+        view.kind = KOViewKind::Rating;
+        view.text.clear();
         view.font.pointSize = 24;
-        view.text = stars(widget.propertiesObject().defaultRating(), widget.propertiesObject().maxRating());
+        view.maximum = std::isfinite(p.maxRating()) ? std::clamp(static_cast<double>(p.maxRating()), 0.0, 10.0) : 5;
+        view.value = std::isfinite(p.defaultRating())
+                         ? std::clamp(static_cast<double>(p.defaultRating()), 0.0, view.maximum)
+                         : 0;
         view.frame = KORect{x, y, width, KOInAppV2ViewBuilder::kRatingHeight};
         break;
+      }
       case KOInAppV2WidgetCloseButton:
       case KOInAppV2WidgetUnknown:
         if (widget.type() == KOInAppV2WidgetCloseButton) closeButtons_.push_back(widget.widgetId());
@@ -74,8 +71,8 @@ class Layout {
   double stack(const KOInAppV2WidgetList& list, double x, double y, double width, KOViewDescription& card) {
     double used = 0;
     for (const KOInAppV2WidgetEntry& entry : list) {
-      const double height = entry.isList() ? row(entry.list, x, y + used, width, card)
-                                           : place(*entry.widget, x, y + used, width, card);
+      const double height =
+          entry.isList() ? row(entry.list, x, y + used, width, card) : place(*entry.widget, x, y + used, width, card);
       if (height > 0) used += height + KOInAppV2ViewBuilder::kSpacing;
     }
     return used > 0 ? used - KOInAppV2ViewBuilder::kSpacing : 0;
