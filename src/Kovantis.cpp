@@ -4,6 +4,7 @@
 
 #include "KODataHandler/KOEventsHandler.h"
 #include "KODataHandler/KOUserAttributesHandler.h"
+#include "KOInAppV2/InAppHandlers/KOInAppV2ActionHandler.h"
 #include "KOInAppV2/InAppHandlers/KOInAppV2Handler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInbox/KOInboxHandler.h"
@@ -46,6 +47,23 @@ Kovantis::Kovantis() {
   KOUserAttributesHandler::sharedInstance();
   KOInAppV2Manager::sharedInstance();
   KOInboxHandler::sharedInstance();
+  // In-app actions track, set attributes and ask for push exactly as the host's own calls do.
+  KOInAppV2ActionHandler::sharedInstance().setHost(KOInAppV2ActionHandler::Host{
+      [this](const KOValue& name, const KOValue& payload) { trackEvent(name, payload); },
+      [this](const KOValue& value, const KOValue& key) { setUserAttribute(value, key); },
+      [this] { registerForRemoteNotificationWithCategories({}); },
+      [this] { return delegate(); },
+  });
+}
+
+std::shared_ptr<KOInAppDelegate> Kovantis::delegate() const {
+  std::lock_guard<std::mutex> lock(delegateMutex_);
+  return delegate_.lock();
+}
+
+void Kovantis::setDelegate(std::weak_ptr<KOInAppDelegate> delegate) {
+  std::lock_guard<std::mutex> lock(delegateMutex_);
+  delegate_ = std::move(delegate);
 }
 
 // ------------------------------------------------------------------------------------------ start

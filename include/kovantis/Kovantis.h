@@ -5,9 +5,12 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "kovantis/KOInAppDelegate.h"
 #include "kovantis/KOPayloadBuilder.h"
 #include "kovantis/KOPlatform.h"
 #include "kovantis/KOValue.h"
@@ -46,6 +49,9 @@ class Kovantis {
 
   bool disableInbox() const { return disableInbox_; }
   void setDisableInbox(bool value) { disableInbox_ = value; }
+  /// Hears the taps on in-app messages and receives self-handled campaigns; held weakly.
+  std::shared_ptr<KOInAppDelegate> delegate() const;
+  void setDelegate(std::weak_ptr<KOInAppDelegate> delegate);
   bool disableInApps() const { return disableInApps_; }
   void setDisableInApps(bool value) { disableInApps_ = value; }
   bool disableBadgeReset() const { return disableBadgeReset_; }
@@ -150,6 +156,8 @@ class Kovantis {
 
   std::atomic<bool> disableInbox_{false};
   std::atomic<bool> disableInApps_{false};
+  mutable std::mutex delegateMutex_;
+  std::weak_ptr<KOInAppDelegate> delegate_;
   std::atomic<bool> disableBadgeReset_{false};
   std::atomic<KOBackgroundTaskIdentifier> bgTask_{KOBackgroundTaskInvalid};
   std::vector<std::uint64_t> observers_;
