@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config
-  libcurl4-openssl-dev libplist-dev rapidjson-dev
+  libcurl4-openssl-dev libplist-dev rapidjson-dev libstb-dev
   libsqlite3-dev libcpp-httplib-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang-format

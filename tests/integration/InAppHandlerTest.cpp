@@ -246,3 +246,32 @@ TEST_F(InAppHandlerTest, ATrackedEventOnTheTriggerListFetchesAndShowsItsCampaign
   device().dispatch().pumpMain();
   EXPECT_EQ(emulator().requests("/v2/autotriggerinapps").size(), 1u);
 }
+
+// Images are decoded before showing: the picture takes the image's own shape, and an image that
+// does not decode shows nothing, which the report then names.
+TEST_F(InAppHandlerTest, ImagesAreShownAtTheirDecodedShapeAndAnUndecodableOneShowsNothing) {
+  emulator().seed(
+      R"({"images": {"/images/wide.png": "iVBORw0KGgoAAAANSUhEUgAAAAQAAAABCAIAAAB2XpiaAAAADUlEQVR4nGP4z8AARwAd7wP95hFmHQAAAABJRU5ErkJggg==",
+                                 "/images/broken.png": "bm90IGFuIGltYWdl"}})");
+  const auto withImage = [&](const std::string& cid, const std::string& file) {
+    return R"({"cid": ")" + cid + R"(", "status": "active", "type": "general", "ttl": 1900000000, "max_times": 3,
+        "widgets": [{"id": 4, "type": "image", "content": ")" +
+           emulator().baseURL() + "/images/" + file + R"("}]})";
+  };
+  store(withImage("broken", "broken.png"));
+  const KOViewController home = screenNamed("Home");
+  sdk().handleInAppMessageForViewController(&home);
+  ASSERT_TRUE(waitFor([&] { return device().console().contains("In App not shown because image download failed"); }));
+  EXPECT_FALSE(device().userInterface().presentedScreen().has_value());
+  EXPECT_EQ(reportFor(home)["refusedBy"], KOValue("imagesFailed"));
+
+  KOInAppV2Manager::removeV2InApps();
+  store(withImage("wide", "wide.png"));
+  sdk().handleInAppMessageForViewController(&home);
+  ASSERT_TRUE(waitFor([&] { return device().userInterface().presentedScreen().has_value(); }));
+  const std::optional<KOViewDescription> shown = device().userInterface().presentedScreen();
+  const KOViewDescription* image = shown->findTag(4);
+  ASSERT_NE(image, nullptr);
+  EXPECT_DOUBLE_EQ(image->frame.height, image->frame.width / 4);
+  EXPECT_TRUE(device().files().fileExists(image->image));
+}

@@ -65,7 +65,8 @@ void KOInAppV2ActionHandler::tapped(std::int64_t tag, bool forNudges, bool butto
 std::shared_ptr<const KOInAppV2WidgetObject> KOInAppV2ActionHandler::getTappedWidgetForTag(
     std::int64_t tag, const KOInAppV2Object& inAppObject) {
   if (!inAppObject.widgetsArray()) return nullptr;
-  const auto inList = [tag](const std::optional<KOInAppV2WidgetList>& list) -> std::shared_ptr<const KOInAppV2WidgetObject> {
+  const auto inList =
+      [tag](const std::optional<KOInAppV2WidgetList>& list) -> std::shared_ptr<const KOInAppV2WidgetObject> {
     if (!list) return nullptr;
     for (const KOInAppV2WidgetEntry& entry : *list) {
       if (entry.isList()) {
@@ -136,7 +137,8 @@ void KOInAppV2ActionHandler::actionHandlerWithArray(const std::vector<KOInAppV2A
             std::optional<KOView> input = shown.view ? shown.view->viewWithTag(id) : std::nullopt;
             value = KovantisUtils::getValueFromWidget(input ? &*input : nullptr);
           }
-          if (!value.isAbsent() && host_.setUserAttribute) host_.setUserAttribute(value, KOValue(action.userAttributeToSet()));
+          if (!value.isAbsent() && host_.setUserAttribute)
+            host_.setUserAttribute(value, KOValue(action.userAttributeToSet()));
           break;
         }
         case KOInAppV2ActionOpenInApp:
@@ -184,10 +186,10 @@ void KOInAppV2ActionHandler::actionHandlerWithArray(const std::vector<KOInAppV2A
       delegate->inAppClickedForWidget(kind, screenName, extras);
     }
   } catch (const std::exception& e) {
-    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
-                         KOStringFormat::format("Kovantis - exception in action handler for in-app is %@",
-                                                {KOValue(e.what())}),
-                         KOValue(KOStackTrace::current()));
+    KOLogger::logLocated(
+        KO_HERE, this, KOLogSeverityException,
+        KOStringFormat::format("Kovantis - exception in action handler for in-app is %@", {KOValue(e.what())}),
+        KOValue(KOStackTrace::current()));
   }
 }
 
@@ -200,7 +202,8 @@ void KOInAppV2ActionHandler::call(const std::string& number) {
   };
   // Both alert generations ask the same: the number as title, "Call" and "Cancel".
   const auto presenter = ui.supportsAlertController() ? KovantisUtils::getTopViewController() : nullptr;
-  ui.presentAlert(number, "", {KOAlertAction{"Call", KOAlertActionStyle::Default, dial},
-                               KOAlertAction{"Cancel", KOAlertActionStyle::Cancel, nullptr}},
+  ui.presentAlert(number, "",
+                  {KOAlertAction{"Call", KOAlertActionStyle::Default, dial},
+                   KOAlertAction{"Cancel", KOAlertActionStyle::Cancel, nullptr}},
                   presenter.get());
 }

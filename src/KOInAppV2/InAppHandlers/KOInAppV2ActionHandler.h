@@ -42,7 +42,7 @@ class KOInAppV2ActionHandler {
   /// The widget with the id: the campaign's widgets, and one level into containers (their widgets
   /// and buttons). Nothing when no widget has it.
   static std::shared_ptr<const KOInAppV2WidgetObject> getTappedWidgetForTag(std::int64_t tag,
-                                                                             const KOInAppV2Object& inAppObject);
+                                                                            const KOInAppV2Object& inAppObject);
   /// Records the click when the widget is primary.
   static void trackEventAndWriteToPlist(const KOInAppV2WidgetObject& widget, const KOInAppV2Object& inAppObject);
   void actionHandlerWithArray(const std::vector<KOInAppV2ActionObject>& actions, bool forButton, bool orForImage,

@@ -10,6 +10,7 @@
 
 #include "KODataHandler/KOEventsHandler.h"
 #include "KOInAppV2/InAppHandlers/KODownloadManager.h"
+#include "KOInAppV2/InAppHandlers/KOImageDecoder.h"
 #include "KOInAppV2/InAppHandlers/KOInAppV2ActionHandler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInAppV2/InAppView/KOInAppV2ViewBuilder.h"
@@ -395,17 +396,29 @@ void KOInAppV2Handler::showInAppV2WithObject(std::shared_ptr<const KOInAppV2Obje
             return;
           }
           const KOArray& data = results.arrayValue();
+          std::map<std::int64_t, KOSize> sizes;
           for (std::size_t i = 0; i < data.size() && i < images.size(); ++i) {
             const KOValue& bytes = validObjectForKey(data[i], "data");
-            if (!bytes.isData()) continue;
+            const std::optional<KOImageInfo> decoded =
+                bytes.isData() ? KOImageDecoder::decode(bytes.dataValue()) : std::nullopt;
+            if (!decoded) {
+              // An image nobody can draw fails the showing like one that never arrived.
+              {
+                std::lock_guard<std::mutex> lock(mutex_);
+                imagesFailed_.insert(cid);
+              }
+              refusal(KO_HERE, "Kovantis - In App not shown because image download failed");
+              return;
+            }
+            sizes[images[i].first] = KOSize{static_cast<double>(decoded->width), static_cast<double>(decoded->height)};
             KOInAppV2Manager::writeInAppImageData(bytes.dataValue(), "_" + std::to_string(images[i].first), *inApp,
-                                                  integerOf(validObjectForKey(data[i], "isGif")) != 0);
+                                                  decoded->frames > 1);
           }
           {
             std::lock_guard<std::mutex> lock(mutex_);
             imagesFailed_.erase(cid);
           }
-          present(inApp, screen);
+          present(inApp, screen, std::move(sizes));
         });
   } catch (const std::exception& e) {
     KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
@@ -413,7 +426,8 @@ void KOInAppV2Handler::showInAppV2WithObject(std::shared_ptr<const KOInAppV2Obje
   }
 }
 
-void KOInAppV2Handler::present(const std::shared_ptr<const KOInAppV2Object>& inApp, const std::string& screen) {
+void KOInAppV2Handler::present(const std::shared_ptr<const KOInAppV2Object>& inApp, const std::string& screen,
+                               std::map<std::int64_t, KOSize> imageSizes) {
   KOLogger::guard(KO_HERE, this, "Kovantis - InApp Exception %@", [&] {
     const KOInAppV2CampaignPropertiesObject& campaign = inApp->campaignPropertiesObject();
     const KOInAppDecision decision = screenDecision(campaign, screen);
@@ -436,7 +450,7 @@ void KOInAppV2Handler::present(const std::shared_ptr<const KOInAppV2Object>& inA
     }
     const KOSize size{KovantisUtils::screenWidthForInApp(), KovantisUtils::screenHeightForInApp()};
     const std::string cid = campaign.campaignId();
-    KOViewDescription description = KOInAppV2ViewBuilder::describe(*inApp, size);
+    KOViewDescription description = KOInAppV2ViewBuilder::describe(*inApp, size, imageSizes);
     // A tap reaches the action handler's entry for the kind of view it hit.
     auto kinds = std::make_shared<std::map<std::int64_t, KOViewKind>>();
     std::vector<const KOViewDescription*> pending{&description};

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -91,7 +92,8 @@ class KOInAppV2Handler {
   // The screen, blocked-screen and keyboard checks, in the order a showing applies them.
   KOInAppDecision screenDecision(const KOInAppV2CampaignPropertiesObject& campaign, const std::string& screen) const;
   void refreshTriggerEvents();
-  void present(const std::shared_ptr<const KOInAppV2Object>& inApp, const std::string& screen);
+  void present(const std::shared_ptr<const KOInAppV2Object>& inApp, const std::string& screen,
+               std::map<std::int64_t, KOSize> imageSizes = {});
 
   mutable std::mutex mutex_;
   bool fetching_ = false;

@@ -13,7 +13,8 @@ const KOColor kButton{0.0, 0.48, 1.0, 1};
 
 class Layout {
  public:
-  Layout(const KOInAppV2Object& inApp, const KOUserInterface& ui) : inApp_(inApp), ui_(ui) {}
+  Layout(const KOInAppV2Object& inApp, const KOUserInterface& ui, const std::map<std::int64_t, KOSize>& imageSizes)
+      : inApp_(inApp), ui_(ui), imageSizes_(imageSizes) {}
 
   // One widget at (x, y) with the width; returns its height (0 for what takes no room).
   double place(const KOInAppV2WidgetObject& widget, double x, double y, double width, KOViewDescription& card) {
@@ -38,6 +39,10 @@ class Layout {
         view.text.clear();
         view.image = KOInAppV2ViewBuilder::imagePathForWidget(inApp_, widget.widgetId());
         view.frame = KORect{x, y, width, width / 2};
+        if (const auto size = imageSizes_.find(widget.widgetId());
+            size != imageSizes_.end() && size->second.width > 0 && size->second.height > 0) {
+          view.frame.height = width * size->second.height / size->second.width;
+        }
         break;
       case KOInAppV2WidgetRating: {
         const KOInAppV2PropertiesObject& p = widget.propertiesObject();
@@ -98,6 +103,7 @@ class Layout {
  private:
   const KOInAppV2Object& inApp_;
   const KOUserInterface& ui_;
+  const std::map<std::int64_t, KOSize>& imageSizes_;
   std::vector<std::int64_t> closeButtons_;
 };
 
@@ -109,7 +115,8 @@ std::string KOInAppV2ViewBuilder::imagePathForWidget(const KOInAppV2Object& inAp
   return directory ? *directory + "/" + cid + "_" + std::to_string(widgetId) + ".png" : std::string();
 }
 
-KOViewDescription KOInAppV2ViewBuilder::describe(const KOInAppV2Object& inApp, const KOSize& screen) {
+KOViewDescription KOInAppV2ViewBuilder::describe(const KOInAppV2Object& inApp, const KOSize& screen,
+                                                 const std::map<std::int64_t, KOSize>& imageSizes) {
   const int align = inApp.alignmentType();
   const bool full = align == KOInAppV2AlignmentFull;
   KOViewDescription root;
@@ -121,7 +128,7 @@ KOViewDescription KOInAppV2ViewBuilder::describe(const KOInAppV2Object& inApp, c
   card.kind = KOViewKind::Container;
   card.backgroundColor = kWhite;
   const double cardWidth = full ? screen.width : std::max(1.0, screen.width - 2 * kCardInset);
-  Layout layout(inApp, *KOPlatform::current().userInterface);
+  Layout layout(inApp, *KOPlatform::current().userInterface, imageSizes);
   double content = 0;
   if (inApp.widgetsArray()) {
     KOInAppV2WidgetList list;

@@ -5,11 +5,14 @@
 //   corner radius 12, placed in the middle, 20 from the top or 20 from the bottom by "align".
 // - Inside the card, widgets stack top to bottom, 16 from the edges and 12 apart, in list order; a
 //   nested list is one row, its widgets side by side with equal widths. Heights: text as measured
-//   by the platform at its width (17 points, unlimited lines), buttons 44, images half their width,
-//   ratings 32. A close button sits 30 by 30 in the card's top-right corner, outside the stack.
+//   by the platform at its width (17 points, unlimited lines), buttons 44, images at the width with
+//   their decoded aspect ratio (half the width when unknown), ratings 32. A close button sits 30 by 30 in the card's
+//   top-right corner, outside the stack.
 // - Every widget's tag is its widget id, so a tap names the widget it hit.
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <string>
 
 #include "KOInAppV2/Models/KOInAppV2Object.h"
@@ -26,5 +29,7 @@ class KOInAppV2ViewBuilder {
 
   /// The file an image widget's picture is stored in once downloaded.
   static std::string imagePathForWidget(const KOInAppV2Object& inApp, std::int64_t widgetId);
-  static KOViewDescription describe(const KOInAppV2Object& inApp, const KOSize& screen);
+  /// `imageSizes`: the decoded pixel size of each image widget, by widget id.
+  static KOViewDescription describe(const KOInAppV2Object& inApp, const KOSize& screen,
+                                    const std::map<std::int64_t, KOSize>& imageSizes = {});
 };
