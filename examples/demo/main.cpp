@@ -8,10 +8,10 @@
 #include <map>
 #include <string>
 
-#include "KOEmulator.h"
 #include "Sim/KOSimDevice.h"
 #include "kovantis/KOConstants.h"
 #include "kovantis/Kovantis.h"
+#include "kovantis/emulator/KOEmulator.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <filesystem>
 #include <memory>
 
-#include "KOEmulator.h"
+#include "kovantis/emulator/KOEmulator.h"
 #include "KOTestDevice.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Network/KOServerInterface.h"

@@ -7,7 +7,7 @@
 #include <iostream>
 #include <string>
 
-#include "KOEmulator.h"
+#include "kovantis/emulator/KOEmulator.h"
 
 namespace {
 
