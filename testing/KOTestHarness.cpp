@@ -9,7 +9,8 @@
 struct KOTestHarness::State {
   explicit State(const Options& options) : device(options.device) {}
 
-  // Declared first: the emulator keeps its store in the device's directory, so it must go first.
+  // Declared first, so destroyed last: the emulator closes its store, kept in the device's
+  // directory, before the directory goes.
   KOSimDevice device;
   std::unique_ptr<KOEmulator> emulator;
 };

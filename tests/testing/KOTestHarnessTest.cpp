@@ -39,6 +39,14 @@ TEST(KOTestHarness, PointsTheDeviceAtASeededEmulatorWithItsTimeout) {
   EXPECT_EQ(harness.emulator().controlURL(), harness.emulator().baseURL() + "/__emulator/");
 }
 
+TEST(KOTestHarness, RefusesASeedTheEmulatorWouldNotTake) {
+  KOTestHarness::Options options;
+  options.seed = R"({"no such section": {}})";
+  EXPECT_THROW(KOTestHarness{options}, std::invalid_argument);
+  options.seed = "{";
+  EXPECT_THROW(KOTestHarness{options}, std::invalid_argument);
+}
+
 TEST(KOTestHarness, WithoutAnEmulatorSaysSoInsteadOfReadingNothing) {
   KOTestHarness::Options options;
   options.emulator = false;
