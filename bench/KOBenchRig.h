@@ -4,9 +4,9 @@
 
 #include <memory>
 
-#include "KOEmulator.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Sim/KOSimDevice.h"
+#include "kovantis/emulator/KOEmulator.h"
 
 struct KOBenchRig {
   KOSimDevice device;

@@ -12,12 +12,12 @@
 #include <optional>
 #include <string>
 
-#include "KOEmulator.h"
 #include "Sim/KOSimDevice.h"
 #include "kovantis/KOConstants.h"
 #include "kovantis/KOInbox.h"
 #include "kovantis/KONotificationCenter.h"
 #include "kovantis/Kovantis.h"
+#include "kovantis/emulator/KOEmulator.h"
 
 namespace {
 

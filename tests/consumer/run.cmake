@@ -1,5 +1,8 @@
-# Installs the SDK into a scratch prefix, then configures, builds and runs a separate project that
-# finds it with find_package(Kovantis). Run by ctest after the main build.
+# Installs the SDK into a scratch prefix, then configures, builds and runs separate projects that
+# find it with find_package(Kovantis): a small consumer (project/), and the README's own examples,
+# taken out of README.md here so that the text and what is tested cannot drift apart. Neither
+# project sees the source tree: only the prefix. Run by ctest after the main build.
+cmake_minimum_required(VERSION 3.25)
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 
@@ -8,6 +11,7 @@ function(run)
   if(NOT rc EQUAL 0)
     message(FATAL_ERROR "command failed (${rc}): ${ARGN}\n${out}\n${err}")
   endif()
+  set(run_output "${out}" PARENT_SCOPE)
 endfunction()
 
 run(${CMAKE_COMMAND} --install ${BINARY_DIR} --prefix ${prefix})
@@ -15,14 +19,85 @@ set(flags "")
 if(SANITIZE)
   set(flags "-fsanitize=${SANITIZE}")
 endif()
-run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/consumer/project -B ${WORK_DIR}/build -G ${GENERATOR}
-    -DCMAKE_CXX_COMPILER=${CXX} -DCMAKE_PREFIX_PATH=${prefix} "-DCMAKE_CXX_FLAGS=${flags}"
-    "-DCMAKE_EXE_LINKER_FLAGS=${flags}")
-run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
+function(configure_and_build source build)
+  run(${CMAKE_COMMAND} -S ${source} -B ${build} -G ${GENERATOR} -DCMAKE_CXX_COMPILER=${CXX}
+      -DCMAKE_PREFIX_PATH=${prefix} "-DCMAKE_CXX_FLAGS=${flags}" "-DCMAKE_EXE_LINKER_FLAGS=${flags}"
+      -DCMAKE_EXPORT_COMPILE_COMMANDS=ON)
+  run(${CMAKE_COMMAND} --build ${build})
+  # Headers and libraries come from the prefix alone.
+  file(READ ${build}/compile_commands.json commands)
+  foreach(flag "-I" "-isystem ")
+    foreach(dir include src tools testing tests)
+      string(FIND "${commands}" "${flag}${SOURCE_DIR}/${dir}" at)
+      if(NOT at EQUAL -1)
+        message(FATAL_ERROR "${source} compiles with an include path into the source tree (${SOURCE_DIR}/${dir})")
+      endif()
+    endforeach()
+  endforeach()
+endfunction()
+
+configure_and_build(${SOURCE_DIR}/tests/consumer/project ${WORK_DIR}/build)
 run(${WORK_DIR}/build/kovantis-consumer)
-# The pkg-config file must point at the same installed library.
+
+# Every block of README.md announced by "<!-- tests/consumer builds and runs this block as NAME -->"
+# becomes the file NAME of one project.
+file(READ ${SOURCE_DIR}/README.md readme)
+set(examples ${WORK_DIR}/readme)
+set(names "")
+set(rest "${readme}")
+while(rest MATCHES "<!-- tests/consumer builds and runs this block as ([A-Za-z_.]+) -->\n```[a-z]*\n([^`]*)```(.*)$")
+  set(name "${CMAKE_MATCH_1}")
+  set(code "${CMAKE_MATCH_2}")
+  set(rest "${CMAKE_MATCH_3}")
+  file(WRITE ${examples}/${name} "${code}")
+  list(APPEND names ${name})
+endwhile()
+foreach(needed CMakeLists.txt hello_kovantis.cpp app_test.cpp)
+  if(NOT needed IN_LIST names)
+    message(FATAL_ERROR "README.md has no block for ${needed} (found: ${names})")
+  endif()
+endforeach()
+configure_and_build(${examples} ${examples}/build)
+
+# "Using the SDK": the events reach the local emulator, and the README shows what it prints.
+run(${examples}/build/hello_kovantis)
+foreach(line "delivered: yes" "service stored PRODUCT_VIEWED {\"EVENT_ACTION\":\"PRODUCT_VIEWED\",\"EVENT_ATTRS\":{\"sku\":\"A1\",\"price\":9.99}"
+             "service stored CHECKOUT {\"EVENT_ACTION\":\"CHECKOUT\",\"EVENT_ATTRS_CUST\":{\"location\":[{\"store\":\"12.970000,77.590000\"}]}")
+  string(FIND "${run_output}" "${line}" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "hello_kovantis did not print \"${line}\":\n${run_output}")
+  endif()
+  string(FIND "${readme}" "${line}" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "README.md does not show \"${line}\" among the output of hello_kovantis")
+  endif()
+endforeach()
+
+# "Testing your app": every test case passes, the injected failure included.
+run(${CTEST} --test-dir ${examples}/build --output-on-failure)
+foreach(test TheServiceStoresThePurchaseWithItsAttributes ABatchRefusedWithA500IsKeptAndSentAgain)
+  string(FIND "${run_output}" "PurchaseTest.${test} " at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "the README's test PurchaseTest.${test} did not run:\n${run_output}")
+  endif()
+endforeach()
+
+# The installed emulator library exports its documented surface only.
+run(${CMAKE_COMMAND} -DLIBRARY=${prefix}/lib/libkovantis_emulator.so -P ${SOURCE_DIR}/tests/structure/emulator_symbols.cmake)
+
+# The pkg-config modules point at the same installed libraries.
 file(READ ${prefix}/lib/pkgconfig/kovantis.pc pc)
 if(NOT pc MATCHES "-lkovantis")
   message(FATAL_ERROR "kovantis.pc does not link the library:\n${pc}")
 endif()
-message(STATUS "consumer built and ran against ${prefix}")
+find_program(PKG_CONFIG pkg-config)
+if(PKG_CONFIG)
+  set(ENV{PKG_CONFIG_PATH} ${prefix}/lib/pkgconfig)
+  run(${PKG_CONFIG} --cflags --libs kovantis-testing)
+  foreach(library kovantis_testing kovantis_emulator kovantis_sim kovantis)
+    if(NOT run_output MATCHES "-l${library}( |\n|$)")
+      message(FATAL_ERROR "pkg-config kovantis-testing does not link ${library}: ${run_output}")
+    endif()
+  endforeach()
+endif()
+message(STATUS "consumer and the README's examples built and ran against ${prefix}")

@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "KOEmulator.h"
+#include "kovantis/emulator/KOEmulator.h"
 
 class EmulatorTest : public ::testing::Test {
  public:

@@ -149,6 +149,25 @@ TEST_F(EmulatorTest, PeakOfConcurrentRequestsCountsStalledOnesAndResets) {
   EXPECT_EQ(emulator->peakConcurrentRequests(), 1u) << "one after the other";
 }
 
+TEST(EmulatorStop, DoesNotWaitForAnIdleKeptAliveClient) {
+  auto dir = makeTemporaryDirectory();
+  KOEmulator::Options options = emulatorOptions(dir);
+  options.keepAliveSeconds = 60;  // a test's teardown must not wait this out
+  KOEmulator emulator(options);
+  httplib::Client cli("127.0.0.1", emulator.start(0));
+  cli.set_keep_alive(true);
+  cli.set_connection_timeout(5);
+  cli.set_read_timeout(10);
+  auto health = cli.Get("/__emulator/health");
+  ASSERT_TRUE(health);
+  ASSERT_EQ(health->status, 200);  // the connection now idles, kept alive by both sides
+  const auto started = Clock::now();
+  emulator.stop();
+  EXPECT_LT(Clock::now() - started, std::chrono::seconds(10));
+  EXPECT_FALSE(emulator.isRunning());
+  std::filesystem::remove_all(dir);
+}
+
 TEST_F(EmulatorTest, StopCutsAStallShortAndTheEmulatorStartsAgain) {
   emulator->injectFault(fault("/v1/getConfig", 0, 60000, false, 1));
   std::thread caller([&] { get("/v1/getConfig", kConfigQuery); });
@@ -182,6 +201,12 @@ TEST(EmulatorCommandLine, PrintsItsPortServesAndStopsOnSigterm) {
     ASSERT_EQ(out.rfind(prefix, 0), 0u) << out;
     int childPort = std::stoi(out.substr(prefix.size()));
     ASSERT_GT(childPort, 0);
+    // Then where the control API and the dashboard live, on the port it bound.
+    const std::string base = "http://127.0.0.1:" + std::to_string(childPort);
+    out = child.readUntil("dashboard ", std::chrono::seconds(10));
+    out = child.readUntil("\n", std::chrono::seconds(10));
+    EXPECT_NE(out.find("control API  " + base + "/__emulator/health"), std::string::npos) << out;
+    EXPECT_NE(out.find("dashboard    " + base + "/__emulator/dashboard/"), std::string::npos) << out;
 
     httplib::Client cli("127.0.0.1", childPort);
     cli.set_connection_timeout(5);
@@ -212,4 +237,16 @@ TEST(EmulatorCommandLine, PrintsItsPortServesAndStopsOnSigterm) {
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 2);
   std::filesystem::remove_all(dir);
+}
+
+TEST(EmulatorCommandLine, HelpDocumentsEveryOptionAndTheControlAPI) {
+  Child help({"--help"});
+  const std::string out = help.readUntil("\x01never", std::chrono::seconds(30));
+  const int status = help.exitStatus(std::chrono::seconds(30));
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0) << "help is asked for, not a usage error";
+  for (const char *option : {"--port N", "--data DIR", "--seed FILE", "--images DIR", "--quiet", "--help"}) {
+    EXPECT_NE(out.find(std::string("\n  ") + option + " "), std::string::npos) << option << " in\n" << out;
+  }
+  EXPECT_NE(out.find("/__emulator/dashboard/"), std::string::npos) << out;
 }

@@ -10,9 +10,9 @@
 #include <random>
 #include <set>
 
-#include "KOEmulator.h"
 #include "KOSDKTestDevice.h"
 #include "KOUtilities/KOPropertyListSerialization.h"
+#include "kovantis/emulator/KOEmulator.h"
 
 extern char** environ;
 

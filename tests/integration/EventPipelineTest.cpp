@@ -26,9 +26,9 @@ TEST_F(EventPipelineTest, EveryTrackedEventReachesTheServiceExactlyOnceInOrder) 
   track(29);  // the 30th cuts a batch and starts a sync
   EXPECT_EQ(events().eventsInMemory(), 0u);
   for (int i = 30; i < 65; ++i) track(i);
-  ASSERT_TRUE(flush());
+  ASSERT_TRUE(deliverAll());
   // Batches travel concurrently, so only the order within one batch is kept; each event arrives once.
-  const auto records = storedRecords("VIEW");
+  const auto records = storedEvents("VIEW");
   ASSERT_EQ(records.size(), 65u);
   std::vector<std::int64_t> seqs;
   for (const KOValue& record : records) {
@@ -59,9 +59,9 @@ TEST_F(EventPipelineTest, BadNamesAndPayloadsLoseOnlyThatEvent) {
       device().console().contains("Kovantis - While tracking events, the payload with the event has to be a "
                                   "NSDictionary of NSMutable Dictionary type"));
   EXPECT_TRUE(device().console().contains("Kovantis - exception is"));
-  ASSERT_TRUE(flush());
-  EXPECT_EQ(storedNames("").back(), "");
-  EXPECT_TRUE(storedRecords("LIST").empty());
+  ASSERT_TRUE(deliverAll());
+  EXPECT_EQ(storedEventNames("").back(), "");
+  EXPECT_TRUE(storedEvents("LIST").empty());
 }
 
 TEST_F(EventPipelineTest, BuilderEventsCarryTimestampsAndLocations) {
@@ -72,12 +72,12 @@ TEST_F(EventPipelineTest, BuilderEventsCarryTimestampsAndLocations) {
   KOPayloadBuilder withAttrs(std::make_shared<KODictionary>(KODictionary{{"k", "v"}}));
   withAttrs.setTimeStamp(2, "t");
   sdk().trackEvent(KOValue("TIMED"), withAttrs);
-  ASSERT_TRUE(flush());
-  const KOValue place = storedRecords("PLACE").at(0);
+  ASSERT_TRUE(deliverAll());
+  const KOValue place = storedEvents("PLACE").at(0);
   EXPECT_FALSE(place.dictionaryValue().contains("EVENT_ATTRS"));
   EXPECT_EQ(place["EVENT_ATTRS_CUST"],
             KOValue(KODictionary{{"location", KOArray{KODictionary{{"p", "12.500000,77.600000"}}}}}));
-  const KOValue timed = storedRecords("TIMED").at(0);
+  const KOValue timed = storedEvents("TIMED").at(0);
   EXPECT_EQ(timed["EVENT_ATTRS"], KOValue(KODictionary{{"k", "v"}}));
   EXPECT_EQ(timed["EVENT_ATTRS_CUST"], KOValue(KODictionary{{"timestamp", KOArray{KODictionary{{"t", 2000.0}}}}}));
 }
@@ -95,7 +95,7 @@ TEST_F(EventPipelineTest, AFailedBatchKeepsItsIdAndIsSentAgainLater) {
   EXPECT_EQ(emulator().requests("/v2/report/add")[0].query.at("batch_id"), id);
 
   emulator().clearFaults();
-  ASSERT_TRUE(flush());
+  ASSERT_TRUE(deliverAll());
   const auto batches = emulator().batches();
   ASSERT_EQ(batches.size(), 1u);
   EXPECT_EQ(batches[0].batchId, id);
@@ -136,15 +136,15 @@ TEST_F(EventPipelineTest, BatchesCutDuringASyncSurviveItsEnd) {
   EXPECT_EQ(events().storedBatchCount(), 1u);
   ASSERT_TRUE(batchFile().isDictionary());
   EXPECT_EQ(batchFile().dictionaryValue().size(), 1u);
-  ASSERT_TRUE(flush());
-  EXPECT_EQ(storedNames("FIRST").size(), 30u);
-  EXPECT_EQ(storedNames("SECOND").size(), 30u);
+  ASSERT_TRUE(deliverAll());
+  EXPECT_EQ(storedEventNames("FIRST").size(), 30u);
+  EXPECT_EQ(storedEventNames("SECOND").size(), 30u);
 }
 
 TEST_F(EventPipelineTest, ResetWithNothingStoredStillSendsTheLogoutThenRegistersAgain) {
   start();
   sdk().setUserEmailID(KOValue("a@example.com"));
-  ASSERT_TRUE(flush());
+  ASSERT_TRUE(deliverAll());
   const std::size_t devicesBefore = emulator().requests("/v2/device/add").size();
   // The in-app store and its images belong to the user too.
   const std::string store = device().documentsDirectory() + "/InAppCampaignsV2.plist";
@@ -155,7 +155,7 @@ TEST_F(EventPipelineTest, ResetWithNothingStoredStillSendsTheLogoutThenRegisters
                                 "<string>c1</string></dict></array><key>c1</key><dict><key>timesShown</key>"
                                 "<string>1</string></dict></dict></plist>");
   sdk().resetUser();
-  ASSERT_TRUE(waitFor([&] { return storedNames("KOV_LOGOUT").size() == 1; }));
+  ASSERT_TRUE(waitFor([&] { return storedEventNames("KOV_LOGOUT").size() == 1; }));
   // The reset's clean-up posts the new-user notification: the device is added again.
   ASSERT_TRUE(waitForRequests("/v2/device/add", devicesBefore + 1));
   // The new user's own in-app fetch may write the store again, but nothing of the old user's.
@@ -164,9 +164,9 @@ TEST_F(EventPipelineTest, ResetWithNothingStoredStillSendsTheLogoutThenRegisters
   ASSERT_TRUE(settle());
   // After a reset every attribute is sent again.
   sdk().setUserEmailID(KOValue("a@example.com"));
-  ASSERT_TRUE(flush());
+  ASSERT_TRUE(deliverAll());
   size_t emails = 0;
-  for (const KOValue& r : storedRecords(EVENT_ACTION_USER_ATTRIBUTE)) {
+  for (const KOValue& r : storedEvents(EVENT_ACTION_USER_ATTRIBUTE)) {
     emails +=
         r["EVENT_ATTRS"].isDictionary() && r["EVENT_ATTRS"].dictionaryValue().contains("USER_ATTRIBUTE_USER_EMAIL");
   }
@@ -182,8 +182,8 @@ TEST_F(EventPipelineTest, AResetDuringARunningSyncRunsAfterIt) {
   ASSERT_TRUE(waitFor(
       [&] { return events().syncInProgress() && events().eventsInMemory() == 0 && events().storedBatchCount() == 1; }));
   sdk().resetUser();
-  ASSERT_TRUE(waitFor([&] { return storedNames("KOV_LOGOUT").size() == 1; }));
-  const auto names = storedNames("");
+  ASSERT_TRUE(waitFor([&] { return storedEventNames("KOV_LOGOUT").size() == 1; }));
+  const auto names = storedEventNames("");
   ASSERT_EQ(names.size(), 2u);
   EXPECT_EQ(names[0], "BEFORE");
   EXPECT_EQ(names[1], "KOV_LOGOUT");
@@ -202,8 +202,8 @@ TEST_F(EventPipelineTest, TheOldGenerationsEventFileIsMigrated) {
   events().syncToServerFromDumpFile();
   EXPECT_TRUE(device().files().fileExists(device().documentsDirectory() + "/kovantisEvents.dat"));
   start();
-  ASSERT_TRUE(flush());
-  EXPECT_EQ(storedNames("OLD_"), (std::vector<std::string>{"OLD_1", "OLD_2"}));
+  ASSERT_TRUE(deliverAll());
+  EXPECT_EQ(storedEventNames("OLD_"), (std::vector<std::string>{"OLD_1", "OLD_2"}));
   EXPECT_FALSE(device().files().fileExists(device().documentsDirectory() + "/kovantisEvents.dat"));
 }
 
@@ -212,19 +212,19 @@ TEST_F(EventPipelineTest, SwitchingBetweenDevelopmentAndProductionResetsTheUser)
   ASSERT_TRUE(settle());
   sdk().initializeDevWithApiKey(KOValue("app"));
   EXPECT_EQ(KovantisUtils::getAppId(), KOValue("app_DEBUG"));
-  ASSERT_TRUE(waitFor([&] { return storedNames("KOV_LOGOUT").size() == 1; }));
+  ASSERT_TRUE(waitFor([&] { return storedEventNames("KOV_LOGOUT").size() == 1; }));
   sdk().initializeDevWithApiKey(KOValue(""));  // refused, nothing changes
   EXPECT_EQ(KovantisUtils::getAppId(), KOValue("app_DEBUG"));
 }
 
 TEST_F(EventPipelineTest, AReinstallIsRecognisedThroughTheKeychain) {
   start();
-  ASSERT_TRUE(flush());
-  EXPECT_TRUE(storedNames("REINSTALL").empty());
+  ASSERT_TRUE(deliverAll());
+  EXPECT_TRUE(storedEventNames("REINSTALL").empty());
   device().uninstall();
   sdk().initializeWithApiKey(KOValue("kov-test-app"));
-  ASSERT_TRUE(flush());
-  EXPECT_EQ(storedNames("REINSTALL").size(), 1u);
+  ASSERT_TRUE(deliverAll());
+  EXPECT_EQ(storedEventNames("REINSTALL").size(), 1u);
 }
 
 TEST_F(EventPipelineTest, SessionsFollowTheApplicationLifecycle) {
@@ -234,7 +234,7 @@ TEST_F(EventPipelineTest, SessionsFollowTheApplicationLifecycle) {
   // The session end syncs inside a background task, which the sync ends.
   EXPECT_EQ(device().application().activeBackgroundTasks(), std::vector<std::string>{"KOVTask"});
   ASSERT_TRUE(waitFor([&] { return device().application().activeBackgroundTasks().empty(); }));
-  EXPECT_EQ(storedNames("EVENT_ACTION_IOS_SESSION"),
+  EXPECT_EQ(storedEventNames("EVENT_ACTION_IOS_SESSION"),
             (std::vector<std::string>{"EVENT_ACTION_IOS_SESSION_START", "EVENT_ACTION_IOS_SESSION_END"}));
   device().enterBackground();
   KovantisUtils::saveDeviceToken(KOValue("ab"));
@@ -257,9 +257,9 @@ TEST_F(EventPipelineTest, UserAttributesAreSentOnlyWhenTheyChange) {
   sdk().setUserDateOfBirth(KOValue(KODate{86400}));
   sdk().setUserDateOfBirth(KOValue(KODate{86400}));  // every time
   sdk().setUserLocationLatitude(0, 0);               // zero coordinates are accepted here
-  ASSERT_TRUE(flush());
+  ASSERT_TRUE(deliverAll());
   std::vector<std::string> sent;
-  for (const KOValue& r : storedRecords(EVENT_ACTION_USER_ATTRIBUTE)) {
+  for (const KOValue& r : storedEvents(EVENT_ACTION_USER_ATTRIBUTE)) {
     sent.push_back(r.dictionaryValue().contains("EVENT_ATTRS") ? r["EVENT_ATTRS"].description()
                                                                : r["EVENT_ATTRS_CUST"].description());
   }
@@ -280,16 +280,16 @@ TEST_F(EventPipelineTest, InstallAndUpdateAreTrackedOnce) {
   sdk().appStatus(KOAppStatusInstall);  // same version: nothing
   device().profile().update([](KOSimProfileSettings& s) { s.shortVersion = "1.1.0"; });
   sdk().appStatus(KOAppStatusInstall);  // a new version is an update whatever was passed
-  ASSERT_TRUE(flush());
-  EXPECT_EQ(storedNames("INSTALL").size(), 1u);
-  EXPECT_EQ(storedNames("UPDATE").size(), 1u);
+  ASSERT_TRUE(deliverAll());
+  EXPECT_EQ(storedEventNames("INSTALL").size(), 1u);
+  EXPECT_EQ(storedEventNames("UPDATE").size(), 1u);
 }
 
 TEST_F(EventPipelineTest, StartRegistersTheDeviceWithItsAttributesAndLocale) {
   start();
-  ASSERT_TRUE(flush());
+  ASSERT_TRUE(deliverAll());
   std::vector<std::string> deviceKeys;
-  for (const KOValue& r : storedRecords(EVENT_ACTION_DEVICE_ATTRIBUTE))
+  for (const KOValue& r : storedEvents(EVENT_ACTION_DEVICE_ATTRIBUTE))
     deviceKeys.push_back(r["EVENT_ATTRS"].dictionaryValue().keys()[0]);
   // Advertising id and the six locale keys at start.
   EXPECT_EQ(deviceKeys, (std::vector<std::string>{"ADVERTISING_IDENTIFIER", "LOCALE_COUNTRY", "LOCALE_COUNTRY_DISPLAY",
@@ -297,8 +297,8 @@ TEST_F(EventPipelineTest, StartRegistersTheDeviceWithItsAttributesAndLocale) {
                                                   "LOCALE_IDENTIFIER"}));
   // A second start with the same locale and advertising id sends none of them again.
   sdk().initializeWithApiKey(KOValue("kov-test-app"));
-  ASSERT_TRUE(flush());
-  EXPECT_EQ(storedRecords(EVENT_ACTION_DEVICE_ATTRIBUTE).size(), 7u);
+  ASSERT_TRUE(deliverAll());
+  EXPECT_EQ(storedEvents(EVENT_ACTION_DEVICE_ATTRIBUTE).size(), 7u);
 }
 
 TEST_F(EventPipelineTest, TheObserverSeesEveryRecordedEventAndCannotLoseOne) {
@@ -325,8 +325,8 @@ TEST_F(EventPipelineTest, TheObserverSeesEveryRecordedEventAndCannotLoseOne) {
   EXPECT_EQ(seen[2].first, EVENT_ACTION_USER_ATTRIBUTE);
   EXPECT_EQ(seen[2].second["USER_ATTRIBUTE_USER_EMAIL"], KOValue("o@example.com"));
   EXPECT_EQ(seen[3].first, "THROWS");
-  ASSERT_TRUE(flush());
-  for (const char* name : {"PLAIN", "BUILT", "THROWS", "UNSEEN"}) EXPECT_EQ(storedNames(name).size(), 1u) << name;
+  ASSERT_TRUE(deliverAll());
+  for (const char* name : {"PLAIN", "BUILT", "THROWS", "UNSEEN"}) EXPECT_EQ(storedEventNames(name).size(), 1u) << name;
 }
 
 TEST_F(EventPipelineTest, FlushAnswersAfterASyncThatIncludedItsEvents) {
@@ -351,7 +351,7 @@ TEST_F(EventPipelineTest, FlushAnswersAfterASyncThatIncludedItsEvents) {
   ASSERT_TRUE(waitFor([&] { return events().syncInProgress(); }));
   sdk().trackEvent(KOValue("LATE"), KOValue());
   EXPECT_TRUE(flushed());
-  EXPECT_EQ(storedNames("KEPT").size(), 1u);
-  EXPECT_EQ(storedNames("LATE").size(), 1u);
+  EXPECT_EQ(storedEventNames("KEPT").size(), 1u);
+  EXPECT_EQ(storedEventNames("LATE").size(), 1u);
   EXPECT_FALSE(device().files().fileExists(events().eventsPlistFilePath()));
 }

@@ -31,7 +31,7 @@ TEST_F(EventPipelineThreaded, EightThreadsTrackingWhileSyncsRun) {
       thread.join();
     }
   }
-  ASSERT_TRUE(flush(120));
+  ASSERT_TRUE(deliverAll(120));
   const auto stored = emulator().events();
   std::set<std::pair<std::int64_t, std::int64_t>> seen;
   for (const auto& e : stored) {

@@ -39,13 +39,13 @@ class PushRegistrationTest : public KOSDKTestDevice {
   /// "KO_PUSH_PREFERENCE_CHANGED" statuses and "PUSH_PREFERENCE" attribute values, as received.
   std::vector<bool> preferenceEvents() {
     std::vector<bool> out;
-    for (const KOValue& r : storedRecords(KO_PUSH_PREF_CHANGED_EVENT))
+    for (const KOValue& r : storedEvents(KO_PUSH_PREF_CHANGED_EVENT))
       out.push_back(r["EVENT_ATTRS"]["push_preference_status"].boolValue());
     return out;
   }
   std::vector<bool> preferenceAttributes() {
     std::vector<bool> out;
-    for (const KOValue& r : storedRecords(EVENT_ACTION_USER_ATTRIBUTE)) {
+    for (const KOValue& r : storedEvents(EVENT_ACTION_USER_ATTRIBUTE)) {
       const KOValue& v = r["EVENT_ATTRS"][KO_PUSH_PREFERENCE];
       if (v.isNumber()) out.push_back(v.boolValue());
     }
@@ -71,7 +71,7 @@ TEST_F(PushRegistrationTest, TheSameTokenRegistersOnceAndANewOneReplacesIt) {
   EXPECT_EQ(prefs().objectForKey(KO_DEVICE_TOKEN_KEY), KOValue(hex02));
   EXPECT_TRUE(device().console().contains("Kovantis - could not register for push"));
   sdk().trackEvent(KOValue("AFTER_TOKEN"));
-  ASSERT_TRUE(flush());
+  ASSERT_TRUE(deliverAll());
   EXPECT_EQ(emulator().requests("/v2/device/add").size(), 1u);
   EXPECT_EQ(emulator().requests("/v2/report/add").back().query.at("push_id"), hex02);
   EXPECT_EQ(preferenceAttributes(), std::vector<bool>{true});  // sent once: unchanged since
@@ -149,7 +149,7 @@ TEST_F(PushRegistrationTest, OlderSystemsUseSettingsAndMinimalContextActionsWith
   ASSERT_TRUE(waitFor([&] { return !device().application().deviceToken().empty(); }));
   // The current interface's category call does nothing on this system.
   sdk().setUserNotificationCategories(std::nullopt);
-  ASSERT_TRUE(flush());
+  ASSERT_TRUE(deliverAll());
   EXPECT_EQ(categoryUploads().size(), 1u);
   EXPECT_EQ(preferenceEvents(), std::vector<bool>{true});
 }
@@ -166,7 +166,7 @@ TEST_F(PushRegistrationTest, EachPermissionChangeTracksOneEventWhileTheAttribute
     const std::size_t before = emulator().requests().size();
     device().resignActive();
     device().becomeActive();  // the session start checks the permission
-    return waitFor([&] { return emulator().requests().size() > before; }) && settle() && flush();
+    return waitFor([&] { return emulator().requests().size() > before; }) && settle() && deliverAll();
   };
   ASSERT_TRUE(session(KONotificationSettingEnabled));
   ASSERT_TRUE(session(KONotificationSettingEnabled));  // unchanged: no event
@@ -178,7 +178,7 @@ TEST_F(PushRegistrationTest, EachPermissionChangeTracksOneEventWhileTheAttribute
 
   // A failed registration turns the attribute off and tracks nothing.
   sdk().didFailToRegisterForPush();
-  ASSERT_TRUE(flush());
+  ASSERT_TRUE(deliverAll());
   EXPECT_EQ(preferenceAttributes().back(), false);
   EXPECT_EQ(preferenceEvents().size(), 3u);
 }
@@ -193,7 +193,7 @@ TEST_F(PushRegistrationTest, AFirstRefusalTracksNothingAndABrokenPortIsOnlyLogge
   ASSERT_TRUE(waitFor([&] { return device().console().contains("Kovantis - Push permission denied : "); }));
   KONotificationHandler::sharedInstance().checkForPushPermission();
   ASSERT_TRUE(settle());  // the settings answer arrives on the background queue
-  ASSERT_TRUE(flush());
+  ASSERT_TRUE(deliverAll());
   EXPECT_EQ(preferenceAttributes(), std::vector<bool>{false});
   EXPECT_TRUE(preferenceEvents().empty());
 

@@ -21,17 +21,17 @@ TEST_F(PushThreaded, PermissionAnswersFromBackgroundThreadsDuringSessionStarts) 
     device().pumpMain();
   }
   ASSERT_TRUE(settle());
-  ASSERT_TRUE(flush());
+  ASSERT_TRUE(deliverAll());
   // However the answers interleave, an event marks each change of the stored status: enables and
   // disables alternate from "off", so there is one more enable than disable exactly when the
   // stored status ends on. (Batches travel concurrently, so only counts are compared.)
   int enables = 0, disables = 0;
-  for (const KOValue& e : storedRecords(KO_PUSH_PREF_CHANGED_EVENT)) {
+  for (const KOValue& e : storedEvents(KO_PUSH_PREF_CHANGED_EVENT)) {
     (e["EVENT_ATTRS"]["push_preference_status"].boolValue() ? enables : disables)++;
   }
   const bool on = device().preferences().standard().objectForKey(KO_PUSH_PREFERENCE_KEY) == KOValue(true);
   EXPECT_GT(enables, 1);
   EXPECT_EQ(enables - disables, on ? 1 : 0);
-  EXPECT_EQ(storedNames("MAIN").size(), static_cast<std::size_t>(kSessions));
+  EXPECT_EQ(storedEventNames("MAIN").size(), static_cast<std::size_t>(kSessions));
   EXPECT_TRUE(emulator().duplicates().empty());
 }

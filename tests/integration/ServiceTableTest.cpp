@@ -7,8 +7,8 @@
 #include <string>
 #include <utility>
 
-#include "KOEmulator.h"
 #include "Network/ADServiceRequestGenerator.h"
+#include "kovantis/emulator/KOEmulator.h"
 
 TEST(ServiceTableTest, TheSDKAndTheEmulatorAgreeOnEveryPathAndMethod) {
   std::set<std::pair<std::string, std::string>> sdk, emulator;

@@ -1,5 +1,6 @@
-// Test fixture: the whole SDK on a fresh simulated device against an in-process emulator, with
-// helpers to read back what the service stored.
+// Test fixture: the whole SDK on a fresh simulated device against an in-process emulator. What a
+// host app's test has (kovantis/testing/KOHarnessTest.h: sdk(), deliverAll(), storedEvents()...)
+// plus what only our own tests may see: the events handler and its batch file.
 #pragma once
 
 #include <set>
@@ -15,7 +16,6 @@ class KOSDKTestDevice : public KOEmulatorTestDevice {
  protected:
   bool presetAppId() override { return false; }
 
-  Kovantis& sdk() { return Kovantis::sharedInstance(); }
   KOEventsHandler& events() { return KOEventsHandler::sharedInstance(); }
 
   /// Starts the SDK with the app id and waits for the start's own requests to settle.
@@ -28,37 +28,19 @@ class KOSDKTestDevice : public KOEmulatorTestDevice {
   /// then sees only what it does itself.
   void startClean(const std::string& appId = "kov-test-app") {
     start(appId);
-    ASSERT_TRUE(flush());
+    ASSERT_TRUE(deliverAll());
     emulator().reset();
   }
 
-  /// Waits until no sync runs and nothing waits on the shared queue.
+  /// Waits until no sync runs and nothing waits on the shared queue (without starting a sync).
   bool settle(double timeoutSeconds = 10) {
     return waitFor([&] { return syncSettled(device()); }, timeoutSeconds);
   }
 
-  /// Syncs and waits until every cut batch is accepted.
-  bool flush(double timeoutSeconds = 20) {
-    sdk().syncNow();
-    return waitFor([&] { return deliveredAll(device()); }, timeoutSeconds);
-  }
-
-  /// Names of the events the emulator stored, in the order it stored them.
-  std::vector<std::string> storedNames(const std::string& prefix = "") {
-    std::vector<std::string> names;
-    for (const auto& e : emulator().events()) {
-      if (e.name.rfind(prefix, 0) == 0) names.push_back(e.name);
-    }
-    return names;
-  }
-
-  std::vector<KOValue> storedRecords(const std::string& name) {
-    std::vector<KOValue> out;
-    for (const auto& e : emulator().events()) {
-      if (e.name == name) out.push_back(KOJSONSerialization::parse(e.json));
-    }
-    return out;
-  }
+  // Earlier names of the harness's helpers, kept for tests written against them.
+  bool flush(double timeoutSeconds = 20) { return deliverAll(timeoutSeconds); }
+  std::vector<std::string> storedNames(const std::string& prefix = "") { return storedEventNames(prefix); }
+  std::vector<KOValue> storedRecords(const std::string& name) { return storedEvents(name); }
 
   /// The batch file as it is on disk.
   KOValue batchFile() { return KOPropertyListFile::read(events().eventsPlistFilePath()); }

@@ -1,4 +1,6 @@
 // Test fixture: a fresh simulated device in a temporary directory, installed as the platform.
+// A thin layer over the public GoogleTest fixture (kovantis/testing/KOHarnessTest.h): the same
+// device, waits and emulator as a host app's tests get, without the emulator by default.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -6,27 +8,19 @@
 #include <memory>
 
 #include "Sim/KOSimDevice.h"
+#include "kovantis/testing/KOHarnessTest.h"
 
-class KOTestDevice : public ::testing::Test {
+class KOTestDevice : public KOHarnessTest {
  protected:
-  void SetUp() override {
-    device_ = std::make_unique<KOSimDevice>(config());
-    device_->install();
-  }
-  void TearDown() override { device_.reset(); }
-
   /// Override to shape the device before it is built.
   virtual KOSimDeviceConfig config() { return {}; }
+  /// Whether an in-process emulator starts with the device.
+  virtual bool withEmulator() { return false; }
 
-  KOSimDevice& device() { return *device_; }
-
-  /// Pumps the main queue until the condition holds; fails the test after the timeout.
-  bool waitFor(const std::function<bool()>& condition, double timeoutSeconds = 10) {
-    const bool ok = device_->runMainUntil(condition, timeoutSeconds);
-    EXPECT_TRUE(ok) << "condition not met within " << timeoutSeconds << " s";
-    return ok;
+  KOTestHarness::Options harnessOptions() override {
+    KOTestHarness::Options options;
+    options.device = config();
+    options.emulator = withEmulator();
+    return options;
   }
-
- private:
-  std::unique_ptr<KOSimDevice> device_;
 };

@@ -1,4 +1,4 @@
-#include "KOEmulator.h"
+#include "kovantis/emulator/KOEmulator.h"
 
 #include <arpa/inet.h>
 #include <httplib.h>
@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <optional>
 #include <sstream>
@@ -34,9 +35,11 @@ int portOf(const sockaddr_storage &addr) {
   return -1;
 }
 
-// httplib hands a handler no socket, so a dropped connection finds its own: the one whose local
-// and peer ports are those of the request. A TCP connection's ports are unique on the host.
-bool dropConnection(const httplib::Request &req) {
+// httplib hands the emulator no socket of a connection, so it finds them among the process's
+// descriptors: shuts down each connected socket for which `matches(localPort, peerPort)` holds.
+// Returns how many it shut down.
+int shutdownConnections(const std::function<bool(int localPort, int peerPort)> &matches) {
+  int count = 0;
   std::error_code ec;
   for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
     const std::string name = entry.path().filename().string();
@@ -48,11 +51,17 @@ bool dropConnection(const httplib::Request &req) {
     int sock = static_cast<int>(fd);
     if (getsockname(sock, reinterpret_cast<sockaddr *>(&local), &localLen) != 0) continue;
     if (getpeername(sock, reinterpret_cast<sockaddr *>(&peer), &peerLen) != 0) continue;
-    if (portOf(local) == req.local_port && portOf(peer) == req.remote_port) {
-      return ::shutdown(sock, SHUT_RDWR) == 0;
-    }
+    if (matches(portOf(local), portOf(peer)) && ::shutdown(sock, SHUT_RDWR) == 0) ++count;
   }
-  return false;
+  return count;
+}
+
+// A dropped connection is the one whose local and peer ports are those of the request: a TCP
+// connection's ports are unique on the host.
+bool dropConnection(const httplib::Request &req) {
+  return shutdownConnections([&](int localPort, int peerPort) {
+           return localPort == req.local_port && peerPort == req.remote_port;
+         }) > 0;
 }
 
 // httplib listens with a backlog of five; a burst of connections (a sync of many batches, a test's
@@ -74,7 +83,8 @@ std::string describe(const KOEmulatorFault &f) {
 
 }  // namespace
 
-class KOEmulator::Impl {
+// Hidden: a nested class would otherwise take the exported visibility of KOEmulator.
+class __attribute__((visibility("hidden"))) KOEmulator::Impl {
  public:
   explicit Impl(Options o) : options(std::move(o)), store(options.dataDir), service(store, faults, options.imagesDir) {}
 
@@ -290,6 +300,11 @@ void KOEmulator::stop() {
   }
   impl_->stopChanged.notify_all();
   impl_->server->stop();
+  // A worker keeps an idle kept-alive connection until its keep-alive time ends, and the listener
+  // waits for every worker: cut the connections accepted on our port, so that stop() (and every
+  // test's teardown) does not wait out a client that simply has not hung up yet.
+  const int port = impl_->boundPort.load();
+  shutdownConnections([port](int localPort, int) { return localPort == port; });
   impl_->listener.join();
   impl_->server.reset();
   impl_->boundPort = 0;
@@ -305,6 +320,9 @@ int KOEmulator::port() const { return impl_->boundPort.load(); }
 std::string KOEmulator::baseURL() const {
   return "http://" + impl_->options.bindAddress + ":" + std::to_string(port());
 }
+
+std::string KOEmulator::controlURL() const { return baseURL() + kControlPath; }
+std::string KOEmulator::dashboardURL() const { return baseURL() + kDashboardPath; }
 
 void KOEmulator::seed(const std::string &json) { impl_->service.seed(json); }
 std::string KOEmulator::seedsJSON() const { return impl_->service.seedsJSON(); }

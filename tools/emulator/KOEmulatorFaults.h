@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "KOEmulatorRecords.h"
+#include "kovantis/emulator/KOEmulatorRecords.h"
 
 class KOEmulatorFaults {
  public:

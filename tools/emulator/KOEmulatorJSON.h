@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "KOEmulatorRecords.h"
+#include "kovantis/emulator/KOEmulatorRecords.h"
 
 using KOJSONWriter = rapidjson::Writer<rapidjson::StringBuffer>;
 

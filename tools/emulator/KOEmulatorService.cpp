@@ -19,6 +19,7 @@
 #include "KOEmulatorFaults.h"
 #include "KOEmulatorJSON.h"
 #include "KOEmulatorStore.h"
+#include "kovantis/emulator/KOEmulator.h"
 
 namespace {
 
@@ -29,7 +30,7 @@ struct Refusal : std::invalid_argument {
 };
 
 constexpr std::string_view kLogPrefix = "/noformat/logs/";
-constexpr std::string_view kControlPrefix = "/__emulator/";
+constexpr std::string_view kControlPrefix = KOEmulator::kControlPath;
 constexpr std::string_view kImagePrefix = "/images/";
 
 const std::map<std::string, std::string, std::less<>> kDefaultSeeds = {

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "KOEmulatorRecords.h"
+#include "kovantis/emulator/KOEmulatorRecords.h"
 
 class KOEmulatorFaults;
 class KOEmulatorStore;

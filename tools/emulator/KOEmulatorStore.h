@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "KOEmulatorRecords.h"
+#include "kovantis/emulator/KOEmulatorRecords.h"
 
 struct sqlite3;
 

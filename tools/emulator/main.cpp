@@ -2,58 +2,118 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <string>
+#include <vector>
 
-#include "KOEmulator.h"
+#include "kovantis/emulator/KOEmulator.h"
 
 namespace {
 
+struct Settings {
+  KOEmulator::Options emulator;
+  int port = -1;
+  bool quiet = false;
+  bool help = false;
+};
+
+// Every option, with what --help says of it: the parser reads this table, so an option cannot be
+// accepted without being documented.
+struct Option {
+  const char *name;
+  const char *argument;  // nullptr: a flag
+  const char *help;
+  std::function<bool(Settings &, const std::string &)> apply;  // false: the value is unusable
+};
+
+const std::vector<Option> &options() {
+  static const std::vector<Option> table = {
+      {"--port", "N", "port to listen on, on 127.0.0.1 (required); 0 picks a free one",
+       [](Settings &s, const std::string &v) {
+         char *end = nullptr;
+         const long p = std::strtol(v.c_str(), &end, 10);
+         if (v.empty() || *end != '\0' || p < 0 || p > 65535) return false;
+         s.port = static_cast<int>(p);
+         return true;
+       }},
+      {"--data", "DIR", "directory of the store, DIR/emulator.sqlite (required); created when missing",
+       [](Settings &s, const std::string &v) {
+         s.emulator.dataDir = v;
+         return !v.empty();
+       }},
+      {"--seed", "FILE", "JSON seed applied at start: config, in-app campaigns, inbox, geofences, images",
+       [](Settings &s, const std::string &v) {
+         s.emulator.seedFile = v;
+         return !v.empty();
+       }},
+      {"--images", "DIR", "serve the files under DIR at /images/<relative path>",
+       [](Settings &s, const std::string &v) {
+         s.emulator.imagesDir = v;
+         return !v.empty();
+       }},
+      {"--quiet", nullptr, "do not log each service call on stderr",
+       [](Settings &s, const std::string &) {
+         s.quiet = true;
+         return true;
+       }},
+      {"--help", nullptr, "print this help and exit",
+       [](Settings &s, const std::string &) {
+         s.help = true;
+         return true;
+       }},
+  };
+  return table;
+}
+
+void printHelp(std::ostream &out, const char *self) {
+  out << "usage: " << self << " --port N --data DIR [--seed FILE] [--images DIR] [--quiet]\n\n"
+      << "A local stand-in for the Kovantis service: answers every call the SDK makes, stores what it\n"
+      << "received and fails on demand. Stops cleanly on SIGINT or SIGTERM.\n\n"
+      << "options:\n";
+  for (const Option &o : options()) {
+    std::string left = std::string(o.name) + (o.argument ? std::string(" ") + o.argument : "");
+    left.resize(std::max<size_t>(left.size() + 2, 16), ' ');
+    out << "  " << left << o.help << '\n';
+  }
+  out << "\nThe first line printed is \"kovantis-emulator listening on 127.0.0.1:PORT\"; the next ones give\n"
+      << "the control API (" << KOEmulator::kControlPath << ": health, requests, events, batches, devices,\n"
+      << "logs, categories, duplicates, seed, fault, reset) and where the dashboard is served ("
+      << KOEmulator::kDashboardPath << ").\n";
+}
+
 int usage(const char *self) {
-  std::cerr << "usage: " << self << " --port N --data DIR [--seed FILE] [--images DIR] [--quiet]\n"
-            << "  --port 0 picks a free port; the chosen one is printed on the first line.\n"
-            << "  --images DIR serves the files under DIR at /images/<relative path>.\n";
+  printHelp(std::cerr, self);
   return 2;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  KOEmulator::Options options;
-  int port = -1;
-  bool quiet = false;
+  Settings settings;
   for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    auto value = [&]() -> const char * { return i + 1 < argc ? argv[++i] : nullptr; };
-    if (arg == "--port") {
-      const char *v = value();
-      if (!v) return usage(argv[0]);
-      char *end = nullptr;
-      long p = std::strtol(v, &end, 10);
-      if (*v == '\0' || *end != '\0' || p < 0 || p > 65535) return usage(argv[0]);
-      port = static_cast<int>(p);
-    } else if (arg == "--data") {
-      const char *v = value();
-      if (!v) return usage(argv[0]);
-      options.dataDir = v;
-    } else if (arg == "--seed") {
-      const char *v = value();
-      if (!v) return usage(argv[0]);
-      options.seedFile = v;
-    } else if (arg == "--images") {
-      const char *v = value();
-      if (!v) return usage(argv[0]);
-      options.imagesDir = v;
-    } else if (arg == "--quiet") {
-      quiet = true;
-    } else {
-      return usage(argv[0]);
+    const std::string arg = argv[i];
+    const Option *option = nullptr;
+    for (const Option &o : options()) {
+      if (arg == o.name) option = &o;
     }
+    if (!option) return usage(argv[0]);
+    std::string value;
+    if (option->argument) {
+      if (i + 1 >= argc) return usage(argv[0]);
+      value = argv[++i];
+    }
+    if (!option->apply(settings, value)) return usage(argv[0]);
   }
-  if (port < 0 || options.dataDir.empty()) return usage(argv[0]);
-  options.logRequests = !quiet;
+  if (settings.help) {
+    printHelp(std::cout, argv[0]);
+    return 0;
+  }
+  if (settings.port < 0 || settings.emulator.dataDir.empty()) return usage(argv[0]);
+  settings.emulator.logRequests = !settings.quiet;
 
   // Block the stop signals before any thread exists, so every thread inherits the mask and
   // only sigwait below receives them.
@@ -66,9 +126,11 @@ int main(int argc, char **argv) {
   pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
 
   try {
-    KOEmulator emulator(options);
-    int bound = emulator.start(port);
-    std::cout << "kovantis-emulator listening on " << options.bindAddress << ":" << bound << std::endl;
+    KOEmulator emulator(settings.emulator);
+    int bound = emulator.start(settings.port);
+    std::cout << "kovantis-emulator listening on " << settings.emulator.bindAddress << ":" << bound << "\n"
+              << "  control API  " << emulator.controlURL() << "health (and requests, events, seed, fault, reset)\n"
+              << "  dashboard    " << emulator.dashboardURL() << " (not served by this version yet)" << std::endl;
     int received = 0;
     sigwait(&stopSignals, &received);
     std::cout << "kovantis-emulator stopping (signal " << received << ")" << std::endl;

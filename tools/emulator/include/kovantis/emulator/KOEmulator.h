@@ -3,6 +3,10 @@
 // An in-process kovantis-emulator: a real HTTP server on a loopback port that answers every call
 // the SDK makes, stores what it received in SQLite and can be told to fail. Thread-safe; every
 // accessor may be called while the server is answering requests.
+//
+// Installed with the SDK as Kovantis::emulator (libkovantis_emulator). This header and
+// KOEmulatorRecords.h are its whole surface: the HTTP server, the store and their libraries stay
+// behind the pointer below, so including it adds nothing to a host's compile line.
 
 #include <chrono>
 #include <memory>
@@ -10,6 +14,9 @@
 #include <vector>
 
 #include "KOEmulatorRecords.h"
+
+// The library is built with hidden visibility; this class is what it exports.
+#pragma GCC visibility push(default)
 
 class KOEmulator {
  public:
@@ -40,6 +47,14 @@ class KOEmulator {
   bool isRunning() const;
   int port() const;
   std::string baseURL() const;  // "http://127.0.0.1:PORT"
+
+  // The control API (seeds, faults, inspection, reset: README of the emulator) lives under this
+  // path on the same port; it is never recorded and never hit by faults.
+  static constexpr const char *kControlPath = "/__emulator/";
+  // Where the emulator's dashboard is served, under the control API.
+  static constexpr const char *kDashboardPath = "/__emulator/dashboard/";
+  std::string controlURL() const;    // baseURL() + kControlPath
+  std::string dashboardURL() const;  // baseURL() + kDashboardPath
 
   // Seeds: a JSON object whose sections replace the ones stored (see README.md). Throws
   // std::invalid_argument with the reason when the text is not an acceptable seed.
@@ -80,3 +95,5 @@ class KOEmulator {
   class Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+#pragma GCC visibility pop
