@@ -448,6 +448,31 @@ void Kovantis::handleInAppMessageForViewController(const KOViewController* viewC
   });
 }
 
+void Kovantis::getSelfHandledInApp() { getSelfHandledInAppForViewController(nullptr); }
+
+void Kovantis::getSelfHandledInAppForViewController(const KOViewController* viewController) {
+  KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
+    if (disableInApps_ || !KOInAppV2Handler::canShowInAppWithPreConditions()) return;
+    KOInAppV2Handler::sharedInstance().getSelfHandledInAppForViewController(viewController);
+  });
+}
+
+void Kovantis::selfHandledInAppViewShownWithCampaignID(const std::string& campaignID) {
+  KOInAppV2Handler::sharedInstance().selfHandledInAppShownWithCampaignID(campaignID);
+}
+
+void Kovantis::selfHandledInAppClickedWithPrimaryActionAndCampaignID(const std::string& campaignID) {
+  KOInAppV2Handler::sharedInstance().selfHandledInAppClickedWithPrimaryActionAndCampaignID(campaignID);
+}
+
+void Kovantis::selfHandledInAppClickedWithSecondaryActionAndCampaignID(const std::string& campaignID) {
+  KOInAppV2Handler::sharedInstance().selfHandledInAppClickedWithSecondaryActionAndCampaignID(campaignID);
+}
+
+void Kovantis::selfHandledInAppClickedWithDismissActionAndCampaignID(const std::string& campaignID) {
+  KOInAppV2Handler::sharedInstance().selfHandledInAppClickedWithDismissActionAndCampaignID(campaignID);
+}
+
 void Kovantis::dontShowInAppInViewController(const KOViewController* viewController) {
   KOInAppV2Handler::sharedInstance().dontShowInAppInViewController(viewController);
 }

@@ -139,6 +139,14 @@ class Kovantis {
   /// Shows the best stored campaign the rules allow on the top screen (or the one given).
   void handleInAppMessage();
   void handleInAppMessageForViewController(const KOViewController* viewController);
+  /// The first self-handled campaign the rules allow on the top screen (or the one given) goes to
+  /// the delegate's selfHandledInAppWithData; the host reports what it did with the calls below.
+  void getSelfHandledInApp();
+  void getSelfHandledInAppForViewController(const KOViewController* viewController);
+  void selfHandledInAppViewShownWithCampaignID(const std::string& campaignID);
+  void selfHandledInAppClickedWithPrimaryActionAndCampaignID(const std::string& campaignID);
+  void selfHandledInAppClickedWithSecondaryActionAndCampaignID(const std::string& campaignID);
+  void selfHandledInAppClickedWithDismissActionAndCampaignID(const std::string& campaignID);
   /// No in-app shows on this screen from now on.
   void dontShowInAppInViewController(const KOViewController* viewController);
   /// Every stored campaign with whether it would show now on the screen (the top one when none is

@@ -28,7 +28,9 @@ class Recorder : public KOInAppDelegate {
   void inAppClickedForWidget(int widget, const std::string& screenName, const KODictionary& dataDict) override {
     clicks.push_back({widget, screenName, dataDict});
   }
+  void selfHandledInAppWithData(const KODictionary& data) override { selfHandled.push_back(data); }
   std::vector<Click> clicks;
+  std::vector<KODictionary> selfHandled;
 };
 
 class InAppActionsTest : public KOSDKTestDevice {
@@ -164,4 +166,30 @@ TEST_F(InAppActionsTest, NonsenseTapsAndActionsChangeNothing) {
   ASSERT_TRUE(flush());
   EXPECT_TRUE(storedNames("NEVER").empty());
   EXPECT_TRUE(storedRecords(EVENT_ACTION_USER_ATTRIBUTE).empty());
+}
+
+// A self-handled campaign goes to the host, which reports showing and clicks; the rules then hold
+// it back like any other.
+TEST_F(InAppActionsTest, SelfHandledCampaignsReachTheHostAndFollowTheRules) {
+  KOInAppV2Manager::saveInAppCampaignsWithData(KOJSONSerialization::parse(R"({"campaign_info": [
+      {"cid": "g1", "status": "active", "type": "general", "ttl": 1900000000, "max_times": 5, "priority": 1},
+      {"cid": "s1", "status": "active", "type": "self_handled", "ttl": 1900000000, "max_times": 5, "priority": 2,
+       "content": "{\"title\": \"Welcome back\"}"}]})"),
+                                               [] {});
+  sdk().getSelfHandledInApp();
+  ASSERT_EQ(recorder_->selfHandled.size(), 1u);
+  EXPECT_EQ(recorder_->selfHandled[0],
+            (KODictionary{{"campaign_id", "s1"}, {"content", R"({"title": "Welcome back"})"}}));
+  EXPECT_TRUE(device().console().contains("In app campaign not of type Self Handled; CampaignID : g1"));
+  EXPECT_FALSE(onScreen());  // the SDK shows nothing itself
+
+  sdk().selfHandledInAppViewShownWithCampaignID("s1");
+  sdk().selfHandledInAppClickedWithPrimaryActionAndCampaignID("s1");
+  sdk().selfHandledInAppClickedWithPrimaryActionAndCampaignID("unknown");
+  EXPECT_EQ(KOInAppV2Manager::getCampaignStatusDictWithCampaignId("s1")["timesShown"], KOValue("1"));
+  KovantisUtils::saveLastInAppShowedTime(KOValue());
+  sdk().getSelfHandledInApp();
+  EXPECT_EQ(recorder_->selfHandled.size(), 1u);  // clicked: not handed out again
+  ASSERT_TRUE(flush());
+  EXPECT_EQ(storedNames("iOS_IN_APP_SHOWN").size(), 1u);
 }

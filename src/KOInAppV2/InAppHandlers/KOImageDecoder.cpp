@@ -1,9 +1,9 @@
 #include "KOImageDecoder.h"
 
+#include <stb/stb_image.h>
+
 #include <climits>
 #include <cstring>
-
-#include <stb/stb_image.h>
 
 namespace {
 

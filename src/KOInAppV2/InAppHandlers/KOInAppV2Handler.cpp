@@ -580,3 +580,62 @@ void KOInAppV2Handler::fetchAndShowInAppForCampaignID(const std::string& campaig
         });
       });
 }
+
+std::shared_ptr<const KOInAppV2Object> KOInAppV2Handler::storedCampaign(const std::string& campaignID) {
+  for (const KOValue& stored : KOInAppV2Manager::getActiveInAppCampaigns()) {
+    if (validObjectForKey(stored, CAMPAIGN_ID) == KOValue(campaignID))
+      return std::make_shared<const KOInAppV2Object>(stored);
+  }
+  return nullptr;
+}
+
+void KOInAppV2Handler::getSelfHandledInAppForViewController(const KOViewController* viewController) {
+  KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
+    const std::string screen = currentScreenName(viewController);
+    for (const KOValue& stored : KOInAppV2Manager::getActiveInAppCampaigns()) {
+      const KOInAppV2CampaignPropertiesObject campaign(stored);
+      if (campaign.inAppType() != KOInAppV2TypeSelfHandled) {
+        KOLogger::logWithVerbosity(1, KOLogSeverityNone,
+                                   KOArray{KOValue(KOStringFormat::format(
+                                       "Kovantis - In app campaign not of type Self Handled; CampaignID : %@",
+                                       {KOValue(campaign.campaignId())}))});
+        continue;
+      }
+      if (!campaign.showOnlyInScreen().empty() && !sameIgnoringCase(campaign.showOnlyInScreen(), screen)) continue;
+      if (!canShowInApp(campaign)) continue;
+      returnSelfHandledInAppData(KOInAppV2Object(stored, campaign));
+      return;
+    }
+  });
+}
+
+void KOInAppV2Handler::selfHandledInAppShownWithCampaignID(const std::string& campaignID) {
+  KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
+    const auto inApp = storedCampaign(campaignID);
+    if (!inApp) return;
+    KOInAppV2Manager::writeToPlistToUpdateInAppNumberOfTimesShownWithInAppObject(*inApp);
+    saveLastShownTimeAndTrackEventForInApp(*inApp, false);
+  });
+}
+
+void KOInAppV2Handler::selfHandledInAppClickedWithPrimaryActionAndCampaignID(const std::string& campaignID) {
+  selfHandledInAppClickedWithAction(1, campaignID);
+}
+
+void KOInAppV2Handler::selfHandledInAppClickedWithSecondaryActionAndCampaignID(const std::string& campaignID) {
+  selfHandledInAppClickedWithAction(2, campaignID);
+}
+
+void KOInAppV2Handler::selfHandledInAppClickedWithDismissActionAndCampaignID(const std::string& campaignID) {
+  selfHandledInAppClickedWithAction(0, campaignID);
+}
+
+void KOInAppV2Handler::selfHandledInAppClickedWithAction(int action, const std::string& andCampaignID) {
+  KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
+    const auto inApp = storedCampaign(andCampaignID);
+    if (!inApp) return;
+    // Only the primary action counts as the click that ends a campaign; the others are the
+    // host's to track as it likes.
+    if (action == 1) KOInAppV2Manager::writeToPlistForInAppClickedWithButtonType(1, *inApp);
+  });
+}

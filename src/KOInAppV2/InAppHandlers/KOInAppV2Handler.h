@@ -76,6 +76,16 @@ class KOInAppV2Handler {
   static void fetchAndShowInAppForCampaignID(const std::string& campaignID, bool forTestInApp);
   /// Hands a self-handled campaign to the host app's delegate.
   static void returnSelfHandledInAppData(const KOInAppV2Object& inApp);
+  /// The first stored self-handled campaign the rules allow on the screen, handed to the delegate.
+  void getSelfHandledInAppForViewController(const KOViewController* viewController);
+  /// The host showed a self-handled campaign itself: counted and tracked like one the SDK shows.
+  void selfHandledInAppShownWithCampaignID(const std::string& campaignID);
+  /// The host's primary action: the click is recorded, so that a non-persistent campaign stops.
+  void selfHandledInAppClickedWithPrimaryActionAndCampaignID(const std::string& campaignID);
+  void selfHandledInAppClickedWithSecondaryActionAndCampaignID(const std::string& campaignID);
+  void selfHandledInAppClickedWithDismissActionAndCampaignID(const std::string& campaignID);
+  /// 1 primary, 2 secondary, anything else a dismissal.
+  void selfHandledInAppClickedWithAction(int action, const std::string& andCampaignID);
   static void trackInAppShownForCampaignID(const std::string& campaignID);
   static void trackInAppAutoDismissForCampaignID(const std::string& campaignID);
 
@@ -89,6 +99,8 @@ class KOInAppV2Handler {
  private:
   KOInAppV2Handler();
   std::string currentScreenName(const KOViewController* viewController) const;
+  // The stored campaign with the id, as an object; nothing when it is not stored.
+  static std::shared_ptr<const KOInAppV2Object> storedCampaign(const std::string& campaignID);
   // The screen, blocked-screen and keyboard checks, in the order a showing applies them.
   KOInAppDecision screenDecision(const KOInAppV2CampaignPropertiesObject& campaign, const std::string& screen) const;
   void refreshTriggerEvents();
