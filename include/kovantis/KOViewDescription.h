@@ -52,6 +52,9 @@ struct KOViewDescription {
   /// Unset colours are the platform's defaults (black text, clear background).
   std::optional<KOColor> textColor;
   std::optional<KOColor> backgroundColor;
+  double cornerRadius = 0;
+  double borderWidth = 0;
+  KOColor borderColor;
   /// A file path for an image view.
   std::string image;
   /// A row the user may delete with a swipe.

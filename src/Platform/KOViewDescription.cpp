@@ -96,6 +96,11 @@ KOValue KOViewDescription::toValue() const {
   }
   if (textColor) d.set("textColor", hexColor(*textColor));
   if (backgroundColor) d.set("backgroundColor", hexColor(*backgroundColor));
+  if (cornerRadius > 0) d.set("cornerRadius", cornerRadius);
+  if (borderWidth > 0) {
+    d.set("borderWidth", borderWidth);
+    d.set("borderColor", hexColor(borderColor));
+  }
   if (!image.empty()) d.set("image", image);
   if (deletable) d.set("deletable", true);
   if (kind == KOViewKind::Rating) {

@@ -224,13 +224,15 @@ void KOInAppV2Handler::getInAppCampaigns() {
         stamp, KODictionary{{"campaign_ids", std::move(ids)}}, [this, asked](const KOValue& response) {
           const auto finished = [this] {
             bool showNow = false;
+            std::string screen;
             {
               std::lock_guard<std::mutex> lock(mutex_);
               fetching_ = false;
               showNow = std::exchange(handleInAppsCalledDuringFetch_, false);
+              screen = std::move(screenAskedDuringFetch_);
             }
             refreshTriggerEvents();
-            if (showNow) showInAppForViewController(nullptr);
+            if (showNow) showInAppForScreen(std::move(screen));
           };
           if (!response.isDictionary()) return finished();
           KOInAppV2Manager::saveInAppCampaignsWithData(
@@ -257,16 +259,21 @@ void KOInAppV2Handler::dontShowInAppInViewController(const KOViewController* vie
 }
 
 void KOInAppV2Handler::showInAppForViewController(const KOViewController* viewController) {
+  showInAppForScreen(currentScreenName(viewController));
+}
+
+void KOInAppV2Handler::showInAppForScreen(std::string screen) {
   try {
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (fetching_) {
+        // Answered when the fetch ends, for the screen that asked.
         handleInAppsCalledDuringFetch_ = true;
+        screenAskedDuringFetch_ = std::move(screen);
         return;
       }
       if (onScreen_) return;  // one in-app on screen at a time
     }
-    const std::string screen = currentScreenName(viewController);
     for (const KOValue& stored : KOInAppV2Manager::getActiveInAppCampaigns()) {
       const KOInAppV2CampaignPropertiesObject campaign(stored);
       if (campaign.inAppType() != KOInAppV2TypeGeneral) {

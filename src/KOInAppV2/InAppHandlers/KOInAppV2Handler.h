@@ -99,6 +99,7 @@ class KOInAppV2Handler {
  private:
   KOInAppV2Handler();
   std::string currentScreenName(const KOViewController* viewController) const;
+  void showInAppForScreen(std::string screen);
   // The stored campaign with the id, as an object; nothing when it is not stored.
   static std::shared_ptr<const KOInAppV2Object> storedCampaign(const std::string& campaignID);
   // The screen, blocked-screen and keyboard checks, in the order a showing applies them.
@@ -110,6 +111,7 @@ class KOInAppV2Handler {
   mutable std::mutex mutex_;
   bool fetching_ = false;
   bool handleInAppsCalledDuringFetch_ = false;
+  std::string screenAskedDuringFetch_;
   bool keyboardShown_ = false;
   std::vector<std::string> dontShowInAppScreenList_;
   std::set<std::string> imagesFailed_;

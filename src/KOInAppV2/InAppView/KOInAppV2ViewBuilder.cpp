@@ -21,7 +21,15 @@ class Layout {
     KOViewDescription view;
     view.tag = widget.widgetId();
     view.text = widget.content();
-    view.font = KOFont{"", KOInAppV2ViewBuilder::kTextSize};
+    // The campaign's own styling where it gives one.
+    const KOInAppV2PropertiesObject& style = widget.propertiesObject();
+    view.font = KOFont{style.fontName(),
+                       style.fontSize() > 0 ? static_cast<double>(style.fontSize()) : KOInAppV2ViewBuilder::kTextSize};
+    view.textColor = style.textColor();
+    if (style.backgroundColor()) view.backgroundColor = style.backgroundColor();
+    view.cornerRadius = std::isfinite(style.cornerRadius()) ? std::max(0.0f, style.cornerRadius()) : 0;
+    view.borderWidth = std::isfinite(style.borderWeight()) ? std::max(0.0f, style.borderWeight()) : 0;
+    view.borderColor = style.borderColor();
     switch (widget.type()) {
       case KOInAppV2WidgetText:
         view.kind = KOViewKind::Label;
@@ -30,8 +38,11 @@ class Layout {
         break;
       case KOInAppV2WidgetButton:
         view.kind = KOViewKind::Button;
-        view.textColor = kWhite;
-        view.backgroundColor = kButton;
+        if (!style.backgroundColor()) {
+          view.textColor = kWhite;
+          view.backgroundColor = kButton;
+        }
+        if (view.cornerRadius == 0) view.cornerRadius = 6;
         view.frame = KORect{x, y, width, KOInAppV2ViewBuilder::kButtonHeight};
         break;
       case KOInAppV2WidgetImage:
@@ -127,6 +138,7 @@ KOViewDescription KOInAppV2ViewBuilder::describe(const KOInAppV2Object& inApp, c
   KOViewDescription card;
   card.kind = KOViewKind::Container;
   card.backgroundColor = kWhite;
+  card.cornerRadius = full ? 0 : 12;
   const double cardWidth = full ? screen.width : std::max(1.0, screen.width - 2 * kCardInset);
   Layout layout(inApp, *KOPlatform::current().userInterface, imageSizes);
   double content = 0;

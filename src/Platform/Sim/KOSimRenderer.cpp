@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <fstream>
 #include <string_view>
 
 #include "KOSimTextLayout.h"
@@ -66,14 +67,47 @@ std::string fontAttributes(const KOFont& font) {
   return out;
 }
 
+// The image file as a data URI ("" when it cannot be read or is no PNG, GIF or JPEG we embed).
+std::string dataURI(const std::string& path) {
+  constexpr std::size_t kLargestEmbedded = 4u << 20;
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
+  if (!in) return "";
+  const std::streamoff size = in.tellg();
+  if (size <= 0 || static_cast<std::size_t>(size) > kLargestEmbedded) return "";
+  std::string bytes(static_cast<std::size_t>(size), '\0');
+  in.seekg(0);
+  if (!in.read(bytes.data(), size)) return "";
+  const char* type = bytes.rfind("\x89PNG", 0) == 0    ? "image/png"
+                     : bytes.rfind("GIF8", 0) == 0     ? "image/gif"
+                     : bytes.rfind("\xff\xd8", 0) == 0 ? "image/jpeg"
+                                                       : nullptr;
+  if (!type) return "";
+  static const char* kDigits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out = std::string("data:") + type + ";base64,";
+  out.reserve(out.size() + (bytes.size() + 2) / 3 * 4);
+  for (std::size_t i = 0; i < bytes.size(); i += 3) {
+    const auto at = [&](std::size_t k) { return k < bytes.size() ? static_cast<unsigned char>(bytes[k]) : 0u; };
+    const unsigned triple = (at(i) << 16) | (at(i + 1) << 8) | at(i + 2);
+    out += kDigits[(triple >> 18) & 63];
+    out += kDigits[(triple >> 12) & 63];
+    out += i + 1 < bytes.size() ? kDigits[(triple >> 6) & 63] : '=';
+    out += i + 2 < bytes.size() ? kDigits[triple & 63] : '=';
+  }
+  return out;
+}
+
 class Writer {
  public:
   std::string out;
 
-  void rect(const KORect& r, double x, double y, const KOColor& fill, double radius = 0) {
+  void rect(const KORect& r, double x, double y, const KOColor& fill, double radius = 0, double border = 0,
+            const KOColor& borderColor = {}) {
     out += "<rect x=\"" + number(x + r.x) + "\" y=\"" + number(y + r.y) + "\" width=\"" + number(r.width) +
            "\" height=\"" + number(r.height) + "\"";
     if (radius > 0) out += " rx=\"" + number(radius) + "\"";
+    if (border > 0) {
+      out += " stroke=\"" + color(borderColor) + "\" stroke-width=\"" + number(border) + "\"";
+    }
     out += " fill=\"" + color(fill) + "\"/>\n";
   }
 
@@ -114,21 +148,26 @@ class Writer {
   // Draws the view at the offset of its parent's origin.
   void view(const KOViewDescription& v, double x, double y, int depth) {
     if (depth > 64) return;  // deeper than any screen we lay out
-    if (v.backgroundColor) rect(v.frame, x, y, *v.backgroundColor, v.kind == KOViewKind::Button ? 6 : 0);
+    if (v.backgroundColor || v.borderWidth > 0) {
+      rect(v.frame, x, y, v.backgroundColor.value_or(KOColor{0, 0, 0, 0}), v.cornerRadius, v.borderWidth,
+           v.borderColor);
+    }
     switch (v.kind) {
       case KOViewKind::Label:
         text(v, x, y, v.alignment, false);
         break;
       case KOViewKind::Button:
-        if (!v.backgroundColor) rect(v.frame, x, y, KOColor{0, 0.48, 1, 1}, 6);
+        if (!v.backgroundColor) rect(v.frame, x, y, KOColor{0, 0.48, 1, 1}, v.cornerRadius);
         text(v, x, y, KOTextAlignment::Center, true);
         break;
       case KOViewKind::Image: {
         rect(v.frame, x, y, KOColor{0.9, 0.9, 0.9, 1});
+        // The picture carries the image itself, so that it shows wherever the file is opened.
+        const std::string embedded = dataURI(v.image);
+        if (embedded.empty()) break;
         out += "<image x=\"" + number(x + v.frame.x) + "\" y=\"" + number(y + v.frame.y) + "\" width=\"" +
-               number(v.frame.width) + "\" height=\"" + number(v.frame.height) + "\" href=\"";
-        escapeInto(out, v.image);
-        out += "\" preserveAspectRatio=\"xMidYMid meet\"/>\n";
+               number(v.frame.width) + "\" height=\"" + number(v.frame.height) + "\" href=\"" + embedded +
+               "\" preserveAspectRatio=\"xMidYMid meet\"/>\n";
         break;
       }
       case KOViewKind::List: {
@@ -188,7 +227,8 @@ std::string KOSimRenderer::svg(const KOViewDescription& root) {
   Writer w;
   w.out = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" + number(width) + "\" height=\"" + number(height) +
           "\" viewBox=\"0 0 " + number(width) + " " + number(height) + "\">\n";
-  w.rect(KORect{0, 0, width, height}, 0, 0, KOColor{1, 1, 1, 1});
+  // Behind a screen of its own, white; behind a message shown over the app, the app's grey.
+  w.rect(KORect{0, 0, width, height}, 0, 0, titled ? KOColor{1, 1, 1, 1} : KOColor{0.93, 0.93, 0.95, 1});
   if (titled) {
     w.rect(KORect{0, 0, width, top}, 0, 0, KOColor{0.97, 0.97, 0.97, 1});
     w.line(0, top, width, top, KOColor{0.7, 0.7, 0.7, 1});
