@@ -14,6 +14,7 @@
 
 #include "Sim/KOSimDevice.h"
 #include "kovantis/KOConstants.h"
+#include "kovantis/KOInAppDelegate.h"
 #include "kovantis/KOInbox.h"
 #include "kovantis/KONotificationCenter.h"
 #include "kovantis/Kovantis.h"
@@ -93,6 +94,54 @@ class InboxNavigation : public KOInboxCellSelectedDelegate {
   }
 };
 
+// The shop's in-app campaigns: a spring sale with a banner for the home screen, a cart offer the
+// "ADD_TO_CART" event triggers, and a welcome the app draws itself. One minute between in-apps.
+std::string inAppSeed(const std::string& imagesURL) {
+  return R"({"inapps": {"minimum_delay_bw_inapps": 1, "event_list": ["ADD_TO_CART"], "campaign_info": [
+      {"cid": "spring-sale", "status": "active", "type": "general", "ttl": 4102444800, "max_times": 3, "priority": 1,
+       "show_only_screen": "HomeViewController", "widgets": [
+         {"id": 1, "type": "image", "content": ")" +
+         imagesURL + R"(/banner.png"},
+         {"id": 2, "type": "text", "content": "Spring sale: 20% off everything in the garden shop, this week only."},
+         {"id": 3, "type": "button", "content": "Shop the sale", "primary": true, "action": [
+            {"tag": "m_track", "track": "iOS_IN_APP_CLICKED"},
+            {"tag": "m_nav", "screen": "GardenShop", "extras": {"sale": "spring"}},
+            {"tag": "m_dismiss"}]},
+         {"id": 4, "type": "closebutton", "action": [{"tag": "m_dismiss"}]}]},
+      {"cid": "welcome-back", "status": "active", "type": "self_handled", "ttl": 4102444800, "max_times": 1,
+       "priority": 2, "content": "{\"headline\": \"Welcome back, Ada\"}"}]},
+    "smart_triggers": {"ADD_TO_CART": {"cid": "cart-offer", "status": "active", "type": "smart",
+       "ttl": 4102444800, "max_times": 2, "align": "bottom", "widgets": [
+         {"id": 1, "type": "text", "content": "Add a second pair and save 10%."},
+         {"id": 2, "type": "rating", "properties": {"maxRating": 5, "defaultRating": 4}},
+         {"id": 5, "type": "view", "buttonarray": [
+           {"id": 3, "type": "button", "content": "Add", "action": [{"tag": "m_copy", "value": "PAIR10"},
+                                                                   {"tag": "m_dismiss"}]},
+           {"id": 4, "type": "button", "content": "Not now", "action": [{"tag": "m_dismiss"}]}]}]}}})";
+}
+
+// The host's delegate: where a tap on an in-app leads, and the campaigns it draws itself.
+class InAppNavigation : public KOInAppDelegate {
+ public:
+  void inAppClickedForWidget(int, const std::string& screenName, const KODictionary& dataDict) override {
+    step("tapped: the app opens",
+         screenName.empty() ? "(nothing)" : screenName + " " + KOValue(dataDict).description());
+  }
+  void selfHandledInAppWithData(const KODictionary& data) override {
+    step("self-handled, drawn by the app", data["content"].isString() ? data["content"].stringValue() : "");
+    campaign = data["campaign_id"].isString() ? data["campaign_id"].stringValue() : "";
+  }
+  std::string campaign;
+};
+
+void printDecisions(const KOArray& report) {
+  for (const KOValue& d : report) {
+    std::string why = d["shows"].isBool() && d["shows"].boolValue() ? "would show" : d["refusedBy"].description();
+    if (d["minutesLeft"].isNumber()) why += " (" + d["minutesLeft"].description() + " min left)";
+    step("  " + d["cid"].description(), why);
+  }
+}
+
 std::string rowText(const KOViewDescription& row) {
   std::string text = row.children.empty() ? "" : row.children[0].text;
   if (text.size() > 44) text = text.substr(0, 41) + "...";
@@ -123,11 +172,13 @@ int main(int argc, char** argv) {
 
   KOEmulator::Options options;
   options.dataDir = root + "/emulator";
+  options.imagesDir = KOVANTIS_DEMO_ASSETS;
   KOEmulator emulator(options);
   emulator.reset();
   emulator.seed(R"({"config": {"l_e": 0, "e_b_c": 30}})");
   emulator.seed(inboxSeed());
   device.setServiceEndpoints(KOServiceEndpoints::local("127.0.0.1", emulator.start(0)));
+  emulator.seed(inAppSeed(emulator.baseURL() + "/images"));
   Demo demo(device, emulator);
   Kovantis& sdk = Kovantis::sharedInstance();
   Kovantis::debug(2);  // the SDK's console: exceptions and errors only
@@ -222,6 +273,39 @@ int main(int argc, char** argv) {
     std::ofstream(picture) << device.userInterface().renderEmbeddedScreen();
     step("picture of the screen", picture);
   }
+
+  section("In-app messages");
+  // The campaigns arrived with the fetch at launch; the home screen asks for one.
+  auto inAppNavigation = std::make_shared<InAppNavigation>();
+  sdk.setDelegate(inAppNavigation);
+  KOViewController homeScreen;
+  homeScreen.name = "HomeViewController";
+  // Asked while the launch's fetch may still run: answered when it ends, for this screen.
+  sdk.handleInAppMessageForViewController(&homeScreen);
+  device.runMainUntil([&] { return device.userInterface().presentedScreen().has_value(); }, 10);
+  if (device.userInterface().presentedScreen()) {
+    const std::string picture = root + "/inapp-spring-sale.svg";
+    std::ofstream(picture) << device.userInterface().renderPresentedScreen();
+    step("shown on HomeViewController", "spring-sale, picture " + picture);
+    device.userInterface().tapView(3);  // its primary button
+  }
+  sdk.handleInAppMessageForViewController(&homeScreen);
+  step("asked again at once", device.userInterface().presentedScreen() ? "shown" : "refused; the report says why:");
+  printDecisions(sdk.inAppDecisionReport(&homeScreen));
+  sdk.trackEvent(KOValue("ADD_TO_CART"), KOValue(KODictionary{{"sku", "SHOE-42"}}));
+  device.runMainUntil([&] { return device.userInterface().presentedScreen().has_value(); }, 10);
+  if (device.userInterface().presentedScreen()) {
+    const std::string picture = root + "/inapp-cart-offer.svg";
+    std::ofstream(picture) << device.userInterface().renderPresentedScreen();
+    step("ADD_TO_CART triggered", "cart-offer, picture " + picture);
+    device.userInterface().setRating(2, 5);
+    device.userInterface().tapView(3);
+    step("tapped Add", "coupon on the pasteboard: " + device.userInterface().pasteboardString());
+  }
+  device.clock().advance(120);  // two minutes later: the minimum delay between in-apps has passed
+  sdk.getSelfHandledInApp();
+  if (!inAppNavigation->campaign.empty()) sdk.selfHandledInAppViewShownWithCampaignID(inAppNavigation->campaign);
+  device.clock().useRealTime();
 
   section("Events");
   for (int i = 0; i < 40; ++i) {
