@@ -4,6 +4,7 @@
 
 #include "KODataHandler/KOEventsHandler.h"
 #include "KODataHandler/KOUserAttributesHandler.h"
+#include "KOGeofence/KOGeofenceHandler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInbox/KOInboxHandler.h"
 #include "KONotification/KONotificationHandler.h"
@@ -407,6 +408,15 @@ void Kovantis::updateModules() {
 }
 
 void Kovantis::getInboxMessages() { KOInboxHandler::getInboxMessagesWithCompletion(nullptr); }
+
+void Kovantis::startGeofencingWithLocationManager(std::shared_ptr<KOLocationManager> locationManager,
+                                                  std::optional<KOLocation> andCurrentLocation) {
+  KOGeofenceHandler::sharedInstance().startGeofenceWithManager(std::move(locationManager), andCurrentLocation);
+}
+
+void Kovantis::setGeoDelegate(std::weak_ptr<KOGeoDelegate> delegate) {
+  KOGeofenceHandler::sharedInstance().setDelegate(std::move(delegate));
+}
 
 void Kovantis::syncOnSessionTerminationWithApplication(KOApplication* application) {
   KOLogger::guard(KO_HERE, this, "Kovantis - exception while trying to sync data : %@", [&] {

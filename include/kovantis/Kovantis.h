@@ -5,9 +5,12 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "kovantis/KOGeoDelegate.h"
 #include "kovantis/KOPayloadBuilder.h"
 #include "kovantis/KOPlatform.h"
 #include "kovantis/KOValue.h"
@@ -128,6 +131,17 @@ class Kovantis {
   // ------------------------------------------------------------------------------ inbox
   /// Fetches new inbox messages from the service (KOInbox lists and deletes them).
   void getInboxMessages();
+
+  // -------------------------------------------------------------------------- geofences
+  /// Monitors the service's fences near the device through the host's location manager (one of
+  /// the SDK's own when none is given), becoming its delegate. Asks for location permission; the
+  /// fences are fetched once per process, for the given location at once or else for the first
+  /// location update.
+  void startGeofencingWithLocationManager(std::shared_ptr<KOLocationManager> locationManager,
+                                          std::optional<KOLocation> andCurrentLocation = std::nullopt);
+  /// The host's observer of region entries and exits, told before the SDK reports them (held
+  /// weakly: the host keeps it alive).
+  void setGeoDelegate(std::weak_ptr<KOGeoDelegate> delegate);
 
  private:
   /// Connects the handlers that hear of the lifecycle and of a user reset by notification.
