@@ -44,8 +44,8 @@ TEST_F(EmulatorTest, FencesAreTheSeededOnesNearTheDeviceNearestFirst) {
     EXPECT_EQ(answer["extra"].GetInt(), 1);
   }
   // A device nowhere on earth is refused, as the service does.
-  for (const auto &[lat, lng] : std::vector<std::pair<std::string, std::string>>{
-           {"nan", "0"}, {"0", "inf"}, {"90.5", "0"}, {"0", "-180.1"}}) {
+  for (const auto &[lat, lng] :
+       std::vector<std::pair<std::string, std::string>>{{"nan", "0"}, {"0", "inf"}, {"90.5", "0"}, {"0", "-180.1"}}) {
     EXPECT_EQ(get(kFences, universal({{"lat", lat}, {"lng", lng}}))->status, 400) << lat << "," << lng;
   }
   emulator->seed(R"({"geofences": {"fencesInfo": {"geoId": "not a list"}}})");
