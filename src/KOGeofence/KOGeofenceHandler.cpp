@@ -159,26 +159,27 @@ void KOGeofenceHandler::callServerWithLocation(const KOLocation* location) {
     }
     const KOValue where = location ? KOValue(describe(*location)) : KOValue();
     KOServerInterface::sharedInstance().getGeofencesForLocation(
-        location ? &location->coordinate : nullptr, [this, where](const KOValue& response) {
-          KOLogger::guard(KO_HERE, this, kFetchFailure, [&] {
-            if (!response.isDictionary()) {
-              KOLogger::logLocated(KO_HERE, this, KOLogSeverityError, "Kovantis - error getting geofences from server");
-              return;
-            }
-            const KOValue& fences = validObjectForKey(response, "fencesInfo");
-            // A long answer is described only when someone reads it.
-            if (KOLogger::loggingEnabled()) {
-              KOLogger::logPlain(KOStringFormat::format("Kovantis - GeoFences : %@", {fences}));
-            }
-            if (!fences.isAbsent()) {
-              addGeofences(fences);
-            } else {
-              KOLogger::logLocated(
-                  KO_HERE, this, KOLogSeverityWarning,
-                  KOStringFormat::format("Kovantis - server didn't give any geofeces for location %@", {where}));
-            }
-          });
-        });
+        location ? &location->coordinate : nullptr,
+        [this, where](const KOValue& response) { handleGeofencesResponse(response, where); });
+  });
+}
+
+void KOGeofenceHandler::handleGeofencesResponse(const KOValue& response, const KOValue& forLocation) {
+  KOLogger::guard(KO_HERE, this, kFetchFailure, [&] {
+    if (!response.isDictionary()) {
+      KOLogger::logLocated(KO_HERE, this, KOLogSeverityError, "Kovantis - error getting geofences from server");
+      return;
+    }
+    const KOValue& fences = validObjectForKey(response, "fencesInfo");
+    // A long answer is described only when someone reads it.
+    if (KOLogger::loggingEnabled()) KOLogger::logPlain(KOStringFormat::format("Kovantis - GeoFences : %@", {fences}));
+    if (!fences.isAbsent()) {
+      addGeofences(fences);
+    } else {
+      KOLogger::logLocated(
+          KO_HERE, this, KOLogSeverityWarning,
+          KOStringFormat::format("Kovantis - server didn't give any geofeces for location %@", {forLocation}));
+    }
   });
 }
 

@@ -42,6 +42,8 @@ class KOGeofenceHandler : public KOLocationManagerDelegate {
   bool locationManagerAllowedPermission();
   /// Asks the service for the fences near the location (nothing is sent without one).
   void callServerWithLocation(const KOLocation* location);
+  /// The fence request's answer for the location (described for the log; nil when there was none).
+  void handleGeofencesResponse(const KOValue& response, const KOValue& forLocation);
   /// Watches each fence of the list, after making room for all of them.
   void addGeofences(const KOValue& fences);
   /// Stops watching as many regions as the new fences would put over the limit, in the platform's
