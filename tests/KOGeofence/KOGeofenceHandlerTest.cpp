@@ -13,6 +13,7 @@
 #include "KOTestDevice.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOLogger.h"
+#include "Sim/KOForwardingPlatform.h"
 #include "kovantis/Kovantis.h"
 
 namespace {
@@ -188,4 +189,27 @@ TEST_F(KOGeofenceHandlerTest, WithoutAManagerTheSDKMakesItsOwnAndWithoutMonitori
   handler().addGeofences(fencesNamed("g", 2));
   EXPECT_EQ(logged("Kovantis - Region monitoring not available right now"), 1u);
   EXPECT_TRUE(location().monitoredRegions().empty());
+}
+
+TEST_F(KOGeofenceHandlerTest, APlatformThatThrowsIsLoggedAtTheStepItBroke) {
+  // A bridge whose region list fails, then one whose authorisation cannot be read.
+  class Broken : public KOForwardingLocationManager {
+   public:
+    using KOForwardingLocationManager::KOForwardingLocationManager;
+    std::vector<KOCircularRegion> monitoredRegions() const override { throw std::runtime_error("no regions"); }
+  };
+  location().setAuthorizationStatus(KOAuthorizationStatusAuthorizedAlways);
+  auto broken = std::make_shared<Broken>(manager_);
+  Kovantis::sharedInstance().startGeofencingWithLocationManager(broken);
+  handler().addGeofences(fencesNamed("g", 2));
+  EXPECT_EQ(logged("Kovantis - exception while adding geofences : no regions"), 1u);
+  EXPECT_TRUE(location().monitoredRegions().empty());  // nothing added once making room failed
+
+  class Unreadable : public KOForwardingLocationManager {
+   public:
+    using KOForwardingLocationManager::KOForwardingLocationManager;
+    KOAuthorizationStatus authorizationStatus() const override { throw std::runtime_error("no status"); }
+  };
+  Kovantis::sharedInstance().startGeofencingWithLocationManager(std::make_shared<Unreadable>(manager_));
+  EXPECT_EQ(logged("Kovantis - exception : no status"), 1u);
 }
