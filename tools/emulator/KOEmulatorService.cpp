@@ -675,14 +675,18 @@ Reply geofences(const Env &env, const Call &, const Query &q) {
   std::vector<std::pair<double, const rapidjson::Value *>> near;
   std::vector<const rapidjson::Value *> unreadable;
   for (const auto &fence : list->value.GetArray()) {
-    const auto fLat = fence.IsObject() ? fence.FindMember("lat") : fence.MemberEnd();
-    const auto fLng = fence.IsObject() ? fence.FindMember("lng") : fence.MemberEnd();
-    if (!fence.IsObject() || fLat == fence.MemberEnd() || fLng == fence.MemberEnd() || !fLat->value.IsNumber() ||
-        !fLng->value.IsNumber()) {
+    auto number = [&](const char *key) -> const rapidjson::Value * {
+      if (!fence.IsObject()) return nullptr;
+      const auto it = fence.FindMember(key);
+      return it != fence.MemberEnd() && it->value.IsNumber() ? &it->value : nullptr;
+    };
+    const rapidjson::Value *fLat = number("lat");
+    const rapidjson::Value *fLng = number("lng");
+    if (!fLat || !fLng) {
       unreadable.push_back(&fence);
       continue;
     }
-    const double d = metresBetween(lat, lng, fLat->value.GetDouble(), fLng->value.GetDouble());
+    const double d = metresBetween(lat, lng, fLat->GetDouble(), fLng->GetDouble());
     if (d <= radius) near.emplace_back(d, &fence);
   }
   std::stable_sort(near.begin(), near.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
