@@ -24,6 +24,8 @@ class KOGeofenceHandler : public KOLocationManagerDelegate {
 
   static KOGeofenceHandler& sharedInstance();
 
+  // The delegate's calls share the property's name; the one not overridden stays visible.
+  using KOLocationManagerDelegate::locationManager;
   std::shared_ptr<KOLocationManager> locationManager() const;
   std::shared_ptr<KOGeoDelegate> delegate() const;
   void setDelegate(std::weak_ptr<KOGeoDelegate> delegate);

@@ -159,14 +159,15 @@ void KOSimLocationServices::moveTo(KOLocationCoordinate coordinate) {
     }
   }
   deliverFixToUpdating();
-  for (const auto& [region, entered] : crossings) {
-    deliverToAll([region, entered](KOSimLocationManager& m, KOLocationManagerDelegate& d) {
-      if (entered) {
-        d.locationManagerDidEnterRegion(m, region);
-      } else {
-        d.locationManagerDidExitRegion(m, region);
-      }
-    });
+  for (const auto& crossing : crossings) {
+    deliverToAll(
+        [region = crossing.first, entered = crossing.second](KOSimLocationManager& m, KOLocationManagerDelegate& d) {
+          if (entered) {
+            d.locationManagerDidEnterRegion(m, region);
+          } else {
+            d.locationManagerDidExitRegion(m, region);
+          }
+        });
   }
 }
 
