@@ -4,6 +4,7 @@
 
 #include "KODataHandler/KOEventsHandler.h"
 #include "KODataHandler/KOUserAttributesHandler.h"
+#include "KOGeofence/KOGeofenceHandler.h"
 #include "KOInAppV2/InAppHandlers/KOInAppV2ActionHandler.h"
 #include "KOInAppV2/InAppHandlers/KOInAppV2Handler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
@@ -479,6 +480,17 @@ void Kovantis::dontShowInAppInViewController(const KOViewController* viewControl
 
 KOArray Kovantis::inAppDecisionReport(const KOViewController* viewController) {
   return KOInAppV2Handler::sharedInstance().decisionReport(viewController);
+}
+
+// -------------------------------------------------------------------------------------- geofences
+
+void Kovantis::startGeofencingWithLocationManager(std::shared_ptr<KOLocationManager> locationManager,
+                                                  std::optional<KOLocation> andCurrentLocation) {
+  KOGeofenceHandler::sharedInstance().startGeofenceWithManager(std::move(locationManager), andCurrentLocation);
+}
+
+void Kovantis::setGeoDelegate(std::weak_ptr<KOGeoDelegate> delegate) {
+  KOGeofenceHandler::sharedInstance().setDelegate(std::move(delegate));
 }
 
 void Kovantis::syncOnSessionTerminationWithApplication(KOApplication* application) {

@@ -3,6 +3,7 @@
 // in a directory of its own, so a second run is the same phone again (--reinstall deletes the app
 // first; the keychain stays, and the SDK reports the reinstall).
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -11,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Sim/KOSimDevice.h"
 #include "kovantis/KOConstants.h"
@@ -147,6 +149,74 @@ std::string rowText(const KOViewDescription& row) {
   if (text.size() > 44) text = text.substr(0, 41) + "...";
   const bool bold = !row.children.empty() && row.children[0].font.name.find("Bold") != std::string::npos;
   return (bold ? "[unread] " : "[read]   ") + text + (row.children.size() > 1 ? "  " + row.children[1].text : "");
+}
+
+// What the app hears of region crossings, the SDK's fences included.
+class RegionLog : public KOGeoDelegate {
+ public:
+  void locManagerDidEnterRegion(KOLocationManager&, const KOCircularRegion& region) override {
+    heard.push_back("entered " + region.identifier);
+  }
+  void locManagerDidExitRegion(KOLocationManager&, const KOCircularRegion& region) override {
+    heard.push_back("left " + region.identifier);
+  }
+  std::vector<std::string> heard;
+};
+
+std::string coordinates(KOLocationCoordinate c) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.6f, %.6f", c.latitude, c.longitude);
+  return text;
+}
+
+// A map of the watched fences and the walk, as an SVG picture: north up, a local flat projection
+// (fine at city scale) fitted to the fences and the walk.
+void drawGeofences(const std::string& path, const std::vector<KOCircularRegion>& fences,
+                   const std::vector<KOLocationCoordinate>& walk, const std::vector<KOEmulatorGeofenceHit>& hits) {
+  const double width = 640, height = 480, margin = 60;
+  const double metresPerDegree = 111320.0, shrink = std::cos(walk.front().latitude * 3.14159265 / 180);
+  // Everything in metres east and north of the first point of the walk.
+  auto east = [&](KOLocationCoordinate c) { return (c.longitude - walk.front().longitude) * metresPerDegree * shrink; };
+  auto north = [&](KOLocationCoordinate c) { return (c.latitude - walk.front().latitude) * metresPerDegree; };
+  double minE = 0, maxE = 0, minN = 0, maxN = 0;
+  auto extend = [&](KOLocationCoordinate c, double r) {
+    minE = std::min(minE, east(c) - r), maxE = std::max(maxE, east(c) + r);
+    minN = std::min(minN, north(c) - r), maxN = std::max(maxN, north(c) + r);
+  };
+  for (const auto& f : fences) extend(f.center, f.radius);
+  for (const auto& p : walk) extend(p, 0);
+  const double scale = std::min((width - 2 * margin) / (maxE - minE), (height - 2 * margin) / (maxN - minN));
+  auto x = [&](KOLocationCoordinate c) { return margin + (east(c) - minE) * scale; };
+  auto y = [&](KOLocationCoordinate c) { return height - margin - (north(c) - minN) * scale; };
+
+  std::ofstream svg(path);
+  svg << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << width << "\" height=\"" << height
+      << "\" font-family=\"sans-serif\" font-size=\"11\">\n"
+      << "<rect width=\"100%\" height=\"100%\" fill=\"#f4f1ea\"/>\n";
+  std::map<std::string, int> labelsAt;  // fences sharing a centre get their labels stacked
+  for (const auto& f : fences) {
+    const bool entry = f.notifyOnEntry;
+    const int stacked = labelsAt[coordinates(f.center)]++;
+    svg << "<circle cx=\"" << x(f.center) << "\" cy=\"" << y(f.center) << "\" r=\"" << f.radius * scale << "\" fill=\""
+        << (entry ? "#4caf5033" : "#ff980033") << "\" stroke=\"" << (entry ? "#2e7d32" : "#e65100")
+        << "\"/>\n<text x=\"" << x(f.center) + f.radius * scale + 4 << "\" y=\"" << y(f.center) + 13 * stacked
+        << "\" fill=\"" << (entry ? "#2e7d32" : "#e65100") << "\">" << f.identifier
+        << (entry ? " (reports entry)" : " (reports exit)") << "</text>\n";
+  }
+  svg << "<polyline fill=\"none\" stroke=\"#1565c0\" stroke-width=\"2\" stroke-dasharray=\"6 4\" points=\"";
+  for (const auto& p : walk) svg << x(p) << "," << y(p) << " ";
+  svg << "\"/>\n";
+  for (const auto& p : walk) svg << "<circle cx=\"" << x(p) << "\" cy=\"" << y(p) << "\" r=\"3\" fill=\"#1565c0\"/>\n";
+  svg << "<text x=\"" << x(walk.front()) + 6 << "\" y=\"" << y(walk.front()) + 14 << "\">walk start</text>\n";
+  double line = 20;
+  for (const auto& h : hits) {
+    svg << "<text x=\"10\" y=\"" << line << "\">service recorded: " << h.transitionType << " " << h.geoId
+        << "</text>\n";
+    line += 15;
+  }
+  const double bar = 100 * scale;  // 100 m
+  svg << "<line x1=\"10\" y1=\"" << height - 14 << "\" x2=\"" << 10 + bar << "\" y2=\"" << height - 14
+      << "\" stroke=\"black\"/>\n<text x=\"" << 14 + bar << "\" y=\"" << height - 10 << "\">100 m</text>\n</svg>\n";
 }
 
 }  // namespace
@@ -344,6 +414,47 @@ int main(int argc, char** argv) {
   emulator.clearFaults();
   demo.flush();
   step("retried under the same id", "accepted: " + demo.reportsAnswered(200));
+
+  section("Geofences");
+  // Two campaigns at the Gate (one on arrival, one on leaving), one at the station, one out of town.
+  emulator.seed(R"({"geofences": {"search_radius": 5000, "fencesInfo": [
+      {"geoId": "gate-arrival", "lat": 52.51630, "lng": 13.37770, "distance": 120, "transitionType": "enter"},
+      {"geoId": "gate-goodbye", "lat": 52.51630, "lng": 13.37770, "distance": 120, "transitionType": "exit"},
+      {"geoId": "station", "lat": 52.52500, "lng": 13.36940, "distance": 200, "transitionType": "enter"},
+      {"geoId": "lakeside", "lat": 52.39880, "lng": 13.06560, "distance": 300, "transitionType": "enter"}]}})");
+  KOSimLocationServices& location = device.location();
+  const std::vector<KOLocationCoordinate> walk = {
+      {52.51450, 13.37400}, {52.51560, 13.37620}, {52.51630, 13.37770}, {52.51700, 13.37920}, {52.51800, 13.38100}};
+  location.moveTo(walk.front());
+  location.setPromptAnswer(KOAuthorizationStatusAuthorizedAlways, /*later=*/true);
+  auto regions = std::make_shared<RegionLog>();
+  auto manager = location.makeManager();
+  sdk.setGeoDelegate(regions);
+  sdk.startGeofencingWithLocationManager(manager);
+  step("location permission", location.promptOpen() ? "asked; the user has not answered yet" : "already decided");
+  location.answerPrompt();
+  step("the user allowed", "always");
+  device.runMainUntil([&] { return location.monitoredRegions().size() >= 3; }, 10);
+  step("device location", coordinates(walk.front()));
+  step("fence requests", std::to_string(demo.received("/v1/geoFences")) + " (the service answers fences within 5 km)");
+  for (const auto& r : location.monitoredRegions()) {
+    step(r.notifyOnEntry ? "watching (reports entry)" : "watching (reports exit)",
+         r.identifier + " at " + coordinates(r.center) + ", " + std::to_string(static_cast<int>(r.radius)) + " m");
+  }
+  for (std::size_t i = 1; i < walk.size(); ++i) {
+    location.moveTo(walk[i]);
+    device.pumpMain();
+  }
+  device.runMainUntil([&] { return emulator.geofenceHits().size() >= 2; }, 10);
+  std::string heard;
+  for (const auto& h : regions->heard) heard += (heard.empty() ? "" : ", ") + h;
+  step("walked across the Gate", "the app heard: " + heard);
+  const auto hits = emulator.geofenceHits();
+  for (const auto& h : hits) {
+    step("service recorded a hit", h.transitionType + " " + h.geoId + " at " + coordinates({h.lat, h.lng}));
+  }
+  drawGeofences(root + "/geofences.svg", location.monitoredRegions(), walk, hits);
+  step("map of the fences and the walk", root + "/geofences.svg");
 
   section("Logout");
   sdk.resetUser();

@@ -401,6 +401,95 @@ class KOUserNotificationCenter {
       int types, std::vector<std::shared_ptr<KOMutableUserNotificationCategory>> categories) = 0;
 };
 
+// -------------------------------------------------------------------------------- location
+
+/// Authorisation of location services for the app, as the platform numbers it.
+enum KOAuthorizationStatus : int {
+  KOAuthorizationStatusNotDetermined = 0,
+  KOAuthorizationStatusRestricted = 1,
+  KOAuthorizationStatusDenied = 2,
+  KOAuthorizationStatusAuthorizedAlways = 3,
+  KOAuthorizationStatusAuthorizedWhenInUse = 4,
+};
+
+/// Error codes of location failures, as the platform numbers them.
+enum KOLocationErrorCode : int {
+  KOLocationErrorLocationUnknown = 0,
+  KOLocationErrorDenied = 1,
+  KOLocationErrorRegionMonitoringFailure = 5,
+};
+
+struct KOLocationError {
+  int code = KOLocationErrorLocationUnknown;
+  std::string message;
+};
+
+/// A fix of the device's position.
+struct KOLocation {
+  KOLocationCoordinate coordinate;
+  /// Radius of uncertainty in metres; negative when the fix is invalid.
+  double horizontalAccuracy = 5;
+  /// Seconds since 1970.
+  double timestamp = 0;
+};
+
+/// A circle on the earth that region monitoring watches.
+struct KOCircularRegion {
+  KOLocationCoordinate center;
+  /// In metres.
+  double radius = 0;
+  std::string identifier;
+  bool notifyOnEntry = true;
+  bool notifyOnExit = true;
+};
+
+class KOLocationManager;
+
+/// Hears what a location manager reports, on the main thread. Every call is optional.
+class KOLocationManagerDelegate {
+ public:
+  virtual ~KOLocationManagerDelegate() = default;
+  /// New fixes, oldest first.
+  virtual void locationManager(KOLocationManager& /*manager*/, const std::vector<KOLocation>& /*didUpdateLocations*/) {}
+  virtual void locationManager(KOLocationManager& /*manager*/, const KOLocationError& /*didFailWithError*/) {}
+  virtual void locationManager(KOLocationManager& /*manager*/, KOAuthorizationStatus /*didChangeAuthorizationStatus*/) {
+  }
+  virtual void locationManagerDidEnterRegion(KOLocationManager& /*manager*/, const KOCircularRegion& /*region*/) {}
+  virtual void locationManagerDidExitRegion(KOLocationManager& /*manager*/, const KOCircularRegion& /*region*/) {}
+  /// A region could not be monitored (the app's limit reached, a region that is not valid).
+  virtual void locationManager(KOLocationManager& /*manager*/, const KOCircularRegion& /*monitoringDidFailForRegion*/,
+                               const KOLocationError& /*withError*/) {}
+};
+
+/// The platform's location manager. Monitored regions belong to the app: every manager of the app
+/// sees and shares the same set, within the platform's limit.
+class KOLocationManager {
+ public:
+  virtual ~KOLocationManager() = default;
+  /// Whether location services are on for the whole device.
+  virtual bool locationServicesEnabled() const = 0;
+  virtual KOAuthorizationStatus authorizationStatus() const = 0;
+  /// Whether this platform offers the request for authorisation at all times.
+  virtual bool respondsToRequestAlwaysAuthorization() const = 0;
+  virtual void requestAlwaysAuthorization() = 0;
+  /// Whether this platform offers the request for authorisation while the app is in use.
+  virtual bool respondsToRequestWhenInUseAuthorization() const = 0;
+  virtual void requestWhenInUseAuthorization() = 0;
+  virtual void startUpdatingLocation() = 0;
+  virtual void stopUpdatingLocation() = 0;
+  /// Held weakly, as the platform does: the owner keeps its delegate alive.
+  virtual void setDelegate(std::weak_ptr<KOLocationManagerDelegate> delegate) = 0;
+  virtual std::shared_ptr<KOLocationManagerDelegate> delegate() const = 0;
+  virtual bool isMonitoringAvailableForCircularRegions() const = 0;
+  /// Starts watching the region; a region with the identifier of a watched one replaces it. A
+  /// region that cannot be watched is reported to the delegate.
+  virtual void startMonitoringForRegion(const KOCircularRegion& region) = 0;
+  /// Stops watching the region with that identifier.
+  virtual void stopMonitoringForRegion(const KOCircularRegion& region) = 0;
+  /// The app's watched regions, in the platform's own order.
+  virtual std::vector<KOCircularRegion> monitoredRegions() const = 0;
+};
+
 /// Locale and time zone.
 class KOLocale {
  public:
@@ -465,6 +554,9 @@ struct KOPlatform {
   std::shared_ptr<KOConsole> console;
   std::shared_ptr<KODispatch> dispatch;
   KOServiceEndpoints endpoints;
+  /// Makes a location manager for the SDK when the host hands it none; may be empty on a platform
+  /// without location services (install does not require it).
+  std::function<std::shared_ptr<KOLocationManager>()> makeLocationManager;
 
   /// Makes this the platform the SDK uses from now on. Throws KOAssertionFailure when a member is
   /// missing. An earlier platform stays alive until the process ends, so that work still running

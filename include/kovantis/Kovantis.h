@@ -7,9 +7,11 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "kovantis/KOGeoDelegate.h"
 #include "kovantis/KOInAppDelegate.h"
 #include "kovantis/KOPayloadBuilder.h"
 #include "kovantis/KOPlatform.h"
@@ -155,6 +157,17 @@ class Kovantis {
   /// "globalDelay", "expired", "messageDelay", "clicked", "shownMaxTimes", "keyboard",
   /// "otherScreen", "blockedScreen", "imagesFailed".
   KOArray inAppDecisionReport(const KOViewController* viewController = nullptr);
+
+  // -------------------------------------------------------------------------- geofences
+  /// Monitors the service's fences near the device through the host's location manager (one of
+  /// the SDK's own when none is given), becoming its delegate. Asks for location permission; the
+  /// fences are fetched once per process, for the given location at once or else for the first
+  /// location update.
+  void startGeofencingWithLocationManager(std::shared_ptr<KOLocationManager> locationManager,
+                                          std::optional<KOLocation> andCurrentLocation = std::nullopt);
+  /// The host's observer of region entries and exits, told before the SDK reports them (held
+  /// weakly: the host keeps it alive).
+  void setGeoDelegate(std::weak_ptr<KOGeoDelegate> delegate);
 
  private:
   void checkInAppTrigger(const KOValue& name, const KOValue& payload);

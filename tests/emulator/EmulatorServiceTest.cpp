@@ -214,7 +214,7 @@ TEST_F(EmulatorTest, AnswersComeFromTheSeeds) {
             R"({"campaign_info":[{"cid":"s1"}]})");
   EXPECT_EQ(get("/v1/getInboxMessages", universal({{"last_updated", "0"}}))->body,
             R"({"messagesInfo":[{"cid":"m1"}]})");
-  auto fences = json(get("/v1/geoFences", universal({{"lat", "1.5"}, {"lng", "-2.5"}}))->body);
+  auto fences = json(get("/v1/geoFences", universal({{"lat", "1.5"}, {"lng", "2.5"}}))->body);
   EXPECT_EQ(fences["fencesInfo"][0]["distance"].GetInt(), 100);
 }
 

@@ -345,6 +345,7 @@ std::vector<KOEmulatorEvent> KOEmulator::events() const { return impl_->store.ev
 std::vector<KOEmulatorDuplicate> KOEmulator::duplicates() const { return impl_->store.duplicates(); }
 std::vector<KOEmulatorLog> KOEmulator::logs() const { return impl_->store.logs(); }
 std::vector<KOEmulatorCategories> KOEmulator::categories() const { return impl_->store.categories(); }
+std::vector<KOEmulatorGeofenceHit> KOEmulator::geofenceHits() const { return impl_->store.geofenceHits(); }
 
 std::vector<KOEmulatorRoute> KOEmulator::routes() { return KOEmulatorService::routes(); }
 

@@ -216,6 +216,27 @@ void KOEmulatorJSON::write(KOJSONWriter &w, const KOEmulatorCategories &c) {
   w.EndObject();
 }
 
+void KOEmulatorJSON::write(KOJSONWriter &w, const KOEmulatorGeofenceHit &h) {
+  w.StartObject();
+  w.Key("app_id");
+  writeString(w, h.appId);
+  w.Key("unique_id");
+  writeString(w, h.uniqueId);
+  w.Key("device_unique_id");
+  writeString(w, h.deviceUniqueId);
+  w.Key("geoId");
+  writeString(w, h.geoId);
+  w.Key("transitionType");
+  writeString(w, h.transitionType);
+  w.Key("lat");
+  w.Double(h.lat);
+  w.Key("lng");
+  w.Double(h.lng);
+  w.Key("received");
+  w.Double(h.received);
+  w.EndObject();
+}
+
 void KOEmulatorJSON::write(KOJSONWriter &w, const KOEmulatorFault &f) {
   w.StartObject();
   w.Key("path");

@@ -35,6 +35,9 @@ CREATE TABLE IF NOT EXISTS logs (
   id INTEGER PRIMARY KEY, token TEXT NOT NULL, appid TEXT NOT NULL, uid TEXT NOT NULL,
   lvl TEXT NOT NULL, tb TEXT NOT NULL, sdk_ver TEXT NOT NULL, msg TEXT NOT NULL, tm_s TEXT NOT NULL,
   received REAL NOT NULL);
+CREATE TABLE IF NOT EXISTS geofence_hits (
+  id INTEGER PRIMARY KEY, app_id TEXT NOT NULL, unique_id TEXT NOT NULL, device_unique_id TEXT NOT NULL,
+  geo_id TEXT NOT NULL, transition TEXT NOT NULL, lat REAL NOT NULL, lng REAL NOT NULL, received REAL NOT NULL);
 CREATE TABLE IF NOT EXISTS seeds (section TEXT PRIMARY KEY, json TEXT NOT NULL);
 CREATE TABLE IF NOT EXISTS campaign_stamps (campaign TEXT PRIMARY KEY, stamp INTEGER NOT NULL);
 )sql";
@@ -247,6 +250,15 @@ void KOEmulatorStore::storeLog(const KOEmulatorLog &l) {
   s.bind(7, l.msg).bind(8, l.tmS).bind(9, l.received).run();
 }
 
+void KOEmulatorStore::storeGeofenceHit(const KOEmulatorGeofenceHit &h) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_,
+              "INSERT INTO geofence_hits (app_id, unique_id, device_unique_id, geo_id, transition, lat, lng, received) "
+              "VALUES (?,?,?,?,?,?,?,?)");
+  s.bind(1, h.appId).bind(2, h.uniqueId).bind(3, h.deviceUniqueId).bind(4, h.geoId).bind(5, h.transitionType);
+  s.bind(6, h.lat).bind(7, h.lng).bind(8, h.received).run();
+}
+
 std::optional<std::string> KOEmulatorStore::seedSection(const std::string &section) const {
   std::lock_guard lock(mutex_);
   Statement s(db_, "SELECT json FROM seeds WHERE section=?");
@@ -286,7 +298,7 @@ void KOEmulatorStore::reset(bool seeds) {
   Transaction tx(db_);
   exec(
       "DELETE FROM batches; DELETE FROM duplicates; DELETE FROM requests;"
-      "DELETE FROM devices; DELETE FROM categories; DELETE FROM logs;");
+      "DELETE FROM devices; DELETE FROM categories; DELETE FROM logs; DELETE FROM geofence_hits;");
   if (seeds) exec("DELETE FROM seeds; DELETE FROM campaign_stamps;");
   tx.commit();
 }
@@ -450,6 +462,27 @@ std::vector<KOEmulatorCategories> KOEmulatorStore::categories() const {
     c.dataJSON = s.text(4);
     c.received = s.real(5);
     out.push_back(std::move(c));
+  }
+  return out;
+}
+
+std::vector<KOEmulatorGeofenceHit> KOEmulatorStore::geofenceHits() const {
+  std::lock_guard lock(mutex_);
+  std::vector<KOEmulatorGeofenceHit> out;
+  Statement s(db_,
+              "SELECT app_id, unique_id, device_unique_id, geo_id, transition, lat, lng, received FROM geofence_hits "
+              "ORDER BY id");
+  while (s.step()) {
+    KOEmulatorGeofenceHit h;
+    h.appId = s.text(0);
+    h.uniqueId = s.text(1);
+    h.deviceUniqueId = s.text(2);
+    h.geoId = s.text(3);
+    h.transitionType = s.text(4);
+    h.lat = s.real(5);
+    h.lng = s.real(6);
+    h.received = s.real(7);
+    out.push_back(std::move(h));
   }
   return out;
 }

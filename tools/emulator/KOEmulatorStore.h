@@ -29,6 +29,7 @@ class KOEmulatorStore {
   bool storeBatch(const KOEmulatorBatch &batch, const std::string &eventsJSON);
   void storeCategories(const KOEmulatorCategories &categories);
   void storeLog(const KOEmulatorLog &log);
+  void storeGeofenceHit(const KOEmulatorGeofenceHit &hit);
 
   std::optional<std::string> seedSection(const std::string &section) const;
   void setSeedSection(const std::string &section, const std::string &json);
@@ -47,6 +48,7 @@ class KOEmulatorStore {
   std::vector<KOEmulatorDuplicate> duplicates() const;
   std::vector<KOEmulatorLog> logs() const;
   std::vector<KOEmulatorCategories> categories() const;
+  std::vector<KOEmulatorGeofenceHit> geofenceHits() const;
 
   static double now();  // seconds since 1970
   // An exact path, or every path under a prefix that ends in "/"; empty matches everything.

@@ -201,6 +201,32 @@ class KOForwardingUserNotificationCenter : public KOForwarding<KOUserNotificatio
   }
 };
 
+/// The delegate is handed to the wrapped manager, so its calls name that manager, not the wrapper.
+class KOForwardingLocationManager : public KOForwarding<KOLocationManager> {
+ public:
+  using KOForwarding::KOForwarding;
+  bool locationServicesEnabled() const override { return target().locationServicesEnabled(); }
+  KOAuthorizationStatus authorizationStatus() const override { return target().authorizationStatus(); }
+  bool respondsToRequestAlwaysAuthorization() const override { return target().respondsToRequestAlwaysAuthorization(); }
+  void requestAlwaysAuthorization() override { target().requestAlwaysAuthorization(); }
+  bool respondsToRequestWhenInUseAuthorization() const override {
+    return target().respondsToRequestWhenInUseAuthorization();
+  }
+  void requestWhenInUseAuthorization() override { target().requestWhenInUseAuthorization(); }
+  void startUpdatingLocation() override { target().startUpdatingLocation(); }
+  void stopUpdatingLocation() override { target().stopUpdatingLocation(); }
+  void setDelegate(std::weak_ptr<KOLocationManagerDelegate> delegate) override {
+    target().setDelegate(std::move(delegate));
+  }
+  std::shared_ptr<KOLocationManagerDelegate> delegate() const override { return target().delegate(); }
+  bool isMonitoringAvailableForCircularRegions() const override {
+    return target().isMonitoringAvailableForCircularRegions();
+  }
+  void startMonitoringForRegion(const KOCircularRegion& region) override { target().startMonitoringForRegion(region); }
+  void stopMonitoringForRegion(const KOCircularRegion& region) override { target().stopMonitoringForRegion(region); }
+  std::vector<KOCircularRegion> monitoredRegions() const override { return target().monitoredRegions(); }
+};
+
 class KOForwardingLocale : public KOForwarding<KOLocale> {
  public:
   using KOForwarding::KOForwarding;

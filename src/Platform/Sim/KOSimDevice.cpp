@@ -37,6 +37,7 @@ KOSimDevice::KOSimDevice(KOSimDeviceConfig config) : config_(std::move(config)) 
   userInterface_ = std::make_shared<KOSimUserInterface>(*dispatch_, screen_);
   notificationCenter_ =
       std::make_shared<KOSimNotificationCenter>(*dispatch_, *files_, root_ + "/Device/notificationSettings.plist");
+  location_ = std::make_shared<KOSimLocationServices>(dispatch_);
   console_ = std::make_shared<KOSimConsole>(config_.echoConsole);
   clock_ = std::make_shared<KOSimClock>();
   dispatch_->setClock(clock_.get());
@@ -58,6 +59,11 @@ KOSimDevice::KOSimDevice(KOSimDeviceConfig config) : config_(std::move(config)) 
   platform_->clock = clock_;
   platform_->console = console_;
   platform_->dispatch = dispatch_;
+  // Installed platforms live until the process ends; the device's location services do not.
+  platform_->makeLocationManager = [location = std::weak_ptr<KOSimLocationServices>(location_)] {
+    auto services = location.lock();
+    return services ? std::shared_ptr<KOLocationManager>(services->makeManager()) : nullptr;
+  };
 }
 
 KOSimDevice::~KOSimDevice() {
@@ -92,6 +98,7 @@ void KOSimDevice::uninstall() {
   std::filesystem::remove_all(root_ + "/AppGroups", ec);
   profile_->resetVendorId();
   notificationCenter_->forget();
+  location_->forget();
   files_->prepareSandbox();
   preferences_->reloadAll();
   application_->setApplicationState(KOApplicationState::Inactive);

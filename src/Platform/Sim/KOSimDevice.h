@@ -20,6 +20,7 @@
 #include "Sim/KOSimFaultyFileSystem.h"
 #include "Sim/KOSimFileSystem.h"
 #include "Sim/KOSimKeychain.h"
+#include "Sim/KOSimLocationManager.h"
 #include "Sim/KOSimNotificationCenter.h"
 #include "Sim/KOSimPreferences.h"
 #include "Sim/KOSimScreen.h"
@@ -59,6 +60,10 @@ class KOSimDevice {
   KOSimApplication& application() { return *application_; }
   KOSimUserInterface& userInterface() { return *userInterface_; }
   KOSimNotificationCenter& notificationCenter() { return *notificationCenter_; }
+  /// Location services: authorisation, the device's position, the app's watched regions. Managers
+  /// come from location().makeManager(); the SDK makes its own through the platform when the host
+  /// hands it none.
+  KOSimLocationServices& location() { return *location_; }
   /// Everything shown on the screen and dismissed, in order (see KOSimScreen for the entries).
   KOSimScreen& screen() { return *screen_; }
   KOSimConsole& console() { return *console_; }
@@ -106,6 +111,7 @@ class KOSimDevice {
   std::shared_ptr<KOSimApplication> application_;
   std::shared_ptr<KOSimUserInterface> userInterface_;
   std::shared_ptr<KOSimNotificationCenter> notificationCenter_;
+  std::shared_ptr<KOSimLocationServices> location_;
   std::shared_ptr<KOSimConsole> console_;
   std::shared_ptr<KOSimClock> clock_;
   std::shared_ptr<KOPlatform> platform_;

@@ -78,6 +78,8 @@ class KOEmulator {
   std::vector<KOEmulatorDuplicate> duplicates() const;
   std::vector<KOEmulatorLog> logs() const;
   std::vector<KOEmulatorCategories> categories() const;
+  // Geofence crossings the devices reported, oldest first.
+  std::vector<KOEmulatorGeofenceHit> geofenceHits() const;
 
   // The JSON answer of GET /__emulator/<what>, e.g. inspectJSON("events"), or
   // inspectJSON("requests", "/v2/report/add"). Throws std::invalid_argument for an unknown name.

@@ -61,6 +61,13 @@ struct KOEmulatorCategories {
   double received = 0;
 };
 
+struct KOEmulatorGeofenceHit {
+  std::string appId, uniqueId, deviceUniqueId;  // the device it came from
+  std::string geoId, transitionType;            // "enter" or "exit"
+  double lat = 0, lng = 0;                      // where the device reported it
+  double received = 0;
+};
+
 struct KOEmulatorFault {
   std::string path;     // exact path, a prefix ending in "/", or "*" for every service path
   int status = 0;       // answer with this status; 0 answers normally (after any delay)
