@@ -8,6 +8,7 @@
 #include "KOInAppV2/InAppHandlers/KOInAppV2ActionHandler.h"
 #include "KOInAppV2/InAppHandlers/KOInAppV2Handler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
+#include "KOInAppV2/Nudges/KONudgesHandler.h"
 #include "KOInbox/KOInboxHandler.h"
 #include "KONotification/KONotificationHandler.h"
 #include "KOUtilities/KOKeychain.h"
@@ -472,6 +473,32 @@ void Kovantis::selfHandledInAppClickedWithSecondaryActionAndCampaignID(const std
 
 void Kovantis::selfHandledInAppClickedWithDismissActionAndCampaignID(const std::string& campaignID) {
   KOInAppV2Handler::sharedInstance().selfHandledInAppClickedWithDismissActionAndCampaignID(campaignID);
+}
+
+void Kovantis::getNudgeViewWithCompletionBlock(
+    const std::function<void(const KOViewDescription&, const std::string&)>& completion) {
+  getNudgeViewForViewController(nullptr, completion);
+}
+
+void Kovantis::getNudgeViewForViewController(
+    const KOViewController* viewController,
+    const std::function<void(const KOViewDescription&, const std::string&)>& andCompletionBlock) {
+  if (disableInApps_) return;
+  KONudgesHandler::sharedInstance().getNudgeViewForViewController(viewController, andCompletionBlock);
+}
+
+void Kovantis::nudgeViewShownWithCampaignID(const std::string& campaignID) {
+  KONudgesHandler::sharedInstance().nudgeShownWithCampaignID(campaignID);
+}
+
+void Kovantis::showNudgeViewAtNudgePosition(int position) {
+  const auto top = KovantisUtils::getTopViewControllerForNudges();
+  showNudgeViewInViewController(top.get(), position);
+}
+
+void Kovantis::showNudgeViewInViewController(const KOViewController* viewController, int atNudgePosition) {
+  if (disableInApps_) return;
+  KONudgesHandler::sharedInstance().showNudgeInViewController(viewController, atNudgePosition);
 }
 
 void Kovantis::dontShowInAppInViewController(const KOViewController* viewController) {

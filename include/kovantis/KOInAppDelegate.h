@@ -1,4 +1,5 @@
-// What the host app hears from in-app messages (Kovantis::setDelegate).
+// What the host app hears from in-app messages and nudges (Kovantis::setDelegate), and where a
+// nudge goes.
 #pragma once
 
 #include <string>
@@ -14,6 +15,12 @@ enum KOInAppWidgetKind : int {
   KOInAppWidgetImage = 1,
   KOInAppWidgetLabel = 2,
   KOInAppWidgetCloseButton = 6,  // reported ahead of the view's own kind
+};
+
+/// Where the SDK puts a nudge it shows on a screen.
+enum KONudgePosition : int {
+  KONudgePositionTop = 0,
+  KONudgePositionBottom = 1,
 };
 
 class KOInAppDelegate {

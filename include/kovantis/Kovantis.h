@@ -16,6 +16,7 @@
 #include "kovantis/KOPayloadBuilder.h"
 #include "kovantis/KOPlatform.h"
 #include "kovantis/KOValue.h"
+#include "kovantis/KOViewDescription.h"
 
 // Exported from the shared library (see KOExport.h).
 #pragma GCC visibility push(default)
@@ -149,6 +150,17 @@ class Kovantis {
   void selfHandledInAppClickedWithPrimaryActionAndCampaignID(const std::string& campaignID);
   void selfHandledInAppClickedWithSecondaryActionAndCampaignID(const std::string& campaignID);
   void selfHandledInAppClickedWithDismissActionAndCampaignID(const std::string& campaignID);
+  // Nudges: campaigns shown inside a screen. The completion hears the nudge's view description
+  // (empty without one) and its campaign id; a host that places it itself reports the showing.
+  void getNudgeViewWithCompletionBlock(
+      const std::function<void(const KOViewDescription& nudge, const std::string& campaignID)>& completion);
+  void getNudgeViewForViewController(
+      const KOViewController* viewController,
+      const std::function<void(const KOViewDescription& nudge, const std::string& campaignID)>& andCompletionBlock);
+  void nudgeViewShownWithCampaignID(const std::string& campaignID);
+  /// The SDK shows the nudge itself, at the top or bottom of the screen (the top one when none).
+  void showNudgeViewAtNudgePosition(int position);
+  void showNudgeViewInViewController(const KOViewController* viewController, int atNudgePosition);
   /// No in-app shows on this screen from now on.
   void dontShowInAppInViewController(const KOViewController* viewController);
   /// Every stored campaign with whether it would show now on the screen (the top one when none is

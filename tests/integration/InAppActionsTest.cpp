@@ -193,3 +193,74 @@ TEST_F(InAppActionsTest, SelfHandledCampaignsReachTheHostAndFollowTheRules) {
   ASSERT_TRUE(flush());
   EXPECT_EQ(storedNames("iOS_IN_APP_SHOWN").size(), 1u);
 }
+
+// A nudge sits inside the host's screen; the minimum delay between in-apps does not hold it back,
+// and its taps run its own actions, the dismiss taking the nudge away.
+TEST_F(InAppActionsTest, NudgesSitInTheScreenAndTheirTapsRunTheNudgesActions) {
+  KOInAppV2Manager::saveInAppCampaignsWithData(KOJSONSerialization::parse(R"({"campaign_info": [
+      {"cid": "n1", "status": "active", "type": "embedded", "ttl": 1900000000, "max_times": 5,
+       "show_only_screen": "Home", "widgets": [{"id": 1, "type": "text", "content": "Free delivery today"},
+         {"id": 2, "type": "button", "content": "Shop", "action": [{"tag": "m_track", "track": "NUDGE_TAP"},
+                                                                   {"tag": "m_dismiss"}]}]}]})"),
+                                               [] {});
+  KovantisUtils::saveLastInAppShowedTime(KOValue(KODate{kNow}));  // an in-app just now
+  KOViewController home;
+  home.name = "Home";
+  std::string taken;
+  KOViewDescription nudge;
+  sdk().getNudgeViewForViewController(&home, [&](const KOViewDescription& view, const std::string& cid) {
+    nudge = view;
+    taken = cid;
+  });
+  EXPECT_EQ(taken, "n1");
+  ASSERT_NE(nudge.findTag(2), nullptr);
+  KOViewController cart;
+  cart.name = "Cart";
+  sdk().getNudgeViewForViewController(&cart, [&](const KOViewDescription&, const std::string& cid) { taken = cid; });
+  EXPECT_EQ(taken, "");  // another screen's
+
+  sdk().showNudgeViewInViewController(&home, KONudgePositionBottom);
+  const std::optional<KOViewDescription> shown = device().userInterface().embeddedScreen();
+  ASSERT_TRUE(shown.has_value());
+  const KOViewDescription& strip = shown->children.at(0);
+  EXPECT_DOUBLE_EQ(strip.frame.y + strip.frame.height, shown->frame.height);
+  EXPECT_EQ(device().screen().last("embeddedScreen")["host"], KOValue("Home"));
+  EXPECT_EQ(KOInAppV2Manager::getCampaignStatusDictWithCampaignId("n1")["timesShown"], KOValue("1"));
+
+  ASSERT_TRUE(device().userInterface().tapView(2));
+  EXPECT_FALSE(device().userInterface().embeddedScreen().has_value());
+  ASSERT_EQ(recorder_->clicks.size(), 1u);
+  ASSERT_TRUE(flush());
+  const auto taps = storedRecords("NUDGE_TAP");
+  ASSERT_EQ(taps.size(), 1u);
+  EXPECT_EQ(taps[0]["EVENT_ATTRS"], KOValue(KODictionary{{"cid", "n1"}}));
+}
+
+// A test campaign is shown when it comes; when it cannot be, the alert says why.
+TEST_F(InAppActionsTest, TestCampaignsShowOrSayWhyNot) {
+  emulator().seed(R"({"campaigns": {"t1": {"cid": "t1", "status": "active", "type": "test", "ttl": 1900000000,
+      "max_times": 1, "widgets": [{"id": 1, "type": "text", "content": "Test message"}]},
+      "t2": {"reason": "Campaign expired"}}})");
+  KOInAppV2Handler::fetchAndShowInAppForCampaignID("t1", true);
+  ASSERT_TRUE(waitFor([&] { return onScreen(); }));
+  KOInAppV2Handler::sharedInstance().dismissInApp();
+
+  KOInAppV2Handler::fetchAndShowInAppForCampaignID("t2", true);
+  ASSERT_TRUE(waitFor([&] { return device().userInterface().alerts().size() == 1; }));
+  EXPECT_EQ(device().userInterface().alerts()[0].title, "ERROR");
+  EXPECT_EQ(device().userInterface().alerts()[0].message,
+            "Error while trying to show In-App campaign.\n CampaignId: t2.\nReason: Campaign expired\nPlease try "
+            "again or contact Kovantis Support with the screenshot");
+
+  emulator().injectFault(KOEmulatorFault{"/campaigns/inappcampaign/fetch", 0, 0, true, -1, 1.0});
+  KOInAppV2Handler::fetchAndShowInAppForCampaignID("t3", true);
+  ASSERT_TRUE(waitFor([&] { return device().userInterface().alerts().size() == 2; }));
+  EXPECT_EQ(device().userInterface().alerts()[1].message,
+            "Network Error: Could not show test In-App.\n CampaignId : t3.\n Please try again or contact Kovantis "
+            "Support with the screenshot.");
+  // A linked campaign that fails says nothing.
+  KOInAppV2Handler::fetchAndShowInAppForCampaignID("t3", false);
+  ASSERT_TRUE(waitForRequests("/campaigns/inappcampaign/fetch", 4));
+  settle();
+  EXPECT_EQ(device().userInterface().alerts().size(), 2u);
+}

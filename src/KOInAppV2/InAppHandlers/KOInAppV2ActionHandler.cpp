@@ -2,7 +2,9 @@
 
 #include <cstdlib>
 #include <exception>
+#include <map>
 #include <utility>
+#include <vector>
 
 #include "KOInAppV2/InAppHandlers/KOInAppV2Handler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
@@ -37,6 +39,30 @@ void KOInAppV2ActionHandler::setInAppObject(std::shared_ptr<const KOInAppV2Objec
 void KOInAppV2ActionHandler::setNudgeObject(std::shared_ptr<const KOInAppV2Object> nudge,
                                             std::shared_ptr<KOPresentedScreen> view, std::function<void()> dismiss) {
   nudge_ = Shown{std::move(nudge), std::move(view), std::move(dismiss)};
+}
+
+KOViewEventHandler KOInAppV2ActionHandler::tapHandlerFor(const KOViewDescription& shown, bool forNudges) {
+  auto kinds = std::make_shared<std::map<std::int64_t, KOViewKind>>();
+  std::vector<const KOViewDescription*> pending{&shown};
+  while (!pending.empty()) {
+    const KOViewDescription* view = pending.back();
+    pending.pop_back();
+    if (view->tag != 0) kinds->emplace(view->tag, view->kind);
+    for (const auto& child : view->children) pending.push_back(&child);
+  }
+  return [kinds, forNudges](std::int64_t tag, KOViewEvent event) {
+    if (event != KOViewEvent::Tap) return;
+    const auto kind = kinds->find(tag);
+    if (kind == kinds->end()) return;
+    KOInAppV2ActionHandler& actions = sharedInstance();
+    if (kind->second == KOViewKind::Button) {
+      actions.buttonTapped(tag, forNudges);
+    } else if (kind->second == KOViewKind::Image) {
+      actions.imageViewTapped(tag, forNudges);
+    } else {
+      actions.labelTapped(tag, forNudges);
+    }
+  };
 }
 
 void KOInAppV2ActionHandler::buttonTapped(std::int64_t tag, bool forNudges) {

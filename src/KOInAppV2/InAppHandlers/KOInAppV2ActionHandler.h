@@ -34,6 +34,10 @@ class KOInAppV2ActionHandler {
   void setNudgeObject(std::shared_ptr<const KOInAppV2Object> nudge, std::shared_ptr<KOPresentedScreen> view,
                       std::function<void()> dismiss);
 
+  /// What a shown in-app or nudge reports taps to: each tag reaches the entry for the kind of view
+  /// it names in the description (buttons, images, the rest as labels).
+  static KOViewEventHandler tapHandlerFor(const KOViewDescription& shown, bool forNudges);
+
   // The entries from the views: the tag is the widget id.
   void buttonTapped(std::int64_t tag, bool forNudges);
   void imageViewTapped(std::int64_t tag, bool forNudges);

@@ -458,29 +458,8 @@ void KOInAppV2Handler::present(const std::shared_ptr<const KOInAppV2Object>& inA
     const KOSize size{KovantisUtils::screenWidthForInApp(), KovantisUtils::screenHeightForInApp()};
     const std::string cid = campaign.campaignId();
     KOViewDescription description = KOInAppV2ViewBuilder::describe(*inApp, size, imageSizes);
-    // A tap reaches the action handler's entry for the kind of view it hit.
-    auto kinds = std::make_shared<std::map<std::int64_t, KOViewKind>>();
-    std::vector<const KOViewDescription*> pending{&description};
-    while (!pending.empty()) {
-      const KOViewDescription* view = pending.back();
-      pending.pop_back();
-      if (view->tag != 0) kinds->emplace(view->tag, view->kind);
-      for (const auto& child : view->children) pending.push_back(&child);
-    }
-    auto shown = KOPlatform::current().userInterface->presentScreen(
-        std::move(description), [kinds](std::int64_t tag, KOViewEvent event) {
-          if (event != KOViewEvent::Tap) return;
-          KOInAppV2ActionHandler& actions = KOInAppV2ActionHandler::sharedInstance();
-          const auto kind = kinds->find(tag);
-          if (kind == kinds->end()) return;
-          if (kind->second == KOViewKind::Button) {
-            actions.buttonTapped(tag, false);
-          } else if (kind->second == KOViewKind::Image) {
-            actions.imageViewTapped(tag, false);
-          } else {
-            actions.labelTapped(tag, false);
-          }
-        });
+    KOViewEventHandler onTap = KOInAppV2ActionHandler::tapHandlerFor(description, false);
+    auto shown = KOPlatform::current().userInterface->presentScreen(std::move(description), std::move(onTap));
     if (!shown) return;
     KOInAppV2ActionHandler::sharedInstance().setInAppObject(inApp, shown, [this] { dismissInApp(); });
     {
