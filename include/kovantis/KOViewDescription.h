@@ -55,8 +55,14 @@ struct KOViewDescription {
   double cornerRadius = 0;
   double borderWidth = 0;
   KOColor borderColor;
-  /// A file path for an image view.
+  /// A file path for an image view, and for an animated one its frames' delays in milliseconds
+  /// (empty for a still image).
   std::string image;
+  std::vector<int> imageFrameDelaysMs;
+  /// How the view comes and goes: "slide_up", "slide_down", "slide_left", "slide_right",
+  /// "fade_in", "fade_out", or "" for none.
+  std::string entryAnimation;
+  std::string exitAnimation;
   /// A row the user may delete with a swipe.
   bool deletable = false;
   /// A rating's stars.

@@ -102,6 +102,13 @@ KOValue KOViewDescription::toValue() const {
     d.set("borderColor", hexColor(borderColor));
   }
   if (!image.empty()) d.set("image", image);
+  if (!imageFrameDelaysMs.empty()) {
+    KOArray delays;
+    for (int ms : imageFrameDelaysMs) delays.push_back(static_cast<std::int64_t>(ms));
+    d.set("frameDelaysMs", std::move(delays));
+  }
+  if (!entryAnimation.empty()) d.set("entryAnimation", entryAnimation);
+  if (!exitAnimation.empty()) d.set("exitAnimation", exitAnimation);
   if (deletable) d.set("deletable", true);
   if (kind == KOViewKind::Rating) {
     d.set("value", value);

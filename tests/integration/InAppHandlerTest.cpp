@@ -252,11 +252,13 @@ TEST_F(InAppHandlerTest, ATrackedEventOnTheTriggerListFetchesAndShowsItsCampaign
 TEST_F(InAppHandlerTest, ImagesAreShownAtTheirDecodedShapeAndAnUndecodableOneShowsNothing) {
   emulator().seed(
       R"({"images": {"/images/wide.png": "iVBORw0KGgoAAAANSUhEUgAAAAQAAAABCAIAAAB2XpiaAAAADUlEQVR4nGP4z8AARwAd7wP95hFmHQAAAABJRU5ErkJggg==",
+                                 "/images/anim.gif": "R0lGODlhAQABAIAAAAAAAP///yH5BAAKAAAALAAAAAABAAEAAAICRAEAIfkEABQAAAAsAAAAAAEAAQAAAgJEAQA7",
                                  "/images/broken.png": "bm90IGFuIGltYWdl"}})");
   const auto withImage = [&](const std::string& cid, const std::string& file) {
     return R"({"cid": ")" + cid + R"(", "status": "active", "type": "general", "ttl": 1900000000, "max_times": 3,
-        "widgets": [{"id": 4, "type": "image", "content": ")" +
-           emulator().baseURL() + "/images/" + file + R"("}]})";
+        "animate": {"entry": "fade_in"}, "widgets": [{"id": 4, "type": "image", "content": ")" +
+           emulator().baseURL() + "/images/" + file + R"("}, {"id": 5, "type": "image", "content": ")" +
+           emulator().baseURL() + R"(/images/anim.gif"}]})";
   };
   store(withImage("broken", "broken.png"));
   const KOViewController home = screenNamed("Home");
@@ -274,4 +276,8 @@ TEST_F(InAppHandlerTest, ImagesAreShownAtTheirDecodedShapeAndAnUndecodableOneSho
   ASSERT_NE(image, nullptr);
   EXPECT_DOUBLE_EQ(image->frame.height, image->frame.width / 4);
   EXPECT_TRUE(device().files().fileExists(image->image));
+  ASSERT_NE(shown->findTag(5), nullptr);
+  EXPECT_EQ(shown->findTag(5)->imageFrameDelaysMs, (std::vector<int>{100, 200}));
+  EXPECT_EQ(shown->children.at(0).entryAnimation, "fade_in");
+  EXPECT_EQ(shown->children.at(0).exitAnimation, "");  // none given, none made up
 }

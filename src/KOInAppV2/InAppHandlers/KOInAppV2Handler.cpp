@@ -391,42 +391,42 @@ void KOInAppV2Handler::showInAppV2WithObject(std::shared_ptr<const KOInAppV2Obje
     KOArray urls;
     for (const auto& image : images) urls.push_back(image.second);
     auto manager = std::make_shared<KODownloadManager>();
-    manager->download(
-        urls, [this, inApp, images, manager, screen](bool success, const KOValue&, const KOValue& results) {
-          const std::string cid = inApp->campaignPropertiesObject().campaignId();
-          if (!success || !results.isArray()) {
-            {
-              std::lock_guard<std::mutex> lock(mutex_);
-              imagesFailed_.insert(cid);
-            }
-            refusal(KO_HERE, "Kovantis - In App not shown because image download failed");
-            return;
-          }
-          const KOArray& data = results.arrayValue();
-          std::map<std::int64_t, KOSize> sizes;
-          for (std::size_t i = 0; i < data.size() && i < images.size(); ++i) {
-            const KOValue& bytes = validObjectForKey(data[i], "data");
-            const std::optional<KOImageInfo> decoded =
-                bytes.isData() ? KOImageDecoder::decode(bytes.dataValue()) : std::nullopt;
-            if (!decoded) {
-              // An image nobody can draw fails the showing like one that never arrived.
-              {
-                std::lock_guard<std::mutex> lock(mutex_);
-                imagesFailed_.insert(cid);
-              }
-              refusal(KO_HERE, "Kovantis - In App not shown because image download failed");
-              return;
-            }
-            sizes[images[i].first] = KOSize{static_cast<double>(decoded->width), static_cast<double>(decoded->height)};
-            KOInAppV2Manager::writeInAppImageData(bytes.dataValue(), "_" + std::to_string(images[i].first), *inApp,
-                                                  decoded->frames > 1);
-          }
-          {
-            std::lock_guard<std::mutex> lock(mutex_);
-            imagesFailed_.erase(cid);
-          }
-          present(inApp, screen, std::move(sizes));
-        });
+    manager->download(urls,
+                      [this, inApp, images, manager, screen](bool success, const KOValue&, const KOValue& results) {
+                        const std::string cid = inApp->campaignPropertiesObject().campaignId();
+                        if (!success || !results.isArray()) {
+                          {
+                            std::lock_guard<std::mutex> lock(mutex_);
+                            imagesFailed_.insert(cid);
+                          }
+                          refusal(KO_HERE, "Kovantis - In App not shown because image download failed");
+                          return;
+                        }
+                        const KOArray& data = results.arrayValue();
+                        std::map<std::int64_t, KOImageInfo> decodedImages;
+                        for (std::size_t i = 0; i < data.size() && i < images.size(); ++i) {
+                          const KOValue& bytes = validObjectForKey(data[i], "data");
+                          const std::optional<KOImageInfo> decoded =
+                              bytes.isData() ? KOImageDecoder::decode(bytes.dataValue()) : std::nullopt;
+                          if (!decoded) {
+                            // An image nobody can draw fails the showing like one that never arrived.
+                            {
+                              std::lock_guard<std::mutex> lock(mutex_);
+                              imagesFailed_.insert(cid);
+                            }
+                            refusal(KO_HERE, "Kovantis - In App not shown because image download failed");
+                            return;
+                          }
+                          decodedImages[images[i].first] = *decoded;
+                          KOInAppV2Manager::writeInAppImageData(
+                              bytes.dataValue(), "_" + std::to_string(images[i].first), *inApp, decoded->frames > 1);
+                        }
+                        {
+                          std::lock_guard<std::mutex> lock(mutex_);
+                          imagesFailed_.erase(cid);
+                        }
+                        present(inApp, screen, std::move(decodedImages));
+                      });
   } catch (const std::exception& e) {
     KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
                          KOStringFormat::format("Kovantis - InApp Exception %@", {KOValue(e.what())}));
@@ -434,7 +434,7 @@ void KOInAppV2Handler::showInAppV2WithObject(std::shared_ptr<const KOInAppV2Obje
 }
 
 void KOInAppV2Handler::present(const std::shared_ptr<const KOInAppV2Object>& inApp, const std::string& screen,
-                               std::map<std::int64_t, KOSize> imageSizes) {
+                               std::map<std::int64_t, KOImageInfo> images) {
   KOLogger::guard(KO_HERE, this, "Kovantis - InApp Exception %@", [&] {
     const KOInAppV2CampaignPropertiesObject& campaign = inApp->campaignPropertiesObject();
     const KOInAppDecision decision = screenDecision(campaign, screen);
@@ -457,7 +457,7 @@ void KOInAppV2Handler::present(const std::shared_ptr<const KOInAppV2Object>& inA
     }
     const KOSize size{KovantisUtils::screenWidthForInApp(), KovantisUtils::screenHeightForInApp()};
     const std::string cid = campaign.campaignId();
-    KOViewDescription description = KOInAppV2ViewBuilder::describe(*inApp, size, imageSizes);
+    KOViewDescription description = KOInAppV2ViewBuilder::describe(*inApp, size, images);
     KOViewEventHandler onTap = KOInAppV2ActionHandler::tapHandlerFor(description, false);
     auto shown = KOPlatform::current().userInterface->presentScreen(std::move(description), std::move(onTap));
     if (!shown) return;

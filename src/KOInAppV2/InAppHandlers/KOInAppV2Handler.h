@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "KOInAppV2/InAppHandlers/KOImageDecoder.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInAppV2/Models/KOInAppV2CampaignPropertiesObject.h"
 #include "KOInAppV2/Models/KOInAppV2Object.h"
@@ -106,7 +107,7 @@ class KOInAppV2Handler {
   KOInAppDecision screenDecision(const KOInAppV2CampaignPropertiesObject& campaign, const std::string& screen) const;
   void refreshTriggerEvents();
   void present(const std::shared_ptr<const KOInAppV2Object>& inApp, const std::string& screen,
-               std::map<std::int64_t, KOSize> imageSizes = {});
+               std::map<std::int64_t, KOImageInfo> images = {});
 
   mutable std::mutex mutex_;
   bool fetching_ = false;

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
+#include "kovantis/KOConstants.h"
 
 namespace {
 
@@ -13,8 +14,8 @@ const KOColor kButton{0.0, 0.48, 1.0, 1};
 
 class Layout {
  public:
-  Layout(const KOInAppV2Object& inApp, const KOUserInterface& ui, const std::map<std::int64_t, KOSize>& imageSizes)
-      : inApp_(inApp), ui_(ui), imageSizes_(imageSizes) {}
+  Layout(const KOInAppV2Object& inApp, const KOUserInterface& ui, const std::map<std::int64_t, KOImageInfo>& images)
+      : inApp_(inApp), ui_(ui), images_(images) {}
 
   // One widget at (x, y) with the width; returns its height (0 for what takes no room).
   double place(const KOInAppV2WidgetObject& widget, double x, double y, double width, KOViewDescription& card) {
@@ -50,9 +51,11 @@ class Layout {
         view.text.clear();
         view.image = KOInAppV2ViewBuilder::imagePathForWidget(inApp_, widget.widgetId());
         view.frame = KORect{x, y, width, width / 2};
-        if (const auto size = imageSizes_.find(widget.widgetId());
-            size != imageSizes_.end() && size->second.width > 0 && size->second.height > 0) {
-          view.frame.height = width * size->second.height / size->second.width;
+        if (const auto decoded = images_.find(widget.widgetId());
+            decoded != images_.end() && decoded->second.width > 0 && decoded->second.height > 0) {
+          view.frame.height =
+              width * static_cast<double>(decoded->second.height) / static_cast<double>(decoded->second.width);
+          view.imageFrameDelaysMs = decoded->second.delaysMs;
         }
         break;
       case KOInAppV2WidgetRating: {
@@ -114,7 +117,7 @@ class Layout {
  private:
   const KOInAppV2Object& inApp_;
   const KOUserInterface& ui_;
-  const std::map<std::int64_t, KOSize>& imageSizes_;
+  const std::map<std::int64_t, KOImageInfo>& images_;
   std::vector<std::int64_t> closeButtons_;
 };
 
@@ -126,8 +129,27 @@ std::string KOInAppV2ViewBuilder::imagePathForWidget(const KOInAppV2Object& inAp
   return directory ? *directory + "/" + cid + "_" + std::to_string(widgetId) + ".png" : std::string();
 }
 
+std::string KOInAppV2ViewBuilder::animationName(int animation) {
+  switch (animation) {
+    case KOInAppV2AnimationSlideUp:
+      return KO_ANIMATION_SLIDE_UP;
+    case KOInAppV2AnimationSlideDown:
+      return KO_ANIMATION_SLIDE_DOWN;
+    case KOInAppV2AnimationSlideLeft:
+      return KO_ANIMATION_SLIDE_LEFT;
+    case KOInAppV2AnimationSlideRight:
+      return KO_ANIMATION_SLIDE_RIGHT;
+    case KOInAppV2AnimationFadeIn:
+      return KO_ANIMATION_FADE_IN;
+    case KOInAppV2AnimationFadeOut:
+      return KO_ANIMATION_FADE_OUT;
+    default:
+      return "";
+  }
+}
+
 KOViewDescription KOInAppV2ViewBuilder::describe(const KOInAppV2Object& inApp, const KOSize& screen,
-                                                 const std::map<std::int64_t, KOSize>& imageSizes) {
+                                                 const std::map<std::int64_t, KOImageInfo>& images) {
   const int align = inApp.alignmentType();
   const bool full = align == KOInAppV2AlignmentFull;
   KOViewDescription root;
@@ -139,8 +161,10 @@ KOViewDescription KOInAppV2ViewBuilder::describe(const KOInAppV2Object& inApp, c
   card.kind = KOViewKind::Container;
   card.backgroundColor = kWhite;
   card.cornerRadius = full ? 0 : 12;
+  card.entryAnimation = animationName(inApp.entryAnimation());
+  card.exitAnimation = animationName(inApp.exitAnimation());
   const double cardWidth = full ? screen.width : std::max(1.0, screen.width - 2 * kCardInset);
-  Layout layout(inApp, *KOPlatform::current().userInterface, imageSizes);
+  Layout layout(inApp, *KOPlatform::current().userInterface, images);
   double content = 0;
   if (inApp.widgetsArray()) {
     KOInAppV2WidgetList list;

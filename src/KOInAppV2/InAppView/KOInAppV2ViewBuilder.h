@@ -9,12 +9,14 @@
 //   their decoded aspect ratio (half the width when unknown), ratings 32. A close button sits 30 by 30 in the card's
 //   top-right corner, outside the stack.
 // - Every widget's tag is its widget id, so a tap names the widget it hit.
+// - The card carries the campaign's entry and exit animations; an animated image its frame delays.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <string>
 
+#include "KOInAppV2/InAppHandlers/KOImageDecoder.h"
 #include "KOInAppV2/Models/KOInAppV2Object.h"
 #include "kovantis/KOViewDescription.h"
 
@@ -29,7 +31,9 @@ class KOInAppV2ViewBuilder {
 
   /// The file an image widget's picture is stored in once downloaded.
   static std::string imagePathForWidget(const KOInAppV2Object& inApp, std::int64_t widgetId);
-  /// `imageSizes`: the decoded pixel size of each image widget, by widget id.
+  /// `images`: what each image widget's downloaded picture decoded to, by widget id.
   static KOViewDescription describe(const KOInAppV2Object& inApp, const KOSize& screen,
-                                    const std::map<std::int64_t, KOSize>& imageSizes = {});
+                                    const std::map<std::int64_t, KOImageInfo>& images = {});
+  /// The animation's name in a description ("" for none).
+  static std::string animationName(int animation);
 };
