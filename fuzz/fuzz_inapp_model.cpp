@@ -8,22 +8,12 @@
 #include <memory>
 #include <string_view>
 
+#include "KOFuzzDevice.h"
 #include "KOInAppV2/Models/KOInAppV2CampaignPropertiesObject.h"
 #include "KOInAppV2/Models/KOInAppV2Object.h"
 #include "KOUtilities/KOJSONSerialization.h"
-#include "Sim/KOSimDevice.h"
 
 namespace {
-
-// The style block scales fonts by the device's screen: parse on a device, as the SDK does.
-void installDevice() {
-  static auto* device = [] {
-    auto* d = new KOSimDevice();
-    d->install();
-    return d;
-  }();
-  (void)device;
-}
 
 std::size_t walk(const KOInAppV2WidgetObject& widget, int depth);
 
@@ -52,7 +42,7 @@ std::size_t walk(const KOInAppV2WidgetObject& widget, int depth) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  installDevice();
+  installFuzzDevice();
   KOValue value;
   try {
     value = KOJSONSerialization::parse(std::string_view(reinterpret_cast<const char*>(data), size));

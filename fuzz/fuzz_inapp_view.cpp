@@ -10,22 +10,13 @@
 #include <string_view>
 #include <vector>
 
+#include "KOFuzzDevice.h"
 #include "KOInAppV2/InAppView/KOInAppV2ViewBuilder.h"
 #include "KOInAppV2/Models/KOInAppV2Object.h"
 #include "KOUtilities/KOJSONSerialization.h"
-#include "Sim/KOSimDevice.h"
 #include "Sim/KOSimRenderer.h"
 
 namespace {
-
-void installDevice() {
-  static auto* device = [] {
-    auto* d = new KOSimDevice();
-    d->install();
-    return d;
-  }();
-  (void)device;
-}
 
 void check(bool ok, const char* what) {
   if (ok) return;
@@ -36,7 +27,7 @@ void check(bool ok, const char* what) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  installDevice();
+  installFuzzDevice();
   KOValue campaign;
   try {
     campaign = KOJSONSerialization::parse(std::string_view(reinterpret_cast<const char*>(data), size));

@@ -56,12 +56,6 @@ std::int64_t integerOf(const KOValue& value) {
   return 0;
 }
 
-bool sameIgnoringCase(const std::string& a, const std::string& b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-         });
-}
-
 // The image URLs of a campaign's widgets, with the widget ids they belong to, in widget order.
 void collectImages(const KOInAppV2WidgetList& list, std::vector<std::pair<std::int64_t, std::string>>& out);
 void collectImages(const KOInAppV2WidgetObject& widget, std::vector<std::pair<std::int64_t, std::string>>& out) {
@@ -155,9 +149,7 @@ KOInAppDecision KOInAppV2Handler::screenDecision(const KOInAppV2CampaignProperti
   const bool keyboard = KOPlatform::current().application->isKeyboardShown();
   std::lock_guard<std::mutex> lock(mutex_);
   if (keyboardShown_ || keyboard) return {kKeyboard};
-  if (!campaign.showOnlyInScreen().empty() && !sameIgnoringCase(campaign.showOnlyInScreen(), screen)) {
-    return {kOtherScreen};
-  }
+  if (!isForScreen(campaign.showOnlyInScreen(), screen)) return {kOtherScreen};
   if (std::find(dontShowInAppScreenList_.begin(), dontShowInAppScreenList_.end(), screen) !=
       dontShowInAppScreenList_.end()) {
     return {kBlockedScreen};
@@ -165,16 +157,24 @@ KOInAppDecision KOInAppV2Handler::screenDecision(const KOInAppV2CampaignProperti
   return {};
 }
 
-std::string KOInAppV2Handler::currentScreenName(const KOViewController* viewController) const {
+std::string KOInAppV2Handler::screenNameFor(const KOViewController* viewController) {
   if (viewController) return viewController->name;
   const auto top = KovantisUtils::getTopViewControllerForNudges();
   return top ? top->name : std::string();
 }
 
+bool KOInAppV2Handler::isForScreen(const std::string& campaignScreen, const std::string& screen) {
+  return campaignScreen.empty() ||
+         (campaignScreen.size() == screen.size() &&
+          std::equal(campaignScreen.begin(), campaignScreen.end(), screen.begin(), [](char x, char y) {
+            return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+          }));
+}
+
 KOArray KOInAppV2Handler::decisionReport(const KOViewController* viewController) {
   KOArray report;
   KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
-    const std::string screen = currentScreenName(viewController);
+    const std::string screen = screenNameFor(viewController);
     const KOInAppDecision global = globalDelayDecision();
     for (const KOValue& stored : KOInAppV2Manager::getActiveInAppCampaigns()) {
       const KOInAppV2CampaignPropertiesObject campaign(stored);
@@ -259,7 +259,7 @@ void KOInAppV2Handler::dontShowInAppInViewController(const KOViewController* vie
 }
 
 void KOInAppV2Handler::showInAppForViewController(const KOViewController* viewController) {
-  showInAppForScreen(currentScreenName(viewController));
+  showInAppForScreen(screenNameFor(viewController));
 }
 
 void KOInAppV2Handler::showInAppForScreen(std::string screen) {
@@ -282,7 +282,7 @@ void KOInAppV2Handler::showInAppForScreen(std::string screen) {
         continue;
       }
       if (!campaign.showOnlyInScreen().empty()) {
-        if (!sameIgnoringCase(campaign.showOnlyInScreen(), screen) || !canShowInApp(campaign)) continue;
+        if (!isForScreen(campaign.showOnlyInScreen(), screen) || !canShowInApp(campaign)) continue;
         refusal(KO_HERE,
                 KOStringFormat::format("Kovantis - ShowOnlyInScreen %@ check passed; CampaignID : %@",
                                        {KOValue(campaign.showOnlyInScreen()), KOValue(campaign.campaignId())}));
@@ -375,7 +375,7 @@ bool KOInAppV2Handler::isShowingInApp() const {
 }
 
 void KOInAppV2Handler::showInAppV2WithObject(std::shared_ptr<const KOInAppV2Object> inApp) {
-  showInAppV2WithObject(std::move(inApp), currentScreenName(nullptr));
+  showInAppV2WithObject(std::move(inApp), screenNameFor(nullptr));
 }
 
 void KOInAppV2Handler::showInAppV2WithObject(std::shared_ptr<const KOInAppV2Object> inApp, std::string screen) {
@@ -577,7 +577,7 @@ std::shared_ptr<const KOInAppV2Object> KOInAppV2Handler::storedCampaign(const st
 
 void KOInAppV2Handler::getSelfHandledInAppForViewController(const KOViewController* viewController) {
   KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
-    const std::string screen = currentScreenName(viewController);
+    const std::string screen = screenNameFor(viewController);
     for (const KOValue& stored : KOInAppV2Manager::getActiveInAppCampaigns()) {
       const KOInAppV2CampaignPropertiesObject campaign(stored);
       if (campaign.inAppType() != KOInAppV2TypeSelfHandled) {
@@ -587,7 +587,7 @@ void KOInAppV2Handler::getSelfHandledInAppForViewController(const KOViewControll
                                        {KOValue(campaign.campaignId())}))});
         continue;
       }
-      if (!campaign.showOnlyInScreen().empty() && !sameIgnoringCase(campaign.showOnlyInScreen(), screen)) continue;
+      if (!isForScreen(campaign.showOnlyInScreen(), screen)) continue;
       if (!canShowInApp(campaign)) continue;
       returnSelfHandledInAppData(KOInAppV2Object(stored, campaign));
       return;

@@ -42,6 +42,12 @@ class KOInAppV2Handler {
 
   static KOInAppV2Handler& sharedInstance();
 
+  /// The screen's name for the screen rules: the given screen's, else the top screen's.
+  static std::string screenNameFor(const KOViewController* viewController);
+  /// Whether a campaign meant for `campaignScreen` may show on `screen`: names compare ignoring
+  /// case, and no screen named means any.
+  static bool isForScreen(const std::string& campaignScreen, const std::string& screen);
+
   /// Fetches the campaigns changed since the last fetch and merges them into the store; a show
   /// asked for meanwhile runs when the fetch ends.
   void getInAppCampaigns();
@@ -99,7 +105,6 @@ class KOInAppV2Handler {
 
  private:
   KOInAppV2Handler();
-  std::string currentScreenName(const KOViewController* viewController) const;
   void showInAppForScreen(std::string screen);
   // The stored campaign with the id, as an object; nothing when it is not stored.
   static std::shared_ptr<const KOInAppV2Object> storedCampaign(const std::string& campaignID);

@@ -15,22 +15,6 @@
 #include "KOUtilities/KovantisUtils.h"
 #include "kovantis/KOConstants.h"
 
-namespace {
-
-bool sameIgnoringCase(const std::string& a, const std::string& b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-         });
-}
-
-std::string screenName(const KOViewController* viewController) {
-  if (viewController) return viewController->name;
-  const auto top = KovantisUtils::getTopViewControllerForNudges();
-  return top ? top->name : std::string();
-}
-
-}  // namespace
-
 KONudgesHandler& KONudgesHandler::sharedInstance() {
   static auto* instance = new KONudgesHandler();
   return *instance;
@@ -43,7 +27,7 @@ std::shared_ptr<const KOInAppV2Object> KONudgesHandler::chooseFor(const std::str
     const bool embedded =
         campaign.inAppType() == KOInAppV2TypeEmbedded || nudge->alignmentType() == KOInAppV2AlignmentEmbedded;
     if (!embedded) continue;
-    if (!campaign.showOnlyInScreen().empty() && !sameIgnoringCase(campaign.showOnlyInScreen(), screen)) continue;
+    if (!KOInAppV2Handler::isForScreen(campaign.showOnlyInScreen(), screen)) continue;
     if (!KOInAppV2Handler::canShowInApp(campaign)) continue;
     return nudge;
   }
@@ -66,7 +50,7 @@ KOViewDescription KONudgesHandler::describe(const KOInAppV2Object& nudge, const 
 void KONudgesHandler::getNudgeViewForViewController(const KOViewController* viewController,
                                                     const Completion& completion) {
   KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
-    const auto nudge = chooseFor(screenName(viewController));
+    const auto nudge = chooseFor(KOInAppV2Handler::screenNameFor(viewController));
     const KOSize size{KovantisUtils::screenWidthForInApp(), KovantisUtils::screenHeightForInApp()};
     if (!completion) return;
     if (!nudge) return completion(KOViewDescription{}, "");
