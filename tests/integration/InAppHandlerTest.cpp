@@ -281,3 +281,20 @@ TEST_F(InAppHandlerTest, ImagesAreShownAtTheirDecodedShapeAndAnUndecodableOneSho
   EXPECT_EQ(shown->children.at(0).entryAnimation, "fade_in");
   EXPECT_EQ(shown->children.at(0).exitAnimation, "");  // none given, none made up
 }
+
+// Widgets of the wrong kind cost only themselves: the rest of the campaign still shows.
+TEST_F(InAppHandlerTest, AWronglyTypedWidgetCostsOnlyItself) {
+  store(R"({"cid": "odd", "status": "active", "type": "general", "ttl": 1900000000, "max_times": 3,
+      "align": 7, "animate": "sideways", "widgets": ["not a widget", {"id": "x", "type": 3},
+        {"id": 2, "type": "text", "content": "Still here", "properties": "not a dictionary"},
+        {"id": 3, "type": "button", "content": "Go", "action": {"tag": "m_dismiss"}}]})");
+  ASSERT_TRUE(showsOn(screenNamed("Home")));
+  const std::optional<KOViewDescription> shown = device().userInterface().presentedScreen();
+  ASSERT_NE(shown->findTag(2), nullptr);
+  EXPECT_EQ(shown->findTag(2)->text, "Still here");
+  ASSERT_NE(shown->findTag(3), nullptr);
+  EXPECT_TRUE(device().console().contains("Kovantis - exception in initialize KOInAppV2WidgetObject is"));
+  // Its actions were no list: the tap does nothing, and nothing breaks.
+  EXPECT_TRUE(device().userInterface().tapView(3));
+  EXPECT_TRUE(device().userInterface().presentedScreen().has_value());
+}
