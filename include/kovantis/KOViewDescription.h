@@ -39,6 +39,7 @@ enum class KOTextAlignment { Left, Center, Right };
 enum class KOViewEvent {
   Tap,
   SwipeDelete,  // the row's delete swipe, offered only on rows marked deletable
+  SwipeAway,    // the whole presented screen swiped off (tag 0)
 };
 
 struct KOViewDescription {

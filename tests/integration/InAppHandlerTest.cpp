@@ -194,10 +194,12 @@ TEST_F(InAppHandlerTest, AShowingIsCountedTrackedAndTappedAway) {
   EXPECT_NE(KOJSONSerialization::write(shownRecords[0]).find("\"cid\":\"c1\""), std::string::npos);
 }
 
-TEST_F(InAppHandlerTest, AutoDismissRunsOnTheSimulatedClock) {
+TEST_F(InAppHandlerTest, AutoDismissRunsOnTheSimulatedClockAndASwipeOnlyTakesACancellableOne) {
   startClean();
   store(campaignJSON("c1", R"(, "auto_dismiss": 30)"));
   ASSERT_TRUE(showsOn(screenNamed("Home")));
+  ASSERT_TRUE(device().userInterface().swipeAway());
+  EXPECT_TRUE(device().userInterface().presentedScreen().has_value());  // not cancellable
   device().clock().advance(29);
   device().dispatch().pumpMain();
   EXPECT_TRUE(device().userInterface().presentedScreen().has_value());
@@ -297,4 +299,13 @@ TEST_F(InAppHandlerTest, AWronglyTypedWidgetCostsOnlyItself) {
   // Its actions were no list: the tap does nothing, and nothing breaks.
   EXPECT_TRUE(device().userInterface().tapView(3));
   EXPECT_TRUE(device().userInterface().presentedScreen().has_value());
+}
+
+TEST_F(InAppHandlerTest, ACancellableMessageIsSwipedAwayWithoutAClick) {
+  store(campaignJSON("c1", R"(, "cancellable": true)"));
+  ASSERT_TRUE(showsOn(screenNamed("Home")));
+  ASSERT_TRUE(device().userInterface().swipeAway());
+  EXPECT_FALSE(device().userInterface().presentedScreen().has_value());
+  EXPECT_FALSE(KOInAppV2Manager::getCampaignStatusDictWithCampaignId("c1").dictionaryValue().contains("isClicked"));
+  EXPECT_FALSE(device().userInterface().swipeAway());
 }

@@ -458,8 +458,17 @@ void KOInAppV2Handler::present(const std::shared_ptr<const KOInAppV2Object>& inA
     const KOSize size{KovantisUtils::screenWidthForInApp(), KovantisUtils::screenHeightForInApp()};
     const std::string cid = campaign.campaignId();
     KOViewDescription description = KOInAppV2ViewBuilder::describe(*inApp, size, images);
+    // Taps run the widgets' actions; a swipe takes a cancellable message away, nothing recorded.
     KOViewEventHandler onTap = KOInAppV2ActionHandler::tapHandlerFor(description, false);
-    auto shown = KOPlatform::current().userInterface->presentScreen(std::move(description), std::move(onTap));
+    const bool cancellable = inApp->cancellable();
+    auto shown = KOPlatform::current().userInterface->presentScreen(
+        std::move(description), [this, onTap, cancellable](std::int64_t tag, KOViewEvent event) {
+          if (event == KOViewEvent::SwipeAway) {
+            if (cancellable) dismissInApp();
+            return;
+          }
+          onTap(tag, event);
+        });
     if (!shown) return;
     KOInAppV2ActionHandler::sharedInstance().setInAppObject(inApp, shown, [this] { dismissInApp(); });
     {

@@ -217,6 +217,19 @@ bool KOSimUserInterface::sendEvent(std::int64_t tag, KOViewEvent event) {
   return true;
 }
 
+bool KOSimUserInterface::swipeAway() {
+  KOViewEventHandler handler;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = std::find_if(embedded_.rbegin(), embedded_.rend(),
+                           [](const EmbeddedScreen& s) { return !s.removed && s.presented; });
+    if (it == embedded_.rend()) return false;
+    handler = it->onEvent;
+  }
+  if (handler) handler(0, KOViewEvent::SwipeAway);
+  return true;
+}
+
 bool KOSimUserInterface::setRating(std::int64_t tag, double stars) {
   std::lock_guard<std::mutex> lock(mutex_);
   EmbeddedScreen* top = topmostLocked();

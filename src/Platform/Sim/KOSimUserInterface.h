@@ -70,6 +70,8 @@ class KOSimUserInterface : public KOUserInterface, public std::enable_shared_fro
   /// The user sets a rating's stars or types into a text field on the topmost screen; false when
   /// there is no such input view.
   bool setRating(std::int64_t tag, double stars);
+  /// The user swipes the newest presented screen away; false when none is shown.
+  bool swipeAway();
   bool typeText(std::int64_t tag, const std::string& text);
   /// What the topmost screen's input view with the tag holds.
   std::optional<KOView> inputView(std::int64_t seq, std::int64_t tag) const;
