@@ -33,6 +33,39 @@ void describe(const KOValue& v, std::string& out, bool quoteStrings);
 
 }  // namespace
 
+namespace {
+
+bool holdsNested(const KOValue& v) noexcept {
+  return (v.isArray() && !v.arrayValue().empty()) || (v.isDictionary() && !v.dictionaryValue().empty());
+}
+
+void takeNested(KOValue& item, std::vector<KOValue>& nested) {
+  if (holdsNested(item)) nested.push_back(std::move(item));
+}
+
+void takeNested(std::pair<std::string, KOValue>& entry, std::vector<KOValue>& nested) {
+  takeNested(entry.second, nested);
+}
+
+// Destroys the containers nested in `items` one level at a time from a list on the heap, so that
+// a value nested a hundred thousand levels deep is freed without recursing once per level.
+template <typename Storage>
+void releaseNested(Storage& items) {
+  std::vector<KOValue> nested;
+  for (auto& item : items) takeNested(item, nested);
+  while (!nested.empty()) {
+    KOValue value = std::move(nested.back());
+    nested.pop_back();
+    if (value.isArray()) {
+      for (auto& item : value.arrayValue()) takeNested(item, nested);
+    } else {
+      for (auto& entry : value.dictionaryValue()) takeNested(entry, nested);
+    }
+  }  // each value dies holding no nested container
+}
+
+}  // namespace
+
 // ------------------------------------------------------------------------------------------ KOArray
 
 KOArray::KOArray() = default;
@@ -42,7 +75,9 @@ KOArray::KOArray(const KOArray&) = default;
 KOArray::KOArray(KOArray&&) noexcept = default;
 KOArray& KOArray::operator=(const KOArray&) = default;
 KOArray& KOArray::operator=(KOArray&&) noexcept = default;
-KOArray::~KOArray() = default;
+KOArray::~KOArray() {
+  if (!items_.empty()) releaseNested(items_);
+}
 
 const KOValue& KOArray::at(std::size_t i) const {
   if (i >= items_.size()) {
@@ -64,7 +99,9 @@ KODictionary::KODictionary(const KODictionary&) = default;
 KODictionary::KODictionary(KODictionary&&) noexcept = default;
 KODictionary& KODictionary::operator=(const KODictionary&) = default;
 KODictionary& KODictionary::operator=(KODictionary&&) noexcept = default;
-KODictionary::~KODictionary() = default;
+KODictionary::~KODictionary() {
+  if (!entries_.empty()) releaseNested(entries_);
+}
 
 std::size_t KODictionary::indexOf(std::string_view key) const noexcept {
   if (index_.empty()) {

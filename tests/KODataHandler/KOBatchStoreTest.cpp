@@ -56,13 +56,38 @@ TEST_F(KOBatchStoreTest, AnUnreadableFileIsSetAsideNotOverwritten) {
   EXPECT_EQ(device().rawFiles().readFile(path() + ".unreadable"),
             std::optional<std::string>("<plist><dict><key>1</key><array><dict>"));
 
-  // A read error is no empty file either: what is on disk stays there.
-  device().files().inject(KOFileFault::ReadError, "Batches.plist");
+  // One read error passes: tried again, the file is read and nothing is set aside.
+  device().files().inject(KOFileFault::ReadError, "Batches.plist", 1);
   KOBatchStore again(path());
   again.load(device().files());
-  EXPECT_TRUE(again.empty());
+  EXPECT_EQ(again.ids(), std::vector<std::string>{"1000"});
+  EXPECT_FALSE(device().files().fileExists(path() + ".unreadable-1"));
+
+  // A lasting one is no empty file either: what is on disk is set aside, next to the first.
+  device().files().inject(KOFileFault::ReadError, "Batches.plist", -1);
+  KOBatchStore failing(path());
+  failing.load(device().files());
+  device().files().clear();
+  EXPECT_TRUE(failing.empty());
   EXPECT_FALSE(device().files().fileExists(path()));
+  EXPECT_TRUE(device().files().fileExists(path() + ".unreadable-1"));
+
+  // The next start reads what was set aside again: its batches return under their ids, and the
+  // file goes once the batch file holds them. The damaged one stays for a person to look at.
+  KOBatchStore next(path());
+  next.load(device().files());
+  EXPECT_EQ(next.ids(), std::vector<std::string>{"1000"});
+  ASSERT_TRUE(KOBatchStore::write(device().files(), path(), next.snapshot()));
+  next.removeMergedAside(device().files());
+  EXPECT_FALSE(device().files().fileExists(path() + ".unreadable-1"));
   EXPECT_TRUE(device().files().fileExists(path() + ".unreadable"));
+
+  // Temporaries a crash left before their rename are removed at the next start.
+  device().rawFiles().writeFile(path() + ".tmp-7", "half");
+  KOBatchStore afterCrash(path());
+  afterCrash.load(device().files());
+  EXPECT_FALSE(device().files().fileExists(path() + ".tmp-7"));
+  EXPECT_EQ(afterCrash.ids(), std::vector<std::string>{"1000"});
 }
 
 TEST_F(KOBatchStoreTest, ABatchTheFileCannotHoldDoesNotKeepTheOthersOffDisk) {
