@@ -1,0 +1,66 @@
+// A host app that tracks events until it is killed, and says which ones it tracked: the kill test
+// starts it again and again on one device directory and kills it with SIGKILL at random moments.
+//   kovantis-kill-child <device dir> <emulator port> <run> <pace> <reset after>
+// pace 0 tracks at full speed, pace 1 at a person's rate (a few milliseconds of main-queue work
+// between events). After `reset after` events (never when negative) it logs the user out.
+// Writes "T <seq>" once trackEvent returned for event seq, and "R <seq>" before a reset that
+// follows event seq, each with one write to standard output (a pipe).
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "Sim/KOSimDevice.h"
+#include "kovantis/Kovantis.h"
+
+namespace {
+
+void say(char what, std::int64_t seq) {
+  char line[32];
+  const int n = std::snprintf(line, sizeof line, "%c %lld\n", what, static_cast<long long>(seq));
+  if (n > 0 && ::write(STDOUT_FILENO, line, static_cast<std::size_t>(n)) < 0) std::_Exit(3);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 6) return 2;
+  KOSimDeviceConfig config;
+  config.rootDirectory = argv[1];
+  KOSimDevice device(config);
+  device.install();
+  KOServiceEndpoints endpoints = KOServiceEndpoints::local("127.0.0.1", std::atoi(argv[2]));
+  endpoints.timeoutSeconds = 2;
+  device.setServiceEndpoints(endpoints);
+  const std::int64_t run = std::atoll(argv[3]);
+  const bool humanPace = std::atoi(argv[4]) == 1;
+  const std::int64_t resetAfter = std::atoll(argv[5]);
+
+  Kovantis& sdk = Kovantis::sharedInstance();
+  sdk.initializeWithApiKey(KOValue("kill-app"));
+  device.becomeActive();
+  // Bounded: the parent kills it long before; should the parent die, this ends on its own.
+  for (std::int64_t seq = 0; seq < 2000000; ++seq) {
+    sdk.trackEvent(KOValue("TICK"), KOValue(KODictionary{{"run", run}, {"seq", seq}, {"pad", "payload text"}}));
+    say('T', seq);
+    if (seq == resetAfter) {
+      say('R', seq);
+      sdk.resetUser();
+    }
+    if (humanPace) {
+      device.runMainUntil([] { return false; }, 0.003);
+      if (seq % 40 == 39) {
+        // The app goes to the background and comes back: the session end syncs.
+        device.resignActive();
+        device.enterBackground();
+        device.enterForeground();
+        device.becomeActive();
+      }
+    } else if (seq % 50 == 49) {
+      sdk.syncNow();
+      device.pumpMain();
+    }
+  }
+  return 0;
+}
