@@ -41,9 +41,7 @@ void store(char* p, T v) {
   std::memcpy(p, &v, sizeof v);
 }
 
-std::uint64_t headerChecksum(std::uint64_t generation) {
-  return checksum(generation, kFileMagic, sizeof kFileMagic);
-}
+std::uint64_t headerChecksum(std::uint64_t generation) { return checksum(generation, kFileMagic, sizeof kFileMagic); }
 
 // The generation a file's header names, or 0 when it is not a journal.
 std::uint64_t generationOf(std::string_view bytes) {

@@ -217,14 +217,14 @@ bool KOEventsHandler::acceptsName(const KOSourceLocation& where, const KOValue& 
   return false;
 }
 
-void KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload) {
+bool KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload) {
   try {
-    if (!acceptsName(KO_HERE, name)) return;
+    if (!acceptsName(KO_HERE, name)) return false;
     if (!andPayload.isNil() && !andPayload.isDictionary()) {
       KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
                            "Kovantis - While tracking events, the payload with the event has to be a NSDictionary of "
                            "NSMutable Dictionary type");
-      return;
+      return false;
     }
     if (!andPayload.isNil() && nestingDeeperThan(andPayload.dictionaryValue(), kMaxAttributeNesting)) {
       throw KOTypeError("the attributes nest deeper than " + std::to_string(kMaxAttributeNesting) + " levels");
@@ -239,14 +239,16 @@ void KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload)
       append(recordJSON(eventName, &attributes, nullptr));
     }
     offerToObserver(eventName, andPayload);
+    return true;
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
+    return false;
   }
 }
 
-void KOEventsHandler::trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload) {
+bool KOEventsHandler::trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload) {
   try {
-    if (!acceptsName(KO_HERE, name)) return;
+    if (!acceptsName(KO_HERE, name)) return false;
     // Checked before anything copies or normalises them.
     const KOPayloadBuilder& parts = builderPayload;
     if (nestingDeeperThan(parts.eventDict(), kMaxAttributeNesting) ||
@@ -265,8 +267,10 @@ void KOEventsHandler::trackEvent(const KOValue& name, KOPayloadBuilder& builderP
     if (!builderPayload.locationArray().empty()) custom.set("location", KOValue(builderPayload.locationArray()));
     append(recordJSON(name.stringValue(), attributes ? &*attributes : nullptr, custom.empty() ? nullptr : &custom));
     offerToObserver(name.stringValue(), attributes ? *attributes : KOValue());
+    return true;
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
+    return false;
   }
 }
 

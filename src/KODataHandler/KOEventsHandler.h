@@ -25,8 +25,9 @@ class KOEventsHandler {
   static KOEventsHandler& sharedInstance();
 
   /// Records an event. The name must be a string and the attributes, when given, a dictionary.
-  void trackEvent(const KOValue& name, const KOValue& andPayload);
-  void trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload);
+  /// Returns whether it was recorded: from then on it survives the death of the process.
+  bool trackEvent(const KOValue& name, const KOValue& andPayload);
+  bool trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload);
 
   /// Sees every event once it is recorded: its name and attributes (nil when it has none), on the
   /// tracking thread. One observer at a time (the facade's, for the in-app trigger check); nullptr

@@ -15,6 +15,7 @@
 #include "KOEmulator.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "Network/KOServerInterface.h"
+#include "kovantis/KOConstants.h"
 
 extern char** environ;
 
@@ -34,8 +35,9 @@ Child spawnChild(const std::string& root, int port, int run, int pace, std::int6
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
   posix_spawn_file_actions_addclose(&actions, fds[0]);
-  std::vector<std::string> args{KOV_KILL_CHILD, root, std::to_string(port), std::to_string(run), std::to_string(pace),
-                                std::to_string(resetAfter)};
+  std::vector<std::string> args{KOV_KILL_CHILD,       root,
+                                std::to_string(port), std::to_string(run),
+                                std::to_string(pace), std::to_string(resetAfter)};
   std::vector<char*> argv;
   for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
@@ -184,6 +186,58 @@ void killAndRestart(int kills, unsigned seed) {
 }
 
 }  // namespace
+
+// An app killed right after its first start set user attributes: the next start (which sets them
+// again, as apps do at every launch) delivers them, although the cache may already hold them.
+TEST(KillTest, AttributesSetBeforeAKillAtFirstStartReachTheService) {
+  const std::string base =
+      (std::filesystem::temp_directory_path() / ("kovantis-kill-attrs-" + std::to_string(::getpid()))).string();
+  const std::string root = base + "/device";
+  std::filesystem::create_directories(root);
+  KOEmulator::Options options;
+  options.dataDir = base + "/emulator";
+  KOEmulator emulator(options);
+  const int port = emulator.start(0);
+  // The service is slow: nothing the first start sends is answered before the kill.
+  emulator.injectFault(KOEmulatorFault{"*", 0, 3000, false, -1, 1.0});
+  Child child = spawnChild(root, port, 0, 2, -1);
+  ASSERT_GT(child.pid, 0);
+  Transcript transcript;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (transcript.tracked.empty() && std::chrono::steady_clock::now() < deadline) {
+    readOutput(child.output, transcript, std::chrono::steady_clock::now() + std::chrono::milliseconds(20), false);
+  }
+  ::kill(child.pid, SIGKILL);
+  ::waitpid(child.pid, nullptr, 0);
+  ::close(child.output);
+  ASSERT_FALSE(transcript.tracked.empty());
+  emulator.clearFaults();
+  emulator.reset();  // whatever the first start got through does not count
+
+  {
+    KOSimDeviceConfig config;
+    config.rootDirectory = root;
+    KOSimDevice device(config);
+    device.install();
+    device.setServiceEndpoints(KOServiceEndpoints::local("127.0.0.1", port));
+    Kovantis& sdk = Kovantis::sharedInstance();
+    sdk.initializeWithApiKey(KOValue("kill-app"));
+    sdk.setUserEmailID(KOValue("first@kill.example"));
+    sdk.setUserAttribute(KOValue("gold"), KOValue("plan"));
+    ASSERT_TRUE(device.runMainUntil([&] { return deliveredAll(device); }, 30));
+    KOServerInterface::sharedInstance().httpClient().closeIdleConnections();
+  }
+  std::set<std::string> delivered;
+  for (const auto& e : emulator.events()) {
+    if (e.name != EVENT_ACTION_USER_ATTRIBUTE) continue;
+    const KOValue attrs = KOJSONSerialization::parse(e.json)["EVENT_ATTRS"];
+    for (const auto& [key, value] : attrs.dictionaryValue()) delivered.insert(key + "=" + value.description());
+  }
+  EXPECT_TRUE(delivered.count("USER_ATTRIBUTE_USER_EMAIL=first@kill.example"));
+  EXPECT_TRUE(delivered.count("plan=gold"));
+  emulator.stop();
+  std::filesystem::remove_all(base);
+}
 
 TEST(KillTest, EveryTrackedEventSurvivesAKillAndIsStoredOnce) { killAndRestart(24, 20261123); }
 

@@ -3,6 +3,8 @@
 //   kovantis-kill-child <device dir> <emulator port> <run> <pace> <reset after>
 // pace 0 tracks at full speed, pace 1 at a person's rate (a few milliseconds of main-queue work
 // between events). After `reset after` events (never when negative) it logs the user out.
+// pace 2 is a first start that sets two user attributes, waits until the attribute cache is on
+// disk, says "T 0" and waits to be killed.
 // Writes "T <seq>" once trackEvent returned for event seq, and "R <seq>" before a reset that
 // follows event seq, each with one write to standard output (a pipe).
 #include <unistd.h>
@@ -11,6 +13,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "KODataHandler/KOUserAttributesHandler.h"
 #include "Sim/KOSimDevice.h"
 #include "kovantis/Kovantis.h"
 
@@ -39,6 +42,15 @@ int main(int argc, char** argv) {
 
   Kovantis& sdk = Kovantis::sharedInstance();
   sdk.initializeWithApiKey(KOValue("kill-app"));
+  if (std::atoi(argv[4]) == 2) {
+    sdk.setUserEmailID(KOValue("first@kill.example"));
+    sdk.setUserAttribute(KOValue("gold"), KOValue("plan"));
+    // The worst moment: the cache on disk already says both were sent.
+    KOUserAttributesHandler::sharedInstance().writeCacheNow();
+    say('T', 0);
+    device.runMainUntil([] { return false; }, 60);
+    return 0;
+  }
   device.becomeActive();
   // Bounded: the parent kills it long before; should the parent die, this ends on its own.
   for (std::int64_t seq = 0; seq < 2000000; ++seq) {
