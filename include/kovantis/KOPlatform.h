@@ -209,6 +209,9 @@ class KOMappedFile {
   virtual ~KOMappedFile() = default;
   virtual char* data() = 0;
   virtual std::size_t size() const = 0;
+  /// Grows the file and its mapping to `size` bytes, keeping every byte stored so far (the new
+  /// ones read as zeros); data() may move. False, with the mapping unchanged, when it cannot.
+  virtual bool resize(std::size_t size) = 0;
 };
 
 /// The sandbox's files. Primitives only; the core's atomic writer composes them, so a test can

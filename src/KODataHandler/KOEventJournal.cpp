@@ -223,6 +223,8 @@ bool KOEventJournal::append(Kind kind, std::string_view payload) {
   return true;
 }
 
+bool KOEventJournal::grow() { return current_ && current_->resize(current_->size() * 2); }
+
 bool KOEventJournal::appendBatch(const std::string& id, std::size_t count, std::string_view recordsJSON) {
   std::string payload;
   payload.reserve(id.size() + 24 + recordsJSON.size());

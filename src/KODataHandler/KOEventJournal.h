@@ -74,6 +74,8 @@ class KOEventJournal {
   static std::size_t entrySize(std::size_t payloadBytes) { return kEntryHeader + payloadBytes; }
 
   bool isOpen() const { return current_ != nullptr; }
+  /// Doubles the current generation's room in place, keeping its entries; false when it cannot.
+  bool grow();
   std::size_t used() const { return used_; }
   std::size_t capacity() const;
   std::uint64_t generation() const { return generation_; }

@@ -90,6 +90,11 @@ std::size_t KOEventsHandler::storedBatchCount() {
   return store_.size();
 }
 
+std::size_t KOEventsHandler::journalBytes() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return journal_.used();
+}
+
 void KOEventsHandler::setBgTask(KOBackgroundTaskIdentifier task) {
   std::lock_guard<std::mutex> lock(mutex_);
   bgTask_ = task;
@@ -155,7 +160,6 @@ bool KOEventsHandler::startJournalLocked() {
     return true;
   });
   if (started) {
-    journalBaseline_ = journal_.used();
     journalFailed_ = false;
   } else if (!journalFailed_) {
     journalFailed_ = true;
@@ -166,10 +170,28 @@ bool KOEventsHandler::startJournalLocked() {
   return started;
 }
 
+std::size_t KOEventsHandler::journalLiveBytesLocked() const {
+  std::size_t bytes = 0;
+  for (const std::string& record : views_) bytes += KOEventJournal::entrySize(record.size());
+  for (const std::string& id : store_.ids()) {
+    if (fileIds_.count(id)) continue;
+    bytes += KOEventJournal::entrySize(store_.find(id)->reportBody().size());
+  }
+  return bytes;
+}
+
 void KOEventsHandler::journalLocked(KOEventJournal::Kind kind, std::string_view payload) {
   if (journal_.append(kind, payload)) return;
-  // Full (or never opened): a new generation holds what this entry would have said, as it is
-  // already in the store or in memory. Without a mapping it is tried again only after a write.
+  // Full: while it holds mostly records still in memory, it grows in place (nothing copied);
+  // otherwise, or when it cannot grow, a new generation holds what this entry would have said (it
+  // is in the store or in memory already). Without a mapping it is tried again after a write.
+  if (journal_.isOpen()) {
+    if (2 * journalLiveBytesLocked() > journal_.used()) {
+      while (journal_.grow()) {
+        if (journal_.append(kind, payload)) return;
+      }
+    }
+  }
   if (journal_.isOpen() || !journalFailed_) startJournalLocked();
 }
 
@@ -412,8 +434,9 @@ bool KOEventsHandler::writeSnapshotNow() {
   fileIds_.clear();
   for (const auto& entry : snapshot) fileIds_.insert(entry.first);
   store_.removeMergedAside(*platform().fileSystem);
-  // The file caught up: the journal starts over with what is still missing from it.
-  if (!journal_.isOpen() || journal_.used() > std::max(kJournalCompactBytes, 2 * journalBaseline_)) {
+  // The file caught up: the journal starts over with what is still missing from it, once that is
+  // much less than what it holds.
+  if (!journal_.isOpen() || journal_.used() > std::max(kJournalCompactBytes, 2 * journalLiveBytesLocked())) {
     startJournalLocked();
   }
   return true;

@@ -72,6 +72,8 @@ class KOEventsHandler {
   std::size_t eventsInMemory() const;
   /// Batches waiting for the service, in memory and in the batch file.
   std::size_t storedBatchCount();
+  /// Bytes the journal's current generation holds.
+  std::size_t journalBytes() const;
   /// Serialises one event record (the benchmarks build batches with it).
   static std::string recordJSON(const std::string& name, const KOValue* attributes, const KODictionary* custom);
 
@@ -112,6 +114,8 @@ class KOEventsHandler {
   /// Starts a new journal generation holding only what the batch file does not: records in
   /// memory, batches missing from the file, and the batches gone since the file was written.
   bool startJournalLocked();
+  /// What a new journal generation would hold now, in bytes.
+  std::size_t journalLiveBytesLocked() const;
   /// After a failed write of the batch file: it stays due and is written again, at a bounded pace.
   void retryWriteLocked();
   /// Ends the running sync and starts the one waiting, if any (a reset before a follow-up).
@@ -132,9 +136,8 @@ class KOEventsHandler {
   bool retryPending_ = false;
   double retryDelay_ = 0;  // seconds before the next try of a failed write
   KOEventJournal journal_;
-  std::set<std::string> fileIds_;    // the batches the batch file holds, as of its last write
-  std::size_t journalBaseline_ = 0;  // bytes the journal held when its generation started
-  bool journalFailed_ = false;       // logged once
+  std::set<std::string> fileIds_;  // the batches the batch file holds, as of its last write
+  bool journalFailed_ = false;     // logged once
   struct FlushWaiter {
     std::uint64_t roundsBefore;  // served by the first sync round numbered above this
     std::function<void(bool)> completion;

@@ -81,9 +81,8 @@ TEST_F(KOEventJournalTest, ANewGenerationCountsOnlyOnceComplete) {
   EXPECT_EQ(KOEventJournal(base()).recover(device().files()).pending, std::vector<std::string>{R"({"n":3})"});
   // Appends still go to the first generation.
   ASSERT_TRUE(journal.append(KOEventJournal::Kind::Record, R"({"n":5})"));
-  ASSERT_TRUE(journal.startGeneration(device().files(), 0, [](KOEventJournal& j) {
-    return j.append(KOEventJournal::Kind::Record, R"({"n":6})");
-  }));
+  ASSERT_TRUE(journal.startGeneration(
+      device().files(), 0, [](KOEventJournal& j) { return j.append(KOEventJournal::Kind::Record, R"({"n":6})"); }));
   KOEventJournal reader(base());
   const KOEventJournal::Replay replay = reader.recover(device().files());
   EXPECT_EQ(replay.generation, 2u);

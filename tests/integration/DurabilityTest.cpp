@@ -77,6 +77,9 @@ TEST(DurabilityTest, KilledAppsLoseNoStoredBatchAndNeverDuplicateAnEvent) {
   // Slow answers keep batches in flight, so kills land between the service's answer and the
   // file update too.
   emulator.injectFault(KOEmulatorFault{"/v2/report/add", 0, 25, false, -1, 1.0});
+  // And some are refused: a sync asked for during another runs after it, so without refusals a
+  // kill could find the file empty every time.
+  emulator.injectFault(KOEmulatorFault{"/v2/report/add", 503, 25, false, -1, 0.3});
 
   std::mt19937 random(12345);
   std::set<std::string> storedBatchIds;

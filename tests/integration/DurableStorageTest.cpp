@@ -34,7 +34,8 @@ TEST_F(DurableStorageTest, OneReadErrorAtStartSetsNothingAsideAndEveryStoredEven
   KOArray records;
   for (int i = 0; i < 90; ++i) records.push_back(KODictionary{{"EVENT_ACTION", "STORED"}, {"i", i}});
   const std::string batchPath = device().documentsDirectory() + "/KovantisBatchEvents.plist";
-  ASSERT_TRUE(KOPropertyListFile::write(device().rawFiles(), batchPath, KOValue(KODictionary{{"1700000000000", records}})));
+  ASSERT_TRUE(
+      KOPropertyListFile::write(device().rawFiles(), batchPath, KOValue(KODictionary{{"1700000000000", records}})));
   device().files().inject(KOFileFault::ReadError, "KovantisBatchEvents.plist", 1);
   start();
   ASSERT_TRUE(flush());

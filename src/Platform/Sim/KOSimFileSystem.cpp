@@ -122,12 +122,24 @@ namespace {
 
 class KOSimMappedFile : public KOMappedFile {
  public:
-  KOSimMappedFile(char* data, std::size_t size) : data_(data), size_(size) {}
-  ~KOSimMappedFile() override { ::munmap(data_, size_); }
+  KOSimMappedFile(int fd, char* data, std::size_t size) : fd_(fd), data_(data), size_(size) {}
+  ~KOSimMappedFile() override {
+    ::munmap(data_, size_);
+    ::close(fd_);
+  }
   char* data() override { return data_; }
   std::size_t size() const override { return size_; }
+  bool resize(std::size_t size) override {
+    if (size < size_ || ::ftruncate(fd_, static_cast<off_t>(size)) != 0) return false;
+    void* moved = ::mremap(data_, size_, size, MREMAP_MAYMOVE);  // the pages move, no byte is copied
+    if (moved == MAP_FAILED) return false;
+    data_ = static_cast<char*>(moved);
+    size_ = size;
+    return true;
+  }
 
  private:
+  int fd_;
   char* data_;
   std::size_t size_;
 };
@@ -150,13 +162,12 @@ std::unique_ptr<KOMappedFile> KOSimFileSystem::mapFile(const std::string& path, 
     fail(error, code, "resize " + path);
     return nullptr;
   }
-  // Populated now, so that the first stores into each page do not fault one by one later.
-  void* data = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd, 0);
-  const int code = errno;
-  ::close(fd);  // the mapping keeps the file
+  void* data = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (data == MAP_FAILED) {
+    const int code = errno;
+    ::close(fd);
     fail(error, code, "map " + path);
     return nullptr;
   }
-  return std::make_unique<KOSimMappedFile>(static_cast<char*>(data), size);
+  return std::make_unique<KOSimMappedFile>(fd, static_cast<char*>(data), size);  // kept open to grow
 }
