@@ -192,6 +192,10 @@ std::optional<KODictionary> KOUserAttributesHandler::attributeEntry(const KOValu
 bool KOUserAttributesHandler::setUserAttribute(const KOValue& value, const KOValue& forKey) {
   try {
     if (forKey.isNil()) return false;
+    // A key that is no string is written out as its description: never one nested without end.
+    if (!forKey.isString() && nestingDeeperThan(forKey, KOValue::kMaxNestingDepth)) {
+      throw KOTypeError("the attribute key nests too deep");
+    }
     std::optional<KODictionary> attributes = attributeEntry(value, forKey);
     if (!attributes) return false;
     const std::string key = attributes->begin()->first;

@@ -11,7 +11,12 @@ const KOValue& nonNull(const KOValue& v) { return v.isNull() ? KOValue::nil() : 
 
 }  // namespace
 
-std::string keyText(const KOValue& key) { return key.isString() ? key.stringValue() : key.description(); }
+std::string keyText(const KOValue& key) {
+  if (key.isString()) return key.stringValue();
+  // Described, a key nested without end would recurse as deep.
+  if (nestingDeeperThan(key, KOValue::kMaxNestingDepth)) throw KOTypeError("a key nested too deep to be written");
+  return key.description();
+}
 
 const KOValue& validObjectForKey(const KODictionary& dict, std::string_view key) { return nonNull(dict[key]); }
 

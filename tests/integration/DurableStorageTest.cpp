@@ -61,6 +61,9 @@ TEST_F(DurableStorageTest, HostilePayloadsAreRefusedAloneAndTheirNeighboursDeliv
     shared->set("deep", std::move(deep));
     KOPayloadBuilder builder(shared);
     sdk().trackEvent(KOValue("DEEP_BUILT"), builder);
+    const KOValue& deepKey = (*shared)["deep"];
+    sdk().setUserAttribute(KOValue("v"), deepKey);
+    sdk().setUserAttributeTimestamp(1.0, deepKey);
   }
   sdk().trackEvent(KOValue("NUL"), KOValue(KODictionary{{"v", std::string("a\0b", 3)}}));
   sdk().trackEvent(KOValue("NUL_KEY"), KOValue(KODictionary{{std::string("k\0", 2), "v"}}));
@@ -117,4 +120,31 @@ TEST_F(DurableStorageTest, TheAttributeCacheIsWrittenOffTheCallersThreadAndNever
   KOUserAttributesHandler::cleanUpUserData();
   ASSERT_TRUE(settle());
   EXPECT_FALSE(device().files().fileExists(attributeCachePath()));
+}
+
+TEST_F(DurableStorageTest, AReadErrorOfThePreferencesIsNoReinstallAndNeverLosesThem) {
+  start();
+  ASSERT_TRUE(flush());
+  const std::string deviceId = KovantisUtils::persistentDeviceId();
+  const std::string prefsPath = device().standardPreferencesPath();
+  const std::optional<std::string> before = device().rawFiles().readFile(prefsPath);
+  ASSERT_TRUE(before.has_value());
+  // The next launch meets one read error of the preference file: tried again, nothing changes.
+  device().preferences().standardStore().reload();
+  device().files().inject(KOFileFault::ReadError, "Library/Preferences", 1);
+  sdk().initializeWithApiKey(KOValue("kov-test-app"));
+  ASSERT_TRUE(flush());
+  EXPECT_TRUE(storedNames("REINSTALL").empty());
+  EXPECT_EQ(KovantisUtils::persistentDeviceId(), deviceId);
+  EXPECT_FALSE(device().files().fileExists(prefsPath + ".unreadable"));
+
+  // One that lasts: the store starts empty, but the file is set aside with a line, not replaced.
+  device().preferences().standardStore().reload();
+  device().files().inject(KOFileFault::ReadError, "Library/Preferences", -1);
+  EXPECT_TRUE(KovantisUtils::getAppId().isNil());
+  device().files().clear();
+  EXPECT_TRUE(device().console().contains("could not be read"));
+  const std::optional<std::string> aside = device().rawFiles().readFile(prefsPath + ".unreadable");
+  ASSERT_TRUE(aside.has_value());
+  EXPECT_NE(aside->find("kov-test-app"), std::string::npos);
 }
