@@ -100,3 +100,20 @@ TEST_F(KOBatchStoreTest, ABatchTheFileCannotHoldDoesNotKeepTheOthersOffDisk) {
   EXPECT_EQ(file.dictionaryValue().keys(), std::vector<std::string>{"2000"});
   EXPECT_EQ(store.size(), 2u);  // still sent from memory
 }
+
+TEST_F(KOBatchStoreTest, EveryControlCharacterButNulReadsBackFromTheFile) {
+  KOBatchStore store(path());
+  for (int c = 1; c < 32; ++c) {
+    const std::string text = std::string("a") + static_cast<char>(c) + "b";
+    store.put(std::to_string(1000 + c), KOArray{KODictionary{{"EVENT_ACTION", text}, {text, 1}}});
+  }
+  ASSERT_TRUE(KOBatchStore::write(device().files(), path(), store.snapshot()));
+  KOBatchStore reloaded(path());
+  reloaded.load(device().files());
+  ASSERT_EQ(reloaded.size(), 31u);
+  for (int c = 1; c < 32; ++c) {
+    const std::string text = std::string("a") + static_cast<char>(c) + "b";
+    const KOArray records = reloaded.find(std::to_string(1000 + c))->records();
+    EXPECT_EQ(records[0]["EVENT_ACTION"], KOValue(text)) << c;
+  }
+}
