@@ -22,8 +22,8 @@ constexpr const char* kJournalName = "KovantisEvents.journal";
 // Records wait in a batch (a dictionary in a list in a dictionary) inside the report body and the
 // batch file, whose readers stop at the JSON nesting limit: attributes keep clear of it.
 constexpr int kMaxAttributeNesting = KOValue::kMaxNestingDepth - 16;
-// A journal generation that grew past this (and past twice what it started with) starts over
-// once the batch file caught up.
+// A journal generation that grew past this, and past twice what the batch file still lacks, starts
+// over once the file caught up.
 constexpr std::size_t kJournalCompactBytes = 64 * 1024;
 
 const KOPlatform& platform() { return KOPlatform::current(); }
