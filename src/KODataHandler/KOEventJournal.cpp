@@ -1,5 +1,6 @@
 #include "KOEventJournal.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -65,8 +66,10 @@ std::size_t KOEventJournal::capacity() const { return current_ ? current_->size(
 KOEventJournal::Replay KOEventJournal::replay(std::string_view bytes) {
   Replay out;
   out.generation = generationOf(bytes);
+  out.fileSize = bytes.size();
   if (out.generation == 0) return out;
   std::size_t pos = kFileHeader;
+  out.end = pos;
   const std::string_view marker(kEntryMarker, sizeof kEntryMarker);
   bool inDamage = false;
   while (pos + kEntryHeader <= bytes.size()) {
@@ -95,6 +98,7 @@ KOEventJournal::Replay KOEventJournal::replay(std::string_view bytes) {
     const auto kind = static_cast<Kind>(*kindAndPayload);
     const std::string_view payload(kindAndPayload + 1, length);
     pos += kEntryHeader + length;
+    out.end = pos;
     switch (kind) {
       case Kind::Record:
         out.pending.emplace_back(payload);
@@ -168,8 +172,26 @@ KOEventJournal::Replay KOEventJournal::recover(KOFileSystem& fs) {
   if (bestFile >= 0) {
     currentFile_ = bestFile;
     generation_ = best.generation;
+    recoveredEnd_ = best.end;
+    recoveredSize_ = best.fileSize;
   }
   return best;
+}
+
+bool KOEventJournal::reopen(KOFileSystem& fs) {
+  if (current_ || generation_ == 0 || recoveredEnd_ < kFileHeader || recoveredSize_ < recoveredEnd_) return false;
+  std::unique_ptr<KOMappedFile> mapped = fs.mapFile(pathOf(currentFile_), recoveredSize_);
+  if (!mapped || mapped->size() != recoveredSize_ ||
+      generationOf(std::string_view(mapped->data(), kFileHeader)) != generation_) {
+    return false;
+  }
+  // What an append cut short by the kill left is cleared, so that new entries are not followed by
+  // its remains (they would only count as damage).
+  const std::size_t rest = std::min<std::size_t>(recoveredSize_ - recoveredEnd_, 1 << 20);
+  std::memset(mapped->data() + recoveredEnd_, 0, rest);
+  current_ = std::move(mapped);
+  used_ = recoveredEnd_;
+  return true;
 }
 
 bool KOEventJournal::openNext(KOFileSystem& fs, std::size_t contentBytes) {

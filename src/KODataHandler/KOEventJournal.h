@@ -41,6 +41,8 @@ class KOEventJournal {
     std::vector<std::string> pending;  // records after the last cut
     std::size_t damaged = 0;           // entries (or stretches) that could not be used
     std::uint64_t generation = 0;      // 0: no journal found
+    std::size_t end = 0;               // just past the last entry that could be used
+    std::size_t fileSize = 0;
   };
 
   /// The journal's two files are `<basePath>.0` and `<basePath>.1`.
@@ -50,6 +52,9 @@ class KOEventJournal {
   /// Reads the newer valid generation. A file that cannot be read, even when tried again, is
   /// moved aside so that a new generation never overwrites it.
   Replay recover(KOFileSystem& fs);
+  /// Goes on appending to the generation `recover` read, after its last usable entry: a start does
+  /// not copy what the journal already says. False when there is none or it cannot be mapped.
+  bool reopen(KOFileSystem& fs);
   /// Replays journal bytes (one file's content); never reads past their end.
   static Replay replay(std::string_view bytes);
 
@@ -98,4 +103,6 @@ class KOEventJournal {
   std::uint64_t generation_ = 0;
   std::size_t used_ = 0;
   std::size_t previousUsed_ = 0;
+  std::size_t recoveredEnd_ = 0;
+  std::size_t recoveredSize_ = 0;
 };

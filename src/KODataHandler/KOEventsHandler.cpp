@@ -127,7 +127,9 @@ void KOEventsHandler::ensureLoadedLocked() {
     logInfo(KOStringFormat::format("Kovantis - Restored %d tracked events and %d batches from the event journal",
                                    {KOValue(restoredRecords), KOValue(restoredBatches)}));
   }
-  startJournalLocked();
+  // The journal read says all this already: appends go on after its last entry. A new generation
+  // only when there is none (or it cannot be mapped again).
+  if (!journal_.reopen(fs)) startJournalLocked();
   if (fileBehind || restoredBatches) persistLocked();
 }
 

@@ -110,3 +110,28 @@ TEST_F(KOEventJournalTest, AFileThatCannotBeReadIsSetAsideNotReused) {
   device().files().inject(KOFileFault::ReadError, "Test.journal", 1);
   EXPECT_EQ(KOEventJournal(base()).recover(device().files()).pending.size(), 1u);
 }
+
+TEST_F(KOEventJournalTest, AStartGoesOnAfterTheLastEntryWithoutCopyingTheJournal) {
+  {
+    KOEventJournal journal(base());
+    writeSample(journal);
+  }
+  // The remains of an append a kill cut short, after the last entry.
+  std::string bytes = bytesOf(0);
+  const std::size_t end = bytes.find(R"({"n":3})") + 7;
+  ASSERT_LT(end + 40, bytes.size());
+  bytes.replace(end + 17, 20, "{\"torn\":\"xxxxxxxxxx\"");
+  device().rawFiles().writeFile(base() + ".0", bytes);
+
+  KOEventJournal journal(base());
+  EXPECT_EQ(journal.recover(device().files()).end, end);
+  ASSERT_TRUE(journal.reopen(device().files()));
+  EXPECT_EQ(journal.generation(), 1u);
+  ASSERT_TRUE(journal.append(KOEventJournal::Kind::Record, R"({"n":4})"));
+  const KOEventJournal::Replay replay = KOEventJournal(base()).recover(device().files());
+  EXPECT_EQ(replay.generation, 1u);  // the same generation, in the same file
+  EXPECT_EQ(replay.damaged, 0u);
+  EXPECT_EQ(replay.pending, (std::vector<std::string>{R"({"n":3})", R"({"n":4})"}));
+  EXPECT_EQ(replay.batches.size(), 2u);
+  EXPECT_FALSE(device().files().fileExists(base() + ".1"));
+}
