@@ -6,15 +6,19 @@
 // pace 2 is a first start that sets two user attributes, waits until the attribute cache is on
 // disk, says "T 0" and waits to be killed.
 // Writes "T <seq>" once trackEvent returned for event seq, and "R <seq>" before a reset that
-// follows event seq, each with one write to standard output (a pipe).
+// follows event seq, each with one write to standard output (a pipe); after a reset it tracks
+// again only once the reset is over.
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
 #include "KODataHandler/KOUserAttributesHandler.h"
 #include "Sim/KOSimDevice.h"
+#include "kovantis/KOConstants.h"
+#include "kovantis/KONotificationCenter.h"
 #include "kovantis/Kovantis.h"
 
 namespace {
@@ -41,6 +45,9 @@ int main(int argc, char** argv) {
   const std::int64_t resetAfter = std::atoll(argv[5]);
 
   Kovantis& sdk = Kovantis::sharedInstance();
+  std::atomic<bool> newUser{false};
+  KONotificationCenter::defaultCenter().addObserver(KOV_INIT_NEW_USER,
+                                                    [&](const KONotification&) { newUser.store(true); });
   sdk.initializeWithApiKey(KOValue("kill-app"));
   if (std::atoi(argv[4]) == 2) {
     sdk.setUserEmailID(KOValue("first@kill.example"));
@@ -57,8 +64,11 @@ int main(int argc, char** argv) {
     sdk.trackEvent(KOValue("TICK"), KOValue(KODictionary{{"run", run}, {"seq", seq}, {"pad", "payload text"}}));
     say('T', seq);
     if (seq == resetAfter) {
+      // A logout drops what it could not send, up to the records its sync cut: events tracked
+      // while it runs could be among them, so the app waits until the new user starts.
       say('R', seq);
       sdk.resetUser();
+      device.runMainUntil([&] { return newUser.load(); }, 30);
     }
     if (humanPace) {
       device.runMainUntil([] { return false; }, 0.003);
