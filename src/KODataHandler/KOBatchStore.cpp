@@ -187,6 +187,12 @@ void KOBatchStore::reserveId(const std::string& id) {
   if (usableId(id)) lastIssued_ = std::max<std::int64_t>(lastIssued_, std::stoll(id));
 }
 
+std::string KOBatchStore::lastIssuedId() const {
+  std::int64_t last = lastIssued_;
+  if (!batches_.empty()) last = std::max<std::int64_t>(last, std::stoll(batches_.rbegin()->first));
+  return std::to_string(last);
+}
+
 void KOBatchStore::put(const std::string& id, const KOArray& records) {
   std::string body(kBodyOpen);
   KOJSONSerialization::writeTo(KOValue(records), body);

@@ -65,6 +65,8 @@ class KOBatchStore {
   void putRecordsJSON(const std::string& id, std::string_view recordsJSON, std::size_t count);
   /// Never issues this id or an earlier one again.
   void reserveId(const std::string& id);
+  /// The latest id issued, loaded or reserved ("0" when none).
+  std::string lastIssuedId() const;
   bool remove(const std::string& id);
   void clear();
 

@@ -130,6 +130,9 @@ KOEventJournal::Replay KOEventJournal::replay(std::string_view bytes) {
       case Kind::Done:
         out.done.emplace(payload);
         break;
+      case Kind::Issued:
+        out.issued.emplace_back(payload);
+        break;
       default:
         ++out.damaged;
         break;

@@ -28,6 +28,8 @@ class KOEventJournal {
     Cut = 2,     // the records since the previous cut became the batch of this id
     Batch = 3,   // a whole batch: "<id>\n<count>\n<records as a JSON array>"
     Done = 4,    // the batch of this id left the store (accepted, or dropped by a reset)
+    Issued = 5,  // ids up to this one were issued: ids run ahead of the clock when cuts come fast,
+                 // and the service drops a batch whose id it has seen as a resend
   };
 
   /// What a journal says, replayed in order.
@@ -38,6 +40,7 @@ class KOEventJournal {
     };
     std::map<std::string, Batch> batches;  // cut or carried whole, by id
     std::set<std::string> done;
+    std::vector<std::string> issued;
     std::vector<std::string> pending;  // records after the last cut
     std::size_t damaged = 0;           // entries (or stretches) that could not be used
     std::uint64_t generation = 0;      // 0: no journal found

@@ -119,6 +119,7 @@ void KOEventsHandler::ensureLoadedLocked() {
     store_.reserveId(id);
     fileBehind |= store_.remove(id);
   }
+  for (const std::string& id : replay.issued) store_.reserveId(id);
   const auto restoredRecords = static_cast<std::int64_t>(replay.pending.size());
   // Tracked but never cut: back into the current batch, ahead of anything tracked since.
   views_.insert(views_.begin(), std::make_move_iterator(replay.pending.begin()),
@@ -149,7 +150,11 @@ bool KOEventsHandler::startJournalLocked() {
   }
   for (const std::string* id : gone) bytes += KOEventJournal::entrySize(id->size());
   for (const std::string& record : views_) bytes += KOEventJournal::entrySize(record.size());
+  const std::string lastIssued = store_.lastIssuedId();
+  bytes += KOEventJournal::entrySize(lastIssued.size());
   const bool started = journal_.startGeneration(*platform().fileSystem, bytes, [&](KOEventJournal& journal) {
+    // The ids of batches already accepted and forgotten must not come again.
+    if (!journal.append(KOEventJournal::Kind::Issued, lastIssued)) return false;
     for (const std::string* id : gone) {
       if (!journal.append(KOEventJournal::Kind::Done, *id)) return false;
     }

@@ -10,7 +10,7 @@ class KOEventJournalTest : public KOTestDevice {
   // A generation holding three records, a cut of the first two, a whole batch and a done batch.
   void writeSample(KOEventJournal& journal) {
     ASSERT_TRUE(journal.startGeneration(device().files(), 0, [](KOEventJournal& j) {
-      return j.append(KOEventJournal::Kind::Record, R"({"n":1})") &&
+      return j.append(KOEventJournal::Kind::Issued, "2500") && j.append(KOEventJournal::Kind::Record, R"({"n":1})") &&
              j.append(KOEventJournal::Kind::Record, R"({"n":2})") && j.append(KOEventJournal::Kind::Cut, "1000") &&
              j.appendBatch("2000", 1, R"([{"n":0}])") && j.append(KOEventJournal::Kind::Done, "900") &&
              j.append(KOEventJournal::Kind::Record, R"({"n":3})");
@@ -32,6 +32,7 @@ TEST_F(KOEventJournalTest, ReplaysRecordsCutsBatchesAndDoneInOrder) {
   EXPECT_EQ(replay.batches.at("1000").count, 2u);
   EXPECT_EQ(replay.batches.at("2000").recordsJSON, R"([{"n":0}])");
   EXPECT_EQ(replay.done, std::set<std::string>{"900"});
+  EXPECT_EQ(replay.issued, std::vector<std::string>{"2500"});
   EXPECT_EQ(replay.pending, std::vector<std::string>{R"({"n":3})"});
 }
 
