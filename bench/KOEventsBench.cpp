@@ -3,11 +3,13 @@
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "KOBenchRig.h"
 #include "KODataHandler/KOBatchStore.h"
 #include "KODataHandler/KOEventsHandler.h"
+#include "KODataHandler/KOUserAttributesHandler.h"
 #include "KODelivery.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Network/KOServerInterface.h"
@@ -84,7 +86,15 @@ void BM_EndToEnd(benchmark::State& state) {
   KOBenchRig& r = KOBenchRig::shared();
   Kovantis& sdk = Kovantis::sharedInstance();
   KOEventsHandler& events = KOEventsHandler::sharedInstance();
-  const auto deliverAll = [&] { r.device.runMainUntil([&] { return deliveredAll(r.device); }, 120); };
+  std::size_t journalPeak = 0;
+  const auto deliverAll = [&] {
+    r.device.runMainUntil(
+        [&] {
+          journalPeak = std::max(journalPeak, events.journalBytes());
+          return deliveredAll(r.device);
+        },
+        120);
+  };
   events.setEventsBatchCountTreshold(30);
   const auto perIteration = static_cast<std::size_t>(state.range(0));
   const KOValue name("PRODUCT_VIEWED");
@@ -98,7 +108,32 @@ void BM_EndToEnd(benchmark::State& state) {
   }
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * perIteration));
   state.counters["events_stored"] = static_cast<double>(r.emulator->events().size());
+  // Steady load with the service up: the journal starts over as the batch file catches up.
+  state.counters["journal_bytes"] = static_cast<double>(events.journalBytes());
+  state.counters["journal_peak_bytes"] = static_cast<double>(journalPeak);
 }
+// A changed user attribute with `range(0)` attributes already sent: what the caller's thread pays
+// (the cache file is written on the shared queue, many changes in one write).
+void BM_SetUserAttribute(benchmark::State& state) {
+  KOBenchRig::shared();
+  KOEventsHandler& events = KOEventsHandler::sharedInstance();
+  events.setEventsBatchCountTreshold(UINT64_MAX);
+  KOUserAttributesHandler& attributes = KOUserAttributesHandler::sharedInstance();
+  KOUserAttributesHandler::cleanUpUserData();
+  for (std::int64_t i = 0; i < state.range(0); ++i) {
+    attributes.setUserAttribute(KOValue(i), KOValue("key" + std::to_string(i)));
+  }
+  attributes.writeCacheNow();
+  const KOValue key("key0");
+  std::int64_t value = state.range(0);
+  for (auto _ : state) {
+    if (!attributes.setUserAttribute(KOValue(++value), key)) state.SkipWithError("not tracked");
+  }
+  attributes.writeCacheNow();
+  events.getBatchesWithViewsArray(false);
+}
+BENCHMARK(BM_SetUserAttribute)->Arg(10)->Arg(10000)->Iterations(20000);
+
 BENCHMARK(BM_EndToEnd)->Arg(30000)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace

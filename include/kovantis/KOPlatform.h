@@ -203,6 +203,17 @@ struct KOFileError {
   std::string message;
 };
 
+/// A file mapped into memory by KOFileSystem::mapFile; unmapped when destroyed.
+class KOMappedFile {
+ public:
+  virtual ~KOMappedFile() = default;
+  virtual char* data() = 0;
+  virtual std::size_t size() const = 0;
+  /// Grows the file and its mapping to `size` bytes, keeping every byte stored so far (the new
+  /// ones read as zeros); data() may move. False, with the mapping unchanged, when it cannot.
+  virtual bool resize(std::size_t size) = 0;
+};
+
 /// The sandbox's files. Primitives only; the core's atomic writer composes them, so a test can
 /// wrap this to inject faults between any two steps.
 class KOFileSystem {
@@ -227,6 +238,18 @@ class KOFileSystem {
   virtual bool fileExists(const std::string& path) const = 0;
   /// Names (not paths) of the entries of a directory; empty when it is missing.
   virtual std::vector<std::string> listDirectory(const std::string& path) const = 0;
+
+  // ---- Memory-mapped files (optional).
+  /// Creates the file (or resizes it) to `size` bytes and maps it shared: bytes stored into the
+  /// mapping reach the file without a system call and survive the death of the process (not a
+  /// power loss). Nothing when the platform cannot map files.
+  virtual std::unique_ptr<KOMappedFile> mapFile(const std::string& path, std::size_t size,
+                                                KOFileError* error = nullptr) {
+    (void)path;
+    (void)size;
+    if (error) *error = KOFileError{95 /* EOPNOTSUPP */, "mapping files is not supported"};
+    return nullptr;
+  }
 };
 
 /// Keychain status codes, as the platform's security framework numbers them.

@@ -39,21 +39,81 @@ const std::string& KOBatchStore::Batch::fragment() const {
 
 KOBatchStore::KOBatchStore(std::string path) : path_(std::move(path)) {}
 
-namespace {
-
 // A batch id is the decimal milliseconds of its cut: digits only, and small enough for 64 bits.
-bool usableId(const std::string& id) {
+bool KOBatchStore::usableId(const std::string& id) {
   if (id.empty() || id.size() > 18) return false;
   return std::all_of(id.begin(), id.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
+namespace {
+
+std::optional<std::string> readTried(KOFileSystem& fs, const std::string& path, KOFileError* error) {
+  // One read error may pass (a busy device): the file is given up only when it persists.
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    std::optional<std::string> bytes = fs.readFile(path, error);
+    if (bytes || error->code == ENOENT) return bytes;
+  }
+  return std::nullopt;
+}
+
+std::string fileName(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string directoryOf(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
+}
+
 }  // namespace
 
-void KOBatchStore::load(KOFileSystem& fs) {
+std::vector<std::string> KOBatchStore::merge(const KOValue& stored, bool replace) {
+  std::vector<std::string> added;
+  for (const auto& [id, records] : stored.dictionaryValue()) {
+    try {
+      if (!usableId(id)) throw KOTypeError("the batch id is not a time in milliseconds");
+      if (!records.isArray()) throw KOTypeError("a batch is not a list");
+      if (!replace && batches_.count(id)) continue;
+      put(id, records.arrayValue());
+      added.push_back(id);
+    } catch (const std::exception& e) {
+      KOLogger::logLocated(
+          KO_HERE, this, KOLogSeverityException,
+          KOStringFormat::format("Kovantis - Dropping unusable stored batch %@: %@", {KOValue(id), KOValue(e.what())}));
+    }
+  }
+  return added;
+}
+
+void KOBatchStore::load(KOFileSystem& fs, std::set<std::string>* inFile) {
   if (loaded_) return;
   loaded_ = true;
+  // Temporaries of this file that a crash left before their rename: nothing else writes them
+  // before the store is loaded.
+  const std::string directory = directoryOf(path_);
+  const std::string temporaryPrefix = fileName(path_) + ".tmp-";
+  for (const std::string& name : fs.listDirectory(directory)) {
+    if (name.rfind(temporaryPrefix, 0) == 0) fs.removeItem(directory + "/" + name);
+  }
+  // What an earlier start set aside is read again: its batches are delivered under their ids.
+  const std::string asidePrefix = fileName(path_) + ".unreadable";
+  for (const std::string& name : fs.listDirectory(directory)) {
+    if (name.rfind(asidePrefix, 0) != 0) continue;
+    KOFileError error;
+    const std::optional<std::string> bytes = readTried(fs, directory + "/" + name, &error);
+    try {
+      const KOValue stored = bytes ? KOPropertyListSerialization::parse(*bytes) : KOValue();
+      if (stored.isDictionary()) {
+        merge(stored, true);
+        mergedAside_.push_back(directory + "/" + name);
+      }
+    } catch (const std::exception&) {
+      // Still unreadable: it stays where it is, for a person to look at.
+    }
+  }
   KOFileError error;
-  const std::optional<std::string> bytes = fs.readFile(path_, &error);
+  const std::optional<std::string> bytes = readTried(fs, path_, &error);
   if (!bytes) {
     if (error.code != ENOENT) setAside(fs, error.message);
     return;
@@ -69,24 +129,21 @@ void KOBatchStore::load(KOFileSystem& fs) {
     setAside(fs, "not a dictionary of batches");
     return;
   }
-  for (const auto& [id, records] : stored.dictionaryValue()) {
-    try {
-      if (!usableId(id)) throw KOTypeError("the batch id is not a time in milliseconds");
-      if (!records.isArray()) throw KOTypeError("a batch is not a list");
-      put(id, records.arrayValue());
-    } catch (const std::exception& e) {
-      KOLogger::logLocated(
-          KO_HERE, this, KOLogSeverityException,
-          KOStringFormat::format("Kovantis - Dropping unusable stored batch %@: %@", {KOValue(id), KOValue(e.what())}));
-    }
+  for (const std::string& id : merge(stored, true)) {
+    if (inFile) inFile->insert(id);
   }
+}
+
+void KOBatchStore::removeMergedAside(KOFileSystem& fs) {
+  for (const std::string& path : mergedAside_) fs.removeItem(path);
+  mergedAside_.clear();
 }
 
 void KOBatchStore::setAside(KOFileSystem& fs, const std::string& why) {
   // The next write would replace a file that could not be read with what is in memory: move it out
-  // of the way instead, so that whatever it holds is not destroyed.
-  const std::string aside = path_ + ".unreadable";
-  fs.removeItem(aside);
+  // of the way instead (next to any set aside before), so that whatever it holds is not destroyed.
+  std::string aside = path_ + ".unreadable";
+  for (int n = 1; fs.fileExists(aside) && n < 1000; ++n) aside = path_ + ".unreadable-" + std::to_string(n);
   const bool moved = fs.renameFile(path_, aside);
   KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
                        KOStringFormat::format("Kovantis - The batch file could not be read (%@); %@",
@@ -117,6 +174,23 @@ std::string KOBatchStore::add(const std::vector<std::string>& recordsJSON, std::
   std::string key = issueId(nowMilliseconds);
   batches_[key] = std::make_shared<const Batch>(std::move(body), recordsJSON.size());
   return key;
+}
+
+void KOBatchStore::putRecordsJSON(const std::string& id, std::string_view recordsJSON, std::size_t count) {
+  std::string body(kBodyOpen);
+  body += recordsJSON;
+  closeBody(body, count);
+  batches_[id] = std::make_shared<const Batch>(std::move(body), count);
+}
+
+void KOBatchStore::reserveId(const std::string& id) {
+  if (usableId(id)) lastIssued_ = std::max<std::int64_t>(lastIssued_, std::stoll(id));
+}
+
+std::string KOBatchStore::lastIssuedId() const {
+  std::int64_t last = lastIssued_;
+  if (!batches_.empty()) last = std::max<std::int64_t>(last, std::stoll(batches_.rbegin()->first));
+  return std::to_string(last);
 }
 
 void KOBatchStore::put(const std::string& id, const KOArray& records) {

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,9 +41,17 @@ class KOBatchStore {
   explicit KOBatchStore(std::string path);
 
   /// Reads the batch file into memory once; a batch that cannot be used is dropped with a log line.
-  /// A file that cannot be read at all is moved aside (".unreadable"), never overwritten.
-  void load(KOFileSystem& fs);
+  /// A read error is tried again before the file is given up; a file that cannot be read at all is
+  /// moved aside (".unreadable"), never overwritten, and read again at the next start, when its
+  /// batches join the store under their ids. Temporary files a crash left behind are removed.
+  /// `inFile` receives the ids the batch file itself holds.
+  void load(KOFileSystem& fs, std::set<std::string>* inFile = nullptr);
   bool loaded() const { return loaded_; }
+  /// Once the batch file holds what a set-aside file held, that file goes.
+  void removeMergedAside(KOFileSystem& fs);
+  bool mergedAside() const { return !mergedAside_.empty(); }
+  /// Whether an id can be a batch id (decimal milliseconds).
+  static bool usableId(const std::string& id);
 
   /// Adds a batch of records, each given as its JSON text, under a fresh id from the time in
   /// milliseconds, moved past every id issued or loaded before: two cuts in one millisecond never
@@ -52,6 +61,12 @@ class KOBatchStore {
   std::string issueId(std::int64_t nowMilliseconds);
   /// Adds a batch under the given id, replacing one stored there.
   void put(const std::string& id, const KOArray& records);
+  /// The same with the records as a JSON array text.
+  void putRecordsJSON(const std::string& id, std::string_view recordsJSON, std::size_t count);
+  /// Never issues this id or an earlier one again.
+  void reserveId(const std::string& id);
+  /// The latest id issued, loaded or reserved ("0" when none).
+  std::string lastIssuedId() const;
   bool remove(const std::string& id);
   void clear();
 
@@ -73,9 +88,12 @@ class KOBatchStore {
 
  private:
   void setAside(KOFileSystem& fs, const std::string& why);
+  /// Adds the usable batches of a parsed file; returns the ids added.
+  std::vector<std::string> merge(const KOValue& stored, bool replace);
 
   std::string path_;
   bool loaded_ = false;
+  std::vector<std::string> mergedAside_;  // set-aside files whose batches joined the store
   std::int64_t lastIssued_ = 0;
   // Ids are decimal milliseconds of equal length for centuries, so the map keeps them in the
   // order they were cut.

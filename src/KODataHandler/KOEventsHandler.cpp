@@ -7,6 +7,7 @@
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOSDKNotifications.h"
 #include "KOUtilities/KOStringFormat.h"
+#include "KOUtilities/KOValueHelpers.h"
 #include "KOUtilities/KovantisDateUtils.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Network/KOServerInterface.h"
@@ -17,6 +18,13 @@ namespace {
 
 constexpr const char* kBatchFileName = "KovantisBatchEvents.plist";
 constexpr const char* kLegacyFileName = "kovantisEvents.dat";
+constexpr const char* kJournalName = "KovantisEvents.journal";
+// Records wait in a batch (a dictionary in a list in a dictionary) inside the report body and the
+// batch file, whose readers stop at the JSON nesting limit: attributes keep clear of it.
+constexpr int kMaxAttributeNesting = KOValue::kMaxNestingDepth - 16;
+// A journal generation that grew past this, and past twice what the batch file still lacks, starts
+// over once the file caught up.
+constexpr std::size_t kJournalCompactBytes = 64 * 1024;
 
 const KOPlatform& platform() { return KOPlatform::current(); }
 
@@ -36,7 +44,9 @@ KOEventsHandler& KOEventsHandler::sharedInstance() {
   return *instance;
 }
 
-KOEventsHandler::KOEventsHandler() : store_(platform().fileSystem->documentsDirectory() + "/" + kBatchFileName) {
+KOEventsHandler::KOEventsHandler()
+    : store_(platform().fileSystem->documentsDirectory() + "/" + kBatchFileName),
+      journal_(platform().fileSystem->documentsDirectory() + "/" + kJournalName) {
   const KOValue configured = platform().preferences->standard().objectForKey(kEventsBatchCount);
   if (configured.isNumber() && configured.intValue() > 0)
     threshold_ = static_cast<std::uint64_t>(configured.intValue());
@@ -80,13 +90,126 @@ std::size_t KOEventsHandler::storedBatchCount() {
   return store_.size();
 }
 
+std::size_t KOEventsHandler::journalBytes() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return journal_.used();
+}
+
 void KOEventsHandler::setBgTask(KOBackgroundTaskIdentifier task) {
   std::lock_guard<std::mutex> lock(mutex_);
   bgTask_ = task;
 }
 
 void KOEventsHandler::ensureLoadedLocked() {
-  if (!store_.loaded()) store_.load(*platform().fileSystem);
+  if (store_.loaded()) return;
+  KOFileSystem& fs = *platform().fileSystem;
+  store_.load(fs, &fileIds_);
+  bool fileBehind = store_.mergedAside();
+  KOEventJournal::Replay replay = journal_.recover(fs);
+  std::int64_t restoredBatches = 0;
+  for (auto& [id, batch] : replay.batches) {
+    store_.reserveId(id);
+    if (replay.done.count(id) || store_.find(id) || !KOBatchStore::usableId(id)) continue;
+    // Cut before the process died but never written to the file: back under its own id, so that
+    // the service recognises it should it have been sent already.
+    store_.putRecordsJSON(id, batch.recordsJSON, batch.count);
+    ++restoredBatches;
+  }
+  for (const std::string& id : replay.done) {
+    store_.reserveId(id);
+    fileBehind |= store_.remove(id);
+  }
+  for (const std::string& id : replay.issued) store_.reserveId(id);
+  const auto restoredRecords = static_cast<std::int64_t>(replay.pending.size());
+  // Tracked but never cut: back into the current batch, ahead of anything tracked since.
+  views_.insert(views_.begin(), std::make_move_iterator(replay.pending.begin()),
+                std::make_move_iterator(replay.pending.end()));
+  if (restoredBatches || restoredRecords) {
+    logInfo(KOStringFormat::format("Kovantis - Restored %d tracked events and %d batches from the event journal",
+                                   {KOValue(restoredRecords), KOValue(restoredBatches)}));
+  }
+  // The journal read says all this already: appends go on after its last entry. A new generation
+  // only when there is none (or it cannot be mapped again).
+  if (!journal_.reopen(fs)) startJournalLocked();
+  if (fileBehind || restoredBatches) persistLocked();
+}
+
+bool KOEventsHandler::startJournalLocked() {
+  // What the batch file does not hold: batches gone since its last write, batches missing from it,
+  // and the records in memory.
+  std::vector<const std::string*> gone;
+  for (const std::string& id : fileIds_) {
+    if (!store_.find(id)) gone.push_back(&id);
+  }
+  KOBatchStore::Snapshot missing;
+  std::size_t bytes = 0;
+  for (auto& entry : store_.snapshot()) {
+    if (fileIds_.count(entry.first)) continue;
+    bytes += KOEventJournal::entrySize(entry.second->reportBody().size() + entry.first.size() + 24);
+    missing.push_back(std::move(entry));
+  }
+  for (const std::string* id : gone) bytes += KOEventJournal::entrySize(id->size());
+  for (const std::string& record : views_) bytes += KOEventJournal::entrySize(record.size());
+  const std::string lastIssued = store_.lastIssuedId();
+  bytes += KOEventJournal::entrySize(lastIssued.size());
+  const bool started = journal_.startGeneration(*platform().fileSystem, bytes, [&](KOEventJournal& journal) {
+    // The ids of batches already accepted and forgotten must not come again.
+    if (!journal.append(KOEventJournal::Kind::Issued, lastIssued)) return false;
+    for (const std::string* id : gone) {
+      if (!journal.append(KOEventJournal::Kind::Done, *id)) return false;
+    }
+    for (const auto& [id, batch] : missing) {
+      if (!journal.appendBatch(id, batch->count(), KOBatchStore::recordsText(batch->reportBody()))) return false;
+    }
+    for (const std::string& record : views_) {
+      if (!journal.append(KOEventJournal::Kind::Record, record)) return false;
+    }
+    return true;
+  });
+  if (started) {
+    journalFailed_ = false;
+  } else if (!journalFailed_) {
+    journalFailed_ = true;
+    KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
+                         "Kovantis - The event journal cannot be written: events not yet in the batch file are kept in "
+                         "memory only");
+  }
+  return started;
+}
+
+std::size_t KOEventsHandler::journalLiveBytesLocked() const {
+  std::size_t bytes = 0;
+  for (const std::string& record : views_) bytes += KOEventJournal::entrySize(record.size());
+  for (const std::string& id : store_.ids()) {
+    if (fileIds_.count(id)) continue;
+    bytes += KOEventJournal::entrySize(store_.find(id)->reportBody().size());
+  }
+  return bytes;
+}
+
+void KOEventsHandler::journalLocked(KOEventJournal::Kind kind, std::string_view payload) {
+  if (journal_.append(kind, payload)) return;
+  // Full: while it holds mostly records still in memory, it grows in place (nothing copied);
+  // otherwise, or when it cannot grow, a new generation holds what this entry would have said (it
+  // is in the store or in memory already). Without a mapping it is tried again after a write.
+  if (journal_.isOpen()) {
+    if (2 * journalLiveBytesLocked() > journal_.used()) {
+      while (journal_.grow()) {
+        if (journal_.append(kind, payload)) return;
+      }
+    }
+  }
+  if (journal_.isOpen() || !journalFailed_) startJournalLocked();
+}
+
+void KOEventsHandler::journalBatchLocked(const std::string& id) {
+  const auto batch = store_.find(id);
+  if (!batch || journal_.appendBatch(id, batch->count(), KOBatchStore::recordsText(batch->reportBody()))) return;
+  if (journal_.isOpen() || !journalFailed_) startJournalLocked();  // a new generation carries it
+}
+
+void KOEventsHandler::forgetBatchLocked(const std::string& id) {
+  if (store_.remove(id)) journalLocked(KOEventJournal::Kind::Done, id);
 }
 
 // ------------------------------------------------------------------------------------- tracking
@@ -123,14 +246,17 @@ bool KOEventsHandler::acceptsName(const KOSourceLocation& where, const KOValue& 
   return false;
 }
 
-void KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload) {
+bool KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload) {
   try {
-    if (!acceptsName(KO_HERE, name)) return;
+    if (!acceptsName(KO_HERE, name)) return false;
     if (!andPayload.isNil() && !andPayload.isDictionary()) {
       KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
                            "Kovantis - While tracking events, the payload with the event has to be a NSDictionary of "
                            "NSMutable Dictionary type");
-      return;
+      return false;
+    }
+    if (!andPayload.isNil() && nestingDeeperThan(andPayload.dictionaryValue(), kMaxAttributeNesting)) {
+      throw KOTypeError("the attributes nest deeper than " + std::to_string(kMaxAttributeNesting) + " levels");
     }
     const std::string& eventName = name.stringValue();
     if (andPayload.isNil()) {
@@ -142,14 +268,23 @@ void KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload)
       append(recordJSON(eventName, &attributes, nullptr));
     }
     offerToObserver(eventName, andPayload);
+    return true;
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
+    return false;
   }
 }
 
-void KOEventsHandler::trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload) {
+bool KOEventsHandler::trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload) {
   try {
-    if (!acceptsName(KO_HERE, name)) return;
+    if (!acceptsName(KO_HERE, name)) return false;
+    // Checked before anything copies or normalises them.
+    const KOPayloadBuilder& parts = builderPayload;
+    if (nestingDeeperThan(parts.eventDict(), kMaxAttributeNesting) ||
+        nestingDeeperThan(parts.timeStampArray(), kMaxAttributeNesting - 2) ||
+        nestingDeeperThan(parts.locationArray(), kMaxAttributeNesting - 2)) {
+      throw KOTypeError("the attributes nest deeper than " + std::to_string(kMaxAttributeNesting) + " levels");
+    }
     std::optional<KOValue> attributes;
     if (!builderPayload.eventDict().empty()) {
       KODictionary normalised = KovantisUtils::transformPayloadForIncompatibleTypes(builderPayload.eventDict());
@@ -161,8 +296,10 @@ void KOEventsHandler::trackEvent(const KOValue& name, KOPayloadBuilder& builderP
     if (!builderPayload.locationArray().empty()) custom.set("location", KOValue(builderPayload.locationArray()));
     append(recordJSON(name.stringValue(), attributes ? &*attributes : nullptr, custom.empty() ? nullptr : &custom));
     offerToObserver(name.stringValue(), attributes ? *attributes : KOValue());
+    return true;
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);
+    return false;
   }
 }
 
@@ -187,11 +324,29 @@ void KOEventsHandler::offerToObserver(const std::string& name, const KOValue& at
   }
 }
 
+namespace {
+
+// A NUL byte (written "\u0000" in JSON) is the one character the batch file cannot hold.
+bool holdsNulCharacter(std::string_view json) {
+  for (std::size_t at = json.find("\\u0000"); at != std::string_view::npos; at = json.find("\\u0000", at + 1)) {
+    std::size_t backslashes = 0;
+    while (at > backslashes && json[at - backslashes - 1] == '\\') ++backslashes;
+    if (backslashes % 2 == 0) return true;  // not itself an escaped backslash followed by "u0000"
+  }
+  return false;
+}
+
+}  // namespace
+
 void KOEventsHandler::append(std::string record) {
+  // Refused here, alone: stored, it would keep its whole batch out of the batch file.
+  if (holdsNulCharacter(record)) throw KOTypeError("a key or value holds a NUL character, which cannot be stored");
   bool cut = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
+    ensureLoadedLocked();
     views_.push_back(std::move(record));
+    journalLocked(KOEventJournal::Kind::Record, views_.back());
     if (views_.size() >= threshold_) cut = cutLocked();
   }
   if (cut) syncTrackedEventsInBackground(false, false, false);
@@ -209,15 +364,17 @@ void KOEventsHandler::checkEventCountForCurrentBatchGreaterThanThreshhold() {
 bool KOEventsHandler::cutLocked() {
   ensureLoadedLocked();
   if (views_.empty()) return false;
-  store_.add(views_, nowMilliseconds());
+  const std::string id = store_.add(views_, nowMilliseconds());
   views_.clear();
+  journalLocked(KOEventJournal::Kind::Cut, id);
   persistLocked();
   return true;
 }
 
 void KOEventsHandler::persistLocked() {
   fileDirty_ = true;
-  if (writerQueued_) return;
+  // After a failed write the retry comes at its pace, however many cuts happen meanwhile.
+  if (writerQueued_ || retryPending_) return;
   writerQueued_ = true;
   platform().dispatch->asyncBackground([this] { writeBatchFile(); });
 }
@@ -233,8 +390,24 @@ void KOEventsHandler::writeBatchFile() {
         return;
       }
     }
-    writeSnapshotNow();
+    if (!writeSnapshotNow()) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      writerQueued_ = false;  // the retry queues the writer again
+      return;
+    }
   }
+}
+
+void KOEventsHandler::retryWriteLocked() {
+  fileDirty_ = true;
+  retryDelay_ = retryDelay_ == 0 ? 0.05 : std::min(retryDelay_ * 2, 2.0);
+  if (retryPending_) return;
+  retryPending_ = true;
+  platform().dispatch->afterBackground(retryDelay_, [this] {
+    std::lock_guard<std::mutex> lock(mutex_);
+    retryPending_ = false;
+    if (fileDirty_) persistLocked();
+  });
 }
 
 bool KOEventsHandler::writeSnapshotNow() {
@@ -247,16 +420,33 @@ bool KOEventsHandler::writeSnapshotNow() {
     fileDirty_ = false;
     snapshot = store_.snapshot();
   }
+  bool written = false;
   try {
     if (snapshot.empty()) {
       removeEventsPlistFile();
-      return true;
+      written = !platform().fileSystem->fileExists(store_.path());
+    } else {
+      written = KOBatchStore::write(*platform().fileSystem, store_.path(), snapshot);
     }
-    return KOBatchStore::write(*platform().fileSystem, store_.path(), snapshot);
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - Exception : %@", e);
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!written) {
+    // Still due: written again until it succeeds, so a later kill finds these batches on disk.
+    retryWriteLocked();
     return false;
   }
+  retryDelay_ = 0;
+  fileIds_.clear();
+  for (const auto& entry : snapshot) fileIds_.insert(entry.first);
+  store_.removeMergedAside(*platform().fileSystem);
+  // The file caught up: the journal starts over with what is still missing from it, once that is
+  // much less than what it holds.
+  if (!journal_.isOpen() || journal_.used() > std::max(kJournalCompactBytes, 2 * journalLiveBytesLocked())) {
+    startJournalLocked();
+  }
+  return true;
 }
 
 KODictionary KOEventsHandler::getBatchesWithViewsArray(bool cut) {
@@ -270,7 +460,9 @@ void KOEventsHandler::writeEvents(const KOArray& events, std::int64_t toFileWith
   try {
     std::lock_guard<std::mutex> lock(mutex_);
     ensureLoadedLocked();
-    store_.put(std::to_string(toFileWithBatchID), events);
+    const std::string id = std::to_string(toFileWithBatchID);
+    store_.put(id, events);
+    journalBatchLocked(id);
     persistLocked();
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - Exception : %@", e);
@@ -310,8 +502,17 @@ void KOEventsHandler::runSync(SyncRequest request) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (syncInProgress_) {
-        // Only a reset waits for the running sync; any other request is covered by it.
-        if (request.reset) resetInvocation_ = request;
+        // Nothing asked for is dropped: a reset waits for the running sync, and every other request
+        // becomes one follow-up that does what each of them asked (a cut unless all said no, a
+        // background task to end if any said so).
+        if (request.reset) {
+          resetInvocation_ = request;
+        } else if (followUp_) {
+          followUp_->inBackground |= request.inBackground;
+          followUp_->onlyForEventsPlist &= request.onlyForEventsPlist;
+        } else {
+          followUp_ = request;
+        }
         return;
       }
       syncInProgress_ = true;
@@ -321,7 +522,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
       batches = store_.snapshot();
       round->ids.reserve(batches.size());
       for (const auto& entry : batches) round->ids.push_back(entry.first);
-      if (round->ids.empty()) syncInProgress_ = false;
+      if (round->ids.empty()) releaseSyncLocked(request.reset);
     }
     if (round->ids.empty()) {
       if (!request.onlyForEventsPlist) logInfo("Kovantis - All the tracked events are already synced with Kovantis :]");
@@ -338,7 +539,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
             // next write (at the latest when this sync ends); should the process die before,
             // the service recognises the resent batch by its id.
             std::lock_guard<std::mutex> lock(mutex_);
-            store_.remove(id);
+            forgetBatchLocked(id);
           }
           logInfo(KOStringFormat::format("Kovantis - sync success from batch %@", {KOValue(id)}));
         } else {
@@ -384,7 +585,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
   } catch (const std::exception& e) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      syncInProgress_ = false;
+      if (round->number != 0) releaseSyncLocked(request.reset);
       persistLocked();
     }
     logSyncException(e);
@@ -401,7 +602,7 @@ void KOEventsHandler::syncAttemptCompletedInBackground(bool inBackground, bool a
       // A reset drops what it could not send. Batches cut while this sync ran were never part of
       // it and stay, whatever its outcome.
       if (andForReset) {
-        for (const auto& id : failed) store_.remove(id);
+        for (const auto& id : failed) forgetBatchLocked(id);
       }
       persistLocked();
       task = bgTask_;
@@ -417,22 +618,28 @@ void KOEventsHandler::syncAttemptCompletedInBackground(bool inBackground, bool a
     if (andForReset) cleanUp();
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      syncInProgress_ = false;
-      if (!andForReset && resetInvocation_) {
-        const SyncRequest queued = *resetInvocation_;
-        resetInvocation_.reset();
-        // Queued before the lock is released, so the reset runs next.
-        platform().dispatch->asyncBackground([this, queued] { runSync(queued); });
-      }
+      releaseSyncLocked(andForReset);
     }
     if (inBackground && task != KOBackgroundTaskInvalid) platform().application->endBackgroundTask(task);
   } catch (const std::exception& e) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      syncInProgress_ = false;
+      releaseSyncLocked(andForReset);
     }
     logSyncException(e);
   }
+}
+
+void KOEventsHandler::releaseSyncLocked(bool afterReset) {
+  syncInProgress_ = false;
+  std::optional<SyncRequest> next;
+  if (!afterReset && resetInvocation_) {
+    next.swap(resetInvocation_);
+  } else if (followUp_) {
+    next.swap(followUp_);
+  }
+  // Queued before the lock is released, so the waiting sync runs next.
+  if (next) platform().dispatch->asyncBackground([this, queued = *next] { runSync(queued); });
 }
 
 void KOEventsHandler::flush(std::function<void(bool allDelivered)> completion) {
@@ -536,7 +743,9 @@ void KOEventsHandler::syncToServerFromDumpFile() {
       {
         std::lock_guard<std::mutex> lock(mutex_);
         ensureLoadedLocked();
-        store_.put(store_.issueId(nowMilliseconds()), events);
+        const std::string id = store_.issueId(nowMilliseconds());
+        store_.put(id, events);
+        journalBatchLocked(id);
       }
       if (!writeSnapshotNow()) return;  // the old file stays until its events are safely stored
     }

@@ -9,10 +9,12 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "KOBatchStore.h"
+#include "KOEventJournal.h"
 #include "KOUtilities/KOLogger.h"
 #include "kovantis/KOPayloadBuilder.h"
 #include "kovantis/KOPlatform.h"
@@ -23,8 +25,9 @@ class KOEventsHandler {
   static KOEventsHandler& sharedInstance();
 
   /// Records an event. The name must be a string and the attributes, when given, a dictionary.
-  void trackEvent(const KOValue& name, const KOValue& andPayload);
-  void trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload);
+  /// Returns whether it was recorded: from then on it survives the death of the process.
+  bool trackEvent(const KOValue& name, const KOValue& andPayload);
+  bool trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload);
 
   /// Sees every event once it is recorded: its name and attributes (nil when it has none), on the
   /// tracking thread. One observer at a time (the facade's, for the in-app trigger check); nullptr
@@ -35,7 +38,8 @@ class KOEventsHandler {
   /// Cuts a batch and starts a sync once the records in memory reach the threshold.
   void checkEventCountForCurrentBatchGreaterThanThreshhold();
   /// Starts a sync on the shared queue; returns at once. A sync asked for while one runs is
-  /// dropped, except a reset, which runs when the running one completes.
+  /// remembered and runs when the running one completes: a reset first, then one follow-up
+  /// standing for every other request made meanwhile.
   void syncTrackedEventsInBackground(bool inBackground, bool andReset, bool andOnlyForEventsPlist);
   /// Syncs now, and calls the completion on the main queue once a sync that started after this
   /// call has ended and the batch file holds its outcome: true when nothing is left waiting for
@@ -68,6 +72,8 @@ class KOEventsHandler {
   std::size_t eventsInMemory() const;
   /// Batches waiting for the service, in memory and in the batch file.
   std::size_t storedBatchCount();
+  /// Bytes the journal's current generation holds.
+  std::size_t journalBytes() const;
   /// Serialises one event record (the benchmarks build batches with it).
   static std::string recordJSON(const std::string& name, const KOValue* attributes, const KODictionary* custom);
 
@@ -96,7 +102,24 @@ class KOEventsHandler {
   /// Writes the store as it is now, waiting for a write under way to finish first; returns
   /// whether the file now holds it.
   bool writeSnapshotNow();
+  /// Loads the batch file and rebuilds from the journal what the file does not hold: records not
+  /// yet cut return to memory, cut batches missing from the file return under their ids.
   void ensureLoadedLocked();
+  /// Notes a tracked record, a cut, or a batch that left the store in the journal.
+  void journalLocked(KOEventJournal::Kind kind, std::string_view payload);
+  /// Notes a whole batch put into the store (not cut from the records in memory).
+  void journalBatchLocked(const std::string& id);
+  /// Removes a batch from the store for good (accepted, or dropped by a reset).
+  void forgetBatchLocked(const std::string& id);
+  /// Starts a new journal generation holding only what the batch file does not: records in
+  /// memory, batches missing from the file, and the batches gone since the file was written.
+  bool startJournalLocked();
+  /// What a new journal generation would hold now, in bytes.
+  std::size_t journalLiveBytesLocked() const;
+  /// After a failed write of the batch file: it stays due and is written again, at a bounded pace.
+  void retryWriteLocked();
+  /// Ends the running sync and starts the one waiting, if any (a reset before a follow-up).
+  void releaseSyncLocked(bool afterReset);
   std::int64_t nowMilliseconds() const;
 
   mutable std::mutex mutex_;
@@ -105,10 +128,16 @@ class KOEventsHandler {
   KOBatchStore store_;
   bool syncInProgress_ = false;
   std::optional<SyncRequest> resetInvocation_;
+  std::optional<SyncRequest> followUp_;
   KOBackgroundTaskIdentifier bgTask_ = KOBackgroundTaskInvalid;
   std::uint64_t threshold_ = 30;
   bool fileDirty_ = false;
   bool writerQueued_ = false;
+  bool retryPending_ = false;
+  double retryDelay_ = 0;  // seconds before the next try of a failed write
+  KOEventJournal journal_;
+  std::set<std::string> fileIds_;  // the batches the batch file holds, as of its last write
+  bool journalFailed_ = false;     // logged once
   struct FlushWaiter {
     std::uint64_t roundsBefore;  // served by the first sync round numbered above this
     std::function<void(bool)> completion;

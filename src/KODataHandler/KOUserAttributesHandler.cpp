@@ -1,8 +1,12 @@
 #include "KOUserAttributesHandler.h"
 
+#include <algorithm>
+#include <cerrno>
+
 #include "KOEventsHandler.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOPropertyListFile.h"
+#include "KOUtilities/KOPropertyListSerialization.h"
 #include "KOUtilities/KOSDKNotifications.h"
 #include "KOUtilities/KOStringFormat.h"
 #include "KOUtilities/KOValueHelpers.h"
@@ -46,6 +50,11 @@ KOValue KOUserAttributesHandler::contentOfUserAttributePlist() const {
 }
 
 bool KOUserAttributesHandler::createUserAttributePlistFileWithContent(const KODictionary& content) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    cache_ = content;
+  }
+  std::lock_guard<std::mutex> writing(fileMutex_);
   return KOPropertyListFile::write(userAttributePlistFilePath(), KOValue(content));
 }
 
@@ -55,16 +64,110 @@ void KOUserAttributesHandler::userAttributeRemovePlistFile() {
   }
 }
 
+KODictionary& KOUserAttributesHandler::cacheLocked() {
+  if (cache_) return *cache_;
+  cache_.emplace();
+  KOFileSystem& fs = *KOPlatform::current().fileSystem;
+  const std::string path = userAttributePlistFilePath();
+  const std::string directory = fs.documentsDirectory();
+  const std::string temporaryPrefix = std::string(kCacheFileName) + ".tmp-";
+  for (const std::string& name : fs.listDirectory(directory)) {
+    if (name.rfind(temporaryPrefix, 0) == 0) fs.removeItem(directory + "/" + name);  // left by a crash
+  }
+  KOFileError error;
+  std::optional<std::string> bytes;
+  for (int attempt = 0; attempt < 3 && !bytes; ++attempt) {
+    bytes = fs.readFile(path, &error);
+    if (!bytes && error.code == ENOENT) return *cache_;
+  }
+  std::string problem;
+  if (!bytes) {
+    problem = error.message;
+  } else {
+    try {
+      KOValue stored = KOPropertyListSerialization::parse(*bytes);
+      if (stored.isDictionary()) {
+        cache_ = std::move(stored.dictionaryValue());
+        return *cache_;
+      }
+      problem = std::string("a ") + KOValue::kindName(stored.kind()) + " instead of a dictionary";
+    } catch (const std::exception& e) {
+      problem = e.what();
+    }
+  }
+  // Written over, it would be lost for good; set aside, every attribute is merely sent again.
+  const bool moved = fs.renameFile(path, path + ".unreadable");
+  KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
+                       KOStringFormat::format("Kovantis - The user attribute cache could not be read (%@); %@",
+                                              {KOValue(problem), KOValue(moved ? "kept it as " + path + ".unreadable"
+                                                                               : std::string("left it"))}));
+  return *cache_;
+}
+
+void KOUserAttributesHandler::rememberLocked(const std::string& key, const KOValue& value) {
+  cacheLocked().set(key, value);
+  persistLocked();
+}
+
+void KOUserAttributesHandler::persistLocked() {
+  dirty_ = true;
+  if (writerQueued_ || retryPending_) return;
+  writerQueued_ = true;
+  KOPlatform::current().dispatch->asyncBackground([this] { writeCache(); });
+}
+
+void KOUserAttributesHandler::writeCache() {
+  for (;;) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!dirty_) {
+        writerQueued_ = false;
+        return;
+      }
+    }
+    if (!writeCacheNow()) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      writerQueued_ = false;
+      return;
+    }
+  }
+}
+
+bool KOUserAttributesHandler::writeCacheNow() {
+  std::lock_guard<std::mutex> writing(fileMutex_);
+  KODictionary snapshot;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!cache_) return true;
+    snapshot = *cache_;
+    dirty_ = false;
+  }
+  if (KOPropertyListFile::write(userAttributePlistFilePath(), KOValue(std::move(snapshot)))) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    retryDelay_ = 0;
+    return true;
+  }
+  // Still due: tried again at a bounded pace until it succeeds.
+  std::lock_guard<std::mutex> lock(mutex_);
+  dirty_ = true;
+  retryDelay_ = retryDelay_ == 0 ? 0.05 : std::min(retryDelay_ * 2, 2.0);
+  if (!retryPending_) {
+    retryPending_ = true;
+    KOPlatform::current().dispatch->afterBackground(retryDelay_, [this] {
+      std::lock_guard<std::mutex> retrying(mutex_);
+      retryPending_ = false;
+      if (dirty_) persistLocked();
+    });
+  }
+  return false;
+}
+
 bool KOUserAttributesHandler::doesUserAttributeExistsWithKey(const KOValue& key, const KOValue& andValue) {
   try {
     std::lock_guard<std::mutex> lock(mutex_);
     const std::string text = keyText(key);
-    KOValue cached = contentOfUserAttributePlist();
-    KODictionary cache = cached.isDictionary() ? std::move(cached.dictionaryValue()) : KODictionary{};
-    if (safeObjectForKey(cache, text) == andValue) return true;
-    // Cached before the event is tracked: if tracking then fails, the value still counts as sent.
-    cache.set(text, andValue);
-    createUserAttributePlistFileWithContent(cache);
+    if (safeObjectForKey(cacheLocked(), text) == andValue) return true;
+    rememberLocked(text, andValue);
     return false;
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - Exception : %@", e);
@@ -89,9 +192,25 @@ std::optional<KODictionary> KOUserAttributesHandler::attributeEntry(const KOValu
 bool KOUserAttributesHandler::setUserAttribute(const KOValue& value, const KOValue& forKey) {
   try {
     if (forKey.isNil()) return false;
+    // A key that is no string is written out as its description: never one nested without end.
+    if (!forKey.isString() && nestingDeeperThan(forKey, KOValue::kMaxNestingDepth)) {
+      throw KOTypeError("the attribute key nests too deep");
+    }
     std::optional<KODictionary> attributes = attributeEntry(value, forKey);
-    if (!attributes || doesUserAttributeExistsWithKey(forKey, value)) return false;
-    KOEventsHandler::sharedInstance().trackEvent(KOValue(EVENT_ACTION_USER_ATTRIBUTE), KOValue(std::move(*attributes)));
+    if (!attributes) return false;
+    const std::string key = attributes->begin()->first;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (safeObjectForKey(cacheLocked(), key) == value) return false;
+    }
+    // Sent once recorded: the events handler keeps it from here on, even across a kill. Only then
+    // does the cache say so; a kill in between merely sends it again.
+    if (!KOEventsHandler::sharedInstance().trackEvent(KOValue(EVENT_ACTION_USER_ATTRIBUTE),
+                                                      KOValue(std::move(*attributes)))) {
+      return false;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    rememberLocked(key, value);
     return true;
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - exception : %@", e);
@@ -125,7 +244,12 @@ void KOUserAttributesHandler::cleanUpUserData() {
     }
     prefs.synchronize();
     KOUserAttributesHandler& handler = sharedInstance();
-    std::lock_guard<std::mutex> lock(handler.mutex_);
+    std::lock_guard<std::mutex> writing(handler.fileMutex_);  // no write of the old cache after this
+    {
+      std::lock_guard<std::mutex> lock(handler.mutex_);
+      handler.cache_.emplace();
+      handler.dirty_ = false;
+    }
     handler.userAttributeRemovePlistFile();
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);

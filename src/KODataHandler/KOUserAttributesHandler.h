@@ -1,5 +1,7 @@
 // User attributes: sent as "EVENT_ACTION_USER_ATTRIBUTE" events, and only when the value differs
-// from the last one sent for that key, which a small cache file remembers.
+// from the last one sent for that key, which a small cache file remembers. A value counts as sent
+// once its event is recorded (and so survives a kill); the cache lives in memory and its file is
+// written off the caller's thread, many changes in one write.
 #pragma once
 
 #include <mutex>
@@ -33,8 +35,25 @@ class KOUserAttributesHandler {
   bool createUserAttributePlistFileWithContent(const KODictionary& content);
   void userAttributeRemovePlistFile();
 
+  /// For tests: waits until the cache file holds what is in memory (or a write failed).
+  bool writeCacheNow();
+
  private:
   /// Subscribes to the user reset, which clears what this handler keeps.
   KOUserAttributesHandler();
-  std::mutex mutex_;  // the cache file is read, changed and written as one step
+  /// Reads the cache file once. A file that cannot be read, even when tried again, or that holds
+  /// no dictionary is set aside with a log line, never overwritten.
+  KODictionary& cacheLocked();
+  /// Remembers a value as sent and has the file written off the caller's thread.
+  void rememberLocked(const std::string& key, const KOValue& value);
+  void persistLocked();
+  void writeCache();
+
+  std::mutex mutex_;      // the cache in memory
+  std::mutex fileMutex_;  // one write (or removal) of the cache file at a time; taken before mutex_
+  std::optional<KODictionary> cache_;
+  bool dirty_ = false;
+  bool writerQueued_ = false;
+  bool retryPending_ = false;
+  double retryDelay_ = 0;
 };

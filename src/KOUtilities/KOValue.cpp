@@ -33,16 +33,90 @@ void describe(const KOValue& v, std::string& out, bool quoteStrings);
 
 }  // namespace
 
+namespace {
+
+bool holdsNested(const KOValue& v) noexcept {
+  return (v.isArray() && !v.arrayValue().empty()) || (v.isDictionary() && !v.dictionaryValue().empty());
+}
+
+void takeNested(KOValue& item, std::vector<KOValue>& nested) {
+  if (holdsNested(item)) nested.push_back(std::move(item));
+}
+
+void takeNested(std::pair<std::string, KOValue>& entry, std::vector<KOValue>& nested) {
+  takeNested(entry.second, nested);
+}
+
+// Destroys the containers nested in `items` one level at a time from a list on the heap, so that
+// a value nested a hundred thousand levels deep is freed without recursing once per level.
+template <typename Storage>
+void releaseNested(Storage& items) {
+  std::vector<KOValue> nested;
+  for (auto& item : items) takeNested(item, nested);
+  while (!nested.empty()) {
+    KOValue value = std::move(nested.back());
+    nested.pop_back();
+    if (value.isArray()) {
+      for (auto& item : value.arrayValue()) takeNested(item, nested);
+    } else {
+      for (auto& entry : value.dictionaryValue()) takeNested(entry, nested);
+    }
+  }  // each value dies holding no nested container
+}
+
+// An empty container of the child's kind when it holds others, to be filled later; the child
+// itself otherwise.
+KOValue shallowCopy(const KOValue& child) {
+  if (!holdsNested(child)) return child;
+  return child.isArray() ? KOValue(KOArray{}) : KOValue(KODictionary{});
+}
+
+struct CopyStep {
+  KOValue* to;
+  const KOValue* from;
+};
+
+void copyLevel(KOArray::Storage& to, const KOArray::Storage& from, std::vector<CopyStep>& pending) {
+  to.reserve(from.size());  // filled once: the steps' pointers into it stay valid
+  for (const KOValue& child : from) {
+    to.push_back(shallowCopy(child));
+    if (holdsNested(child)) pending.push_back({&to.back(), &child});
+  }
+}
+
+void copyLevel(KODictionary::Storage& to, const KODictionary::Storage& from, std::vector<CopyStep>& pending) {
+  to.reserve(from.size());
+  for (const auto& [key, child] : from) {
+    to.emplace_back(key, shallowCopy(child));
+    if (holdsNested(child)) pending.push_back({&to.back().second, &child});
+  }
+}
+
+// Copies nested containers one level at a time from a list on the heap, never recursing per level.
+void copyPending(std::vector<CopyStep>& pending);
+
+}  // namespace
+
 // ------------------------------------------------------------------------------------------ KOArray
 
 KOArray::KOArray() = default;
 KOArray::KOArray(std::initializer_list<KOValue> items) : items_(items) {}
 KOArray::KOArray(Storage items) : items_(std::move(items)) {}
-KOArray::KOArray(const KOArray&) = default;
+KOArray::KOArray(const KOArray& other) {
+  std::vector<CopyStep> pending;
+  copyLevel(items_, other.items_, pending);
+  copyPending(pending);
+}
 KOArray::KOArray(KOArray&&) noexcept = default;
-KOArray& KOArray::operator=(const KOArray&) = default;
+KOArray& KOArray::operator=(const KOArray& other) {
+  KOArray copy(other);
+  items_.swap(copy.items_);  // the old items go with `copy`
+  return *this;
+}
 KOArray& KOArray::operator=(KOArray&&) noexcept = default;
-KOArray::~KOArray() = default;
+KOArray::~KOArray() {
+  if (!items_.empty()) releaseNested(items_);
+}
 
 const KOValue& KOArray::at(std::size_t i) const {
   if (i >= items_.size()) {
@@ -53,6 +127,34 @@ const KOValue& KOArray::at(std::size_t i) const {
 
 bool operator==(const KOArray& a, const KOArray& b) { return a.items_ == b.items_; }
 
+namespace {
+
+void copyPending(std::vector<CopyStep>& pending) {
+  while (!pending.empty()) {
+    const CopyStep step = pending.back();
+    pending.pop_back();
+    // Each container is filled once, after room for all its children was made: the pointers to
+    // them in `pending` stay valid.
+    if (step.from->isArray()) {
+      KOArray& to = step.to->arrayValue();
+      to.reserve(step.from->arrayValue().size());
+      for (const KOValue& child : step.from->arrayValue()) {
+        to.push_back(shallowCopy(child));
+        if (holdsNested(child)) pending.push_back({&to.back(), &child});
+      }
+    } else {
+      KODictionary& to = step.to->dictionaryValue();
+      to.reserve(step.from->dictionaryValue().size());
+      for (const auto& [key, child] : step.from->dictionaryValue()) {
+        KOValue& placed = to.set(key, shallowCopy(child));
+        if (holdsNested(child)) pending.push_back({&placed, &child});
+      }
+    }
+  }
+}
+
+}  // namespace
+
 // ------------------------------------------------------------------------------------- KODictionary
 
 KODictionary::KODictionary() = default;
@@ -60,11 +162,22 @@ KODictionary::KODictionary(std::initializer_list<Entry> entries) {
   entries_.reserve(entries.size());
   for (const auto& e : entries) set(e.first, e.second);
 }
-KODictionary::KODictionary(const KODictionary&) = default;
+KODictionary::KODictionary(const KODictionary& other) : index_(other.index_) {
+  std::vector<CopyStep> pending;
+  copyLevel(entries_, other.entries_, pending);  // same positions: the index stays right
+  copyPending(pending);
+}
 KODictionary::KODictionary(KODictionary&&) noexcept = default;
-KODictionary& KODictionary::operator=(const KODictionary&) = default;
+KODictionary& KODictionary::operator=(const KODictionary& other) {
+  KODictionary copy(other);
+  entries_.swap(copy.entries_);
+  index_.swap(copy.index_);
+  return *this;
+}
 KODictionary& KODictionary::operator=(KODictionary&&) noexcept = default;
-KODictionary::~KODictionary() = default;
+KODictionary::~KODictionary() {
+  if (!entries_.empty()) releaseNested(entries_);
+}
 
 std::size_t KODictionary::indexOf(std::string_view key) const noexcept {
   if (index_.empty()) {

@@ -18,6 +18,11 @@ const KOValue& validObjectForKeyPath(const KOValue& dict, std::string_view keyPa
 /// The value for the key; nil when it is JSON null.
 const KOValue& safeObjectForKey(const KODictionary& dict, std::string_view key);
 
+/// Whether containers nest deeper than `limit` levels inside the value; walks it without recursion.
+bool nestingDeeperThan(const KOValue& value, int limit);
+bool nestingDeeperThan(const KODictionary& value, int limit);
+bool nestingDeeperThan(const KOArray& value, int limit);
+
 /// A key as dictionary text: a string as it is, anything else as its description.
 std::string keyText(const KOValue& key);
 

@@ -56,13 +56,38 @@ TEST_F(KOBatchStoreTest, AnUnreadableFileIsSetAsideNotOverwritten) {
   EXPECT_EQ(device().rawFiles().readFile(path() + ".unreadable"),
             std::optional<std::string>("<plist><dict><key>1</key><array><dict>"));
 
-  // A read error is no empty file either: what is on disk stays there.
-  device().files().inject(KOFileFault::ReadError, "Batches.plist");
+  // One read error passes: tried again, the file is read and nothing is set aside.
+  device().files().inject(KOFileFault::ReadError, "Batches.plist", 1);
   KOBatchStore again(path());
   again.load(device().files());
-  EXPECT_TRUE(again.empty());
+  EXPECT_EQ(again.ids(), std::vector<std::string>{"1000"});
+  EXPECT_FALSE(device().files().fileExists(path() + ".unreadable-1"));
+
+  // A lasting one is no empty file either: what is on disk is set aside, next to the first.
+  device().files().inject(KOFileFault::ReadError, "Batches.plist", -1);
+  KOBatchStore failing(path());
+  failing.load(device().files());
+  device().files().clear();
+  EXPECT_TRUE(failing.empty());
   EXPECT_FALSE(device().files().fileExists(path()));
+  EXPECT_TRUE(device().files().fileExists(path() + ".unreadable-1"));
+
+  // The next start reads what was set aside again: its batches return under their ids, and the
+  // file goes once the batch file holds them. The damaged one stays for a person to look at.
+  KOBatchStore next(path());
+  next.load(device().files());
+  EXPECT_EQ(next.ids(), std::vector<std::string>{"1000"});
+  ASSERT_TRUE(KOBatchStore::write(device().files(), path(), next.snapshot()));
+  next.removeMergedAside(device().files());
+  EXPECT_FALSE(device().files().fileExists(path() + ".unreadable-1"));
   EXPECT_TRUE(device().files().fileExists(path() + ".unreadable"));
+
+  // Temporaries a crash left before their rename are removed at the next start.
+  device().rawFiles().writeFile(path() + ".tmp-7", "half");
+  KOBatchStore afterCrash(path());
+  afterCrash.load(device().files());
+  EXPECT_FALSE(device().files().fileExists(path() + ".tmp-7"));
+  EXPECT_EQ(afterCrash.ids(), std::vector<std::string>{"1000"});
 }
 
 TEST_F(KOBatchStoreTest, ABatchTheFileCannotHoldDoesNotKeepTheOthersOffDisk) {
@@ -74,4 +99,21 @@ TEST_F(KOBatchStoreTest, ABatchTheFileCannotHoldDoesNotKeepTheOthersOffDisk) {
   ASSERT_TRUE(file.isDictionary());
   EXPECT_EQ(file.dictionaryValue().keys(), std::vector<std::string>{"2000"});
   EXPECT_EQ(store.size(), 2u);  // still sent from memory
+}
+
+TEST_F(KOBatchStoreTest, EveryControlCharacterButNulReadsBackFromTheFile) {
+  KOBatchStore store(path());
+  for (int c = 1; c < 32; ++c) {
+    const std::string text = std::string("a") + static_cast<char>(c) + "b";
+    store.put(std::to_string(1000 + c), KOArray{KODictionary{{"EVENT_ACTION", text}, {text, 1}}});
+  }
+  ASSERT_TRUE(KOBatchStore::write(device().files(), path(), store.snapshot()));
+  KOBatchStore reloaded(path());
+  reloaded.load(device().files());
+  ASSERT_EQ(reloaded.size(), 31u);
+  for (int c = 1; c < 32; ++c) {
+    const std::string text = std::string("a") + static_cast<char>(c) + "b";
+    const KOArray records = reloaded.find(std::to_string(1000 + c))->records();
+    EXPECT_EQ(records[0]["EVENT_ACTION"], KOValue(text)) << c;
+  }
 }

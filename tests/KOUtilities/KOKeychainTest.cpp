@@ -33,8 +33,15 @@ TEST_F(KOKeychainTest, ItemsLiveOutsideTheSandboxWithOwnerOnlyAccess) {
 TEST_F(KOKeychainTest, CorruptItemIsLoggedAndReadsAsNil) {
   KOLogger::debug(1);
   KOKeychain::save("svc", KOValue("ok"));
-  device().rawFiles().writeFile(device().keychain().itemPath("svc", "svc"), "<plist><dict><key>v_Data</key><data>!!");
+  const std::string item = device().keychain().itemPath("svc", "svc");
+  device().rawFiles().writeFile(item, "<plist><dict><key>v_Data</key><data>!!");
   EXPECT_TRUE(KOKeychain::load("svc").isNil());
+  // Set aside with a line, so that saving a new identity does not destroy it.
+  EXPECT_TRUE(device().console().contains("could not be read"));
+  KOKeychain::save("svc", KOValue("new"));
+  EXPECT_EQ(device().rawFiles().readFile(item + ".unreadable"),
+            std::optional<std::string>("<plist><dict><key>v_Data</key><data>!!"));
+  EXPECT_EQ(KOKeychain::load("svc"), KOValue("new"));
   // The item itself is readable but its archive is not: that is the unarchive failure.
   device().keychain().remove("svc", "svc");
   device().keychain().add("svc", "svc", "not an archive", "ak");

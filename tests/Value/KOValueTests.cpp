@@ -179,3 +179,31 @@ TEST(KOValue, TypedAccessorsThrowOnOtherKinds) {
   EXPECT_EQ(KOValue(true).doubleValue(), 1.0);
   EXPECT_EQ(KOValue(KODictionary{{"k", 1}})["missing"], KOValue::nil());
 }
+
+// A host may build a value nested a hundred thousand levels deep: copying, assigning and
+// destroying it never recurse per level, and shallower values copy exactly.
+TEST(KOValue, DeepNestingIsCopiedAndDestroyedWithoutRecursion) {
+  KOValue deep(KODictionary{{"leaf", 1}});
+  for (int i = 0; i < 100000; ++i) {
+    KOArray level;
+    level.push_back(std::move(deep));
+    KODictionary wrapper;
+    wrapper.set("d", KOValue(std::move(level)));
+    deep = KOValue(std::move(wrapper));
+  }
+  KOValue copy = deep;
+  KOValue assigned(KODictionary{{"old", KOArray{KODictionary{{"x", 1}}}}});
+  assigned = deep;
+  int depth = 0;
+  for (const KOValue* v = &assigned; v->isDictionary() && v->dictionaryValue().contains("d"); ++depth) {
+    v = &v->dictionaryValue()["d"].arrayValue()[0];
+  }
+  EXPECT_EQ(depth, 100000);
+
+  KODictionary big;
+  for (int i = 0; i < 100; ++i) big.set("k" + std::to_string(i), KOValue(KOArray{i, KODictionary{{"n", i}}, "s"}));
+  const KODictionary bigCopy = big;
+  EXPECT_EQ(bigCopy, big);
+  EXPECT_EQ(bigCopy["k42"].arrayValue()[1]["n"], KOValue(42));
+  EXPECT_TRUE(bigCopy.contains("k99"));  // the key index came along
+}

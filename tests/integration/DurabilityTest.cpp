@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <climits>
 #include <filesystem>
 #include <random>
 #include <set>
@@ -74,21 +75,34 @@ TEST(DurabilityTest, KilledAppsLoseNoStoredBatchAndNeverDuplicateAnEvent) {
   options.dataDir = base + "/emulator";
   KOEmulator emulator(options);
   const int port = emulator.start(0);
-  // Slow answers keep batches in flight, so kills land between the service's answer and the
-  // file update too.
-  emulator.injectFault(KOEmulatorFault{"/v2/report/add", 0, 25, false, -1, 1.0});
 
   std::mt19937 random(12345);
   std::set<std::string> storedBatchIds;
   const std::string batchFile = root + "/Sandbox/Documents/KovantisBatchEvents.plist";
   constexpr int kRuns = 12;
   for (int run = 0; run < kRuns; ++run) {
+    if (run == 0) {
+      // The service is down at first, so that the kills find stored batches...
+      emulator.injectFault(KOEmulatorFault{"/v2/report/add", 503, 0, false, -1, 1.0});
+    } else if (run == kRuns / 2) {
+      // ...then it answers slowly, keeping batches in flight, so that kills land between the
+      // service's answer and the file update too, and refuses some.
+      emulator.clearFaults();
+      emulator.injectFault(KOEmulatorFault{"/v2/report/add", 0, 25, false, -1, 1.0});
+      emulator.injectFault(KOEmulatorFault{"/v2/report/add", 503, 25, false, -1, 0.3});
+    }
     int output = -1;
     const pid_t child = spawnChild(root, port, run, &output);
     ASSERT_GT(child, 0);
     const long killAfter = std::uniform_int_distribution<long>(20, 400)(random);
     const bool progressed =
         waitForProgress(output, killAfter, std::chrono::steady_clock::now() + std::chrono::seconds(30));
+    // While the service is down, the kill waits for a batch file (its writer runs a moment after
+    // each cut), or the kills could all come before any.
+    const auto fileDeadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (run < kRuns / 2 && !std::filesystem::exists(batchFile) && std::chrono::steady_clock::now() < fileDeadline) {
+      waitForProgress(output, LONG_MAX, std::chrono::steady_clock::now() + std::chrono::milliseconds(20));
+    }
     ::kill(child, SIGKILL);
     int status = 0;
     ::waitpid(child, &status, 0);

@@ -124,21 +124,25 @@ TEST_F(EventPipelineTest, OfThreeBatchesOnlyTheFailedOneStaysInTheFile) {
   EXPECT_EQ(emulator().batches().size(), 2u);
 }
 
-TEST_F(EventPipelineTest, BatchesCutDuringASyncSurviveItsEnd) {
+TEST_F(EventPipelineTest, ASyncAskedForDuringAnotherRunsWhenItEnds) {
   startClean();
-  // The first sync stalls at the service while the threshold cuts a second batch.
+  // The first sync stalls at the service while the threshold cuts a second batch and asks for a
+  // sync of its own, and the session ends (a background task waits for its sync).
   emulator().injectFault(KOEmulatorFault{"/v2/report/add", 0, 400, false, 1, 1.0});
   for (int i = 0; i < 30; ++i) sdk().trackEvent(KOValue("FIRST"), KOValue());
   ASSERT_TRUE(waitFor([&] { return events().syncInProgress(); }));
   for (int i = 0; i < 30; ++i) sdk().trackEvent(KOValue("SECOND"), KOValue());
+  device().resignActive();
+  EXPECT_EQ(device().application().activeBackgroundTasks(), std::vector<std::string>{"KOVTask"});
+  // Nothing else asks: the follow-up sends what came meanwhile and ends the background task.
+  ASSERT_TRUE(waitFor([&] { return device().application().activeBackgroundTasks().empty(); }));
   ASSERT_TRUE(settle());
-  // The first sync's end kept the second batch, in memory and in the file.
-  EXPECT_EQ(events().storedBatchCount(), 1u);
-  ASSERT_TRUE(batchFile().isDictionary());
-  EXPECT_EQ(batchFile().dictionaryValue().size(), 1u);
-  ASSERT_TRUE(deliverAll());
   EXPECT_EQ(storedEventNames("FIRST").size(), 30u);
   EXPECT_EQ(storedEventNames("SECOND").size(), 30u);
+  EXPECT_EQ(storedEventNames("EVENT_ACTION_IOS_SESSION_END").size(), 1u);
+  EXPECT_EQ(events().storedBatchCount(), 0u);
+  EXPECT_FALSE(device().files().fileExists(events().eventsPlistFilePath()));
+  EXPECT_TRUE(emulator().duplicates().empty());
 }
 
 TEST_F(EventPipelineTest, ResetWithNothingStoredStillSendsTheLogoutThenRegistersAgain) {

@@ -106,6 +106,10 @@ class KOForwardingFileSystem : public KOForwarding<KOFileSystem> {
   std::vector<std::string> listDirectory(const std::string& path) const override {
     return target().listDirectory(path);
   }
+  std::unique_ptr<KOMappedFile> mapFile(const std::string& path, std::size_t size,
+                                        KOFileError* error = nullptr) override {
+    return target().mapFile(path, size, error);
+  }
 };
 
 class KOForwardingKeychainStore : public KOForwarding<KOKeychainStore> {

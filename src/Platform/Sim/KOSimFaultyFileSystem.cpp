@@ -63,3 +63,16 @@ bool KOSimFaultyFileSystem::removeItem(const std::string& path, KOFileError* err
   }
   return target().removeItem(path, error);
 }
+
+std::unique_ptr<KOMappedFile> KOSimFaultyFileSystem::mapFile(const std::string& path, std::size_t size,
+                                                             KOFileError* error) {
+  if (fires(KOFileFault::DiskFull, path)) {
+    if (error) *error = KOFileError{ENOSPC, "injected full disk"};
+    return nullptr;
+  }
+  if (fires(KOFileFault::IOError, path)) {
+    if (error) *error = KOFileError{EIO, "injected I/O error"};
+    return nullptr;
+  }
+  return target().mapFile(path, size, error);
+}

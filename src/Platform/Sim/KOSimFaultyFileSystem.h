@@ -34,6 +34,9 @@ class KOSimFaultyFileSystem : public KOForwardingFileSystem {
                  unsigned mode = 0644) override;
   bool renameFile(const std::string& from, const std::string& to, KOFileError* error = nullptr) override;
   bool removeItem(const std::string& path, KOFileError* error = nullptr) override;
+  /// A full disk or an I/O error armed for the path makes the mapping fail.
+  std::unique_ptr<KOMappedFile> mapFile(const std::string& path, std::size_t size,
+                                        KOFileError* error = nullptr) override;
 
  private:
   bool fires(KOFileFault kind, const std::string& path) const;

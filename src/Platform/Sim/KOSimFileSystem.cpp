@@ -1,6 +1,7 @@
 #include "KOSimFileSystem.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -115,4 +116,58 @@ std::vector<std::string> KOSimFileSystem::listDirectory(const std::string& path)
     names.push_back(it->path().filename().string());
   }
   return names;
+}
+
+namespace {
+
+class KOSimMappedFile : public KOMappedFile {
+ public:
+  KOSimMappedFile(int fd, char* data, std::size_t size) : fd_(fd), data_(data), size_(size) {}
+  ~KOSimMappedFile() override {
+    ::munmap(data_, size_);
+    ::close(fd_);
+  }
+  char* data() override { return data_; }
+  std::size_t size() const override { return size_; }
+  bool resize(std::size_t size) override {
+    if (size < size_ || ::ftruncate(fd_, static_cast<off_t>(size)) != 0) return false;
+    void* moved = ::mremap(data_, size_, size, MREMAP_MAYMOVE);  // the pages move, no byte is copied
+    if (moved == MAP_FAILED) return false;
+    data_ = static_cast<char*>(moved);
+    size_ = size;
+    return true;
+  }
+
+ private:
+  int fd_;
+  char* data_;
+  std::size_t size_;
+};
+
+}  // namespace
+
+std::unique_ptr<KOMappedFile> KOSimFileSystem::mapFile(const std::string& path, std::size_t size, KOFileError* error) {
+  if (size == 0) {
+    fail(error, EINVAL, "map " + path);
+    return nullptr;
+  }
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    fail(error, errno, "open " + path);
+    return nullptr;
+  }
+  if (::ftruncate(fd, static_cast<off_t>(size)) != 0) {
+    const int code = errno;
+    ::close(fd);
+    fail(error, code, "resize " + path);
+    return nullptr;
+  }
+  void* data = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (data == MAP_FAILED) {
+    const int code = errno;
+    ::close(fd);
+    fail(error, code, "map " + path);
+    return nullptr;
+  }
+  return std::make_unique<KOSimMappedFile>(fd, static_cast<char*>(data), size);  // kept open to grow
 }

@@ -24,6 +24,8 @@ class KOSimFileSystem : public KOFileSystem {
   bool createDirectories(const std::string& path, KOFileError* error = nullptr) override;
   bool fileExists(const std::string& path) const override;
   std::vector<std::string> listDirectory(const std::string& path) const override;
+  std::unique_ptr<KOMappedFile> mapFile(const std::string& path, std::size_t size,
+                                        KOFileError* error = nullptr) override;
 
  private:
   std::string sandbox_;

@@ -1,6 +1,7 @@
 #include "KOSimFiles.h"
 
 #include <atomic>
+#include <cerrno>
 
 #include "KOUtilities/KOPropertyListSerialization.h"
 
@@ -20,7 +21,12 @@ bool writeWhole(KOFileSystem& fs, const std::string& path, std::string_view byte
 }
 
 KOValue readPropertyList(const KOFileSystem& fs, const std::string& path) {
-  const std::optional<std::string> bytes = fs.readFile(path);
+  std::optional<std::string> bytes;
+  KOFileError error;
+  for (int attempt = 0; attempt < 3 && !bytes; ++attempt) {  // a read error may pass
+    bytes = fs.readFile(path, &error);
+    if (!bytes && error.code == ENOENT) break;
+  }
   if (!bytes) return KOValue();
   try {
     return KOPropertyListSerialization::parse(*bytes);

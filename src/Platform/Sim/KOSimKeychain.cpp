@@ -39,10 +39,20 @@ int KOSimKeychain::add(const std::string& service, const std::string& account, s
 
 int KOSimKeychain::copyMatching(const std::string& service, const std::string& account, std::string* data) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  const KOValue item = KOSimFiles::readPropertyList(fs_, itemPath(service, account));
-  if (!item.isDictionary()) return KOKeychainItemNotFound;
-  const KOValue& bytes = item["v_Data"];
-  if (!bytes.isData()) return KOKeychainItemNotFound;
+  const std::string path = itemPath(service, account);
+  if (!fs_.fileExists(path)) return KOKeychainItemNotFound;
+  const KOValue item = KOSimFiles::readPropertyList(fs_, path);
+  const KOValue& bytes = item.isDictionary() ? item["v_Data"] : KOValue::nil();
+  if (!bytes.isData()) {
+    // An item that is there but cannot be read is no missing item: set aside, so that adding a
+    // new one never destroys it.
+    const bool moved = fs_.renameFile(path, path + ".unreadable");
+    if (KOPlatform::isInstalled()) {
+      KOPlatform::current().console->writeLine("Kovantis - The keychain item " + path + " could not be read; " +
+                                               (moved ? "kept it as " + path + ".unreadable" : std::string("left it")));
+    }
+    return KOKeychainIOError;
+  }
   if (data) data->assign(bytes.dataValue().bytes.begin(), bytes.dataValue().bytes.end());
   return KOKeychainSuccess;
 }

@@ -1,16 +1,44 @@
 #include "KOSimPreferences.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "KOSimFiles.h"
+#include "KOUtilities/KOPropertyListSerialization.h"
 
 KOSimPreferenceStore::KOSimPreferenceStore(KOFileSystem& fs, std::string path) : fs_(fs), path_(std::move(path)) {}
 
 void KOSimPreferenceStore::loadLocked() const {
   if (loaded_) return;
   loaded_ = true;
-  KOValue stored = KOSimFiles::readPropertyList(fs_, path_);
-  values_ = stored.isDictionary() ? std::move(stored.dictionaryValue()) : KODictionary{};
+  values_.clear();
+  KOFileError error;
+  std::optional<std::string> bytes;
+  // A read error may pass: taken for an empty store, it would cost the app its identity.
+  for (int attempt = 0; attempt < 3 && !bytes; ++attempt) {
+    bytes = fs_.readFile(path_, &error);
+    if (!bytes && error.code == ENOENT) return;
+  }
+  std::string problem = error.message;
+  if (bytes) {
+    try {
+      KOValue stored = KOPropertyListSerialization::parse(*bytes);
+      if (stored.isDictionary()) {
+        values_ = std::move(stored.dictionaryValue());
+        return;
+      }
+      problem = "not a dictionary";
+    } catch (const std::exception& e) {
+      problem = e.what();
+    }
+  }
+  // Starts empty, as the platform's store would, but the next synchronize must not destroy it.
+  const std::string aside = path_ + ".unreadable";
+  const bool moved = fs_.renameFile(path_, aside);
+  if (KOPlatform::isInstalled()) {
+    KOPlatform::current().console->writeLine("Kovantis - The preferences " + path_ + " could not be read (" + problem +
+                                             "); " + (moved ? "kept them as " + aside : std::string("left them")));
+  }
 }
 
 KOValue KOSimPreferenceStore::objectForKey(std::string_view key) const {

@@ -1,0 +1,262 @@
+#include "KOEventJournal.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "KOUtilities/KOLogger.h"
+#include "KOUtilities/KOStringFormat.h"
+#include "kovantis/KOPlatform.h"
+
+namespace {
+
+constexpr char kFileMagic[8] = {'K', 'O', 'V', 'J', 'R', 'N', 'L', '1'};
+// Two bytes that never occur in UTF-8 text, so that a marker is never taken from a payload.
+constexpr char kEntryMarker[4] = {'\xFF', '\xFE', 'K', 'J'};
+
+std::uint64_t checksum(std::uint64_t seed, const char* data, std::size_t size) {
+  // A word at a time: a handful of instructions per 8 bytes on the tracking path.
+  std::uint64_t h = seed ^ (size * 0x9E3779B97F4A7C15ull);
+  std::size_t i = 0;
+  for (; i + 8 <= size; i += 8) {
+    std::uint64_t w;
+    std::memcpy(&w, data + i, 8);
+    h = (h ^ w) * 0xFF51AFD7ED558CCDull;
+    h ^= h >> 29;
+  }
+  std::uint64_t tail = 0;
+  std::memcpy(&tail, data + i, size - i);
+  h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
+  return h ^ (h >> 32);
+}
+
+template <typename T>
+T load(const char* p) {
+  T v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+
+template <typename T>
+void store(char* p, T v) {
+  std::memcpy(p, &v, sizeof v);
+}
+
+std::uint64_t headerChecksum(std::uint64_t generation) { return checksum(generation, kFileMagic, sizeof kFileMagic); }
+
+// The generation a file's header names, or 0 when it is not a journal.
+std::uint64_t generationOf(std::string_view bytes) {
+  if (bytes.size() < KOEventJournal::kFileHeader) return 0;
+  if (std::memcmp(bytes.data(), kFileMagic, sizeof kFileMagic) != 0) return 0;
+  const auto generation = load<std::uint64_t>(bytes.data() + 8);
+  if (generation == 0 || load<std::uint64_t>(bytes.data() + 16) != headerChecksum(generation)) return 0;
+  return generation;
+}
+
+void logJournal(const std::string& line) { KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException, line); }
+
+}  // namespace
+
+KOEventJournal::KOEventJournal(std::string basePath) : basePath_(std::move(basePath)) {}
+
+KOEventJournal::~KOEventJournal() = default;
+
+std::size_t KOEventJournal::capacity() const { return current_ ? current_->size() : 0; }
+
+KOEventJournal::Replay KOEventJournal::replay(std::string_view bytes) {
+  Replay out;
+  out.generation = generationOf(bytes);
+  out.fileSize = bytes.size();
+  if (out.generation == 0) return out;
+  std::size_t pos = kFileHeader;
+  out.end = pos;
+  const std::string_view marker(kEntryMarker, sizeof kEntryMarker);
+  bool inDamage = false;
+  while (pos + kEntryHeader <= bytes.size()) {
+    if (bytes.compare(pos, marker.size(), marker) != 0) {
+      // Zeros after the last entry are the unused rest; anything else is damage.
+      const std::size_t next = bytes.find(marker, pos);
+      const std::string_view skipped = bytes.substr(pos, (next == std::string_view::npos ? bytes.size() : next) - pos);
+      if (!inDamage && skipped.find_first_not_of('\0') != std::string_view::npos) {
+        ++out.damaged;
+        inDamage = true;
+      }
+      if (next == std::string_view::npos) break;
+      pos = next;
+      continue;
+    }
+    const auto length = load<std::uint32_t>(bytes.data() + pos + 4);
+    const auto sum = load<std::uint64_t>(bytes.data() + pos + 8);
+    const char* kindAndPayload = bytes.data() + pos + 16;
+    if (length > bytes.size() - pos - kEntryHeader || checksum(length, kindAndPayload, length + 1u) != sum) {
+      if (!inDamage) ++out.damaged;
+      inDamage = true;
+      pos += 1;  // look for the next marker
+      continue;
+    }
+    inDamage = false;
+    const auto kind = static_cast<Kind>(*kindAndPayload);
+    const std::string_view payload(kindAndPayload + 1, length);
+    pos += kEntryHeader + length;
+    out.end = pos;
+    switch (kind) {
+      case Kind::Record:
+        out.pending.emplace_back(payload);
+        break;
+      case Kind::Cut: {
+        Replay::Batch& batch = out.batches[std::string(payload)];
+        batch.count = out.pending.size();
+        batch.recordsJSON = "[";
+        for (std::size_t i = 0; i < out.pending.size(); ++i) {
+          if (i) batch.recordsJSON += ',';
+          batch.recordsJSON += out.pending[i];
+        }
+        batch.recordsJSON += ']';
+        out.pending.clear();
+        break;
+      }
+      case Kind::Batch: {
+        const std::size_t idEnd = payload.find('\n');
+        const std::size_t countEnd = idEnd == std::string_view::npos ? idEnd : payload.find('\n', idEnd + 1);
+        if (countEnd == std::string_view::npos) {
+          ++out.damaged;
+          break;
+        }
+        Replay::Batch& batch = out.batches[std::string(payload.substr(0, idEnd))];
+        batch.count = std::strtoull(std::string(payload.substr(idEnd + 1, countEnd - idEnd - 1)).c_str(), nullptr, 10);
+        batch.recordsJSON = std::string(payload.substr(countEnd + 1));
+        break;
+      }
+      case Kind::Done:
+        out.done.emplace(payload);
+        break;
+      case Kind::Issued:
+        out.issued.emplace_back(payload);
+        break;
+      default:
+        ++out.damaged;
+        break;
+    }
+  }
+  return out;
+}
+
+KOEventJournal::Replay KOEventJournal::recover(KOFileSystem& fs) {
+  Replay best;
+  int bestFile = -1;
+  for (int file = 0; file < 2; ++file) {
+    const std::string path = pathOf(file);
+    std::optional<std::string> bytes;
+    KOFileError error;
+    // A read error may pass: tried again before the file is given up.
+    for (int attempt = 0; attempt < 3 && !bytes; ++attempt) {
+      bytes = fs.readFile(path, &error);
+      if (!bytes && error.code == ENOENT) break;
+    }
+    if (!bytes) {
+      if (error.code != ENOENT) {
+        const bool moved = fs.renameFile(path, path + ".unreadable");
+        logJournal(KOStringFormat::format("Kovantis - The event journal %@ could not be read (%@); %@",
+                                          {KOValue(path), KOValue(error.message),
+                                           KOValue(moved ? "kept it as " + path + ".unreadable" : "left it")}));
+      }
+      continue;
+    }
+    Replay replayed = replay(*bytes);
+    if (replayed.generation > best.generation) {
+      best = std::move(replayed);
+      bestFile = file;
+    }
+  }
+  if (best.damaged) {
+    logJournal(KOStringFormat::format("Kovantis - The event journal had %d damaged entries; the rest is kept",
+                                      {KOValue(static_cast<std::int64_t>(best.damaged))}));
+  }
+  if (bestFile >= 0) {
+    currentFile_ = bestFile;
+    generation_ = best.generation;
+    recoveredEnd_ = best.end;
+    recoveredSize_ = best.fileSize;
+  }
+  return best;
+}
+
+bool KOEventJournal::reopen(KOFileSystem& fs) {
+  if (current_ || generation_ == 0 || recoveredEnd_ < kFileHeader || recoveredSize_ < recoveredEnd_) return false;
+  std::unique_ptr<KOMappedFile> mapped = fs.mapFile(pathOf(currentFile_), recoveredSize_);
+  if (!mapped || mapped->size() != recoveredSize_ ||
+      generationOf(std::string_view(mapped->data(), kFileHeader)) != generation_) {
+    return false;
+  }
+  // What an append cut short by the kill left is cleared, so that new entries are not followed by
+  // its remains (they would only count as damage).
+  const std::size_t rest = std::min<std::size_t>(recoveredSize_ - recoveredEnd_, 1 << 20);
+  std::memset(mapped->data() + recoveredEnd_, 0, rest);
+  current_ = std::move(mapped);
+  used_ = recoveredEnd_;
+  return true;
+}
+
+bool KOEventJournal::openNext(KOFileSystem& fs, std::size_t contentBytes) {
+  const int next = 1 - currentFile_;
+  const std::string path = pathOf(next);
+  std::size_t size = kMinimumCapacity;
+  while (size < 2 * (contentBytes + kFileHeader)) size *= 2;
+  // A fresh file reads as zeros: no entry of an older generation shows through.
+  fs.removeItem(path);
+  KOFileError error;
+  std::unique_ptr<KOMappedFile> mapped = fs.mapFile(path, size, &error);
+  if (!mapped) return false;  // the owner says so, once
+  previous_ = std::move(current_);
+  previousUsed_ = used_;
+  previousFile_ = currentFile_;
+  current_ = std::move(mapped);
+  currentFile_ = next;
+  used_ = kFileHeader;
+  return true;
+}
+
+void KOEventJournal::abandonNext() {
+  current_ = std::move(previous_);
+  used_ = previousUsed_;
+  currentFile_ = previousFile_;
+}
+
+void KOEventJournal::commitNext() {
+  // The header last: until it is stored, a restart reads the previous generation.
+  char* header = current_->data();
+  const std::uint64_t generation = generation_ + 1;
+  store(header + 8, generation);
+  store(header + 16, headerChecksum(generation));
+  std::memcpy(header, kFileMagic, sizeof kFileMagic);
+  generation_ = generation;
+  previous_.reset();
+}
+
+bool KOEventJournal::append(Kind kind, std::string_view payload) {
+  if (!current_ || payload.size() > UINT32_MAX) return false;
+  const std::size_t need = kEntryHeader + payload.size();
+  if (need > current_->size() - used_) return false;
+  char* entry = current_->data() + used_;
+  entry[16] = static_cast<char>(kind);
+  std::memcpy(entry + 17, payload.data(), payload.size());
+  const auto length = static_cast<std::uint32_t>(payload.size());
+  store(entry + 4, length);
+  store(entry + 8, checksum(length, entry + 16, payload.size() + 1));
+  std::memcpy(entry, kEntryMarker, sizeof kEntryMarker);  // the marker last: a torn entry has none
+  used_ += need;
+  return true;
+}
+
+bool KOEventJournal::grow() { return current_ && current_->resize(current_->size() * 2); }
+
+bool KOEventJournal::appendBatch(const std::string& id, std::size_t count, std::string_view recordsJSON) {
+  std::string payload;
+  payload.reserve(id.size() + 24 + recordsJSON.size());
+  payload += id;
+  payload += '\n';
+  payload += std::to_string(count);
+  payload += '\n';
+  payload += recordsJSON;
+  return append(Kind::Batch, payload);
+}
