@@ -1,5 +1,6 @@
 #include "kovantis/testing/KOTestHarness.h"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 
@@ -53,6 +54,10 @@ bool KOTestHarness::waitForRequests(const std::string& path, std::size_t count, 
   return waitFor([&] { return service.requestCount(path) >= count; }, timeoutSeconds);
 }
 
+namespace {
+constexpr double kRetryPauseSeconds = 0.05;
+}  // namespace
+
 bool KOTestHarness::deliverAll(double timeoutSeconds) {
   // The flush's answer outlives this call when the timeout passes first: it holds its own state.
   struct Round {
@@ -72,6 +77,11 @@ bool KOTestHarness::deliverAll(double timeoutSeconds) {
     });
     if (!waitFor([&] { return state->done; }, left)) return false;
     if (state->delivered) return true;
+    // Not all delivered: give the service (and what the SDK still tracks itself) a moment before
+    // the next round, pumping the main queue meanwhile, instead of asking again at once.
+    const double pause = std::min(kRetryPauseSeconds,
+                                  std::chrono::duration<double>(deadline - std::chrono::steady_clock::now()).count());
+    if (pause > 0) waitFor([] { return false; }, pause);
   }
   return false;
 }

@@ -527,7 +527,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
     if (round->ids.empty()) {
       if (!request.onlyForEventsPlist) logInfo("Kovantis - All the tracked events are already synced with Kovantis :]");
       if (request.reset) cleanUp();
-      completeFlushes(round->number);
+      completeFlushes(round->number, false);
       return;
     }
     // One batch's outcome; the last one ends the round.
@@ -559,8 +559,9 @@ void KOEventsHandler::runSync(SyncRequest request) {
           std::lock_guard<std::mutex> lock(round->mutex);
           failed = round->failed;
         }
+        const bool roundFailed = !failed.empty();
         syncAttemptCompletedInBackground(request.inBackground, request.reset, std::move(failed));
-        completeFlushes(round->number);
+        completeFlushes(round->number, roundFailed);
       }
     };
     KOServerInterface& server = KOServerInterface::sharedInstance();
@@ -589,7 +590,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
       persistLocked();
     }
     logSyncException(e);
-    if (round->number != 0) completeFlushes(round->number);
+    if (round->number != 0) completeFlushes(round->number, true);
   }
 }
 
@@ -650,30 +651,45 @@ void KOEventsHandler::flush(std::function<void(bool allDelivered)> completion) {
   syncTrackedEventsInBackground(false, false, false);
 }
 
-void KOEventsHandler::completeFlushes(std::uint64_t round) {
-  std::vector<std::function<void(bool)>> served;
-  bool waiting = false;
+void KOEventsHandler::completeFlushes(std::uint64_t round, bool roundFailed) {
+  std::vector<FlushWaiter> served;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (flushWaiters_.empty()) return;
     std::erase_if(flushWaiters_, [&](FlushWaiter& w) {
       if (w.roundsBefore >= round) return false;  // asked while this round ran: not part of it
-      served.push_back(std::move(w.completion));
+      served.push_back(std::move(w));
       return true;
     });
-    waiting = !flushWaiters_.empty();
   }
   if (!served.empty()) {
     writeSnapshotNow();  // the answer speaks of the file too
     bool delivered = false;
+    std::vector<std::function<void(bool)>> answered;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       delivered = store_.size() == 0 && views_.empty();
+      for (FlushWaiter& w : served) {
+        // The round delivered all it sent, yet more is waiting: tracked while it ran. Wait for it
+        // with another round, a few times at most, rather than answer "not delivered".
+        if (!delivered && !roundFailed && w.roundsLeft > 0) {
+          --w.roundsLeft;
+          w.roundsBefore = roundsStarted_;
+          flushWaiters_.push_back(std::move(w));
+        } else {
+          answered.push_back(std::move(w.completion));
+        }
+      }
     }
-    for (auto& completion : served) {
+    for (auto& completion : answered) {
       if (completion)
         platform().dispatch->asyncMain([completion = std::move(completion), delivered] { completion(delivered); });
     }
+  }
+  bool waiting = false;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    waiting = !flushWaiters_.empty();
   }
   if (waiting) syncTrackedEventsInBackground(false, false, false);
 }

@@ -141,9 +141,13 @@ class KOEventsHandler {
   struct FlushWaiter {
     std::uint64_t roundsBefore;  // served by the first sync round numbered above this
     std::function<void(bool)> completion;
+    int roundsLeft = kFlushRounds;  // rounds it may still wait for records tracked meanwhile
   };
+  /// Records the SDK itself tracks while a flush's round runs (the start's attributes, say) are
+  /// waited for by this many further rounds, as long as each round delivers what it sent.
+  static constexpr int kFlushRounds = 3;
   /// After sync round `round` ended: answers the flushes it served and syncs again for the rest.
-  void completeFlushes(std::uint64_t round);
+  void completeFlushes(std::uint64_t round, bool roundFailed);
   std::uint64_t roundsStarted_ = 0;
   std::vector<FlushWaiter> flushWaiters_;
   std::atomic<const EventObserver*> observer_{nullptr};

@@ -56,7 +56,8 @@ class KOTestHarness {
   /// every path under a prefix ending in "/"), whatever it answered.
   bool waitForRequests(const std::string& path, std::size_t count, double timeoutSeconds = 10);
   /// Syncs, and syncs again while a sync leaves something behind (a batch the service refused),
-  /// until nothing waits on the device for the service; false when the timeout passed first.
+  /// until nothing waits on the device for the service, pausing 50 ms between rounds that left
+  /// something; false when the timeout passed first.
   bool deliverAll(double timeoutSeconds = 20);
 
   /// Names of the events the service stored, oldest first; only those starting with the prefix.
