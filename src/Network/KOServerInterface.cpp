@@ -307,9 +307,10 @@ void KOServerInterface::setNotificationCategoriesWithCategories(const KOArray& c
     send(KOServiceNumberSendCategories, getUniversalParams(), KOValue(KODictionary{{"data", categories}}),
          [](bool success) {
            if (success) {
-             KOLogger::logPlain("Kovantis - Notification Categories  Sent");
+             // Recorded before it is said, so that whoever reads the line finds the flag set.
              prefs().setObject(KOValue(true), KOV_NOTIFICATION_CATEGORIES_SENT);
              prefs().synchronize();
+             KOLogger::logPlain("Kovantis - Notification Categories  Sent");
            } else {
              KOLogger::logPlain("Kovantis - Unable to send Notification Categories, Server Error");
            }
