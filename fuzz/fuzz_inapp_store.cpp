@@ -130,12 +130,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Rig& r = rig();
   const std::string_view input(reinterpret_cast<const char*>(data), size);
   const KOFuzzInput parts = KOFuzzInput::split(input);
-  KOValue answer;
-  try {
-    answer = KOJSONSerialization::parse(parts.answer);
-  } catch (const KOParseError&) {
-    return 0;
-  }
+  const std::optional<KOValue> parsed = parts.parsedAnswer();
+  if (!parsed) return 0;
+  const KOValue& answer = *parsed;
   reset(r);
   if (parts.stored) r.device->rawFiles().writeFile(KOInAppV2Manager::getFilePath(), *parts.stored);
   try {

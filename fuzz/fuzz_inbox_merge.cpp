@@ -122,12 +122,9 @@ void run(const std::string_view storeBytes, bool withStore, const KOValue& answe
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view input(reinterpret_cast<const char*>(data), size);
   const KOFuzzInput parts = KOFuzzInput::split(input);
-  KOValue answer;
-  try {
-    answer = KOJSONSerialization::parse(parts.answer);
-  } catch (const KOParseError&) {
-    return 0;
-  }
+  const std::optional<KOValue> parsed = parts.parsedAnswer();
+  if (!parsed) return 0;
+  const KOValue& answer = *parsed;
   try {
     run(parts.stored.value_or(std::string_view()), parts.stored.has_value(), answer);
   } catch (const std::exception& e) {

@@ -135,7 +135,9 @@ KOViewDescription KOInboxViewController::cellForRowAtIndexPath(std::size_t row) 
     if (state_->dateTextLabelFont) cell.dateLabelTextLabel.font = *state_->dateTextLabelFont;
     const double width = KOPlatform::current().deviceInfo->screenSize().width;
     cell.setDataWithMessage(KOInboxPushDataModel(state_->messages.at(row)), width);
-    described = cell.describe(KORect{0, 0, width, heightForRowAtIndexPath(row)});
+    // The cell measured its text in the row's font at the row's width less 30, as the row height
+    // does: measured once.
+    described = cell.describe(KORect{0, 0, width, cell.notificationTextLabel.frame.height + kRowTextInset});
     described.tag = tagForRow(row);
   });
   return described;

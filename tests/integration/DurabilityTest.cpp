@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,36 +10,19 @@
 #include <random>
 #include <set>
 
+#include "KOChildProcess.h"
 #include "KOSDKTestDevice.h"
 #include "KOUtilities/KOPropertyListSerialization.h"
 #include "kovantis/emulator/KOEmulator.h"
-
-extern char** environ;
 
 namespace {
 
 // Starts the child app and returns its pid and the read end of its output.
 pid_t spawnChild(const std::string& root, int port, int run, int* output) {
-  int fds[2];
-  if (::pipe(fds) != 0) return -1;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addclose(&actions, fds[0]);
-  const std::string portText = std::to_string(port), runText = std::to_string(run);
-  std::string path = KOV_DURABILITY_CHILD;
-  char* argv[] = {path.data(), const_cast<char*>(root.c_str()), const_cast<char*>(portText.c_str()),
-                  const_cast<char*>(runText.c_str()), nullptr};
-  pid_t pid = -1;
-  const int rc = posix_spawn(&pid, path.c_str(), &actions, nullptr, argv, environ);
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(fds[1]);
-  if (rc != 0) {
-    ::close(fds[0]);
-    return -1;
-  }
-  *output = fds[0];
-  return pid;
+  const KOChildProcess child =
+      KOChildProcess::spawn({KOV_DURABILITY_CHILD, root, std::to_string(port), std::to_string(run)});
+  *output = child.output;
+  return child.pid;
 }
 
 // Reads the child's progress lines until it has tracked at least `events`, or the deadline passes.
@@ -67,14 +49,10 @@ bool waitForProgress(int fd, long events, std::chrono::steady_clock::time_point 
 // Kill the app at arbitrary moments, many times: the batch file is never corrupt, every batch that
 // reached it is delivered, and the service never stores an event twice.
 TEST(DurabilityTest, KilledAppsLoseNoStoredBatchAndNeverDuplicateAnEvent) {
-  const std::string base =
-      (std::filesystem::temp_directory_path() / ("kovantis-durability-" + std::to_string(::getpid()))).string();
-  const std::string root = base + "/device";
-  std::filesystem::create_directories(root);
-  KOEmulator::Options options;
-  options.dataDir = base + "/emulator";
-  KOEmulator emulator(options);
-  const int port = emulator.start(0);
+  KOChildProcessRig rig("kovantis-durability-" + std::to_string(::getpid()));
+  KOEmulator& emulator = rig.emulator;
+  const std::string& root = rig.root;
+  const int port = rig.port;
 
   std::mt19937 random(12345);
   std::set<std::string> storedBatchIds;
@@ -165,6 +143,4 @@ TEST(DurabilityTest, KilledAppsLoseNoStoredBatchAndNeverDuplicateAnEvent) {
   RecordProperty("duplicates_recognised", static_cast<int>(emulator.duplicates().size()));
   std::printf("stored batches seen %zu, delivered %zu, duplicate sends recognised %zu, events %zu\n",
               storedBatchIds.size(), delivered.size(), emulator.duplicates().size(), ticks);
-  emulator.stop();
-  std::filesystem::remove_all(base);
 }

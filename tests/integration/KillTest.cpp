@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,46 +10,20 @@
 #include <random>
 #include <set>
 
+#include "KOChildProcess.h"
 #include "KODelivery.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "Network/KOServerInterface.h"
 #include "kovantis/KOConstants.h"
 #include "kovantis/emulator/KOEmulator.h"
 
-extern char** environ;
-
 namespace {
 
 using EventKey = std::pair<std::int64_t, std::int64_t>;  // run, seq
 
-struct Child {
-  pid_t pid = -1;
-  int output = -1;
-};
-
-Child spawnChild(const std::string& root, int port, int run, int pace, std::int64_t resetAfter) {
-  int fds[2];
-  if (::pipe(fds) != 0) return {};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addclose(&actions, fds[0]);
-  std::vector<std::string> args{KOV_KILL_CHILD,       root,
-                                std::to_string(port), std::to_string(run),
-                                std::to_string(pace), std::to_string(resetAfter)};
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  Child child;
-  const int rc = posix_spawn(&child.pid, args[0].c_str(), &actions, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(fds[1]);
-  if (rc != 0) {
-    ::close(fds[0]);
-    return {};
-  }
-  child.output = fds[0];
-  return child;
+KOChildProcess spawnChild(const std::string& root, int port, int run, int pace, std::int64_t resetAfter) {
+  return KOChildProcess::spawn({KOV_KILL_CHILD, root, std::to_string(port), std::to_string(run), std::to_string(pace),
+                                std::to_string(resetAfter)});
 }
 
 // What a killed child said: the events whose trackEvent returned, and the resets it began.
@@ -94,15 +67,10 @@ void readOutput(int fd, Transcript& transcript, std::chrono::steady_clock::time_
 // before the kill, and the service must never store one twice. A logout drops what it could not
 // send on purpose: events acknowledged before one are only checked for duplicates.
 void killAndRestart(int kills, unsigned seed) {
-  const std::string base = (std::filesystem::temp_directory_path() /
-                            ("kovantis-kill-" + std::to_string(::getpid()) + "-" + std::to_string(seed)))
-                               .string();
-  const std::string root = base + "/device";
-  std::filesystem::create_directories(root);
-  KOEmulator::Options options;
-  options.dataDir = base + "/emulator";
-  KOEmulator emulator(options);
-  const int port = emulator.start(0);
+  KOChildProcessRig rig("kovantis-kill-" + std::to_string(::getpid()) + "-" + std::to_string(seed));
+  KOEmulator& emulator = rig.emulator;
+  const std::string& root = rig.root;
+  const int port = rig.port;
 
   std::mt19937 random(seed);
   std::set<EventKey> acknowledged;
@@ -130,7 +98,7 @@ void killAndRestart(int kills, unsigned seed) {
     std::int64_t resetAfter = -1;
     // Logouts in the first half only: the second half is checked whole.
     if (run < kills / 2 && random() % 5 == 0) resetAfter = pace ? random() % 40 : random() % 4000;
-    Child child = spawnChild(root, port, run, pace, resetAfter);
+    KOChildProcess child = spawnChild(root, port, run, pace, resetAfter);
     ASSERT_GT(child.pid, 0);
     // Killed once it tracks, at a random moment: during the start, a cut, a write, a sync, a reset.
     Transcript transcript;
@@ -187,8 +155,6 @@ void killAndRestart(int kills, unsigned seed) {
   EXPECT_GT(checked, 0u);
   std::printf("kills %d, events acknowledged %zu (checked %zu), stored %zu, resends recognised %zu\n", kills,
               killedTracking, checked, stored.size(), emulator.duplicates().size());
-  emulator.stop();
-  std::filesystem::remove_all(base);
 }
 
 }  // namespace
@@ -196,17 +162,13 @@ void killAndRestart(int kills, unsigned seed) {
 // An app killed right after its first start set user attributes: the next start (which sets them
 // again, as apps do at every launch) delivers them, although the cache may already hold them.
 TEST(KillTest, AttributesSetBeforeAKillAtFirstStartReachTheService) {
-  const std::string base =
-      (std::filesystem::temp_directory_path() / ("kovantis-kill-attrs-" + std::to_string(::getpid()))).string();
-  const std::string root = base + "/device";
-  std::filesystem::create_directories(root);
-  KOEmulator::Options options;
-  options.dataDir = base + "/emulator";
-  KOEmulator emulator(options);
-  const int port = emulator.start(0);
+  KOChildProcessRig rig("kovantis-kill-attrs-" + std::to_string(::getpid()));
+  KOEmulator& emulator = rig.emulator;
+  const std::string& root = rig.root;
+  const int port = rig.port;
   // The service is slow: nothing the first start sends is answered before the kill.
   emulator.injectFault(KOEmulatorFault{"*", 0, 3000, false, -1, 1.0});
-  Child child = spawnChild(root, port, 0, 2, -1);
+  KOChildProcess child = spawnChild(root, port, 0, 2, -1);
   ASSERT_GT(child.pid, 0);
   Transcript transcript;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
@@ -241,8 +203,6 @@ TEST(KillTest, AttributesSetBeforeAKillAtFirstStartReachTheService) {
   }
   EXPECT_TRUE(delivered.count("USER_ATTRIBUTE_USER_EMAIL=first@kill.example"));
   EXPECT_TRUE(delivered.count("plan=gold"));
-  emulator.stop();
-  std::filesystem::remove_all(base);
 }
 
 TEST(KillTest, EveryTrackedEventSurvivesAKillAndIsStoredOnce) { killAndRestart(24, 20261123); }

@@ -306,14 +306,14 @@ void KOInAppV2Handler::showInAppForScreen(std::string screen) {
 
 // -------------------------------------------------------------------------------- smart triggers
 
-void KOInAppV2Handler::refreshTriggerEvents() {
+std::shared_ptr<const std::set<std::string>> KOInAppV2Handler::refreshTriggerEvents() {
   // The event list lives in the store's snapshot; the set is rebuilt only when that changes, so a
   // tracked event costs one lookup.
   auto snapshot = KOInAppV2Manager::sharedInstance().snapshot();
   std::lock_guard<std::mutex> lock(mutex_);
-  if (snapshot == triggerSource_ && triggerEvents_) return;
+  if (snapshot == triggerSource_ && triggerEvents_) return triggerEvents_;
   auto events = std::make_shared<std::set<std::string>>();
-  const KOValue list = snapshot->eventsArray();
+  const KOValue& list = snapshot->eventsArray();
   if (list.isArray()) {
     for (const KOValue& entry : list.arrayValue()) {
       if (entry.isString()) events->insert(entry.stringValue());
@@ -321,17 +321,13 @@ void KOInAppV2Handler::refreshTriggerEvents() {
   }
   triggerEvents_ = std::move(events);
   triggerSource_ = std::move(snapshot);
+  return triggerEvents_;
 }
 
 void KOInAppV2Handler::checkTriggerWithEventName(const std::string& name, const KOValue& payload) {
   try {
-    refreshTriggerEvents();
-    std::shared_ptr<const std::set<std::string>> events;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      events = triggerEvents_;
-    }
-    if (events && events->count(name)) smartTriggerInAppForEvent(name, payload);
+    const auto events = refreshTriggerEvents();
+    if (events->count(name)) smartTriggerInAppForEvent(name, payload);
   } catch (const std::exception& e) {
     KOLogger::logLocated(
         KO_HERE, this, KOLogSeverityException,

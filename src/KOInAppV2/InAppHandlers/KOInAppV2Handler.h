@@ -110,7 +110,8 @@ class KOInAppV2Handler {
   static std::shared_ptr<const KOInAppV2Object> storedCampaign(const std::string& campaignID);
   // The screen, blocked-screen and keyboard checks, in the order a showing applies them.
   KOInAppDecision screenDecision(const KOInAppV2CampaignPropertiesObject& campaign, const std::string& screen) const;
-  void refreshTriggerEvents();
+  /// The listed events, rebuilt from the store when its snapshot changed.
+  std::shared_ptr<const std::set<std::string>> refreshTriggerEvents();
   void present(const std::shared_ptr<const KOInAppV2Object>& inApp, const std::string& screen,
                std::map<std::int64_t, KOImageInfo> images = {});
 
