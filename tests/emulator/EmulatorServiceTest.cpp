@@ -244,3 +244,38 @@ TEST_F(EmulatorTest, SeedFileIsAppliedAtConstruction) {
   EXPECT_THROW(KOEmulator(emulatorOptions(dir / "data", (dir / "none").string())), std::runtime_error);
   std::filesystem::remove_all(dir);
 }
+
+TEST_F(EmulatorTest, CampaignEventsAreCountedPerCampaignFromTheReports) {
+  auto event = [](const std::string &name, const std::string &attributes) {
+    return R"({"EVENT_ACTION":")" + name + R"(","EVENT_ATTRS":)" + attributes + R"(,"EVENT_G_TIME":"1700000000"})";
+  };
+  const std::string views = event("NOTIFICATION_CLICKED_IOS_KOV", R"({"cid":"p1","coupon_code":"X"})") + "," +
+                            event("iOS_IN_APP_SHOWN", R"({"cid":"i1"})") + "," +
+                            event("NOTIFICATION_DISMISSED_IOS_KOV", R"({"cid":"p1"})") + "," +
+                            event("NOTIFICATION_RECEIVED_IOS_APP_ACTIVE", R"({"cid":"p1"})") + "," +
+                            event("iOS_IN_APP_CLICKED", R"({"cid":"i1","widget_id":"2"})") + "," +
+                            event("iOS_IN_APP_AUTO_DISMISS", R"({"cid":"i1"})") + "," +
+                            // Neither an unrelated event nor a campaign event without a usable cid counts.
+                            event("NOTIFICATION_CLICKED_IOS_KOV", R"({"cid":7})") + "," +
+                            event("NOTIFICATION_CLICKED_IOS_KOV", "[]") + "," + event("purchase", R"({"cid":"p1"})");
+  ASSERT_EQ(post(kReport, universal({{"batch_id", "1"}}), R"({"viewsInfo":[)" + views + R"(],"viewsCount":9})")->status,
+            200);
+  ASSERT_EQ(
+      post(kReport, universal({{"batch_id", "2"}}),
+           R"({"viewsInfo":[)" + event("NOTIFICATION_CLICKED_IOS_KOV", R"({"cid":"p1"})") + R"(],"viewsCount":1})")
+          ->status,
+      200);
+  const auto counted = emulator->campaignEvents();
+  ASSERT_EQ(counted.size(), 2u);
+  EXPECT_EQ(counted[0].campaignId, "p1");
+  EXPECT_EQ(
+      std::tuple(counted[0].pushClicked, counted[0].pushDismissed, counted[0].pushReceived, counted[0].inAppShown),
+      std::tuple(2, 1, 1, 0));
+  EXPECT_EQ(counted[1].campaignId, "i1");
+  EXPECT_EQ(
+      std::tuple(counted[1].inAppShown, counted[1].inAppClicked, counted[1].inAppAutoDismissed, counted[1].pushClicked),
+      std::tuple(1, 1, 1, 0));
+  const auto answer = json(emulator->inspectJSON("campaign_events"));
+  EXPECT_EQ(answer[0]["push_clicked"].GetInt(), 2);
+  EXPECT_EQ(answer[1]["inapp_auto_dismissed"].GetInt(), 1);
+}

@@ -346,6 +346,7 @@ std::vector<KOEmulatorDuplicate> KOEmulator::duplicates() const { return impl_->
 std::vector<KOEmulatorLog> KOEmulator::logs() const { return impl_->store.logs(); }
 std::vector<KOEmulatorCategories> KOEmulator::categories() const { return impl_->store.categories(); }
 std::vector<KOEmulatorGeofenceHit> KOEmulator::geofenceHits() const { return impl_->store.geofenceHits(); }
+std::vector<KOEmulatorCampaignEvents> KOEmulator::campaignEvents() const { return impl_->store.campaignEvents(); }
 
 std::vector<KOEmulatorRoute> KOEmulator::routes() { return KOEmulatorService::routes(); }
 

@@ -237,6 +237,21 @@ void KOEmulatorJSON::write(KOJSONWriter &w, const KOEmulatorGeofenceHit &h) {
   w.EndObject();
 }
 
+void KOEmulatorJSON::write(KOJSONWriter &w, const KOEmulatorCampaignEvents &c) {
+  w.StartObject();
+  w.Key("cid");
+  writeString(w, c.campaignId);
+  const std::pair<const char *, int64_t> counts[] = {
+      {"push_received", c.pushReceived},   {"push_clicked", c.pushClicked},
+      {"push_dismissed", c.pushDismissed}, {"inapp_shown", c.inAppShown},
+      {"inapp_clicked", c.inAppClicked},   {"inapp_auto_dismissed", c.inAppAutoDismissed}};
+  for (const auto &[key, count] : counts) {
+    w.Key(key);
+    w.Int64(count);
+  }
+  w.EndObject();
+}
+
 void KOEmulatorJSON::write(KOJSONWriter &w, const KOEmulatorFault &f) {
   w.StartObject();
   w.Key("path");

@@ -35,6 +35,7 @@ class KOEmulatorJSON {
   static void write(KOJSONWriter &w, const KOEmulatorLog &l);
   static void write(KOJSONWriter &w, const KOEmulatorCategories &c);
   static void write(KOJSONWriter &w, const KOEmulatorGeofenceHit &h);
+  static void write(KOJSONWriter &w, const KOEmulatorCampaignEvents &c);
   static void write(KOJSONWriter &w, const KOEmulatorFault &f);
   template <class Record>
   static std::string toJSON(const std::vector<Record> &records) {

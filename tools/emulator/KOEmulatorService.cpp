@@ -827,6 +827,7 @@ Reply duplicates(const Env &env, const Call &, const Query &) { return ok(J::toJ
 Reply logs(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.logs())); }
 Reply categories(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.categories())); }
 Reply geofenceHits(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.geofenceHits())); }
+Reply campaignEvents(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.campaignEvents())); }
 Reply seeds(const Env &env, const Call &, const Query &) { return ok(seedsOf(env.store)); }
 Reply faults(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.faults.list())); }
 
@@ -873,6 +874,7 @@ constexpr Route kRoutes[] = {
     {"GET", "/__emulator/logs", Kind::Inspection, logs},
     {"GET", "/__emulator/categories", Kind::Inspection, categories},
     {"GET", "/__emulator/geofence_hits", Kind::Inspection, geofenceHits},
+    {"GET", "/__emulator/campaign_events", Kind::Inspection, campaignEvents},
     {"GET", "/__emulator/seed", Kind::Inspection, seeds},
     {"GET", "/__emulator/fault", Kind::Inspection, faults},
 };

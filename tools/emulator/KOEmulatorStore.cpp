@@ -486,3 +486,32 @@ std::vector<KOEmulatorGeofenceHit> KOEmulatorStore::geofenceHits() const {
   }
   return out;
 }
+
+std::vector<KOEmulatorCampaignEvents> KOEmulatorStore::campaignEvents() const {
+  // Counted from the stored reports on each call: the views are small and always agree with events().
+  static const std::map<std::string, int64_t KOEmulatorCampaignEvents::*> counters = {
+      {"NOTIFICATION_RECEIVED_IOS_APP_ACTIVE", &KOEmulatorCampaignEvents::pushReceived},
+      {"NOTIFICATION_CLICKED_IOS_KOV", &KOEmulatorCampaignEvents::pushClicked},
+      {"NOTIFICATION_DISMISSED_IOS_KOV", &KOEmulatorCampaignEvents::pushDismissed},
+      {"iOS_IN_APP_SHOWN", &KOEmulatorCampaignEvents::inAppShown},
+      {"iOS_IN_APP_CLICKED", &KOEmulatorCampaignEvents::inAppClicked},
+      {"iOS_IN_APP_AUTO_DISMISS", &KOEmulatorCampaignEvents::inAppAutoDismissed}};
+  std::vector<KOEmulatorCampaignEvents> out;
+  std::map<std::string, size_t> indexOf;
+  for (const KOEmulatorEvent &event : events()) {
+    const auto counter = counters.find(event.name);
+    if (counter == counters.end()) continue;
+    rapidjson::Document record;
+    std::string error;
+    if (!KOEmulatorJSON::parse(event.json, record, error) || !record.IsObject()) continue;
+    const auto attributes = record.FindMember("EVENT_ATTRS");
+    if (attributes == record.MemberEnd() || !attributes->value.IsObject()) continue;
+    const auto cid = attributes->value.FindMember("cid");
+    if (cid == attributes->value.MemberEnd() || !cid->value.IsString()) continue;
+    const std::string campaignId = cid->value.GetString();
+    auto [at, added] = indexOf.try_emplace(campaignId, out.size());
+    if (added) out.push_back(KOEmulatorCampaignEvents{.campaignId = campaignId});
+    ++(out[at->second].*(counter->second));
+  }
+  return out;
+}

@@ -49,6 +49,7 @@ class KOEmulatorStore {
   std::vector<KOEmulatorLog> logs() const;
   std::vector<KOEmulatorCategories> categories() const;
   std::vector<KOEmulatorGeofenceHit> geofenceHits() const;
+  std::vector<KOEmulatorCampaignEvents> campaignEvents() const;
 
   static double now();  // seconds since 1970
   // An exact path, or every path under a prefix that ends in "/"; empty matches everything.

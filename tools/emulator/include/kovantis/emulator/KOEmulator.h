@@ -80,6 +80,8 @@ class KOEmulator {
   std::vector<KOEmulatorCategories> categories() const;
   // Geofence crossings the devices reported, oldest first.
   std::vector<KOEmulatorGeofenceHit> geofenceHits() const;
+  // Push and in-app events per campaign id, in the order each campaign was first reported.
+  std::vector<KOEmulatorCampaignEvents> campaignEvents() const;
 
   // The JSON answer of GET /__emulator/<what>, e.g. inspectJSON("events"), or
   // inspectJSON("requests", "/v2/report/add"). Throws std::invalid_argument for an unknown name.

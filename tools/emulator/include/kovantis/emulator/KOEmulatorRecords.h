@@ -68,6 +68,18 @@ struct KOEmulatorGeofenceHit {
   double received = 0;
 };
 
+// What the devices reported about one campaign, counted from the events they sent: the push
+// events carry the push's "kovantis" block and the in-app events the campaign's "cid".
+struct KOEmulatorCampaignEvents {
+  std::string campaignId;
+  int64_t pushReceived = 0;        // "NOTIFICATION_RECEIVED_IOS_APP_ACTIVE"
+  int64_t pushClicked = 0;         // "NOTIFICATION_CLICKED_IOS_KOV"
+  int64_t pushDismissed = 0;       // "NOTIFICATION_DISMISSED_IOS_KOV"
+  int64_t inAppShown = 0;          // "iOS_IN_APP_SHOWN"
+  int64_t inAppClicked = 0;        // "iOS_IN_APP_CLICKED"
+  int64_t inAppAutoDismissed = 0;  // "iOS_IN_APP_AUTO_DISMISS"
+};
+
 struct KOEmulatorFault {
   std::string path;     // exact path, a prefix ending in "/", or "*" for every service path
   int status = 0;       // answer with this status; 0 answers normally (after any delay)
