@@ -43,6 +43,24 @@ void BM_TrackEvent(benchmark::State& state) {
 }
 BENCHMARK(BM_TrackEvent)->Iterations(100000);
 
+// The same with the attributes built in the call, as a host app builds them for each event.
+[[gnu::noinline]] void trackWithBuiltPayload(KOEventsHandler& events, const KOValue& name) {
+  events.trackEvent(
+      name,
+      KOValue(KODictionary{
+          {"sku", "SKU-12345"}, {"category", "shoes"}, {"brand", "kovantis"}, {"quantity", 2}, {"price", 49.99}}));
+}
+
+void BM_TrackEventBuiltPayload(benchmark::State& state) {
+  KOBenchRig::shared();
+  KOEventsHandler& events = KOEventsHandler::sharedInstance();
+  events.setEventsBatchCountTreshold(UINT64_MAX);
+  const KOValue name("PRODUCT_VIEWED");
+  for (auto _ : state) trackWithBuiltPayload(events, name);
+  events.getBatchesWithViewsArray(false);
+}
+BENCHMARK(BM_TrackEventBuiltPayload)->Iterations(100000);
+
 // The same with an observer installed on the per-event hook (the in-app trigger check's place),
 // one that only counts: the hook's own cost.
 void BM_TrackEventObserved(benchmark::State& state) {

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "KOUtilities/KOJSONSerialization.h"
+#include "KOUtilities/KOJSONWriter.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOSDKNotifications.h"
 #include "KOUtilities/KOStringFormat.h"
@@ -216,27 +217,37 @@ void KOEventsHandler::forgetBatchLocked(const std::string& id) {
 
 std::string KOEventsHandler::recordJSON(const std::string& name, const KOValue* attributes,
                                         const KODictionary* custom) {
-  // Written field by field, in the record's key order, without building the record itself.
-  std::string json;
-  json.reserve(256);
-  json += "{\"EVENT_ACTION\":";
-  KOJSONSerialization::writeTo(KOValue(name), json);
-  if (attributes) {
-    json += ",\"EVENT_ATTRS\":";
-    KOJSONSerialization::writeTo(*attributes, json);
+  // Written in one pass, in the record's key order, into a buffer the thread keeps; the record
+  // itself is then one allocation of its exact size (records wait in memory until their cut).
+  thread_local std::string scratch;
+  if (scratch.capacity() > 64 * 1024) std::string().swap(scratch);  // one huge event is not kept for good
+  scratch.clear();
+  bool nul = false;
+  {
+    KOJSONWriter json(scratch);
+    json.raw("{\"EVENT_ACTION\":");
+    if (!json.string(name)) throw KOTypeError("string is not valid UTF-8");
+    if (attributes) {
+      json.raw(",\"EVENT_ATTRS\":");
+      json.value(*attributes, 0);
+    }
+    if (custom) {
+      json.raw(",\"EVENT_ATTRS_CUST\":");
+      json.dictionary(*custom, 0);
+    }
+    nul = json.wroteNul();
+    // Both times from one clock read; digits and colons, nothing to escape.
+    const double now = KovantisDateUtils::now();
+    json.raw(",\"EVENT_G_TIME\":\"");
+    json.raw(KovantisUtils::gmtTimeText(now));
+    json.raw("\",\"EVENT_L_TIME\":\"");
+    json.raw(KovantisUtils::localTimeText(now));
+    json.raw("\"}");
   }
-  if (custom) {
-    json += ",\"EVENT_ATTRS_CUST\":";
-    KOJSONSerialization::writeTo(KOValue(*custom), json);
-  }
-  // Both times are digits and colons: nothing to escape.
-  json += ",\"EVENT_G_TIME\":\"";
-  json += KovantisUtils::getGMTtime();
-  json += "\",\"EVENT_L_TIME\":\"";
-  json += KovantisUtils::getLocalTime();
-  json += "\"}";
-  json.shrink_to_fit();  // records wait in memory until their cut: hold no slack
-  return json;
+  // A NUL character is the one the batch file cannot hold: stored, the record would keep its whole
+  // batch out of the file. Refused here, alone.
+  if (nul) throw KOTypeError("a key or value holds a NUL character, which cannot be stored");
+  return std::string(scratch);
 }
 
 bool KOEventsHandler::acceptsName(const KOSourceLocation& where, const KOValue& name) const {
@@ -324,23 +335,7 @@ void KOEventsHandler::offerToObserver(const std::string& name, const KOValue& at
   }
 }
 
-namespace {
-
-// A NUL byte (written "\u0000" in JSON) is the one character the batch file cannot hold.
-bool holdsNulCharacter(std::string_view json) {
-  for (std::size_t at = json.find("\\u0000"); at != std::string_view::npos; at = json.find("\\u0000", at + 1)) {
-    std::size_t backslashes = 0;
-    while (at > backslashes && json[at - backslashes - 1] == '\\') ++backslashes;
-    if (backslashes % 2 == 0) return true;  // not itself an escaped backslash followed by "u0000"
-  }
-  return false;
-}
-
-}  // namespace
-
 void KOEventsHandler::append(std::string record) {
-  // Refused here, alone: stored, it would keep its whole batch out of the batch file.
-  if (holdsNulCharacter(record)) throw KOTypeError("a key or value holds a NUL character, which cannot be stored");
   bool cut = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);

@@ -3,10 +3,9 @@
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
 #include <rapidjson/stream.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -14,6 +13,7 @@
 #include <limits>
 #include <vector>
 
+#include "KOJSONWriter.h"
 #include "KOUTF8.h"
 
 namespace {
@@ -187,79 +187,6 @@ bool readInto(std::string_view text, Sink& sink) {
   return true;
 }
 
-// Writes straight into the caller's string: no intermediate buffer to allocate and copy. The
-// string grows in steps and is cut to length at the end, so writing a character is a store, not a
-// call into the string's own growth path.
-class StringOutput {
- public:
-  using Ch = char;
-  explicit StringOutput(std::string& out) : out_(out), length_(out.size()) {}
-  void Put(char c) {
-    if (length_ == out_.size()) out_.resize(std::max<std::size_t>(64, out_.size() * 2));
-    out_[length_++] = c;
-  }
-  void Flush() { out_.resize(length_); }
-
- private:
-  std::string& out_;
-  std::size_t length_;
-};
-
-using Writer = rapidjson::Writer<StringOutput, rapidjson::UTF8<>, rapidjson::UTF8<>, rapidjson::CrtAllocator,
-                                 rapidjson::kWriteValidateEncodingFlag>;
-
-void writeValue(Writer& w, const KOValue& v, int depth) {
-  using Kind = KOValue::Kind;
-  if ((v.isArray() || v.isDictionary()) && depth >= KOValue::kMaxNestingDepth) {
-    throw KOTypeError("JSON nesting too deep");
-  }
-  bool ok = true;
-  switch (v.kind()) {
-    case Kind::Nil:
-    case Kind::Null:
-      ok = w.Null();
-      break;
-    case Kind::Bool:
-      ok = w.Bool(v.boolValue());
-      break;
-    case Kind::Integer:
-      ok = w.Int64(v.intValue());
-      break;
-    case Kind::Real: {
-      const double d = v.doubleValue();
-      if (!std::isfinite(d)) throw KOTypeError("invalid number in JSON write (NaN or infinity)");
-      ok = w.Double(d);
-      break;
-    }
-    case Kind::String: {
-      const std::string& s = v.stringValue();
-      ok = w.String(s.data(), static_cast<rapidjson::SizeType>(s.size()));
-      if (!ok) throw KOTypeError("string is not valid UTF-8");
-      break;
-    }
-    case Kind::Date:
-    case Kind::Data:
-    case Kind::URL:
-      throw KOTypeError(std::string("invalid type in JSON write (") + KOValue::kindName(v.kind()) + ")");
-    case Kind::Array:
-      w.StartArray();
-      for (const auto& item : v.arrayValue()) writeValue(w, item, depth + 1);
-      ok = w.EndArray();
-      break;
-    case Kind::Dictionary:
-      w.StartObject();
-      for (const auto& [key, item] : v.dictionaryValue()) {
-        if (!w.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()))) {
-          throw KOTypeError("dictionary key is not valid UTF-8");
-        }
-        writeValue(w, item, depth + 1);
-      }
-      ok = w.EndObject();
-      break;
-  }
-  if (!ok) throw KOTypeError("JSON write failed");
-}
-
 }  // namespace
 
 KOValue KOJSONSerialization::parse(std::string_view text) {
@@ -273,12 +200,10 @@ bool KOJSONSerialization::read(std::string_view text, KOJSONVisitor& visitor) { 
 void KOJSONSerialization::writeTo(const KOValue& value, std::string& out) {
   const std::size_t before = out.size();
   try {
-    StringOutput output(out);
-    Writer writer(output);
-    writeValue(writer, value, 0);
-    output.Flush();
+    KOJSONWriter writer(out);
+    writer.value(value, 0);
   } catch (...) {
-    out.resize(before);  // nothing half-written is left behind
+    out.resize(before);  // nothing half-written is left behind (the writer cut its output first)
     throw;
   }
 }

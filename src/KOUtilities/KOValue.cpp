@@ -158,9 +158,30 @@ void copyPending(std::vector<CopyStep>& pending) {
 // ------------------------------------------------------------------------------------- KODictionary
 
 KODictionary::KODictionary() = default;
-KODictionary::KODictionary(std::initializer_list<Entry> entries) {
-  entries_.reserve(entries.size());
-  for (const auto& e : entries) set(e.first, e.second);
+KODictionary::KODictionary(std::initializer_list<Entry> entries) : entries_(entries) {
+  // A literal list rarely repeats a key: copied whole, then checked once, pairwise while small and
+  // through the index when large. A repeated key takes the path of set(): first place, last value.
+  bool repeated = false;
+  if (entries_.size() < kIndexThreshold) {
+    for (std::size_t i = 1; i < entries_.size() && !repeated; ++i) {
+      for (std::size_t j = 0; j < i; ++j) {
+        if (entries_[i].first == entries_[j].first) {
+          repeated = true;
+          break;
+        }
+      }
+    }
+  } else {
+    rebuildIndex();
+    std::size_t distinct = 0;
+    for (const std::uint32_t ref : index_) distinct += ref != 0;
+    repeated = distinct != entries_.size();
+  }
+  if (!repeated) return;
+  Storage all = std::move(entries_);
+  entries_.clear();
+  index_.clear();
+  for (auto& e : all) set(std::move(e.first), std::move(e.second));
 }
 KODictionary::KODictionary(const KODictionary& other) : index_(other.index_) {
   std::vector<CopyStep> pending;
@@ -197,7 +218,11 @@ std::size_t KODictionary::indexOf(std::string_view key) const noexcept {
 void KODictionary::indexInsert(std::size_t position) {
   const std::size_t mask = index_.size() - 1;
   std::size_t slot = hashKey(entries_[position].first) & mask;
-  while (index_[slot] != 0) slot = (slot + 1) & mask;
+  while (index_[slot] != 0) {
+    // A repeated key (only a literal list being checked has one) is not indexed twice.
+    if (entries_[index_[slot] - 1].first == entries_[position].first) return;
+    slot = (slot + 1) & mask;
+  }
   index_[slot] = static_cast<std::uint32_t>(position + 1);
 }
 

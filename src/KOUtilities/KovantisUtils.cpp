@@ -132,32 +132,42 @@ bool KovantisUtils::isUserRegisteredForV2() { return !fetch(KO_REGISTER_V2).isNi
 
 // Both time strings are on every event record: made with to_chars, and the local one reused
 // within the same second.
-std::string KovantisUtils::getGMTtime() {
-  char buf[24];
-  const auto result =
-      std::to_chars(buf, buf + sizeof buf, static_cast<long long>(std::floor(KovantisDateUtils::now())));
-  return std::string(buf, result.ptr);
+std::string KovantisUtils::getGMTtime() { return std::string(gmtTimeText(KovantisDateUtils::now())); }
+
+std::string KovantisUtils::getLocalTime() { return std::string(localTimeText(KovantisDateUtils::now())); }
+
+std::string_view KovantisUtils::gmtTimeText(double now) {
+  const auto second = static_cast<long long>(std::floor(now));
+  thread_local long long cachedSecond = LLONG_MIN;
+  thread_local char cached[24];
+  thread_local std::size_t cachedLength = 0;
+  if (second != cachedSecond) {
+    cachedLength = static_cast<std::size_t>(std::to_chars(cached, cached + sizeof cached, second).ptr - cached);
+    cachedSecond = second;
+  }
+  return {cached, cachedLength};
 }
 
-std::string KovantisUtils::getLocalTime() {
-  const double now = KovantisDateUtils::now();
+std::string_view KovantisUtils::localTimeText(double now) {
   const auto local = static_cast<std::int64_t>(std::floor(now)) + platform().locale->secondsFromGMT(now);
+  // Events come many to a second: the text is made once per second and thread.
   thread_local std::int64_t cachedSecond = INT64_MIN;
-  thread_local std::string cached;
-  if (local == cachedSecond) return cached;
-  const auto seconds = static_cast<std::time_t>(local);
-  std::tm tm{};
-  gmtime_r(&seconds, &tm);
-  char buf[64];
-  char* p = buf;
-  const int parts[] = {tm.tm_mday, tm.tm_mon + 1, tm.tm_year + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec};
-  for (std::size_t i = 0; i < 6; ++i) {
-    if (i) *p++ = ':';
-    p = std::to_chars(p, buf + sizeof buf, parts[i]).ptr;
+  thread_local char cached[64];
+  thread_local std::size_t cachedLength = 0;
+  if (local != cachedSecond) {
+    const auto seconds = static_cast<std::time_t>(local);
+    std::tm tm{};
+    gmtime_r(&seconds, &tm);
+    char* p = cached;
+    const int parts[] = {tm.tm_mday, tm.tm_mon + 1, tm.tm_year + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec};
+    for (std::size_t i = 0; i < 6; ++i) {
+      if (i) *p++ = ':';
+      p = std::to_chars(p, cached + sizeof cached, parts[i]).ptr;
+    }
+    cachedLength = static_cast<std::size_t>(p - cached);
+    cachedSecond = local;
   }
-  cached.assign(buf, p);
-  cachedSecond = local;
-  return cached;
+  return {cached, cachedLength};
 }
 
 // ------------------------------------------------------------------------------------ payloads

@@ -59,6 +59,10 @@ class KovantisUtils {
   static std::string getGMTtime();
   /// Local "day:month:year:hour:minute:second" without zero padding.
   static std::string getLocalTime();
+  /// Both of them for one moment (an event record's times come from one clock read). The text
+  /// stays valid on this thread until the next call.
+  static std::string_view gmtTimeText(double now);
+  static std::string_view localTimeText(double now);
 
   // Payloads.
   /// 64 lower-case hex digits of the first 32 bytes (fewer when the data is shorter); nil for no data.

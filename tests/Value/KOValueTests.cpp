@@ -207,3 +207,27 @@ TEST(KOValue, DeepNestingIsCopiedAndDestroyedWithoutRecursion) {
   EXPECT_EQ(bigCopy["k42"].arrayValue()[1]["n"], KOValue(42));
   EXPECT_TRUE(bigCopy.contains("k99"));  // the key index came along
 }
+
+// A literal list is copied whole and checked once: a repeated key must still behave as set()
+// does (first place, last value), small or past the index threshold.
+TEST(KODictionary, LiteralListsWithRepeatedKeysKeepFirstPlaceLastValue) {
+  const KODictionary small{{"a", 1}, {"b", 2}, {"a", 3}};
+  EXPECT_EQ(small.keys(), (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(small["a"], KOValue(3));
+  auto big = [](bool repeat) {
+    return KODictionary{{"k0", 0},   {"k1", 1},   {"k2", 2},   {"k3", 3},   {"k4", 4},
+                        {"k5", 5},   {"k6", 6},   {"k7", 7},   {"k8", 8},   {"k9", 9},
+                        {"k10", 10}, {"k11", 11}, {"k12", 12}, {"k13", 13}, {"k14", 14},
+                        {"k15", 15}, {"k16", 16}, {"k17", 17}, {"k18", 18}, {"k19", 19},
+                        {"k20", 20}, {"k21", 21}, {"k22", 22}, {"k23", 23}, {repeat ? "k5" : "k24", 99}};
+  };
+  const KODictionary repeated = big(true);
+  EXPECT_EQ(repeated.size(), 24u);
+  EXPECT_EQ(repeated.keys()[5], "k5");
+  EXPECT_EQ(repeated["k5"], KOValue(99));
+  EXPECT_EQ(repeated["k23"], KOValue(23));
+  const KODictionary distinct = big(false);
+  EXPECT_EQ(distinct.size(), 25u);
+  for (int i = 0; i < 24; ++i) EXPECT_EQ(distinct["k" + std::to_string(i)], KOValue(i)) << i;
+  EXPECT_EQ(distinct["k24"], KOValue(99));
+}

@@ -2,7 +2,9 @@
 // it is fixed, the device's delayed calls run in its time: moving it fires what became due.
 #pragma once
 
+#include <atomic>
 #include <functional>
+#include <limits>
 #include <mutex>
 #include <optional>
 
@@ -29,4 +31,7 @@ class KOSimClock : public KOClock {
   std::optional<double> fixed_;
   double offset_ = 0;
   std::function<void()> observer_;
+  // What now() reads: the fixed moment (NaN while running) and the offset, published by each change.
+  std::atomic<double> fixedNow_{std::numeric_limits<double>::quiet_NaN()};
+  std::atomic<double> offsetNow_{0};
 };
