@@ -230,6 +230,22 @@ class KOFileSystem {
   /// Creates or truncates the file, writes every byte and flushes it to the device.
   virtual bool writeFile(const std::string& path, std::string_view bytes, KOFileError* error = nullptr,
                          unsigned mode = 0644) = 0;
+  /// Writes a file too large to be held whole in memory: `produce` is called once and hands its
+  /// pieces, in order, to the writer it is given (which returns false once a write failed); then the
+  /// file is flushed like writeFile's. Optional: the default gathers the pieces and calls writeFile.
+  using KOPieceWriter = std::function<bool(std::string_view piece)>;
+  virtual bool writeFileInPieces(const std::string& path, const std::function<bool(const KOPieceWriter&)>& produce,
+                                 KOFileError* error = nullptr, unsigned mode = 0644) {
+    std::string whole;
+    if (!produce([&](std::string_view piece) {
+          whole += piece;
+          return true;
+        })) {
+      if (error) *error = KOFileError{125 /* ECANCELED */, "the writer stopped"};
+      return false;
+    }
+    return writeFile(path, whole, error, mode);
+  }
   /// Replaces `to` with `from` in one step.
   virtual bool renameFile(const std::string& from, const std::string& to, KOFileError* error = nullptr) = 0;
   /// Removes a file or a whole directory tree; a missing path counts as removed.

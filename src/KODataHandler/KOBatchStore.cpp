@@ -31,10 +31,8 @@ KOArray KOBatchStore::Batch::records() const {
   return std::move(body.dictionaryValue().find("viewsInfo")->arrayValue());
 }
 
-const std::string& KOBatchStore::Batch::fragment() const {
-  std::call_once(fragmentOnce_,
-                 [this] { fragment_ = KOPropertyListSerialization::xmlFragmentFromJSON(recordsText(body_)); });
-  return fragment_;
+std::string KOBatchStore::Batch::fragment() const {
+  return KOPropertyListSerialization::xmlFragmentFromJSON(recordsText(body_));
 }
 
 KOBatchStore::KOBatchStore(std::string path) : path_(std::move(path)) {}
@@ -224,14 +222,19 @@ KODictionary KOBatchStore::dictionary() const {
   return out;
 }
 
-std::string KOBatchStore::fileText(const Snapshot& snapshot) {
-  std::size_t bytes = 256;
-  std::vector<std::pair<const std::string*, const std::string*>> parts;
-  parts.reserve(snapshot.size());
+bool KOBatchStore::writeFileText(const Snapshot& snapshot, std::size_t chunkBytes,
+                                 const std::function<bool(std::string_view)>& sink) {
+  std::string chunk;
+  chunk.reserve(chunkBytes + 4096);
+  chunk += KOPropertyListSerialization::kXMLPrologue;
+  chunk += "<dict>\n";
   for (const auto& [id, batch] : snapshot) {
     try {
-      parts.emplace_back(&id, &batch->fragment());
-      bytes += parts.back().second->size() + id.size() + 12;
+      std::string fragment = batch->fragment();
+      chunk += "<key>";
+      chunk += id;  // digits only: nothing to escape
+      chunk += "</key>";
+      chunk += fragment;
     } catch (const std::exception& e) {
       // One batch the property-list writer refuses (a string holding a NUL byte, say) must not
       // keep every other batch off the disk; it is still sent from memory.
@@ -239,18 +242,21 @@ std::string KOBatchStore::fileText(const Snapshot& snapshot) {
           KO_HERE, nullptr, KOLogSeverityException,
           KOStringFormat::format("Kovantis - Batch %@ cannot be stored: %@", {KOValue(id), KOValue(e.what())}));
     }
+    if (chunk.size() >= chunkBytes) {
+      if (!sink(chunk)) return false;
+      chunk.clear();
+    }
   }
+  chunk += "</dict>\n</plist>\n";
+  return sink(chunk);
+}
+
+std::string KOBatchStore::fileText(const Snapshot& snapshot) {
   std::string text;
-  text.reserve(bytes);
-  text += KOPropertyListSerialization::kXMLPrologue;
-  text += "<dict>\n";
-  for (const auto& [id, fragment] : parts) {
-    text += "<key>";
-    text += *id;  // digits only: nothing to escape
-    text += "</key>";
-    text += *fragment;
-  }
-  text += "</dict>\n</plist>\n";
+  writeFileText(snapshot, SIZE_MAX / 2, [&](std::string_view piece) {
+    text += piece;
+    return true;
+  });
   return text;
 }
 
@@ -265,5 +271,8 @@ bool KOBatchStore::write(KOFileSystem& fs, const std::string& path, const Snapsh
     if (!fs.fileExists(path)) return true;
     return fs.removeItem(path);
   }
-  return KOAtomicFile::write(fs, path, fileText(snapshot));
+  // Written a piece at a time: a file of a million held events is never whole in memory.
+  return KOAtomicFile::writeInPieces(fs, path, [&](const std::function<bool(std::string_view)>& write) {
+    return writeFileText(snapshot, 256 * 1024, write);
+  });
 }

@@ -1,10 +1,11 @@
-// The batches waiting for the service. Each batch is immutable once cut and kept ready to use: the
-// report body a request carries, and (made on first need, by the file writer) the XML fragment the
-// batch file holds. Writing the file joins fragments instead of serialising every stored event
-// again, and a snapshot of the store is a list of shared pointers, cheap to take under a lock.
+// The batches waiting for the service. Each batch is immutable once cut and kept in one form only,
+// the report body a request carries; the XML the batch file holds is made from it while the file is
+// written, a batch at a time, and dropped (a held event costs its JSON text and no more). A
+// snapshot of the store is a list of shared pointers, cheap to take under a lock.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -27,14 +28,12 @@ class KOBatchStore {
     std::size_t count() const { return count_; }
     /// The records, read back from the body.
     KOArray records() const;
-    /// The records as a property-list fragment; made once, on first use, from any thread.
-    const std::string& fragment() const;
+    /// The records as a property-list fragment, made on each call.
+    std::string fragment() const;
 
    private:
     std::string body_;
     std::size_t count_;
-    mutable std::once_flag fragmentOnce_;
-    mutable std::string fragment_;
   };
   using Snapshot = std::vector<std::pair<std::string, std::shared_ptr<const Batch>>>;
 
@@ -81,6 +80,10 @@ class KOBatchStore {
 
   /// The whole file's XML text for a snapshot.
   static std::string fileText(const Snapshot& snapshot);
+  /// The same, handed out in pieces of about `chunkBytes` (the file is written without ever being
+  /// whole in memory); `sink` returns false to stop. Returns whether every piece was taken.
+  static bool writeFileText(const Snapshot& snapshot, std::size_t chunkBytes,
+                            const std::function<bool(std::string_view)>& sink);
   /// The records of a report body, as JSON text, without reading them.
   static std::string_view recordsText(const std::string& reportBody);
   /// Writes a snapshot atomically, or deletes the file when the snapshot is empty.

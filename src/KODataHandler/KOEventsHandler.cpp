@@ -344,7 +344,7 @@ void KOEventsHandler::append(std::string record) {
     journalLocked(KOEventJournal::Kind::Record, views_.back());
     if (views_.size() >= threshold_) cut = cutLocked();
   }
-  if (cut) syncTrackedEventsInBackground(false, false, false);
+  if (cut) syncAfterCut();
 }
 
 void KOEventsHandler::checkEventCountForCurrentBatchGreaterThanThreshhold() {
@@ -353,7 +353,7 @@ void KOEventsHandler::checkEventCountForCurrentBatchGreaterThanThreshhold() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (views_.size() >= threshold_) cut = cutLocked();
   }
-  if (cut) syncTrackedEventsInBackground(false, false, false);
+  if (cut) syncAfterCut();
 }
 
 bool KOEventsHandler::cutLocked() {
@@ -366,10 +366,20 @@ bool KOEventsHandler::cutLocked() {
   return true;
 }
 
+bool KOEventsHandler::journalCarriesFileLocked() const {
+  // Every change since the file's last write is in the journal too, so the file needs rewriting
+  // only once the journal grew about as large as the file: each rewrite is then paid for by as
+  // many bytes tracked since, and a cut costs the same however much is stored. A file that would
+  // go (nothing stored) costs nothing to bring up to date; without a journal the file is all.
+  if (!journal_.isOpen() || journalFailed_ || store_.empty() || store_.mergedAside()) return false;
+  return journal_.used() < std::max(kJournalCompactBytes, fileBodyBytes_);
+}
+
 void KOEventsHandler::persistLocked() {
   fileDirty_ = true;
   // After a failed write the retry comes at its pace, however many cuts happen meanwhile.
   if (writerQueued_ || retryPending_) return;
+  if (journalCarriesFileLocked()) return;
   writerQueued_ = true;
   platform().dispatch->asyncBackground([this] { writeBatchFile(); });
 }
@@ -434,7 +444,11 @@ bool KOEventsHandler::writeSnapshotNow() {
   }
   retryDelay_ = 0;
   fileIds_.clear();
-  for (const auto& entry : snapshot) fileIds_.insert(entry.first);
+  fileBodyBytes_ = 0;
+  for (const auto& entry : snapshot) {
+    fileIds_.insert(entry.first);
+    fileBodyBytes_ += entry.second->reportBody().size();
+  }
   store_.removeMergedAside(*platform().fileSystem);
   // The file caught up: the journal starts over with what is still missing from it, once that is
   // much less than what it holds.
@@ -483,9 +497,24 @@ void KOEventsHandler::syncTrackedEventsInBackground(bool inBackground, bool andR
   platform().dispatch->asyncBackground([this, request] { runSync(request); });
 }
 
+void KOEventsHandler::syncAfterCut() {
+  platform().dispatch->asyncBackground([this] { runSync(SyncRequest{false, false, false, true}); });
+}
+
+void KOEventsHandler::noteRoundOutcomeLocked(std::size_t sent, std::size_t failed) {
+  if (sent == 0) return;
+  if (failed < sent) {
+    backoffSeconds_ = 0;
+    return;
+  }
+  backoffSeconds_ = backoffSeconds_ == 0 ? kFirstBackoffSeconds : std::min(backoffSeconds_ * 2, kLongestBackoffSeconds);
+  backoffUntil_ = KovantisDateUtils::now() + backoffSeconds_;
+}
+
 void KOEventsHandler::runSync(SyncRequest request) {
   struct Round {
     std::uint64_t number = 0;
+    bool probe = false;  // the oldest batch alone, after a wait
     std::vector<std::string> ids;
     std::atomic<std::size_t> completed{0};
     std::mutex mutex;
@@ -505,16 +534,44 @@ void KOEventsHandler::runSync(SyncRequest request) {
         } else if (followUp_) {
           followUp_->inBackground |= request.inBackground;
           followUp_->onlyForEventsPlist &= request.onlyForEventsPlist;
+          followUp_->byThreshold &= request.byThreshold;
         } else {
           followUp_ = request;
         }
         return;
+      }
+      // A phone's battery and data are not spent on a service that refuses everything: after a
+      // round whose every report failed, the rounds cuts start wait (the cut itself is made and
+      // kept), and the first one after the wait sends the oldest batch alone; the rest follow at
+      // once when it is accepted. The host's own syncs, the session end's and a reset go at once,
+      // and nothing stored is ever dropped for it.
+      bool probe = false;
+      if (request.byThreshold && backoffSeconds_ > 0) {
+        const double wait = backoffUntil_ - KovantisDateUtils::now();
+        if (wait > 0) {
+          if (!backoffRetryQueued_) {
+            backoffRetryQueued_ = true;
+            platform().dispatch->afterBackground(wait, [this] {
+              {
+                std::lock_guard<std::mutex> retry(mutex_);
+                backoffRetryQueued_ = false;
+              }
+              runSync(SyncRequest{false, false, true, true});
+            });
+          }
+          return;
+        }
+        probe = true;
       }
       syncInProgress_ = true;
       round->number = ++roundsStarted_;
       ensureLoadedLocked();
       if (!request.onlyForEventsPlist) cutLocked();
       batches = store_.snapshot();
+      if (probe && batches.size() > 1) {
+        batches.resize(1);
+        round->probe = true;
+      }
       round->ids.reserve(batches.size());
       for (const auto& entry : batches) round->ids.push_back(entry.first);
       if (round->ids.empty()) releaseSyncLocked(request.reset);
@@ -555,28 +612,38 @@ void KOEventsHandler::runSync(SyncRequest request) {
           failed = round->failed;
         }
         const bool roundFailed = !failed.empty();
+        {
+          std::lock_guard<std::mutex> lock(mutex_);
+          noteRoundOutcomeLocked(round->ids.size(), failed.size());
+          if (round->probe && !roundFailed) {
+            // The service is back: what the probe left behind goes now.
+            if (followUp_) {
+              followUp_->byThreshold = false;
+            } else {
+              followUp_ = SyncRequest{request.inBackground, false, true, false};
+            }
+          }
+        }
         syncAttemptCompletedInBackground(request.inBackground, request.reset, std::move(failed));
         completeFlushes(round->number, roundFailed);
       }
     };
-    KOServerInterface& server = KOServerInterface::sharedInstance();
-    std::size_t started = 0;
-    try {
-      for (; started < round->ids.size(); ++started) {
-        const std::string& id = round->ids[started];
-        if (KOLogger::loggingEnabled()) {
-          logInfo(KOStringFormat::format(
-              "Kovantis - syncing events from storage for Batch %@ and Events :\n %@",
-              {KOValue(id), KOValue(KOBatchStore::recordsText(batches[started].second->reportBody()))}));
-        }
-        server.sendData(KOJSONText{batches[started].second->reportBody()}, KOValue(id),
-                        [finish, id](bool success) { finish(id, success); });
+    std::vector<KOServerInterface::Report> reports;
+    reports.reserve(batches.size());
+    for (const auto& [id, batch] : batches) {
+      if (KOLogger::loggingEnabled()) {
+        logInfo(KOStringFormat::format("Kovantis - syncing events from storage for Batch %@ and Events :\n %@",
+                                       {KOValue(id), KOValue(KOBatchStore::recordsText(batch->reportBody()))}));
       }
+      // The body stays where the store keeps it, alive for as long as its request needs it.
+      reports.push_back({id, std::shared_ptr<const std::string>(batch, &batch->reportBody())});
+    }
+    try {
+      KOServerInterface::sharedInstance().sendReports(reports, finish);
     } catch (const std::exception& e) {
-      // Batches already on their way end the round; clearing the flag now would let another
-      // sync send them a second time. Those not sent count as failed and stay for the next one.
+      // Not one was sent: they count as failed and stay for the next sync.
       logSyncException(e);
-      for (std::size_t i = started; i < round->ids.size(); ++i) finish(round->ids[i], false);
+      for (const auto& report : reports) finish(report.batchId, false);
     }
   } catch (const std::exception& e) {
     {

@@ -84,7 +84,10 @@ class KOEventsHandler {
     bool inBackground;
     bool reset;
     bool onlyForEventsPlist;
+    bool byThreshold = false;  // started by a cut: waits out a back-off (below)
   };
+  /// Starts the sync a cut asks for.
+  void syncAfterCut();
 
   /// Event names must be strings; anything else is logged at the caller's place.
   bool acceptsName(const KOSourceLocation& where, const KOValue& name) const;
@@ -98,6 +101,8 @@ class KOEventsHandler {
   /// Has the batch file brought up to date with the store. Writes run one at a time on the shared
   /// queue and coalesce: many cuts while one write runs cost one more write, not many.
   void persistLocked();
+  /// Whether the journal holds what the batch file lacks, cheaply enough that the file may wait.
+  bool journalCarriesFileLocked() const;
   void writeBatchFile();
   /// Writes the store as it is now, waiting for a write under way to finish first; returns
   /// whether the file now holds it.
@@ -137,6 +142,7 @@ class KOEventsHandler {
   double retryDelay_ = 0;  // seconds before the next try of a failed write
   KOEventJournal journal_;
   std::set<std::string> fileIds_;  // the batches the batch file holds, as of its last write
+  std::size_t fileBodyBytes_ = 0;  // their report bodies' bytes
   bool journalFailed_ = false;     // logged once
   struct FlushWaiter {
     std::uint64_t roundsBefore;  // served by the first sync round numbered above this
@@ -149,6 +155,15 @@ class KOEventsHandler {
   /// After sync round `round` ended: answers the flushes it served and syncs again for the rest.
   void completeFlushes(std::uint64_t round, bool roundFailed);
   std::uint64_t roundsStarted_ = 0;
+  // While the service refuses every report, rounds started by cuts wait, from one second doubling
+  // up to five minutes; the first accepted report ends the wait.
+  static constexpr double kFirstBackoffSeconds = 1;
+  static constexpr double kLongestBackoffSeconds = 300;
+  double backoffSeconds_ = 0;  // 0: the last round delivered something, or none failed whole
+  double backoffUntil_ = 0;    // seconds since 1970
+  bool backoffRetryQueued_ = false;
+  /// After a round ended: `sent` reports, `failed` of them refused.
+  void noteRoundOutcomeLocked(std::size_t sent, std::size_t failed);
   std::vector<FlushWaiter> flushWaiters_;
   std::atomic<const EventObserver*> observer_{nullptr};
   std::vector<std::unique_ptr<EventObserver>> installedObservers_;  // kept: a tracking thread may still call one

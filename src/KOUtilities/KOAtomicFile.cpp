@@ -22,7 +22,12 @@ void logFailure(const std::string& path, const char* step, const KOFileError& er
 
 }  // namespace
 
-bool KOAtomicFile::write(KOFileSystem& fs, const std::string& path, std::string_view bytes, unsigned mode) {
+namespace {
+
+// Writes a unique temporary beside the file (concurrent writers of one file never share one), then
+// renames it over the file.
+template <typename WriteTemporary>
+bool writeThroughTemporary(KOFileSystem& fs, const std::string& path, WriteTemporary&& writeTemporary) {
   static std::atomic<std::uint64_t> counter{0};
   KOFileError error;
   const std::string dir = parentDirectory(path);
@@ -30,9 +35,8 @@ bool KOAtomicFile::write(KOFileSystem& fs, const std::string& path, std::string_
     logFailure(dir, "create directory", error);
     return false;
   }
-  // A unique name per write, so that concurrent writers of one file never share a temporary.
   const std::string temporary = path + ".tmp-" + std::to_string(counter.fetch_add(1));
-  if (!fs.writeFile(temporary, bytes, &error, mode)) {
+  if (!writeTemporary(temporary, error)) {
     logFailure(path, "write", error);
     fs.removeItem(temporary);
     return false;
@@ -43,6 +47,22 @@ bool KOAtomicFile::write(KOFileSystem& fs, const std::string& path, std::string_
     return false;
   }
   return true;
+}
+
+}  // namespace
+
+bool KOAtomicFile::write(KOFileSystem& fs, const std::string& path, std::string_view bytes, unsigned mode) {
+  return writeThroughTemporary(fs, path, [&](const std::string& temporary, KOFileError& error) {
+    return fs.writeFile(temporary, bytes, &error, mode);
+  });
+}
+
+bool KOAtomicFile::writeInPieces(KOFileSystem& fs, const std::string& path,
+                                 const std::function<bool(const std::function<bool(std::string_view)>&)>& produce,
+                                 unsigned mode) {
+  return writeThroughTemporary(fs, path, [&](const std::string& temporary, KOFileError& error) {
+    return fs.writeFileInPieces(temporary, produce, &error, mode);
+  });
 }
 
 bool KOAtomicFile::write(const std::string& path, std::string_view bytes) {

@@ -307,4 +307,3 @@ class KOJSONWriter {
   int maxDepth_;
   bool wroteNul_ = false;
 };
-

@@ -166,8 +166,9 @@ struct ADHttpClient::Impl {
     curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "http,https");
     if (t.request.method == "POST") {
       curl_easy_setopt(e, CURLOPT_POST, 1L);
-      curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(t.request.body.size()));
-      curl_easy_setopt(e, CURLOPT_POSTFIELDS, t.request.body.c_str());
+      const std::string_view body = t.request.bodyText();
+      curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+      curl_easy_setopt(e, CURLOPT_POSTFIELDS, body.data());
     } else if (t.request.method != "GET") {
       curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, t.request.method.c_str());
     }

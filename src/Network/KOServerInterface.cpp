@@ -208,6 +208,30 @@ void KOServerInterface::sendReport(const Body& batch, const KOValue& batchID, Su
   }
 }
 
+void KOServerInterface::sendReports(const std::vector<Report>& reports,
+                                    const std::function<void(const std::string&, bool)>& completion) {
+  std::optional<KOURLRequest> common;
+  try {
+    // The batch id is the query's last parameter: each report's address is the common one plus it.
+    common = requestGenerator_.requestForService(KOServiceNumberSendReportsV2, getUniversalParams(), KOJSONText{"{}"});
+  } catch (const std::exception& e) {
+    KOLogger::logException(KO_HERE, this, kExceptionLine, e);
+  }
+  for (const Report& report : reports) {
+    if (!common || !report.body) {
+      completion(report.batchId, false);
+      continue;
+    }
+    KOURLRequest request = *common;
+    request.url += request.url.find('?') == std::string::npos ? "?batch_id=" : "&batch_id=";
+    request.url += report.batchId;
+    request.body.clear();
+    request.sharedBody = report.body;
+    httpClient_.syncRequest(std::move(request),
+                            [completion, id = report.batchId](bool success) { completion(id, success); });
+  }
+}
+
 template <typename Build>
 void KOServerInterface::fetchGuarded(const KOSourceLocation& where, int service, Build build,
                                      FetchCompletion completion) {

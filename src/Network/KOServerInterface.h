@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ADHttpClient.h"
 #include "ADServiceRequestGenerator.h"
@@ -35,6 +36,15 @@ class KOServerInterface {
   void sendData(const KOValue& batch, const KOValue& withBatchID, SuccessCompletion andCompletionHandler);
   /// The same with the batch body already serialised.
   void sendData(const KOJSONText& batch, const KOValue& withBatchID, SuccessCompletion andCompletionHandler);
+  /// One sync round's reports: the universal parameters and the request are made once for all of
+  /// them, and each body is sent from where it is kept, without a copy. The completion hears of
+  /// every report (id, accepted), also when none could be sent.
+  struct Report {
+    std::string batchId;  // digits
+    std::shared_ptr<const std::string> body;
+  };
+  void sendReports(const std::vector<Report>& reports,
+                   const std::function<void(const std::string& batchId, bool accepted)>& completion);
   void getInAppCampaignsWithLastUpdatedTime(const KOValue& time, const KODictionary& campaignListDict,
                                             FetchCompletion andCompletionHandler);
   void getInAppForCampaignID(const std::string& campaignID, FetchCompletion andCompletionHandler);

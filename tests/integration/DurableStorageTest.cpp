@@ -18,8 +18,9 @@ TEST_F(DurableStorageTest, AFullDiskDelaysTheBatchFileButLosesNothing) {
   startClean();
   emulator().injectFault(KOEmulatorFault{"/v2/report/add", 503, 0, false, -1, 1.0});  // the service is down
   device().files().inject(KOFileFault::DiskFull, "KovantisBatchEvents.plist", -1);
-  track("KEPT", 90);  // three batches
-  ASSERT_TRUE(waitForRequests("/v2/report/add", 3));
+  // Thirty batches: more than the journal carries before the file must be written.
+  track("KEPT", 900);
+  ASSERT_TRUE(waitForRequests("/v2/report/add", 1));
   ASSERT_TRUE(waitFor([&] { return device().files().faultsFired() >= 2; }));  // written again, and failed again
   EXPECT_FALSE(device().files().fileExists(events().eventsPlistFilePath()));
   // Space again: the writes still due reach the file without anything else happening.
@@ -34,10 +35,10 @@ TEST_F(DurableStorageTest, AFullDiskDelaysTheBatchFileButLosesNothing) {
     }
     return kept;
   };
-  ASSERT_TRUE(waitFor([&] { return keptInFile() == 90; }));
+  ASSERT_TRUE(waitFor([&] { return keptInFile() == 900; }));
   emulator().clearFaults();
   ASSERT_TRUE(flush());
-  EXPECT_EQ(storedNames("KEPT").size(), 90u);
+  EXPECT_EQ(storedNames("KEPT").size(), 900u);
 }
 
 TEST_F(DurableStorageTest, OneReadErrorAtStartSetsNothingAsideAndEveryStoredEventIsDelivered) {

@@ -88,10 +88,8 @@ TEST_F(EventPipelineTest, AFailedBatchKeepsItsIdAndIsSentAgainLater) {
   for (int i = 0; i < 30; ++i) sdk().trackEvent(KOValue("E"), KOValue(KODictionary{{"i", i}}));
   ASSERT_TRUE(waitForRequests("/v2/report/add", 1));
   ASSERT_TRUE(settle());
-  const KOValue file = batchFile();
-  ASSERT_TRUE(file.isDictionary());
-  ASSERT_EQ(file.dictionaryValue().size(), 1u);
-  const std::string id = file.dictionaryValue().keys()[0];
+  ASSERT_EQ(storedBatchIds().size(), 1u);
+  const std::string id = storedBatchIds()[0];
   EXPECT_EQ(emulator().requests("/v2/report/add")[0].query.at("batch_id"), id);
 
   emulator().clearFaults();
@@ -102,7 +100,7 @@ TEST_F(EventPipelineTest, AFailedBatchKeepsItsIdAndIsSentAgainLater) {
   EXPECT_EQ(batches[0].eventCount, 30);
 }
 
-TEST_F(EventPipelineTest, OfThreeBatchesOnlyTheFailedOneStaysInTheFile) {
+TEST_F(EventPipelineTest, OfThreeBatchesOnlyTheFailedOneIsKept) {
   startClean();
   for (int b = 0; b < 3; ++b) {
     KOArray records;
@@ -118,9 +116,7 @@ TEST_F(EventPipelineTest, OfThreeBatchesOnlyTheFailedOneStaysInTheFile) {
     if (r.status == 500) failedId = r.query.at("batch_id");
   }
   ASSERT_FALSE(failedId.empty());
-  const KOValue file = batchFile();
-  ASSERT_TRUE(file.isDictionary());
-  EXPECT_EQ(file.dictionaryValue().keys(), std::vector<std::string>{failedId});
+  EXPECT_EQ(storedBatchIds(), std::vector<std::string>{failedId});
   EXPECT_EQ(emulator().batches().size(), 2u);
 }
 
@@ -358,4 +354,59 @@ TEST_F(EventPipelineTest, FlushAnswersAfterASyncThatIncludedItsEvents) {
   EXPECT_EQ(storedEventNames("KEPT").size(), 1u);
   EXPECT_EQ(storedEventNames("LATE").size(), 1u);
   EXPECT_FALSE(device().files().fileExists(events().eventsPlistFilePath()));
+}
+
+// While the service refuses every report, cuts do not each start a round that sends every stored
+// batch again: rounds wait from one second doubling, the first after a wait sends the oldest batch
+// alone, and the rest follow once it is accepted. The host's own sync still goes at once.
+TEST_F(EventPipelineTest, ARefusingServiceIsRetriedWithBackOffAndProbedWithOneBatch) {
+  startClean();
+  device().clock().setNow(1800000000);
+  const std::string kReport = "/v2/report/add";
+  emulator().injectFault(KOEmulatorFault{kReport, 503, 0, false, -1, 1.0});
+  auto trackBatches = [&](int batches) {
+    for (int i = 0; i < 30 * batches; ++i) sdk().trackEvent(KOValue("HELD"), KOValue(KODictionary{{"i", i}}));
+    return settle();
+  };
+  ASSERT_TRUE(trackBatches(1));
+  EXPECT_EQ(emulator().requestCount(kReport), 1u);  // refused: the wait begins
+  ASSERT_TRUE(trackBatches(10));
+  EXPECT_EQ(emulator().requestCount(kReport), 1u);  // cut and kept, not sent
+  EXPECT_EQ(storedBatchIds().size(), 11u);
+
+  struct Step {
+    bool track;       // a cut asks for a round first
+    double advance;   // seconds the clock moves
+    size_t requests;  // reports received in all, after it
+  };
+  // Waits of 1 s, then 2 s, then 4 s: a retry only once each wait is over, one batch each time,
+  // and only when a cut asked for it meanwhile.
+  for (const Step& step : {Step{false, 0.5, 1}, Step{false, 0.6, 2}, Step{true, 1.5, 2}, Step{false, 0.6, 3},
+                           Step{true, 3.9, 3}, Step{false, 0.2, 4}, Step{false, 20, 4}}) {
+    if (step.track) {
+      ASSERT_TRUE(trackBatches(1));
+    }
+    device().clock().advance(step.advance);
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(emulator().requestCount(kReport), step.requests) << "after " << step.advance << " s";
+  }
+  EXPECT_EQ(storedBatchIds().size(), 13u);  // nothing stored is dropped
+
+  // The host's sync goes at once, whatever the wait, with every batch.
+  sdk().syncNow();
+  ASSERT_TRUE(settle());
+  EXPECT_EQ(emulator().requestCount(kReport), 4u + 13u);
+
+  // Back: the refused sync made the wait 16 s. The next cut's round waits it out, is a probe, is
+  // accepted, and the rest follow.
+  emulator().clearFaults();
+  ASSERT_TRUE(trackBatches(1));
+  EXPECT_EQ(emulator().requestCount(kReport), 17u);
+  device().clock().advance(16);
+  ASSERT_TRUE(waitFor([&] { return storedBatchIds().empty(); }));
+  EXPECT_EQ(emulator().batches().size(), 14u);
+  EXPECT_EQ(emulator().requestCount(kReport), 17u + 14u);
+  // Accepted once: cuts sync at once again.
+  ASSERT_TRUE(trackBatches(1));
+  ASSERT_TRUE(waitFor([&] { return emulator().batches().size() == 15u; }));
 }

@@ -8,6 +8,7 @@
 set(handler_folders KODataHandler KOInAppV2 KONotification KORichPush KOInbox KOGeofence)
 # The serialisers the simulated device may use: they neither log nor reach the platform.
 set(below_logger KOUtilities/KOPropertyListSerialization.h KOUtilities/KOJSONSerialization.h KOUtilities/KOUTF8.h
+                 KOUtilities/KOJSONWriter.h
                  KOUtilities/KOPropertyListSerialization.cpp KOUtilities/KOJSONSerialization.cpp)
 
 # The layer of a path relative to the repository (or to src/ for an include): public 0,

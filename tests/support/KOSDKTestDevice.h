@@ -42,6 +42,9 @@ class KOSDKTestDevice : public KOEmulatorTestDevice {
   std::vector<std::string> storedNames(const std::string& prefix = "") { return storedEventNames(prefix); }
   std::vector<KOValue> storedRecords(const std::string& name) { return storedEvents(name); }
 
+  /// The ids of the batches waiting for the service, oldest first.
+  std::vector<std::string> storedBatchIds() { return events().getBatchesWithViewsArray(false).keys(); }
+
   /// The batch file as it is on disk.
   KOValue batchFile() { return KOPropertyListFile::read(events().eventsPlistFilePath()); }
 };

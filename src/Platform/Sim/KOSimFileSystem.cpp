@@ -61,20 +61,56 @@ std::optional<std::string> KOSimFileSystem::readFile(const std::string& path, KO
   return out;
 }
 
-bool KOSimFileSystem::writeFile(const std::string& path, std::string_view bytes, KOFileError* error, unsigned mode) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, static_cast<mode_t>(mode));
-  if (fd < 0) return fail(error, errno, "open " + path);
-  ::fchmod(fd, static_cast<mode_t>(mode));  // the umask must not widen or narrow what was asked
+namespace {
+
+bool writeAll(int fd, std::string_view bytes) {
   std::size_t written = 0;
   while (written < bytes.size()) {
     const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
     if (n < 0) {
       if (errno == EINTR) continue;
-      const int code = errno;
-      ::close(fd);
-      return fail(error, code, "write " + path);
+      return false;
     }
     written += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+bool KOSimFileSystem::writeFileInPieces(const std::string& path,
+                                        const std::function<bool(const KOPieceWriter&)>& produce, KOFileError* error,
+                                        unsigned mode) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, static_cast<mode_t>(mode));
+  if (fd < 0) return fail(error, errno, "open " + path);
+  ::fchmod(fd, static_cast<mode_t>(mode));  // the umask must not widen or narrow what was asked
+  int code = 0;
+  const bool produced = produce([&](std::string_view piece) {
+    if (writeAll(fd, piece)) return true;
+    code = errno;
+    return false;
+  });
+  if (!produced) {
+    ::close(fd);
+    return fail(error, code ? code : ECANCELED, "write " + path);
+  }
+  if (::fsync(fd) != 0) {
+    code = errno;
+    ::close(fd);
+    return fail(error, code, "fsync " + path);
+  }
+  if (::close(fd) != 0) return fail(error, errno, "close " + path);
+  return true;
+}
+
+bool KOSimFileSystem::writeFile(const std::string& path, std::string_view bytes, KOFileError* error, unsigned mode) {
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, static_cast<mode_t>(mode));
+  if (fd < 0) return fail(error, errno, "open " + path);
+  ::fchmod(fd, static_cast<mode_t>(mode));  // the umask must not widen or narrow what was asked
+  if (!writeAll(fd, bytes)) {
+    const int code = errno;
+    ::close(fd);
+    return fail(error, code, "write " + path);
   }
   if (::fsync(fd) != 0) {
     const int code = errno;
