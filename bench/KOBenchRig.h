@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "KODataHandler/KOEventsHandler.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Sim/KOSimDevice.h"
 #include "kovantis/emulator/KOEmulator.h"
@@ -25,4 +26,24 @@ struct KOBenchRig {
     static auto* rig = new KOBenchRig();
     return *rig;
   }
+
+  /// The service answers again, nothing is held or stored, the batch size is the default: what
+  /// every benchmark starts from and leaves behind, so that any filter and any repetition count
+  /// run and each figure is measured alone.
+  void clean() {
+    emulator->clearFaults();
+    device.runMainUntil([] { return !KOEventsHandler::sharedInstance().syncInProgress(); }, 120);
+    KOEventsHandler::sharedInstance().discardEverythingStored();  // a back-off's retry included
+    device.clock().useRealTime();
+    device.runMainUntil([this] { return device.dispatch().backgroundIdle(); }, 120);
+    KOEventsHandler::sharedInstance().setEventsBatchCountTreshold(30);
+    emulator->reset();
+  }
+};
+
+/// Cleans the shared rig when a benchmark ends, however it ends.
+struct KOBenchCleanRig {
+  KOBenchRig& rig = KOBenchRig::shared();
+  KOBenchCleanRig() { rig.clean(); }
+  ~KOBenchCleanRig() { rig.clean(); }
 };

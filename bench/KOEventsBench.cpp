@@ -2,12 +2,16 @@
 // events tracked until the local emulator accepted them.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
+#include <sys/resource.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 
 #include "KOBenchRig.h"
-#include "KODataHandler/KOBatchStore.h"
 #include "KODataHandler/KOEventsHandler.h"
 #include "KODataHandler/KOUserAttributesHandler.h"
 #include "KODelivery.h"
@@ -26,20 +30,59 @@ const KOValue& payload() {
 
 std::size_t heapInUse() { return mallinfo2().uordblks; }
 
+// The process's peak resident memory starts over from what it holds now (Linux), so that a figure
+// belongs to one benchmark and not to whichever ran before it.
+void resetPeakResidentMemory() {
+  if (std::FILE* f = std::fopen("/proc/self/clear_refs", "w")) {
+    std::fputs("5", f);
+    std::fclose(f);
+  }
+}
+
+double peakResidentMegabytes() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("VmHWM:", 0) == 0) return std::strtod(line.c_str() + 6, nullptr) / 1e3;  // kB
+  }
+  return 0;
+}
+
+// CPU seconds of the whole process (every thread: the caller's, the shared queue's, the client's).
+double processCPUSeconds() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+         static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+void waitForBackground(KOBenchRig& r) {
+  r.device.runMainUntil([&] { return syncSettled(r.device); }, 600);
+}
+
+void track(std::size_t count) {
+  KOEventsHandler& events = KOEventsHandler::sharedInstance();
+  const KOValue name("PRODUCT_VIEWED");
+  for (std::size_t i = 0; i < count; ++i) events.trackEvent(name, payload());
+}
+
+// The service refuses every report, and `stored` events wait in batches of 30. The device's clock
+// stands still, so that the back-off's waits do not end while a figure is taken.
+void holdWithServiceDown(KOBenchRig& r, std::size_t stored) {
+  r.device.clock().setNow(1800000000);
+  r.emulator->injectFault(KOEmulatorFault{"/v2/report/add", 503, 0, false, -1, 1.0});
+  track(stored);
+  waitForBackground(r);
+}
+
 // One trackEvent, no batch cut (the threshold is out of reach), in a fixed number of iterations so
 // that callgrind can count instructions per event.
 void BM_TrackEvent(benchmark::State& state) {
-  KOBenchRig::shared();
+  KOBenchCleanRig clean;
   KOEventsHandler& events = KOEventsHandler::sharedInstance();
   events.setEventsBatchCountTreshold(UINT64_MAX);
   const KOValue name("PRODUCT_VIEWED");
-  const std::size_t before = heapInUse();
-  const std::size_t eventsBefore = events.eventsInMemory();
   for (auto _ : state) events.trackEvent(name, payload());
-  const std::size_t held = events.eventsInMemory() - eventsBefore;
-  state.counters["heap_bytes_per_event"] =
-      held ? static_cast<double>(heapInUse() - before) / static_cast<double>(held) : 0;
-  events.getBatchesWithViewsArray(false);
 }
 BENCHMARK(BM_TrackEvent)->Iterations(100000);
 
@@ -52,19 +95,18 @@ BENCHMARK(BM_TrackEvent)->Iterations(100000);
 }
 
 void BM_TrackEventBuiltPayload(benchmark::State& state) {
-  KOBenchRig::shared();
+  KOBenchCleanRig clean;
   KOEventsHandler& events = KOEventsHandler::sharedInstance();
   events.setEventsBatchCountTreshold(UINT64_MAX);
   const KOValue name("PRODUCT_VIEWED");
   for (auto _ : state) trackWithBuiltPayload(events, name);
-  events.getBatchesWithViewsArray(false);
 }
 BENCHMARK(BM_TrackEventBuiltPayload)->Iterations(100000);
 
 // The same with an observer installed on the per-event hook (the in-app trigger check's place),
 // one that only counts: the hook's own cost.
 void BM_TrackEventObserved(benchmark::State& state) {
-  KOBenchRig::shared();
+  KOBenchCleanRig clean;
   KOEventsHandler& events = KOEventsHandler::sharedInstance();
   events.setEventsBatchCountTreshold(UINT64_MAX);
   std::size_t seen = 0;
@@ -73,36 +115,79 @@ void BM_TrackEventObserved(benchmark::State& state) {
   for (auto _ : state) events.trackEvent(name, payload());
   events.setEventObserver(nullptr);
   if (seen != static_cast<std::size_t>(state.iterations())) state.SkipWithError("the observer missed events");
-  events.getBatchesWithViewsArray(false);
 }
 BENCHMARK(BM_TrackEventObserved)->Iterations(100000);
 
-// A cut of 30 records plus the whole-file write, with `range(0)` batches already stored.
-void BM_BatchCut(benchmark::State& state) {
-  KOBenchRig& r = KOBenchRig::shared();
-  const std::string path = r.device.documentsDirectory() + "/BatchCutBench.plist";
-  std::vector<std::string> records;
-  for (int i = 0; i < 30; ++i) {
-    records.push_back(KOEventsHandler::recordJSON("PRODUCT_VIEWED", &payload(), nullptr));
-  }
-  KOBatchStore store(path);
-  for (std::int64_t i = 0; i < state.range(0); ++i) store.add(records, 1700000000000 + i);
-  KOBatchStore::fileText(store.snapshot());  // stored batches have their fragments already
+// Heap per event held in memory, before its cut and once cut into batches of 30 (the service
+// refusing them), at 100,000 events.
+void BM_HeldMemory(benchmark::State& state) {
+  KOBenchCleanRig clean;
+  KOEventsHandler& events = KOEventsHandler::sharedInstance();
+  const bool cut = state.range(0) != 0;
+  constexpr std::size_t kHeld = 100000;
+  double perEvent = 0;
   for (auto _ : state) {
-    const std::string id = store.add(records, 1800000000000);
-    KOBatchStore::write(r.device.files(), path, store.snapshot());
     state.PauseTiming();
-    store.remove(id);
+    clean.rig.clean();
+    events.setEventsBatchCountTreshold(cut ? 30 : UINT64_MAX);
+    malloc_trim(0);
+    const std::size_t before = heapInUse();
+    if (cut) {
+      holdWithServiceDown(clean.rig, kHeld);
+    } else {
+      track(kHeld);
+    }
+    perEvent = static_cast<double>(heapInUse() - before) / static_cast<double>(kHeld);
     state.ResumeTiming();
+  }
+  state.counters["heap_bytes_per_event"] = perEvent;
+}
+BENCHMARK(BM_HeldMemory)->ArgName("cut")->Arg(0)->Arg(1)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// One cut (the 30th event of a batch) and all it starts in the background, with `range(0)`
+// batches already stored and the service refusing them: flat, whatever is stored.
+void BM_BatchCut(benchmark::State& state) {
+  KOBenchCleanRig clean;
+  holdWithServiceDown(clean.rig, static_cast<std::size_t>(state.range(0)) * 30);
+  for (auto _ : state) {
+    track(30);
+    waitForBackground(clean.rig);
   }
   state.counters["stored_batches"] = static_cast<double>(state.range(0));
 }
-BENCHMARK(BM_BatchCut)->Arg(1)->Arg(10)->Arg(100)->Arg(1000)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_BatchCut)->Arg(1)->Arg(10)->Arg(100)->Arg(1000)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+// What a tracked event costs the whole process (recording, cuts, file writes, sync rounds) while
+// the service is down, with `range(0)` events already stored: the growth curve.
+void BM_TrackWhileStored(benchmark::State& state) {
+  KOBenchCleanRig clean;
+  holdWithServiceDown(clean.rig, static_cast<std::size_t>(state.range(0)));
+  // Long enough for the batch file's rewrites (one each time the journal grew as large as the
+  // file) to be paid for in the figure as they are in use, whatever is stored.
+  const std::size_t kTracked = std::max<std::size_t>(30000, static_cast<std::size_t>(state.range(0)));
+  double cpu = 0;
+  for (auto _ : state) {
+    const double before = processCPUSeconds();
+    track(kTracked);
+    waitForBackground(clean.rig);
+    cpu += processCPUSeconds() - before;
+  }
+  state.counters["cpu_us_per_event"] = cpu * 1e6 / static_cast<double>(kTracked * state.iterations());
+  state.counters["stored_events"] = static_cast<double>(state.range(0));
+}
+BENCHMARK(BM_TrackWhileStored)
+    ->Arg(0)
+    ->Arg(1000)
+    ->Arg(100000)
+    ->Arg(1000000)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 // Events tracked until the emulator accepted every one, over loopback.
 void BM_EndToEnd(benchmark::State& state) {
-  KOBenchRig& r = KOBenchRig::shared();
-  Kovantis& sdk = Kovantis::sharedInstance();
+  KOBenchCleanRig clean;
+  KOBenchRig& r = clean.rig;
   KOEventsHandler& events = KOEventsHandler::sharedInstance();
   std::size_t journalPeak = 0;
   const auto deliverAll = [&] {
@@ -113,27 +198,57 @@ void BM_EndToEnd(benchmark::State& state) {
         },
         120);
   };
-  events.setEventsBatchCountTreshold(30);
   const auto perIteration = static_cast<std::size_t>(state.range(0));
-  const KOValue name("PRODUCT_VIEWED");
+  std::size_t stored = 0;
   for (auto _ : state) {
+    track(perIteration);
+    deliverAll();
     state.PauseTiming();
-    deliverAll();  // whatever earlier benchmarks left behind is not this run's work
+    stored += r.emulator->batches().size();
     r.emulator->reset();
     state.ResumeTiming();
-    for (std::size_t i = 0; i < perIteration; ++i) sdk.trackEvent(name, payload());
-    deliverAll();
   }
   state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * perIteration));
-  state.counters["events_stored"] = static_cast<double>(r.emulator->events().size());
+  state.counters["batches_stored"] = static_cast<double>(stored);
   // Steady load with the service up: the journal starts over as the batch file catches up.
-  state.counters["journal_bytes"] = static_cast<double>(events.journalBytes());
   state.counters["journal_peak_bytes"] = static_cast<double>(journalPeak);
 }
+BENCHMARK(BM_EndToEnd)->Arg(30000)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+// A million events tracked while the service refuses every report, then the service back: how many
+// requests failed, the peak memory of the process (SDK and emulator), the batch file's size, and
+// whether every event arrived exactly once. The peak is the process's, the emulator's store included.
+void BM_MillionRefusedThenRestored(benchmark::State& state) {
+  KOBenchCleanRig clean;
+  KOBenchRig& r = clean.rig;
+  constexpr std::size_t kEvents = 1000000;
+  for (auto _ : state) {
+    resetPeakResidentMemory();
+    const std::size_t heapBefore = heapInUse();
+    holdWithServiceDown(r, kEvents);
+    const std::size_t heldBytes = heapInUse() - std::min(heapInUse(), heapBefore);
+    std::error_code error;
+    const auto fileBytes = std::filesystem::file_size(KOEventsHandler::sharedInstance().eventsPlistFilePath(), error);
+    const std::size_t failed = r.emulator->requestCount("/v2/report/add");
+    r.emulator->clearFaults();
+    r.device.runMainUntil([&] { return deliveredAll(r.device); }, 600);
+    std::size_t delivered = 0;
+    for (const auto& batch : r.emulator->batches()) delivered += static_cast<std::size_t>(batch.eventCount);
+    state.counters["failed_requests"] = static_cast<double>(failed);
+    state.counters["batch_file_MB"] = error ? 0.0 : static_cast<double>(fileBytes) / 1e6;
+    state.counters["held_heap_MB"] = static_cast<double>(heldBytes) / 1e6;
+    state.counters["peak_rss_MB"] = peakResidentMegabytes();
+    state.counters["delivered"] = static_cast<double>(delivered);
+    state.counters["duplicates"] = static_cast<double>(r.emulator->duplicates().size());
+    if (delivered != kEvents) state.SkipWithError("not every event was delivered once");
+  }
+}
+BENCHMARK(BM_MillionRefusedThenRestored)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // A changed user attribute with `range(0)` attributes already sent: what the caller's thread pays
 // (the cache file is written on the shared queue, many changes in one write).
 void BM_SetUserAttribute(benchmark::State& state) {
-  KOBenchRig::shared();
+  KOBenchCleanRig clean;
   KOEventsHandler& events = KOEventsHandler::sharedInstance();
   events.setEventsBatchCountTreshold(UINT64_MAX);
   KOUserAttributesHandler& attributes = KOUserAttributesHandler::sharedInstance();
@@ -151,7 +266,5 @@ void BM_SetUserAttribute(benchmark::State& state) {
   events.getBatchesWithViewsArray(false);
 }
 BENCHMARK(BM_SetUserAttribute)->Arg(10)->Arg(10000)->Iterations(20000);
-
-BENCHMARK(BM_EndToEnd)->Arg(30000)->Iterations(3)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace

@@ -96,6 +96,22 @@ std::size_t KOEventsHandler::journalBytes() const {
   return journal_.used();
 }
 
+void KOEventsHandler::discardEverythingStored() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ensureLoadedLocked();
+    views_.clear();
+    store_.clear();
+    backoffSeconds_ = 0;
+    backoffUntil_ = 0;
+    if (backoffRetryQueued_) platform().dispatch->cancel(backoffRetry_);
+    backoffRetryQueued_ = false;
+  }
+  writeSnapshotNow();  // removes the file
+  std::lock_guard<std::mutex> lock(mutex_);
+  startJournalLocked();  // and nothing comes back from the journal
+}
+
 void KOEventsHandler::setBgTask(KOBackgroundTaskIdentifier task) {
   std::lock_guard<std::mutex> lock(mutex_);
   bgTask_ = task;
@@ -551,7 +567,7 @@ void KOEventsHandler::runSync(SyncRequest request) {
         if (wait > 0) {
           if (!backoffRetryQueued_) {
             backoffRetryQueued_ = true;
-            platform().dispatch->afterBackground(wait, [this] {
+            backoffRetry_ = platform().dispatch->afterBackground(wait, [this] {
               {
                 std::lock_guard<std::mutex> retry(mutex_);
                 backoffRetryQueued_ = false;

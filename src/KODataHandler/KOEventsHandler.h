@@ -74,6 +74,9 @@ class KOEventsHandler {
   std::size_t storedBatchCount();
   /// Bytes the journal's current generation holds.
   std::size_t journalBytes() const;
+  /// Forgets every record and batch, on file too, and any back-off: a benchmark leaves the SDK as
+  /// it found it. Call it while no sync runs.
+  void discardEverythingStored();
   /// Serialises one event record (the benchmarks build batches with it).
   static std::string recordJSON(const std::string& name, const KOValue* attributes, const KODictionary* custom);
 
@@ -162,6 +165,7 @@ class KOEventsHandler {
   double backoffSeconds_ = 0;  // 0: the last round delivered something, or none failed whole
   double backoffUntil_ = 0;    // seconds since 1970
   bool backoffRetryQueued_ = false;
+  KODispatchToken backoffRetry_{};
   /// After a round ended: `sent` reports, `failed` of them refused.
   void noteRoundOutcomeLocked(std::size_t sent, std::size_t failed);
   std::vector<FlushWaiter> flushWaiters_;
