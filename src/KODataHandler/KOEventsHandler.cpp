@@ -402,11 +402,13 @@ void KOEventsHandler::persistLocked() {
 
 void KOEventsHandler::writeBatchFile() {
   // The file is what survives the process: a batch is in it from (just after) its cut until the
-  // service accepted it. Each pass writes the store as it is at that moment.
+  // service accepted it. Each pass writes the store as it is at that moment; cuts made during a
+  // pass wait in the journal like any other until it grew as large as the file again (writing
+  // again at once would rewrite everything stored once per pass while tracking outpaces the disk).
   for (;;) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      if (!fileDirty_) {
+      if (!fileDirty_ || journalCarriesFileLocked()) {
         writerQueued_ = false;
         return;
       }

@@ -93,6 +93,10 @@ class KOForwardingFileSystem : public KOForwarding<KOFileSystem> {
                  unsigned mode = 0644) override {
     return target().writeFile(path, bytes, error, mode);
   }
+  bool writeFileInPieces(const std::string& path, const std::function<bool(const KOPieceWriter&)>& produce,
+                         KOFileError* error = nullptr, unsigned mode = 0644) override {
+    return target().writeFileInPieces(path, produce, error, mode);
+  }
   bool renameFile(const std::string& from, const std::string& to, KOFileError* error = nullptr) override {
     return target().renameFile(from, to, error);
   }

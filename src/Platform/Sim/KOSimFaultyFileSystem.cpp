@@ -45,6 +45,29 @@ bool KOSimFaultyFileSystem::writeFile(const std::string& path, std::string_view 
   return target().writeFile(path, bytes, error, mode);
 }
 
+bool KOSimFaultyFileSystem::writeFileInPieces(const std::string& path,
+                                              const std::function<bool(const KOPieceWriter&)>& produce,
+                                              KOFileError* error, unsigned mode) {
+  if (fires(KOFileFault::DiskFull, path)) {
+    target().writeFileInPieces(
+        path,
+        [&](const KOPieceWriter& sink) {
+          return produce([&](std::string_view piece) {
+            sink(piece.substr(0, piece.size() / 2));
+            return false;
+          });
+        },
+        nullptr, mode);
+    if (error) *error = KOFileError{ENOSPC, "injected full disk"};
+    return false;
+  }
+  if (fires(KOFileFault::IOError, path)) {
+    if (error) *error = KOFileError{EIO, "injected I/O error"};
+    return false;
+  }
+  return target().writeFileInPieces(path, produce, error, mode);
+}
+
 bool KOSimFaultyFileSystem::renameFile(const std::string& from, const std::string& to, KOFileError* error) {
   if (fires(KOFileFault::CrashBeforeRename, to)) {
     if (error) *error = KOFileError{EINTR, "injected crash before rename"};

@@ -32,6 +32,9 @@ class KOSimFaultyFileSystem : public KOForwardingFileSystem {
   std::optional<std::string> readFile(const std::string& path, KOFileError* error = nullptr) const override;
   bool writeFile(const std::string& path, std::string_view bytes, KOFileError* error = nullptr,
                  unsigned mode = 0644) override;
+  /// A full disk stores half of the first piece, then fails.
+  bool writeFileInPieces(const std::string& path, const std::function<bool(const KOPieceWriter&)>& produce,
+                         KOFileError* error = nullptr, unsigned mode = 0644) override;
   bool renameFile(const std::string& from, const std::string& to, KOFileError* error = nullptr) override;
   bool removeItem(const std::string& path, KOFileError* error = nullptr) override;
   /// A full disk or an I/O error armed for the path makes the mapping fail.
