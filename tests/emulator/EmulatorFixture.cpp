@@ -38,6 +38,7 @@ httplib::Client EmulatorTest::client() const {
   cli.set_connection_timeout(5);
   cli.set_read_timeout(10);
   cli.set_write_timeout(10);
+  cli.set_default_headers({{KOEmulator::kTokenHeader, emulator->controlToken()}});
   return cli;
 }
 

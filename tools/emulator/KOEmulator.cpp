@@ -10,15 +10,18 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
 #include <optional>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
 
+#include "KOEmulatorDashboardAssets.h"
 #include "KOEmulatorFaults.h"
 #include "KOEmulatorJSON.h"
 #include "KOEmulatorService.h"
@@ -71,6 +74,55 @@ class BacklogServer : public httplib::Server {
   void widenBacklog() { ::listen(svr_sock_, SOMAXCONN); }
 };
 
+// A fresh secret per run: 128 random bits as hex.
+std::string newToken() {
+  std::random_device random;
+  std::string token;
+  for (int i = 0; i < 4; ++i) {
+    char part[9];
+    std::snprintf(part, sizeof part, "%08x", static_cast<unsigned>(random()));
+    token += part;
+  }
+  return token;
+}
+
+bool isLoopbackName(std::string_view name) { return name == "127.0.0.1" || name == "localhost" || name == "[::1]"; }
+
+// "127.0.0.1:PORT" and the like: the only authorities the emulator answers its own API under, so
+// that a name an attacker's DNS points at the loopback reaches nothing.
+bool isLoopbackAuthority(std::string_view authority, int port) {
+  const std::string suffix = ":" + std::to_string(port);
+  if (authority.ends_with(suffix)) authority.remove_suffix(suffix.size());
+  return isLoopbackName(authority);
+}
+
+bool isOwnOrigin(std::string_view origin, int port) {
+  if (!origin.starts_with("http://")) return false;
+  origin.remove_prefix(7);
+  return origin.ends_with(":" + std::to_string(port)) && isLoopbackAuthority(origin, port);
+}
+
+bool changesState(const std::string &method) { return method != "GET" && method != "HEAD" && method != "OPTIONS"; }
+
+// Why a call to the control API or the dashboard is refused, or empty. The emulator listens on
+// the loopback only, but any page open in the developer's browser can send requests there: only
+// the emulator's own page may read it, and only a caller holding the run's token may change it.
+std::string refusal(const httplib::Request &req, const std::string &token) {
+  const int port = req.local_port;
+  if (req.has_header("Host") && !isLoopbackAuthority(req.get_header_value("Host"), port)) {
+    return "host not allowed: " + req.get_header_value("Host");
+  }
+  if (req.has_header("Origin") && !isOwnOrigin(req.get_header_value("Origin"), port)) {
+    return "origin not allowed: " + req.get_header_value("Origin");
+  }
+  const std::string site = req.get_header_value("Sec-Fetch-Site");
+  if (!site.empty() && site != "same-origin" && site != "none") return "request from another site refused";
+  if (changesState(req.method) && req.get_header_value(KOEmulator::kTokenHeader) != token) {
+    return std::string("this call needs the header ") + KOEmulator::kTokenHeader + " (the dashboard page has it)";
+  }
+  return {};
+}
+
 std::string describe(const KOEmulatorFault &f) {
   std::ostringstream out;
   if (f.drop)
@@ -89,11 +141,15 @@ class __attribute__((visibility("hidden"))) KOEmulator::Impl {
   explicit Impl(Options o) : options(std::move(o)), store(options.dataDir), service(store, faults, options.imagesDir) {}
 
   void serve(const httplib::Request &req, httplib::Response &res);
-  void record(const httplib::Request &req, int status, const std::string &error, const std::string &fault);
+  // The dashboard's page and files, and the campaign preview; true when the path was one of them.
+  bool serveDashboard(const httplib::Request &req, httplib::Response &res);
+  void record(const httplib::Request &req, int status, const std::string &error, const std::string &fault,
+              double startedAt);
   // Stalls for a fault's delay, cut short when the emulator stops.
   void stall(int64_t ms);
 
   Options options;
+  const std::string token = newToken();
   KOEmulatorStore store;
   KOEmulatorFaults faults;
   KOEmulatorService service;
@@ -143,9 +199,10 @@ void KOEmulator::Impl::stall(int64_t ms) {
 }
 
 void KOEmulator::Impl::record(const httplib::Request &req, int status, const std::string &error,
-                              const std::string &fault) {
+                              const std::string &fault, double startedAt) {
   KOEmulatorRequest r;
   r.time = KOEmulatorStore::now();
+  r.durationMs = std::max(0.0, (r.time - startedAt) * 1000);
   r.method = req.method;
   r.path = req.path;
   r.target = req.target;
@@ -169,6 +226,15 @@ void KOEmulator::Impl::record(const httplib::Request &req, int status, const std
 // Every request arrives here. What all service calls share (a fault may hit them, each is
 // recorded and logged) happens around the service's table, which takes the rest.
 void KOEmulator::Impl::serve(const httplib::Request &req, httplib::Response &res) {
+  const double startedAt = KOEmulatorStore::now();
+  if (KOEmulatorService::isControlPath(req.path) || req.path == "/") {
+    if (const std::string why = refusal(req, token); !why.empty()) {
+      res.status = 403;
+      res.set_content(KOEmulatorJSON::errorBody(why), "application/json");
+      return;
+    }
+    if (serveDashboard(req, res)) return;
+  }
   const bool recorded = !KOEmulatorService::isControlPath(req.path);
   std::optional<Answering> answering;
   if (recorded) answering.emplace(concurrent, peakConcurrent);
@@ -178,7 +244,7 @@ void KOEmulator::Impl::serve(const httplib::Request &req, httplib::Response &res
         if (fault->delayMs > 0) stall(fault->delayMs);
         if (fault->drop) {
           // Recorded first, so that a client which saw the drop also finds the record.
-          record(req, 0, {}, describe(*fault));
+          record(req, 0, {}, describe(*fault), startedAt);
           dropConnection(req);
           res.status = 500;  // never reaches the client: the socket is already shut
           res.set_content(KOEmulatorJSON::errorBody("dropped"), "application/json");
@@ -189,7 +255,7 @@ void KOEmulator::Impl::serve(const httplib::Request &req, httplib::Response &res
           if (fault->status != 204 && fault->status != 304) {
             res.set_content(KOEmulatorJSON::errorBody("injected fault"), "application/json");
           }
-          record(req, fault->status, {}, describe(*fault));
+          record(req, fault->status, {}, describe(*fault), startedAt);
           return;
         }
       }
@@ -205,7 +271,7 @@ void KOEmulator::Impl::serve(const httplib::Request &req, httplib::Response &res
     if (!reply.body.empty()) {
       res.set_content(reply.body, reply.contentType.empty() ? "application/json" : reply.contentType);
     }
-    if (recorded) record(req, reply.status, reply.error, {});
+    if (recorded) record(req, reply.status, reply.error, {}, startedAt);
   } catch (const std::exception &e) {
     // A store failure must not take the server down; it answers like a failing service.
     std::string message = std::string("emulator failure: ") + e.what();
@@ -213,10 +279,49 @@ void KOEmulator::Impl::serve(const httplib::Request &req, httplib::Response &res
     res.set_content(KOEmulatorJSON::errorBody(message), "application/json");
     if (!recorded) return;
     try {
-      record(req, 500, message, {});
+      record(req, 500, message, {}, startedAt);
     } catch (const std::exception &) {
     }
   }
+}
+
+bool KOEmulator::Impl::serveDashboard(const httplib::Request &req, httplib::Response &res) {
+  if (req.method != "GET") return false;
+  // Nothing of the dashboard may be framed by another page or guessed into another type.
+  res.set_header("X-Frame-Options", "DENY");
+  res.set_header("X-Content-Type-Options", "nosniff");
+  res.set_header("Cache-Control", "no-store");
+  if (req.path == "/__emulator/campaign_preview") {
+    const std::string id = req.get_param_value("id");
+    std::string picture;
+    if (options.campaignPicture) {
+      if (const auto campaign = service.seededCampaign(id)) picture = options.campaignPicture(*campaign);
+    }
+    if (picture.empty()) {
+      res.status = 204;  // no preview: not an error the page should log
+    } else {
+      res.set_content(picture, "image/svg+xml");
+    }
+    return true;
+  }
+  const std::string_view name = req.path == "/" ? std::string_view("index.html")
+                                : req.path.starts_with(KOEmulator::kDashboardPath)
+                                    ? std::string_view(req.path).substr(std::strlen(KOEmulator::kDashboardPath))
+                                    : std::string_view("-");
+  for (const KOEmulatorAsset &asset : KOEmulatorDashboardAssets::all()) {
+    if (asset.name != (name.empty() ? std::string_view("index.html") : name)) continue;
+    std::string body(asset.text);
+    if (asset.name == "index.html") {
+      // The page learns the run's token from its own text, which no other origin can read.
+      const std::string mark = "{{KOVANTIS_TOKEN}}";
+      if (const auto at = body.find(mark); at != std::string::npos) body.replace(at, mark.size(), token);
+      res.set_header("Content-Security-Policy",
+                     "default-src 'self'; img-src 'self' data:; style-src 'self'; frame-ancestors 'none'");
+    }
+    res.set_content(body, std::string(asset.type));
+    return true;
+  }
+  return false;
 }
 
 KOEmulator::KOEmulator(Options options) : impl_(std::make_unique<Impl>(std::move(options))) {
@@ -261,7 +366,7 @@ int KOEmulator::start(int port) {
     res.set_content(KOEmulatorJSON::errorBody(message), "application/json");
     if (!KOEmulatorService::isControlPath(req.path)) {
       try {
-        impl->record(req, res.status, message, {});
+        impl->record(req, res.status, message, {}, KOEmulatorStore::now());
       } catch (const std::exception &) {
       }
     }
@@ -322,7 +427,8 @@ std::string KOEmulator::baseURL() const {
 }
 
 std::string KOEmulator::controlURL() const { return baseURL() + kControlPath; }
-std::string KOEmulator::dashboardURL() const { return baseURL() + kDashboardPath; }
+std::string KOEmulator::dashboardURL() const { return baseURL() + "/"; }
+std::string KOEmulator::controlToken() const { return impl_->token; }
 
 void KOEmulator::seed(const std::string &json) { impl_->service.seed(json); }
 std::string KOEmulator::seedsJSON() const { return impl_->service.seedsJSON(); }

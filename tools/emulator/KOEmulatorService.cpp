@@ -829,6 +829,35 @@ Reply categories(const Env &env, const Call &, const Query &) { return ok(J::toJ
 Reply geofenceHits(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.geofenceHits())); }
 Reply campaignEvents(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.campaignEvents())); }
 Reply seeds(const Env &env, const Call &, const Query &) { return ok(seedsOf(env.store)); }
+
+// A query number the dashboard sent, or `otherwise` when absent; refused when not an integer.
+int64_t number(const Query &q, const std::string &key, int64_t otherwise) {
+  if (!q.has(key)) return otherwise;
+  q.requireDigits(key, true);
+  try {
+    return std::stoll(q.get(key));
+  } catch (const std::out_of_range &) {
+    throw Refusal("query parameter \"" + key + "\" is out of range");
+  }
+}
+
+// The dashboard's views: paged, so that a store of a hundred thousand events answers at once.
+Reply timeline(const Env &env, const Call &, const Query &q) {
+  KOEmulatorStore::TimelineQuery query;
+  query.device = q.get("device");
+  query.name = q.get("name");
+  query.text = q.get("q");
+  query.beforeRow = std::max<int64_t>(0, number(q, "before_row", 0));
+  query.beforePosition = number(q, "before_position", -1);
+  query.limit = static_cast<size_t>(std::clamp<int64_t>(number(q, "limit", 50), 1, 500));
+  return ok(env.store.timelineJSON(query));
+}
+Reply requestLog(const Env &env, const Call &, const Query &q) {
+  return ok(env.store.requestLogJSON(static_cast<size_t>(std::clamp<int64_t>(number(q, "limit", 200), 1, 1000))));
+}
+Reply changes(const Env &env, const Call &, const Query &) {
+  return ok("{\"stamp\":" + std::to_string(env.store.changeStamp()) + "}");
+}
 Reply faults(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.faults.list())); }
 
 // Which of the shared checks run before a row's handler.
@@ -877,6 +906,9 @@ constexpr Route kRoutes[] = {
     {"GET", "/__emulator/campaign_events", Kind::Inspection, campaignEvents},
     {"GET", "/__emulator/seed", Kind::Inspection, seeds},
     {"GET", "/__emulator/fault", Kind::Inspection, faults},
+    {"GET", "/__emulator/timeline", Kind::Control, timeline},
+    {"GET", "/__emulator/request_log", Kind::Control, requestLog},
+    {"GET", "/__emulator/changes", Kind::Control, changes},
 };
 
 bool isService(const Route &route) { return route.kind == Kind::Service || route.kind == Kind::Universal; }
@@ -990,3 +1022,29 @@ std::optional<std::string> KOEmulatorService::inspect(const std::string &what, c
 void KOEmulatorService::seed(const std::string &json) { applySeed(store_, json); }
 
 std::string KOEmulatorService::seedsJSON() const { return seedsOf(store_); }
+
+std::optional<std::string> KOEmulatorService::seededCampaign(const std::string &id) const {
+  rapidjson::Document doc;
+  std::string error;
+  if (id.empty() || !J::parse(seedsOf(store_), doc, error) || !doc.IsObject()) return std::nullopt;
+  const auto matches = [&](const rapidjson::Value &c) {
+    if (!c.IsObject()) return false;
+    const auto cid = c.FindMember("cid");
+    return cid != c.MemberEnd() && cid->value.IsString() && id == cid->value.GetString();
+  };
+  const auto inapps = doc.FindMember("inapps");
+  if (inapps != doc.MemberEnd() && inapps->value.IsObject()) {
+    const auto list = inapps->value.FindMember("campaign_info");
+    if (list != inapps->value.MemberEnd() && list->value.IsArray()) {
+      for (const auto &c : list->value.GetArray()) {
+        if (matches(c)) return J::serialize(c);
+      }
+    }
+  }
+  const auto byId = doc.FindMember("campaigns");
+  if (byId != doc.MemberEnd() && byId->value.IsObject()) {
+    const auto c = byId->value.FindMember(id.c_str());
+    if (c != byId->value.MemberEnd() && c->value.IsObject()) return J::serialize(c->value);
+  }
+  return std::nullopt;
+}

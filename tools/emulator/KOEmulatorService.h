@@ -58,6 +58,8 @@ class KOEmulatorService {
   // Replaces the sections the seed names; throws std::invalid_argument when it is unusable.
   void seed(const std::string &json);
   std::string seedsJSON() const;  // every section, defaults included
+  // The seeded in-app campaign with this id ("inapps" first, then "campaigns"), as JSON.
+  std::optional<std::string> seededCampaign(const std::string &id) const;
 
  private:
   KOEmulatorStore &store_;

@@ -3,6 +3,7 @@
 // The emulator's SQLite store: one connection, every call serialised by one mutex, so that the
 // server's worker threads and in-process inspection can share it.
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -51,6 +52,22 @@ class KOEmulatorStore {
   std::vector<KOEmulatorGeofenceHit> geofenceHits() const;
   std::vector<KOEmulatorCampaignEvents> campaignEvents() const;
 
+  // One page of events, newest first, as JSON for the dashboard: {"events": [...], "next": cursor
+  // or null}. A page reads only the batches it shows (stored events are never all parsed for it).
+  struct TimelineQuery {
+    std::string device;           // unique_id; empty for every device
+    std::string name;             // exact event name; empty for every name
+    std::string text;             // found anywhere in the event's JSON; empty for no search
+    int64_t beforeRow = 0;        // continue before this batch row (0: from the newest)
+    int64_t beforePosition = -1;  // and inside it before this position (-1: the whole batch)
+    size_t limit = 50;
+  };
+  std::string timelineJSON(const TimelineQuery &query) const;
+  // The latest requests, newest first, without their bodies: {"requests": [...]}.
+  std::string requestLogJSON(size_t limit) const;
+  // Changes whenever something was received or reset: what the dashboard polls.
+  int64_t changeStamp() const;
+
   static double now();  // seconds since 1970
   // An exact path, or every path under a prefix that ends in "/"; empty matches everything.
   static bool pathMatches(const std::string &filter, const std::string &path);
@@ -59,4 +76,5 @@ class KOEmulatorStore {
   void exec(const char *sql) const;
   sqlite3 *db_ = nullptr;
   mutable std::mutex mutex_;
+  std::atomic<int64_t> changes_{0};
 };

@@ -12,6 +12,9 @@
 
 #include "kovantis/emulator/KOEmulator.h"
 
+// KOEmulatorPreview.cpp: a seeded campaign drawn as the simulated phone shows it.
+std::string kovantisCampaignPreview(const std::string &campaignJSON);
+
 namespace {
 
 struct Settings {
@@ -114,6 +117,7 @@ int main(int argc, char **argv) {
   }
   if (settings.port < 0 || settings.emulator.dataDir.empty()) return usage(argv[0]);
   settings.emulator.logRequests = !settings.quiet;
+  settings.emulator.campaignPicture = kovantisCampaignPreview;
 
   // Block the stop signals before any thread exists, so every thread inherits the mask and
   // only sigwait below receives them.
@@ -130,7 +134,7 @@ int main(int argc, char **argv) {
     int bound = emulator.start(settings.port);
     std::cout << "kovantis-emulator listening on " << settings.emulator.bindAddress << ":" << bound << "\n"
               << "  control API  " << emulator.controlURL() << "health (and requests, events, seed, fault, reset)\n"
-              << "  dashboard    " << emulator.dashboardURL() << " (not served by this version yet)" << std::endl;
+              << "  dashboard    " << emulator.dashboardURL() << std::endl;
     int received = 0;
     sigwait(&stopSignals, &received);
     std::cout << "kovantis-emulator stopping (signal " << received << ")" << std::endl;

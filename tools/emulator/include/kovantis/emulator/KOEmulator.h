@@ -9,6 +9,7 @@
 // behind the pointer below, so including it adds nothing to a host's compile line.
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,6 +29,10 @@ class KOEmulator {
     int keepAliveSeconds = 2;         // short, so that stop() never waits long on idle clients
     int keepAliveMaxRequests = 1000;  // per connection, as production front ends allow
     bool logRequests = false;         // one line per service request on stderr
+    // Draws a seeded campaign (its JSON) as an SVG picture for the dashboard's preview; empty
+    // answers "no preview". The kovantis-emulator program sets it to the simulated device's
+    // renderer; the library itself draws nothing.
+    std::function<std::string(const std::string &campaignJSON)> campaignPicture;
   };
 
   // Throws std::runtime_error when the store cannot be opened or the seed file is unusable.
@@ -55,6 +60,12 @@ class KOEmulator {
   static constexpr const char *kDashboardPath = "/__emulator/dashboard/";
   std::string controlURL() const;    // baseURL() + kControlPath
   std::string dashboardURL() const;  // baseURL() + kDashboardPath
+  // Every call that changes the emulator over HTTP (seed, fault, reset) must carry this per-run
+  // secret in the header "X-Kovantis-Token"; the dashboard page is handed it when served, and a
+  // page from another origin can neither read it nor send the header. Calls from a browser must
+  // also come from the emulator's own origin. In-process calls need none of this.
+  static constexpr const char *kTokenHeader = "X-Kovantis-Token";
+  std::string controlToken() const;
 
   // Seeds: a JSON object whose sections replace the ones stored (see README.md). Throws
   // std::invalid_argument with the reason when the text is not an acceptable seed.

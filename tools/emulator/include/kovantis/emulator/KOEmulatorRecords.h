@@ -16,9 +16,10 @@ struct KOEmulatorRequest {
   std::string queryJSON;                     // {"key": "value"}; a repeated key gives an array
   std::map<std::string, std::string> query;  // last value of each key
   std::string body;
-  int status = 0;     // 0 when the connection was dropped
-  std::string error;  // why it was refused, empty when accepted
-  std::string fault;  // the injected fault that hit it, if any
+  int status = 0;         // 0 when the connection was dropped
+  std::string error;      // why it was refused, empty when accepted
+  std::string fault;      // the injected fault that hit it, if any
+  double durationMs = 0;  // from its arrival to its answer
 };
 
 struct KOEmulatorDevice {
