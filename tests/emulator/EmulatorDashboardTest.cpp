@@ -43,13 +43,19 @@ TEST_F(EmulatorTest, OnlyTheEmulatorsOwnPageWithItsTokenMayChangeItAndNoOtherPag
     int events;  // the answer to GET /__emulator/events
   };
   const std::vector<Case> cases = {
-      {"the page itself", {{"Origin", own}, {"Sec-Fetch-Site", "same-origin"}, {KOEmulator::kTokenHeader, token}}, 200, 200},
+      {"the page itself",
+       {{"Origin", own}, {"Sec-Fetch-Site", "same-origin"}, {KOEmulator::kTokenHeader, token}},
+       200,
+       200},
       {"a script outside any browser with the token", {{KOEmulator::kTokenHeader, token}}, 200, 200},
       {"the page without its token", {{"Origin", own}, {"Sec-Fetch-Site", "same-origin"}}, 403, 200},
       {"a wrong token", {{KOEmulator::kTokenHeader, token + "0"}}, 403, 200},
       {"a page from another local port", {{"Origin", other}, {"Sec-Fetch-Site", "same-site"}}, 403, 403},
       {"another port that guessed the token", {{"Origin", other}, {KOEmulator::kTokenHeader, token}}, 403, 403},
-      {"a form posted from another site", {{"Sec-Fetch-Site", "cross-site"}, {KOEmulator::kTokenHeader, token}}, 403, 403},
+      {"a form posted from another site",
+       {{"Sec-Fetch-Site", "cross-site"}, {KOEmulator::kTokenHeader, token}},
+       403,
+       403},
       {"a name rebound to the loopback", {{"Host", "attacker.example:" + std::to_string(port)}}, 403, 403},
   };
   for (const auto &c : cases) {
@@ -60,21 +66,28 @@ TEST_F(EmulatorTest, OnlyTheEmulatorsOwnPageWithItsTokenMayChangeItAndNoOtherPag
     EXPECT_EQ(statusOf(cli.Post("/__emulator/reset", "", "application/json")), c.reset);
     if (c.reset != 200) {
       EXPECT_EQ(emulator->batches().size(), before) << "a refused reset changed nothing";
-      EXPECT_EQ(statusOf(cli.Post("/__emulator/fault", R"({"path":"/v2/report/add","status":500})", "application/json")), 403);
+      EXPECT_EQ(
+          statusOf(cli.Post("/__emulator/fault", R"({"path":"/v2/report/add","status":500})", "application/json")),
+          403);
       EXPECT_TRUE(emulator->faults().empty());
     }
-    ASSERT_EQ(post("/v2/report/add", universal({{"batch_id", std::to_string(10 + (&c - &cases[0]))}}), report(1))->status, 200);
+    ASSERT_EQ(
+        post("/v2/report/add", universal({{"batch_id", std::to_string(10 + (&c - &cases[0]))}}), report(1))->status,
+        200);
   }
   // The service itself stays open to the SDK, which sends none of a browser's headers.
-  EXPECT_EQ(browserClient(port, {}).Post(httplib::append_query_params("/v2/report/add", universal({{"batch_id", "99"}})),
-                                         report(1), "application/json")->status,
+  EXPECT_EQ(browserClient(port, {})
+                .Post(httplib::append_query_params("/v2/report/add", universal({{"batch_id", "99"}})), report(1),
+                      "application/json")
+                ->status,
             200);
 }
 
 TEST_F(EmulatorTest, TheTimelinePagesThroughEveryEventNewestFirstOnceEachAndFilters) {
   // Three batches from two devices: 3 + 2 + 4 events.
   ASSERT_EQ(post("/v2/report/add", universal({{"batch_id", "1"}}), report(3, "A"))->status, 200);
-  ASSERT_EQ(post("/v2/report/add", universal({{"batch_id", "2"}, {"unique_id", "OTHER"}}), report(2, "B"))->status, 200);
+  ASSERT_EQ(post("/v2/report/add", universal({{"batch_id", "2"}, {"unique_id", "OTHER"}}), report(2, "B"))->status,
+            200);
   ASSERT_EQ(post("/v2/report/add", universal({{"batch_id", "3"}}), report(4, "C"))->status, 200);
   ASSERT_EQ(post("/v2/report/add", universal({{"batch_id", "3"}}), report(4, "C"))->status, 200);  // a duplicate
 
