@@ -15,6 +15,7 @@
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOStackTrace.h"
 #include "KOUtilities/KOStringFormat.h"
+#include "KOUtilities/KOValueHelpers.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Network/KOServerInterface.h"
 #include "kovantis/KOConstants.h"
@@ -56,6 +57,15 @@ Kovantis::Kovantis() {
       [this] { registerForRemoteNotificationWithCategories({}); },
       [this] { return delegate(); },
   });
+  // Push events are tracked as the host's are (so they reach the in-app trigger check), and the
+  // facade is the platform browser's delegate.
+  KONotificationHandler::sharedInstance().setHost(KONotificationHandler::Host{
+      [this](const KOValue& name, const KOValue& payload) { trackEvent(name, payload); },
+      [this] { syncNow(); },
+      [this] { return disableBadgeReset(); },
+      [this] { return disableInbox(); },
+      [this](std::shared_ptr<KOPresentedScreen> browser) { safariViewControllerDidFinish(std::move(browser)); },
+  });
 }
 
 std::shared_ptr<KOInAppDelegate> Kovantis::delegate() const {
@@ -70,29 +80,32 @@ void Kovantis::setDelegate(std::weak_ptr<KOInAppDelegate> delegate) {
 
 // ------------------------------------------------------------------------------------------ start
 
-void Kovantis::initializeDevWithApiKey(const KOValue& apiKey, KOApplication*, const KODictionary&,
-                                       bool openDeeplinkUrlAutomatically) {
+void Kovantis::initializeDevWithApiKey(const KOValue& apiKey, KOApplication* inApplication,
+                                       const KODictionary& withLaunchOptions, bool openDeeplinkUrlAutomatically) {
   if (emptyText(apiKey)) {
     KOLogger::logLocated(KO_HERE, this, KOLogSeverityException, kMissingAppId);
     return;
   }
-  start(KOValue(apiKey.stringValue() + "_DEBUG"), openDeeplinkUrlAutomatically);
+  start(KOValue(apiKey.stringValue() + "_DEBUG"), inApplication, withLaunchOptions, openDeeplinkUrlAutomatically);
 }
 
-void Kovantis::initializeProdWithApiKey(const KOValue& apiKey, KOApplication*, const KODictionary&,
-                                        bool openDeeplinkUrlAutomatically) {
-  start(apiKey, openDeeplinkUrlAutomatically);
+void Kovantis::initializeProdWithApiKey(const KOValue& apiKey, KOApplication* inApplication,
+                                        const KODictionary& withLaunchOptions, bool openDeeplinkUrlAutomatically) {
+  start(apiKey, inApplication, withLaunchOptions, openDeeplinkUrlAutomatically);
 }
 
-void Kovantis::initializeWithApiKey(const KOValue& apiKey, KOApplication*, const KODictionary&,
-                                    bool openDeeplinkUrlAutomatically) {
-  start(apiKey, openDeeplinkUrlAutomatically);
+void Kovantis::initializeWithApiKey(const KOValue& apiKey, KOApplication* inApplication,
+                                    const KODictionary& withLaunchOptions, bool openDeeplinkUrlAutomatically) {
+  start(apiKey, inApplication, withLaunchOptions, openDeeplinkUrlAutomatically);
 }
 
-void Kovantis::start(const KOValue& apiKey, bool) {
+void Kovantis::start(const KOValue& apiKey, KOApplication* application, const KODictionary& launchOptions,
+                     bool openDeeplinkUrlAutomatically) {
+  KONotificationHandler::sharedInstance().setHandleDeepLinks(openDeeplinkUrlAutomatically);
   KOLogger::guard(KO_HERE, this, "Kovantis - exception in initialize is %@", [&] {
     KOInAppV2Manager::removeV1InApps();
     checkReinstallAndSaveAppID(apiKey);
+    handleLaunchPush(application, launchOptions, openDeeplinkUrlAutomatically);
     const KOValue stored = KovantisUtils::getAppId();
     if (stored.description() != apiKey.description()) {
       // Another app id: the data so far belongs to another app. Nothing else starts on this launch.
@@ -105,6 +118,28 @@ void Kovantis::start(const KOValue& apiKey, bool) {
     queryForAdvertisingID();
     updateModules();
     trackLocale();
+  });
+}
+
+void Kovantis::handleLaunchPush(KOApplication* application, const KODictionary& launchOptions,
+                                bool openDeeplinkUrlAutomatically) {
+  // A payload the launch carries must never stop the start: its failure is logged here alone.
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception in initialize is %@", [&] {
+    // Where the platform will deliver the tap to a delegate that answers responses, that answer
+    // handles it; handling it here too would count the click twice.
+    if (systemVersionNumber() >= 10.0) {
+      const std::shared_ptr<KOUserNotificationCenterDelegate> centerDelegate = platform().notificationCenter->delegate();
+      if (platform().application->delegateHandlesNotificationResponses() ||
+          (centerDelegate && centerDelegate->handlesNotificationResponses())) {
+        return;
+      }
+    }
+    const KOValue& payload = safeObjectForKey(launchOptions, KOApplicationLaunchOptionsRemoteNotificationKey);
+    if (payload.isNil() || !payload.isDictionary()) return;
+    KONotificationHandler& push = KONotificationHandler::sharedInstance();
+    if (!KONotificationHandler::shouldProcessNotificationKovantisDict(validObjectForKey(payload, kKovantis))) return;
+    push.handlePushNotificationInApplication(application ? application : platform().application.get(), payload,
+                                             openDeeplinkUrlAutomatically);
   });
 }
 
@@ -372,6 +407,29 @@ void Kovantis::setNotificationCategoriesForEarlieriOSVersionsWithCategories(
   });
 }
 
+// ----------------------------------------------------------------------------------- push receipt
+
+void Kovantis::didReceieveNotificationinApplication(KOApplication* application, const KOValue& withInfo,
+                                                    bool openDeeplinkUrlAutomatically) {
+  KONotificationHandler::sharedInstance().didReceieveNotificationinApplication(application, withInfo,
+                                                                               openDeeplinkUrlAutomatically);
+}
+
+void Kovantis::userNotificationCenter(KOUserNotificationCenter* center,
+                                      const KONotificationResponse& didReceiveNotificationResponse) {
+  KONotificationHandler::sharedInstance().userNotificationCenter(center, didReceiveNotificationResponse);
+}
+
+void Kovantis::handleActionWithIdentifier(const KOValue& identifier, const KOValue& forRemoteNotification) {
+  KONotificationHandler::sharedInstance().handleActionWithIdentifier(identifier, forRemoteNotification);
+}
+
+void Kovantis::safariViewControllerDidFinish(std::shared_ptr<KOPresentedScreen> controller) {
+  KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
+    if (controller) controller->remove();
+  });
+}
+
 // -------------------------------------------------------------------------- lifecycle and sessions
 
 void Kovantis::addObserverForApplicationLifeCycle() {
@@ -414,8 +472,9 @@ void Kovantis::applicationEnteredForeground(const KODictionary&) {
 }
 
 void Kovantis::applicationEnteredBackground(const KODictionary&) {
-  // Nothing of the facade's own to do yet: the handlers hear the background themselves (the
-  // server interface releases its idle connections).
+  // Events of the next foreground period are no longer after the push opened in this one.
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception in application did enter Background is %@",
+                  [&] { KONotificationHandler::sharedInstance().setDidReceivePush(false); });
 }
 
 void Kovantis::updateModules() {

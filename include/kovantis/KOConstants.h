@@ -37,6 +37,9 @@ inline constexpr const char* KOApplicationDidEnterBackgroundNotification =
 inline constexpr const char* KOApplicationWillEnterForegroundNotification =
     "UIApplicationWillEnterForegroundNotification";
 inline constexpr const char* KOApplicationWillTerminateNotification = "UIApplicationWillTerminateNotification";
+/// The launch options' entry holding the payload of a push that launched the app.
+inline constexpr const char* KOApplicationLaunchOptionsRemoteNotificationKey =
+    "UIApplicationLaunchOptionsRemoteNotificationKey";
 inline constexpr const char* KOCurrentLocaleDidChangeNotification = "NSCurrentLocaleDidChangeNotification";
 
 // Service hosts (production) and methods.
@@ -223,6 +226,15 @@ inline constexpr const char* KOV_NOTIFICATION_CATEGORIES = "KOV_NOTIFICATION_CAT
 inline constexpr const char* KOV_APP_VERSION = "KOV_APP_VERSION";
 inline constexpr const char* KOV_DISMISS_ACTION = "KOV_DISMISS_ACTION";
 inline constexpr const char* KOV_DISMISS_CATEGORY = "KOV_DISMISS_CATEGORY";
+
+// Push receipt: the service's block of a push payload, the keys written into it, and the events.
+inline constexpr const char* kKovantis = "kovantis";
+inline constexpr const char* KOV_APNS_ACTION = "apns_action";
+inline constexpr const char* KOV_APNS_ACTION_IDENTIFIER = "apns_action_identifier";
+inline constexpr const char* KO_PUSH_CLICKED_EVENT = "NOTIFICATION_CLICKED_IOS_KOV";
+inline constexpr const char* KO_PUSH_DISMISSED_EVENT = "NOTIFICATION_DISMISSED_IOS_KOV";
+inline constexpr const char* KO_PUSH_RECEIVED_ACTIVE_EVENT = "NOTIFICATION_RECEIVED_IOS_APP_ACTIVE";
+inline constexpr const char* KO_EVENT_AFTER_PUSH = "Event_After_Push";
 
 // Inbox: the notification the host hears when a fetch found messages not handed out yet.
 inline constexpr const char* KOInboxPendingNotificationsNotification = "PendingNotifications";

@@ -314,6 +314,10 @@ class KOApplication {
   /// The root of the application delegate's window, the fallback of the top-screen lookup.
   virtual std::shared_ptr<KOViewController> delegateWindowRootViewController() const = 0;
   virtual bool isKeyboardShown() const = 0;
+  /// Whether the host's application delegate answers notification responses itself (then, on
+  /// systems with the current notification interface, a push that launched the app reaches the SDK
+  /// through that answer and not through the launch options).
+  virtual bool delegateHandlesNotificationResponses() const { return false; }
 };
 
 /// What the user sees and answers.
@@ -341,6 +345,12 @@ class KOUserInterface {
   virtual void setPasteboardString(const std::string& text) = 0;
   /// Shows a screen the SDK built over whatever is on screen (an in-app message), until removed.
   virtual std::shared_ptr<KOPresentedScreen> presentScreen(KOViewDescription screen, KOViewEventHandler onEvent) = 0;
+  /// The platform's own browser over everything, opened at the URL (a landing page). When the user
+  /// is done with it, `didFinish` hears it on the main queue with the browser's handle; the browser
+  /// stays until that handle is removed (its delegate dismisses it).
+  virtual std::shared_ptr<KOPresentedScreen> presentBrowser(
+      const std::string& url, const KOViewController* presenter,
+      std::function<void(std::shared_ptr<KOPresentedScreen> browser)> didFinish) = 0;
 };
 
 // ------------------------------------------------------------------------- user notifications
@@ -416,10 +426,38 @@ class KONotificationCategory : public KOMutableUserNotificationCategory {
 /// A set of categories as a host hands it over; absent (nullopt) and empty are different.
 using KONotificationCategorySet = std::optional<std::vector<std::shared_ptr<KONotificationCategoryBase>>>;
 
-/// Receives what the notification centre reports about notifications (presentation, responses).
+/// The action identifiers of a response that are not the app's own buttons: the body tapped, and
+/// the notification swiped away (reported for categories that ask for it). A bridge maps the
+/// platform's identifiers onto these.
+inline constexpr const char* KONotificationDefaultActionIdentifier = "KONotificationDefaultActionIdentifier";
+inline constexpr const char* KONotificationDismissActionIdentifier = "KONotificationDismissActionIdentifier";
+
+class KOUserNotificationCenter;
+
+/// What the user did with a delivered notification.
+struct KONotificationResponse {
+  /// Which action: one of the two above or an action button's identifier. Whatever the bridge hands
+  /// over; the SDK checks its kind.
+  KOValue actionIdentifier;
+  /// The notification's payload (its request's content's user info).
+  KOValue userInfo;
+  /// The attachments the notification carried when shown (their identifiers).
+  std::vector<std::string> attachments;
+};
+
+/// Receives what the notification centre reports about notifications. A delegate that answers
+/// responses overrides both members below; the first says so, as the platform's check whether a
+/// delegate responds to them does.
 class KOUserNotificationCenterDelegate {
  public:
   virtual ~KOUserNotificationCenterDelegate() = default;
+  virtual bool handlesNotificationResponses() const { return false; }
+  /// The user answered a notification; call the completion when done with it.
+  virtual void userNotificationCenter(KOUserNotificationCenter& /*center*/,
+                                      const KONotificationResponse& /*didReceiveNotificationResponse*/,
+                                      std::function<void()> withCompletionHandler) {
+    if (withCompletionHandler) withCompletionHandler();
+  }
 };
 
 /// The system's notification centre, both generations. Completions arrive on a thread of the
@@ -435,6 +473,7 @@ class KOUserNotificationCenter {
   /// Replaces the installed categories.
   virtual void setNotificationCategories(std::vector<std::shared_ptr<KOUserNotificationCategory>> categories) = 0;
   virtual void setDelegate(std::shared_ptr<KOUserNotificationCenterDelegate> delegate) = 0;
+  virtual std::shared_ptr<KOUserNotificationCenterDelegate> delegate() const = 0;
   /// The older settings interface: the answer comes later through the host's settings callback.
   virtual void registerUserNotificationSettings(
       int types, std::vector<std::shared_ptr<KOMutableUserNotificationCategory>> categories) = 0;

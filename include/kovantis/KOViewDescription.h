@@ -31,6 +31,8 @@ enum class KOViewKind {
   Row,        // one row of a list
   Rating,     // stars the user sets: `value` of `maximum`
   TextField,  // text the user types; `text` is what it holds
+  WebView,    // a web page: `text` is the URL it loads
+  Activity,   // an activity indicator, spinning while `value` is 1
 };
 
 enum class KOTextAlignment { Left, Center, Right };
@@ -40,6 +42,11 @@ enum class KOViewEvent {
   Tap,
   SwipeDelete,  // the row's delete swipe, offered only on rows marked deletable
   SwipeAway,    // the whole presented screen swiped off (tag 0)
+  // A web view's page (the web view's tag): it started loading, finished, or failed; after a
+  // failure, viewWithTag(tag) of the screen's handle holds the error's text.
+  LoadStarted,
+  LoadFinished,
+  LoadFailed,
 };
 
 struct KOViewDescription {

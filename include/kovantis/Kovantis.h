@@ -109,6 +109,22 @@ class Kovantis {
   /// The same for older systems (no dismiss category, nothing installed here).
   void setNotificationCategoriesForEarlieriOSVersionsWithCategories(const KONotificationCategorySet& categories);
 
+  /// A push delivered to the app delegate (forward it from there). Opened while the app was
+  /// inactive it records the click and carries out the push's follow-up (coupon dialog, deep link
+  /// when openDeeplinkUrlAutomatically, landing page, in-app campaign); arrived while active it
+  /// shows its in-app campaign and records the receipt; in the background it does nothing.
+  void didReceieveNotificationinApplication(KOApplication* application, const KOValue& withInfo,
+                                            bool openDeeplinkUrlAutomatically = true);
+  /// The user's answer to a notification, from the notification centre's delegate (systems with
+  /// the current interface): dismissals are recorded and sent at once, a tap opens the push (deep
+  /// links as chosen at start), an action button records the click with its title.
+  void userNotificationCenter(KOUserNotificationCenter* center,
+                              const KONotificationResponse& didReceiveNotificationResponse);
+  /// An action button tapped on older systems (the app delegate's action callback).
+  void handleActionWithIdentifier(const KOValue& identifier, const KOValue& forRemoteNotification);
+  /// The platform browser's delegate call: the user is done with a landing page; it is dismissed.
+  void safariViewControllerDidFinish(std::shared_ptr<KOPresentedScreen> controller);
+
   // ------------------------------------------------------------ lifecycle and sessions
   void addObserverForApplicationLifeCycle();
   void applicationIsActive(const KODictionary& notification = {});
@@ -185,7 +201,10 @@ class Kovantis {
   void checkInAppTrigger(const KOValue& name, const KOValue& payload);
   /// Connects the handlers that hear of the lifecycle and of a user reset by notification.
   Kovantis();
-  void start(const KOValue& apiKey, bool openDeeplinkUrlAutomatically);
+  void start(const KOValue& apiKey, KOApplication* application, const KODictionary& launchOptions,
+             bool openDeeplinkUrlAutomatically);
+  void handleLaunchPush(KOApplication* application, const KODictionary& launchOptions,
+                        bool openDeeplinkUrlAutomatically);
 
   std::atomic<bool> disableInbox_{false};
   std::atomic<bool> disableInApps_{false};

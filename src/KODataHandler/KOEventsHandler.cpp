@@ -286,6 +286,16 @@ bool KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload)
       throw KOTypeError("the attributes nest deeper than " + std::to_string(kMaxAttributeNesting) + " levels");
     }
     const std::string& eventName = name.stringValue();
+    if (afterPush()) {
+      KODictionary marked = andPayload.isNil() ? KODictionary()
+                                               : KovantisUtils::transformPayloadForIncompatibleTypes(
+                                                     andPayload.dictionaryValue());
+      marked.set(KO_EVENT_AFTER_PUSH, KOValue(true));
+      const KOValue attributes(std::move(marked));
+      append(recordJSON(eventName, &attributes, nullptr));
+      offerToObserver(eventName, andPayload);
+      return true;
+    }
     if (andPayload.isNil()) {
       append(recordJSON(eventName, nullptr, nullptr));
     } else if (!KovantisUtils::payloadNeedsTransform(andPayload.dictionaryValue())) {

@@ -35,6 +35,12 @@ class KOEventsHandler {
   using EventObserver = std::function<void(const std::string& name, const KOValue& attributes)>;
   void setEventObserver(EventObserver observer);
 
+  /// While set (a push was opened in this foreground period), every event tracked through the
+  /// plain call carries "Event_After_Push" = true. The push handler owns it; it lives here so the
+  /// tracking path reads it with one atomic load.
+  void setAfterPush(bool afterPush) { afterPush_.store(afterPush, std::memory_order_relaxed); }
+  bool afterPush() const { return afterPush_.load(std::memory_order_relaxed); }
+
   /// Cuts a batch and starts a sync once the records in memory reach the threshold.
   void checkEventCountForCurrentBatchGreaterThanThreshhold();
   /// Starts a sync on the shared queue; returns at once. A sync asked for while one runs is
@@ -170,5 +176,6 @@ class KOEventsHandler {
   void noteRoundOutcomeLocked(std::size_t sent, std::size_t failed);
   std::vector<FlushWaiter> flushWaiters_;
   std::atomic<const EventObserver*> observer_{nullptr};
+  std::atomic<bool> afterPush_{false};
   std::vector<std::unique_ptr<EventObserver>> installedObservers_;  // kept: a tracking thread may still call one
 };

@@ -4,8 +4,12 @@
 
 #include "KODataHandler/KOEventsHandler.h"
 #include "KODataHandler/KOUserAttributesHandler.h"
+#include "KOInAppV2/InAppHandlers/KOInAppV2Handler.h"
+#include "KOInbox/KOInboxHandler.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOStringFormat.h"
+#include "KOUtilities/KOValueHelpers.h"
+#include "KOUtilities/KovantisDateUtils.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Network/KOServerInterface.h"
 #include "kovantis/KOConstants.h"
@@ -154,4 +158,287 @@ void KONotificationHandler::handOver(KOArray serialised) {
   prefs().setObject(KOValue(serialised), KOV_NOTIFICATION_CATEGORIES);
   prefs().synchronize();
   KOServerInterface::sharedInstance().setNotificationCategoriesWithCategories(serialised);
+}
+
+// ------------------------------------------------------------------------------------------ receipt
+
+namespace {
+
+const KOPlatform& platform() { return KOPlatform::current(); }
+
+// The payload as a dictionary: nothing for none, KOTypeError for anything else.
+const KODictionary* payloadDictionary(const KOValue& payload) {
+  if (payload.isNil() || payload.isNull()) return nullptr;
+  return &payload.dictionaryValue();
+}
+
+// The service's block of a payload (nil when there is none).
+KOValue serviceBlock(const KOValue& payload) {
+  const KODictionary* dict = payloadDictionary(payload);
+  return dict ? validObjectForKey(*dict, kKovantis) : KOValue();
+}
+
+void onMain(std::function<void()> work) { platform().dispatch->asyncMain(std::move(work)); }
+
+}  // namespace
+
+void KONotificationHandler::setHost(Host host) {
+  std::lock_guard<std::mutex> lock(hostMutex_);
+  host_ = std::move(host);
+}
+
+bool KONotificationHandler::didReceivePush() const { return KOEventsHandler::sharedInstance().afterPush(); }
+
+void KONotificationHandler::setDidReceivePush(bool value) { KOEventsHandler::sharedInstance().setAfterPush(value); }
+
+void KONotificationHandler::track(const char* event, const KOValue& attributes) {
+  std::function<void(const KOValue&, const KOValue&)> trackEvent;
+  {
+    std::lock_guard<std::mutex> lock(hostMutex_);
+    trackEvent = host_.trackEvent;
+  }
+  if (trackEvent) {
+    trackEvent(KOValue(event), attributes);
+  } else {
+    KOEventsHandler::sharedInstance().trackEvent(KOValue(event), attributes);
+  }
+}
+
+void KONotificationHandler::syncNow() {
+  std::function<void()> sync;
+  {
+    std::lock_guard<std::mutex> lock(hostMutex_);
+    sync = host_.syncNow;
+  }
+  if (sync) {
+    sync();
+  } else {
+    KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(false, false, false);
+  }
+}
+
+void KONotificationHandler::resetBadge() {
+  std::function<bool()> disabled;
+  {
+    std::lock_guard<std::mutex> lock(hostMutex_);
+    disabled = host_.disableBadgeReset;
+  }
+  if (!disabled || !disabled()) platform().application->setApplicationIconBadgeNumber(0);
+}
+
+bool KONotificationHandler::shouldProcessNotificationKovantisDict(const KOValue& block) {
+  if (block.isNil() || block.isNull()) return false;
+  const KODictionary& dict = block.dictionaryValue();
+  return validObjectForKey(dict, "silentPush").isNil() && !validObjectForKey(dict, "cid").isNil();
+}
+
+void KONotificationHandler::didReceieveNotificationinApplication(KOApplication* application, const KOValue& withInfo,
+                                                                 bool handleDeeplinking) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception in did receive notification : %@", [&] {
+    if (!shouldProcessNotificationKovantisDict(serviceBlock(withInfo))) return;
+    KOApplication& app = application ? *application : *platform().application;
+    switch (app.applicationState()) {
+      case KOApplicationState::Inactive:  // the user opened it
+        handlePushNotificationInApplication(&app, withInfo, handleDeeplinking);
+        break;
+      case KOApplicationState::Active:
+        handlePushNotificationForeground(withInfo);
+        resetBadge();
+        break;
+      case KOApplicationState::Background:
+        break;
+    }
+  });
+}
+
+void KONotificationHandler::userNotificationCenter(KOUserNotificationCenter*, const KONotificationResponse& response) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception : %@", [&] {
+    KOValue block = serviceBlock(response.userInfo);
+    if (!shouldProcessNotificationKovantisDict(block)) return;
+    KOValue payload = response.userInfo;
+    // An attachment the notification should have shown and did not: its download failed.
+    const KOValue& media = validObjectForKey(block, "media-attachment");
+    if (response.attachments.empty() && media.isString() && !media.stringValue().empty()) {
+      KODictionary marked = block.dictionaryValue();
+      marked.set("kovAttachmentDownloadFailure", KOValue(true));
+      block = KOValue(std::move(marked));
+      KODictionary withMark = payload.dictionaryValue();
+      withMark.set(kKovantis, block);
+      payload = KOValue(std::move(withMark));
+    }
+    const std::string& action = response.actionIdentifier.stringValue();
+    if (action == KONotificationDismissActionIdentifier || action == KOV_DISMISS_ACTION) {
+      track(KO_PUSH_DISMISSED_EVENT, block);
+      syncNow();  // a dismissal is sent at once
+    } else if (action == KONotificationDefaultActionIdentifier) {
+      handlePushNotificationInApplication(nullptr, payload, handleDeepLinks());
+    } else {
+      handleActionWithIdentifier(response.actionIdentifier, payload);
+    }
+  });
+}
+
+void KONotificationHandler::handleActionWithIdentifier(const KOValue& identifier,
+                                                       const KOValue& forRemoteNotification) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception while notification action : %@", [&] {
+    if (identifier.isNil() || forRemoteNotification.isNil()) return;
+    const std::string& id = identifier.stringValue();
+    const KOValue stored = serviceBlock(forRemoteNotification);
+    KODictionary block = stored.isNil() ? KODictionary() : stored.dictionaryValue();
+    // Every category is looked at: when several hold the identifier, the last one names it.
+    std::optional<KOValue> title;
+    const KOValue categories = prefs().objectForKey(KOV_NOTIFICATION_CATEGORIES);
+    if (categories.isArray()) {
+      for (const KOValue& category : categories.arrayValue()) {
+        const KOValue& ids = validObjectForKey(category, "actionsIdentifier");
+        const KOValue& titles = validObjectForKey(category, "actions");
+        if (!ids.isArray() || !titles.isArray()) continue;
+        const KOArray& idList = ids.arrayValue();
+        for (std::size_t i = 0; i < idList.size(); ++i) {
+          if (!(idList[i].isString() && idList[i].stringValue() == id)) continue;
+          if (titles.arrayValue().size() > i) title = titles.arrayValue()[i];
+          break;
+        }
+      }
+    }
+    if (title) block.set(KOV_APNS_ACTION, *title);
+    block.set(KOV_APNS_ACTION_IDENTIFIER, identifier);
+    track(KO_PUSH_CLICKED_EVENT, KOValue(std::move(block)));
+    syncNow();
+  });
+}
+
+void KONotificationHandler::handlePushNotificationInApplication(KOApplication*, const KOValue& userInfo,
+                                                                bool handleDeeplink) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception in handlePushNotification : %@", [&] {
+    setDidReceivePush(true);
+    KovantisUtils::saveLastPushClickedDateTime(KOValue(KODate{KovantisDateUtils::now()}));
+    track(KO_PUSH_CLICKED_EVENT, serviceBlock(userInfo));
+    handlePushInMainQueueWithData(userInfo, handleDeeplink);
+    resetBadge();
+    std::function<bool()> inboxDisabled;
+    {
+      std::lock_guard<std::mutex> lock(hostMutex_);
+      inboxDisabled = host_.disableInbox;
+    }
+    if (!inboxDisabled || !inboxDisabled()) KOInboxHandler::saveClickedPushToLocalStorageWithData(userInfo);
+  });
+}
+
+void KONotificationHandler::handlePushNotificationForeground(const KOValue& payload) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception in handlePushNotificationForeground : %@",
+                  [&] {
+                    handleInAppFromPush(payload);
+                    track(KO_PUSH_RECEIVED_ACTIVE_EVENT, serviceBlock(payload));
+                  });
+}
+
+void KONotificationHandler::handlePushInMainQueueWithData(const KOValue& payload, bool handleDeeplink) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception in handlePushInMainQueue : %@", [&] {
+    if (!validObjectForKeyPath(payload, "kovantis.couponCode").isNil()) {
+      handleCouponCodeForPush(payload, handleDeeplink);  // the dialog's buttons do the rest
+    } else if (!validObjectForKeyPath(payload, "app_extra.kov_deeplink").isNil()) {
+      if (handleDeeplink) handleDeepLinking(payload);
+      handleInAppFromPush(payload);
+    } else if (!validObjectForKeyPath(payload, "kovantis.webUrl").isNil()) {
+      handleRichLandingPage(payload);
+      handleInAppFromPush(payload);
+    } else {
+      handleInAppFromPush(payload);
+    }
+  });
+}
+
+void KONotificationHandler::handleCouponCodeForPush(const KOValue& payload, bool handleDeeplink) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - exception coupon code from push is %@", [&] {
+    const KOValue block = serviceBlock(payload);
+    if (block.isNil()) return;
+    const KOValue& coupon = validObjectForKey(block, "couponCode");
+    if (coupon.isNil()) return;
+    showCouponAlertView(coupon, payload, handleDeeplink);
+  });
+}
+
+void KONotificationHandler::afterCoupon(const KOValue& payload, bool openDeepLink) {
+  if (openDeepLink) handleDeepLinking(payload);
+  handleRichLandingPage(payload);
+  handleInAppFromPush(payload);
+}
+
+void KONotificationHandler::showCouponAlertView(const KOValue& coupon, const KOValue& andUserInfo,
+                                                bool handleDeeplink) {
+  onMain([this, coupon, payload = andUserInfo, handleDeeplink] {
+    KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception while showing coupon code alert : %@",
+                    [&] {
+                      KOUserInterface& ui = *platform().userInterface;
+                      const std::shared_ptr<KOViewController> top = KovantisUtils::getTopViewController();
+                      const std::string code = KOStringFormat::format("%@", {coupon});
+                      if (ui.supportsAlertController()) {
+                        std::vector<KOAlertAction> buttons{
+                            {"COPY", KOAlertActionStyle::Default,
+                             [this, code, payload, handleDeeplink] {
+                               platform().userInterface->setPasteboardString(code);
+                               afterCoupon(payload, handleDeeplink);
+                             }},
+                            {"Cancel", KOAlertActionStyle::Default,
+                             [this, payload, handleDeeplink] { afterCoupon(payload, handleDeeplink); }}};
+                        ui.presentAlert("Coupon",
+                                        KOStringFormat::format("Coupon code : %@ \n Copy coupon code?", {coupon}),
+                                        std::move(buttons), top.get());
+                        return;
+                      }
+                      // The older dialog says the code was copied and leaves the pasteboard alone,
+                      // and opens the deep link whatever the host chose: both as the service's
+                      // older SDKs did, and kept.
+                      ui.presentAlert("Coupon",
+                                      KOStringFormat::format("Coupon code %@ is copied to your clipboard", {coupon}),
+                                      {{"OK", KOAlertActionStyle::Cancel, nullptr}}, top.get());
+                      afterCoupon(payload, true);
+                    });
+  });
+}
+
+void KONotificationHandler::handleDeepLinking(const KOValue& payload) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception while handling deeplinking : %@", [&] {
+    const KOValue& link = validObjectForKeyPath(payload, "app_extra.kov_deeplink");
+    if (link.isNil()) return;
+    const std::string& url = link.stringValue();
+    if (url.empty() || !KOWebViewHandler::isURL(url)) return;
+    KOApplication& app = *platform().application;
+    if (!app.canOpenURL(url)) return;  // dropped silently, as the system would
+    onMain([url] {
+      KOLogger::guard(KO_HERE, nullptr, KOLogSeverityError, "Kovantis - Exception while handling deeplinking : %@", [&] {
+        if (!usesCurrentNotificationInterface()) {
+          platform().application->openURL(url, nullptr);
+          return;
+        }
+        platform().application->openURL(url, [](bool opened) {
+          if (opened) KOLogger::log("%@", {KOValue("DeepLink Opened")});
+        });
+      });
+    });
+  });
+}
+
+void KONotificationHandler::handleRichLandingPage(const KOValue& payload) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - exception while handling rich landing page is %@",
+                  [&] {
+                    const KOValue& page = validObjectForKeyPath(payload, "kovantis.webUrl");
+                    if (page.isNil()) return;
+                    const std::string url = page.stringValue();
+                    KOWebViewHandler::BrowserDelegate delegate;
+                    {
+                      std::lock_guard<std::mutex> lock(hostMutex_);
+                      delegate = host_.browserDidFinish;
+                    }
+                    onMain([url, delegate] { KOWebViewHandler::openWebViewWithUrl(url, delegate); });
+                  });
+}
+
+void KONotificationHandler::handleInAppFromPush(const KOValue& payload) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - exception for in app from push is %@", [&] {
+    const KOValue& cid = validObjectForKeyPath(payload, "kovantis.kov_inapp_cid");
+    if (!cid.isString() || cid.stringValue().empty()) return;
+    onMain([campaign = cid.stringValue()] { KOInAppV2Handler::fetchAndShowInAppForCampaignID(campaign, true); });
+  });
 }

@@ -55,6 +55,10 @@ const char* KOViewDescription::kindName(KOViewKind kind) {
       return "rating";
     case KOViewKind::TextField:
       return "textField";
+    case KOViewKind::WebView:
+      return "webView";
+    case KOViewKind::Activity:
+      return "activity";
     case KOViewKind::Container:
       break;
   }

@@ -156,6 +156,7 @@ class KOForwardingApplication : public KOForwarding<KOApplication> {
     return target().delegateWindowRootViewController();
   }
   bool isKeyboardShown() const override { return target().isKeyboardShown(); }
+  bool delegateHandlesNotificationResponses() const override { return target().delegateHandlesNotificationResponses(); }
 };
 
 class KOForwardingUserInterface : public KOForwarding<KOUserInterface> {
@@ -185,6 +186,11 @@ class KOForwardingUserInterface : public KOForwarding<KOUserInterface> {
   std::shared_ptr<KOPresentedScreen> presentScreen(KOViewDescription screen, KOViewEventHandler onEvent) override {
     return target().presentScreen(std::move(screen), std::move(onEvent));
   }
+  std::shared_ptr<KOPresentedScreen> presentBrowser(
+      const std::string& url, const KOViewController* presenter,
+      std::function<void(std::shared_ptr<KOPresentedScreen>)> didFinish) override {
+    return target().presentBrowser(url, presenter, std::move(didFinish));
+  }
 };
 
 class KOForwardingUserNotificationCenter : public KOForwarding<KOUserNotificationCenter> {
@@ -203,6 +209,7 @@ class KOForwardingUserNotificationCenter : public KOForwarding<KOUserNotificatio
   void setDelegate(std::shared_ptr<KOUserNotificationCenterDelegate> delegate) override {
     target().setDelegate(std::move(delegate));
   }
+  std::shared_ptr<KOUserNotificationCenterDelegate> delegate() const override { return target().delegate(); }
   void registerUserNotificationSettings(
       int types, std::vector<std::shared_ptr<KOMutableUserNotificationCategory>> categories) override {
     target().registerUserNotificationSettings(types, std::move(categories));

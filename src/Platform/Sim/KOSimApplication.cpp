@@ -192,3 +192,46 @@ void KOSimApplication::setKeyboardShown(bool shown) {
   std::lock_guard<std::mutex> lock(mutex_);
   keyboardShown_ = shown;
 }
+
+bool KOSimApplication::delegateHandlesNotificationResponses() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return delegateHandlesResponses_;
+}
+
+void KOSimApplication::setDelegateHandlesNotificationResponses(bool handles) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  delegateHandlesResponses_ = handles;
+}
+
+void KOSimApplication::setRemoteNotificationHandler(std::function<void(const KODictionary&)> handler) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  remoteNotificationHandler_ = std::move(handler);
+}
+
+void KOSimApplication::setNotificationActionHandler(
+    std::function<void(const std::string&, const KODictionary&)> handler) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  actionHandler_ = std::move(handler);
+}
+
+bool KOSimApplication::deliverRemoteNotification(const KODictionary& userInfo) {
+  std::function<void(const KODictionary&)> handler;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    handler = remoteNotificationHandler_;
+  }
+  if (!handler) return false;
+  handler(userInfo);
+  return true;
+}
+
+bool KOSimApplication::deliverNotificationAction(const std::string& identifier, const KODictionary& userInfo) {
+  std::function<void(const std::string&, const KODictionary&)> handler;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    handler = actionHandler_;
+  }
+  if (!handler) return false;
+  handler(identifier, userInfo);
+  return true;
+}

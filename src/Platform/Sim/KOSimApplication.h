@@ -32,6 +32,7 @@ class KOSimApplication : public KOApplication {
   std::shared_ptr<KOViewController> keyWindowRootViewController() const override;
   std::shared_ptr<KOViewController> delegateWindowRootViewController() const override;
   bool isKeyboardShown() const override;
+  bool delegateHandlesNotificationResponses() const override;
 
   // Scripting and inspection.
   void setApplicationState(KOApplicationState state);
@@ -54,6 +55,17 @@ class KOSimApplication : public KOApplication {
   std::string deviceToken() const;
   /// The push service issues a new token; a registered app hears of it as after a registration.
   void rotateDeviceToken();
+  /// The app delegate's push callbacks: a remote notification delivered to the app (in whatever
+  /// state it is in), and an action button tapped on systems without the current notification
+  /// interface. KOSimDevice's push calls reach them.
+  void setRemoteNotificationHandler(std::function<void(const KODictionary& userInfo)> handler);
+  void setNotificationActionHandler(
+      std::function<void(const std::string& identifier, const KODictionary& userInfo)> handler);
+  /// Whether the app delegate answers notification responses itself (no by default).
+  void setDelegateHandlesNotificationResponses(bool handles);
+  /// What KOSimDevice calls: false when the app has no such handler.
+  bool deliverRemoteNotification(const KODictionary& userInfo);
+  bool deliverNotificationAction(const std::string& identifier, const KODictionary& userInfo);
   /// Runs the expiration handlers of every active background task, as the system does when the
   /// app's background time runs out.
   void expireBackgroundTasks();
@@ -82,6 +94,9 @@ class KOSimApplication : public KOApplication {
   std::function<void(const std::string&)> tokenHandler_;
   std::function<void()> failureHandler_;
   bool keyboardShown_ = false;
+  bool delegateHandlesResponses_ = false;
+  std::function<void(const KODictionary&)> remoteNotificationHandler_;
+  std::function<void(const std::string&, const KODictionary&)> actionHandler_;
   std::shared_ptr<KOViewController> keyRoot_;
   std::shared_ptr<KOViewController> delegateRoot_;
 };

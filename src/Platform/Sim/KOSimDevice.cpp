@@ -120,3 +120,47 @@ void KOSimDevice::enterForeground() {
   post(KOApplicationWillEnterForegroundNotification, KOApplicationState::Inactive);
 }
 void KOSimDevice::terminate() { post(KOApplicationWillTerminateNotification, KOApplicationState::Background); }
+
+// ------------------------------------------------------------------------------------------ pushes
+
+bool KOSimDevice::currentNotificationInterface() const {
+  return std::strtod(profile_->systemVersion().c_str(), nullptr) >= 10.0;
+}
+
+bool KOSimDevice::respondThroughDelegate(const KODictionary& payload, const std::string& actionIdentifier,
+                                         std::vector<std::string> attachments) {
+  if (!currentNotificationInterface()) return false;
+  std::shared_ptr<KOUserNotificationCenterDelegate> delegate = notificationCenter_->delegate();
+  if (!delegate || !delegate->handlesNotificationResponses()) return false;
+  KONotificationResponse response{KOValue(actionIdentifier), KOValue(payload), std::move(attachments)};
+  delegate->userNotificationCenter(*notificationCenter_, response, [] {});
+  return true;
+}
+
+bool KOSimDevice::receivePush(const KODictionary& payload) { return application_->deliverRemoteNotification(payload); }
+
+bool KOSimDevice::openPush(const KODictionary& payload, std::vector<std::string> attachments) {
+  if (application_->applicationState() == KOApplicationState::Background) enterForeground();
+  bool heard = respondThroughDelegate(payload, KONotificationDefaultActionIdentifier, std::move(attachments));
+  if (!heard) {
+    application_->setApplicationState(KOApplicationState::Inactive);
+    heard = application_->deliverRemoteNotification(payload);
+  }
+  becomeActive();
+  return heard;
+}
+
+bool KOSimDevice::respondToPush(const KODictionary& payload, const std::string& actionIdentifier,
+                                std::vector<std::string> attachments) {
+  if (currentNotificationInterface()) return respondThroughDelegate(payload, actionIdentifier, std::move(attachments));
+  if (actionIdentifier == KONotificationDismissActionIdentifier || actionIdentifier == KOV_DISMISS_ACTION) return false;
+  return application_->deliverNotificationAction(actionIdentifier, payload);
+}
+
+KODictionary KOSimDevice::launchFromPush(const KODictionary& payload) {
+  application_->setApplicationState(KOApplicationState::Inactive);
+  if (currentNotificationInterface()) {
+    dispatch_->asyncMain([this, payload] { respondThroughDelegate(payload, KONotificationDefaultActionIdentifier, {}); });
+  }
+  return KODictionary{{KOApplicationLaunchOptionsRemoteNotificationKey, payload}};
+}

@@ -89,6 +89,28 @@ class KOSimDevice {
   void enterForeground();
   void terminate();
 
+  // Pushes from the service, handed to the app as the system does. The system version picks the
+  // path: with the current notification interface (10.0 and later) a user's answer goes to the
+  // notification centre's delegate when it handles responses, otherwise to the app delegate's
+  // callbacks (KOSimApplication::setRemoteNotificationHandler and setNotificationActionHandler).
+  // Call them on the main thread; each returns whether any of the app's code heard it.
+
+  /// A push arrives; the app delegate hears it in the app's present state (in the background, a
+  /// content-available push wakes it).
+  bool receivePush(const KODictionary& payload);
+  /// The user taps the notification: an app in the background comes to the foreground (inactive)
+  /// first, hears the tap, then becomes active. `attachments` are what the notification showed.
+  bool openPush(const KODictionary& payload, std::vector<std::string> attachments = {});
+  /// The user answers with an action: a button's identifier, or the dismiss identifiers (the
+  /// SDK's own dismiss button or the swipe-away, KONotificationDismissActionIdentifier). Older
+  /// systems report only buttons, to the app delegate; they never report a swipe-away.
+  bool respondToPush(const KODictionary& payload, const std::string& actionIdentifier,
+                     std::vector<std::string> attachments = {});
+  /// The user taps a push while the app is not running: the launch options the app's start hands
+  /// the SDK. On current systems a delegate that handles responses also hears the tap, on the main
+  /// queue once the launch code has run (so the SDK must not handle it twice).
+  KODictionary launchFromPush(const KODictionary& payload);
+
   std::size_t pumpMain() { return dispatch_->pumpMain(); }
   /// Pumps the main queue until the condition holds or the timeout passes.
   bool runMainUntil(const std::function<bool()>& condition, double timeoutSeconds = 10) {
@@ -97,6 +119,10 @@ class KOSimDevice {
 
  private:
   void post(const char* name, KOApplicationState state);
+  bool currentNotificationInterface() const;
+  // Hands the response to the notification centre's delegate when it handles responses.
+  bool respondThroughDelegate(const KODictionary& payload, const std::string& actionIdentifier,
+                              std::vector<std::string> attachments);
 
   std::string root_;
   bool ownsRoot_ = false;

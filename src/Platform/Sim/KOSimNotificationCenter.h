@@ -48,7 +48,7 @@ class KOSimNotificationCenter : public KOUserNotificationCenter {
   std::optional<int> registeredTypes() const;
   std::vector<std::shared_ptr<KOMutableUserNotificationCategory>> registeredCategories() const;
   int authorizationRequests() const;
-  std::shared_ptr<KOUserNotificationCenterDelegate> delegate() const;
+  std::shared_ptr<KOUserNotificationCenterDelegate> delegate() const override;
 
  private:
   void checkThrows() const;

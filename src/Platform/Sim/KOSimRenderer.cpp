@@ -205,6 +205,27 @@ class Writer {
           text(inside, x, y, KOTextAlignment::Left, true);
         }
         break;
+      case KOViewKind::WebView: {
+        // No page is drawn: a pale sheet with the address it shows.
+        rect(v.frame, x, y, KOColor{0.97, 0.97, 0.98, 1}, 0, 1, KOColor{0.85, 0.85, 0.87, 1});
+        KOViewDescription address = v;
+        address.frame.x += 12;
+        address.frame.y += 12;
+        address.frame.width -= 24;
+        address.numberOfLines = 0;
+        address.font.pointSize = 14;
+        if (!address.textColor) address.textColor = KOColor{0.3, 0.3, 0.35, 1};
+        text(address, x, y, KOTextAlignment::Left, false);
+        break;
+      }
+      case KOViewKind::Activity:
+        if (v.value == 1) {
+          const double r = 14;
+          out += "<circle cx=\"" + number(x + v.frame.x + v.frame.width / 2) + "\" cy=\"" +
+                 number(y + v.frame.y + v.frame.height / 2) + "\" r=\"" + number(r) +
+                 "\" fill=\"none\" stroke=\"rgb(140,140,145)\" stroke-width=\"4\" stroke-dasharray=\"60 30\"/>\n";
+        }
+        break;
       case KOViewKind::Screen:
       case KOViewKind::Container:
       case KOViewKind::Row:

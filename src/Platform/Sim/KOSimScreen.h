@@ -13,6 +13,7 @@
 //   "embeddedScreen"  "host" (the host screen's name), "view" (KOViewDescription::toValue)
 //   "presentedScreen" "view" (KOViewDescription::toValue): shown over everything, an in-app say
 //   "screenUpdate"    "of" (seq of the embedded or presented screen), "view" (what it shows now)
+//   "browser"     "url", "presenter": the platform's own browser (a landing page)
 //   "dismiss"     "of" (seq of the entry taken off the screen), "dismissed" (its kind), and for an
 //                 alert "button" (the title tapped) and "buttonIndex"
 //
@@ -37,6 +38,7 @@ class KOSimScreen {
   static constexpr const char* EmbeddedScreen = "embeddedScreen";
   static constexpr const char* ScreenUpdate = "screenUpdate";
   static constexpr const char* PresentedScreen = "presentedScreen";
+  static constexpr const char* Browser = "browser";
 
   /// Appends an entry of the kind with its fields and returns its seq. "seq" and "kind" are set
   /// here and win over fields of the same name.

@@ -144,7 +144,7 @@ std::shared_ptr<KOPresentedScreen> KOSimUserInterface::embedScreen(const KOViewC
   std::lock_guard<std::mutex> lock(mutex_);
   const std::int64_t seq =
       screen_->record(KOSimScreen::EmbeddedScreen, {{"host", host->name}, {"view", screen.toValue()}});
-  embedded_.push_back(EmbeddedScreen{seq, std::move(screen), std::move(onEvent), false, false});
+  embedded_.push_back(EmbeddedScreen{seq, std::move(screen), std::move(onEvent), false, false, nullptr, "", ""});
   return std::make_shared<SimPresentedScreen>(weak_from_this(), seq);
 }
 
@@ -171,9 +171,101 @@ std::shared_ptr<KOPresentedScreen> KOSimUserInterface::presentScreen(KOViewDescr
                                                                      KOViewEventHandler onEvent) {
   std::lock_guard<std::mutex> lock(mutex_);
   const std::int64_t seq = screen_->record(KOSimScreen::PresentedScreen, {{"view", screen.toValue()}});
-  embedded_.push_back(EmbeddedScreen{seq, std::move(screen), std::move(onEvent), false, true});
+  // A web view starts loading its page once it is on screen, as a real one does.
+  if (const KOViewDescription* web = findWebView(screen); web && !web->text.empty() && onEvent) {
+    dispatch_.asyncMain([onEvent, tag = web->tag] { onEvent(tag, KOViewEvent::LoadStarted); });
+  }
+  embedded_.push_back(EmbeddedScreen{seq, std::move(screen), std::move(onEvent), false, true, nullptr, "", ""});
   return std::make_shared<SimPresentedScreen>(weak_from_this(), seq);
 }
+
+std::shared_ptr<KOPresentedScreen> KOSimUserInterface::presentBrowser(
+    const std::string& url, const KOViewController* presenter,
+    std::function<void(std::shared_ptr<KOPresentedScreen>)> didFinish) {
+  // Pictured as the browser looks: its Done in a bar, the page's address below.
+  KOViewDescription browser;
+  browser.kind = KOViewKind::Screen;
+  browser.frame = KORect{0, 0, 375, 667};
+  browser.backgroundColor = KOColor{1, 1, 1, 1};
+  KOViewDescription bar;
+  bar.kind = KOViewKind::Label;
+  bar.frame = KORect{16, 28, 343, 24};
+  bar.text = "Done";
+  bar.textColor = KOColor{0, 0.48, 1, 1};
+  KOViewDescription page;
+  page.kind = KOViewKind::WebView;
+  page.frame = KORect{0, 64, 375, 603};
+  page.text = url;
+  browser.children = {std::move(bar), std::move(page)};
+
+  std::lock_guard<std::mutex> lock(mutex_);
+  const std::int64_t seq =
+      screen_->record(KOSimScreen::Browser, {{"url", url}, {"presenter", presenter ? presenter->name : ""}});
+  EmbeddedScreen shown{seq, std::move(browser), nullptr, false, true, nullptr, "", ""};
+  shown.browserDone = std::move(didFinish);
+  shown.browserURL = url;
+  embedded_.push_back(std::move(shown));
+  return std::make_shared<SimPresentedScreen>(weak_from_this(), seq);
+}
+
+std::string KOSimUserInterface::browserURL() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto it = embedded_.rbegin(); it != embedded_.rend(); ++it) {
+    if (!it->removed && it->browserDone) return it->browserURL;
+  }
+  return "";
+}
+
+bool KOSimUserInterface::finishBrowser() {
+  std::function<void(std::shared_ptr<KOPresentedScreen>)> done;
+  std::int64_t seq = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto it = embedded_.rbegin(); it != embedded_.rend() && !done; ++it) {
+      if (!it->removed && it->browserDone) {
+        done = it->browserDone;
+        seq = it->seq;
+      }
+    }
+  }
+  if (!done) return false;
+  // The browser only tells its delegate; the delegate dismisses it.
+  done(std::make_shared<SimPresentedScreen>(weak_from_this(), seq));
+  return true;
+}
+
+const KOViewDescription* KOSimUserInterface::findWebView(const KOViewDescription& view) {
+  std::vector<const KOViewDescription*> pending{&view};
+  while (!pending.empty()) {
+    const KOViewDescription* v = pending.back();
+    pending.pop_back();
+    if (v->kind == KOViewKind::WebView) return v;
+    for (const KOViewDescription& child : v->children) pending.push_back(&child);
+  }
+  return nullptr;
+}
+
+bool KOSimUserInterface::reportLoad(KOViewEvent event, const std::string& error) {
+  KOViewEventHandler handler;
+  std::int64_t tag = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto it = embedded_.rbegin(); it != embedded_.rend() && !handler; ++it) {
+      const KOViewDescription* web = it->removed || !it->onEvent ? nullptr : findWebView(it->view);
+      if (!web) continue;
+      it->loadError = error;
+      handler = it->onEvent;
+      tag = web->tag;
+    }
+  }
+  if (!handler) return false;
+  handler(tag, event);
+  return true;
+}
+
+bool KOSimUserInterface::finishLoading() { return reportLoad(KOViewEvent::LoadFinished, ""); }
+
+bool KOSimUserInterface::failLoading(const std::string& error) { return reportLoad(KOViewEvent::LoadFailed, error); }
 
 std::optional<KOViewDescription> KOSimUserInterface::newest(bool presented) const {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -256,6 +348,7 @@ std::optional<KOView> KOSimUserInterface::inputView(std::int64_t seq, std::int64
     if (!view) return std::nullopt;
     if (view->kind == KOViewKind::Rating) return KOView{KOWidgetKind::StarRating, view->value, false, ""};
     if (view->kind == KOViewKind::TextField) return KOView{KOWidgetKind::TextField, 0, false, view->text};
+    if (view->kind == KOViewKind::WebView) return KOView{KOWidgetKind::Other, 0, false, shown.loadError};
     return std::nullopt;
   }
   return std::nullopt;

@@ -46,6 +46,9 @@ class KOSimUserInterface : public KOUserInterface, public std::enable_shared_fro
                                                  KOViewEventHandler onEvent) override;
   std::shared_ptr<KOPresentedScreen> presentScreen(KOViewDescription screen, KOViewEventHandler onEvent) override;
   void setPasteboardString(const std::string& text) override;
+  std::shared_ptr<KOPresentedScreen> presentBrowser(
+      const std::string& url, const KOViewController* presenter,
+      std::function<void(std::shared_ptr<KOPresentedScreen>)> didFinish) override;
 
   // Scripting and inspection.
   void setSupportsAlertController(bool supported);
@@ -73,6 +76,14 @@ class KOSimUserInterface : public KOUserInterface, public std::enable_shared_fro
   /// The user swipes the newest presented screen away; false when none is shown.
   bool swipeAway();
   bool typeText(std::int64_t tag, const std::string& text);
+  /// The page of the topmost screen's web view finished loading, or failed with the error; false
+  /// when no shown screen has a web view. (Its start is reported when the screen is presented.)
+  bool finishLoading();
+  bool failLoading(const std::string& error);
+  /// The URL of the platform browser on show ("" when none is), and the user tapping its Done
+  /// button; false when no browser is shown.
+  std::string browserURL() const;
+  bool finishBrowser();
   /// What the topmost screen's input view with the tag holds.
   std::optional<KOView> inputView(std::int64_t seq, std::int64_t tag) const;
   /// The text on the general pasteboard.
@@ -99,13 +110,19 @@ class KOSimUserInterface : public KOUserInterface, public std::enable_shared_fro
     KOViewEventHandler onEvent;
     bool removed = false;
     bool presented = false;
+    // The platform browser: its delegate's callback, and the address it shows.
+    std::function<void(std::shared_ptr<KOPresentedScreen>)> browserDone;
+    std::string browserURL;
+    std::string loadError;  // a web view's last failed load
   };
 
   std::optional<KOViewDescription> newest(bool presented) const;
+  static const KOViewDescription* findWebView(const KOViewDescription& view);
   // The topmost shown screen (presented over embedded); nullptr when none. Under mutex_.
   EmbeddedScreen* topmostLocked();
 
   bool sendEvent(std::int64_t tag, KOViewEvent event);
+  bool reportLoad(KOViewEvent event, const std::string& error);
 
   KODispatch& dispatch_;
   std::shared_ptr<KOSimScreen> screen_;
