@@ -112,6 +112,10 @@ std::string inAppSeed(const std::string& imagesURL) {
          {"id": 4, "type": "closebutton", "action": [{"tag": "m_dismiss"}]}]},
       {"cid": "welcome-back", "status": "active", "type": "self_handled", "ttl": 4102444800, "max_times": 1,
        "priority": 2, "content": "{\"headline\": \"Welcome back, Ada\"}"}]},
+    "campaigns": {"push-welcome": {"cid": "push-welcome", "status": "active", "type": "general", "ttl": 4102444800,
+       "max_times": 1, "widgets": [
+         {"id": 1, "type": "text", "content": "Welcome in! Your first delivery is on us."},
+         {"id": 2, "type": "button", "content": "Thanks", "primary": true, "action": [{"tag": "m_dismiss"}]}]}},
     "smart_triggers": {"ADD_TO_CART": {"cid": "cart-offer", "status": "active", "type": "smart",
        "ttl": 4102444800, "max_times": 2, "align": "bottom", "widgets": [
          {"id": 1, "type": "text", "content": "Add a second pair and save 10%."},
@@ -135,6 +139,26 @@ class InAppNavigation : public KOInAppDelegate {
   }
   std::string campaign;
 };
+
+// The host's notification-centre delegate: every answer to a notification goes to the SDK.
+class PushResponder : public KOUserNotificationCenterDelegate {
+ public:
+  bool handlesNotificationResponses() const override { return true; }
+  void userNotificationCenter(KOUserNotificationCenter& center, const KONotificationResponse& response,
+                              std::function<void()> completion) override {
+    Kovantis::sharedInstance().userNotificationCenter(&center, response);
+    completion();
+  }
+};
+
+// A push as the service sends it: the platform's block, the service's, and the app's extras.
+KODictionary servicePush(const std::string& cid, const std::string& alert, KODictionary block,
+                         KODictionary appExtra = {}) {
+  block.set("cid", cid);
+  KODictionary push{{"aps", KODictionary{{"alert", alert}, {"badge", 1}}}, {"kovantis", std::move(block)}};
+  if (!appExtra.empty()) push.set("app_extra", std::move(appExtra));
+  return push;
+}
 
 void printDecisions(const KOArray& report) {
   for (const KOValue& d : report) {
@@ -301,7 +325,13 @@ int main(int argc, char** argv) {
   auto orders = std::make_shared<KOUserNotificationCategory>();
   orders->identifier = "ORDER_UPDATE";
   orders->actions = {{"TRACK", "Track order", 4}, {"CANCEL", "Cancel order", 2}};
-  sdk.registerForRemoteNotificationWithCategories(std::vector<std::shared_ptr<KONotificationCategoryBase>>{orders});
+  // Pushes reach the SDK from the app delegate and, for the user's answers, the notification
+  // centre's delegate.
+  device.application().setRemoteNotificationHandler([&](const KODictionary& userInfo) {
+    sdk.didReceieveNotificationinApplication(&device.application(), KOValue(userInfo), true);
+  });
+  sdk.registerForRemoteNotificationWithCategories(std::vector<std::shared_ptr<KONotificationCategoryBase>>{orders}, {},
+                                                  std::make_shared<PushResponder>());
   device.runMainUntil([&] { return !token.empty(); }, 10);
   step("permission", revokePush ? "turned off in the system settings" : "granted");
   std::string hex;
@@ -376,6 +406,53 @@ int main(int argc, char** argv) {
   sdk.getSelfHandledInApp();
   if (!inAppNavigation->campaign.empty()) sdk.selfHandledInAppViewShownWithCampaignID(inAppNavigation->campaign);
   device.clock().useRealTime();
+
+  section("Push notifications");
+  // The user opens pushes from the notification centre while the app is in the background.
+  device.application().addOpenableScheme("kovantis-demo");
+  device.userInterface().setAlertAnswer(std::nullopt);
+  device.resignActive();
+  device.enterBackground();
+  device.openPush(servicePush("push-coupon", "20% off shoes", KODictionary{{"couponCode", "SHOES20"}},
+                              KODictionary{{"kov_deeplink", "kovantis-demo://shop/shoes"}}));
+  device.runMainUntil([&] { return !device.userInterface().alerts().empty(); }, 10);
+  const std::size_t couponAlert = device.userInterface().alerts().size() - 1;
+  std::string dialog = device.userInterface().alerts()[couponAlert].message;
+  if (const auto br = dialog.find('\n'); br != std::string::npos) dialog.replace(br, 1, "\\n");
+  step("opened a coupon push", "dialog: \"" + dialog + "\"");
+  device.userInterface().tapAlertAction(couponAlert, 0);
+  device.runMainUntil([&] { return !device.application().openedURLs().empty(); }, 10);
+  step("tapped COPY", "pasteboard: " + device.userInterface().pasteboardString() +
+                          ", then the deep link opened: " + device.application().openedURLs().back());
+
+  device.openPush(
+      servicePush("push-landing", "The summer collection", KODictionary{{"webUrl", "https://example.com/summer"}}));
+  device.runMainUntil([&] { return !device.userInterface().browserURL().empty(); }, 10);
+  step("opened a landing-page push", "browser at " + device.userInterface().browserURL());
+  device.userInterface().finishBrowser();
+  step("tapped Done", device.userInterface().browserURL().empty() ? "browser closed" : "still open");
+
+  device.openPush(servicePush("push-inapp", "Something for you", KODictionary{{"kov_inapp_cid", "push-welcome"}}));
+  device.runMainUntil([&] { return device.userInterface().presentedScreen().has_value(); }, 10);
+  if (device.userInterface().presentedScreen()) {
+    const std::string picture = root + "/inapp-from-push.svg";
+    std::ofstream(picture) << device.userInterface().renderPresentedScreen();
+    step("opened a push with an in-app", "push-welcome fetched and shown, picture " + picture);
+    device.userInterface().tapView(2);
+  }
+  device.respondToPush(servicePush("push-dismissed", "Last chance", {}), KONotificationDismissActionIdentifier);
+  step("swiped one away", "the dismissal is sent at once");
+  device.respondToPush(servicePush("push-order", "Your order shipped", {}), "TRACK");
+  step("tapped \"Track order\" on another", "a click with the button's title");
+  device.receivePush(servicePush("push-live", "Flash sale now", {}));
+  step("one arrived while the app was open", "recorded as received, no click");
+  demo.flush();
+  for (const auto& c : emulator.campaignEvents()) {
+    if (c.campaignId.rfind("push-", 0) != 0 || c.campaignId == "push-welcome") continue;
+    step("  " + c.campaignId, "clicked " + std::to_string(c.pushClicked) + ", dismissed " +
+                                  std::to_string(c.pushDismissed) + ", received " + std::to_string(c.pushReceived));
+  }
+  step("inbox now holds", std::to_string(KOInbox::getInboxMessages().size()) + " messages (the opened pushes added)");
 
   section("Events");
   for (int i = 0; i < 40; ++i) {
