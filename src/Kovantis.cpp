@@ -128,7 +128,8 @@ void Kovantis::handleLaunchPush(KOApplication* application, const KODictionary& 
     // Where the platform will deliver the tap to a delegate that answers responses, that answer
     // handles it; handling it here too would count the click twice.
     if (systemVersionNumber() >= 10.0) {
-      const std::shared_ptr<KOUserNotificationCenterDelegate> centerDelegate = platform().notificationCenter->delegate();
+      const std::shared_ptr<KOUserNotificationCenterDelegate> centerDelegate =
+          platform().notificationCenter->delegate();
       if (platform().application->delegateHandlesNotificationResponses() ||
           (centerDelegate && centerDelegate->handlesNotificationResponses())) {
         return;

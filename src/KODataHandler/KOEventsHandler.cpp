@@ -287,9 +287,9 @@ bool KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload)
     }
     const std::string& eventName = name.stringValue();
     if (afterPush()) {
-      KODictionary marked = andPayload.isNil() ? KODictionary()
-                                               : KovantisUtils::transformPayloadForIncompatibleTypes(
-                                                     andPayload.dictionaryValue());
+      KODictionary marked = andPayload.isNil()
+                                ? KODictionary()
+                                : KovantisUtils::transformPayloadForIncompatibleTypes(andPayload.dictionaryValue());
       marked.set(KO_EVENT_AFTER_PUSH, KOValue(true));
       const KOValue attributes(std::move(marked));
       append(recordJSON(eventName, &attributes, nullptr));

@@ -368,33 +368,31 @@ void KONotificationHandler::afterCoupon(const KOValue& payload, bool openDeepLin
 void KONotificationHandler::showCouponAlertView(const KOValue& coupon, const KOValue& andUserInfo,
                                                 bool handleDeeplink) {
   onMain([this, coupon, payload = andUserInfo, handleDeeplink] {
-    KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception while showing coupon code alert : %@",
-                    [&] {
-                      KOUserInterface& ui = *platform().userInterface;
-                      const std::shared_ptr<KOViewController> top = KovantisUtils::getTopViewController();
-                      const std::string code = KOStringFormat::format("%@", {coupon});
-                      if (ui.supportsAlertController()) {
-                        std::vector<KOAlertAction> buttons{
-                            {"COPY", KOAlertActionStyle::Default,
-                             [this, code, payload, handleDeeplink] {
-                               platform().userInterface->setPasteboardString(code);
-                               afterCoupon(payload, handleDeeplink);
-                             }},
-                            {"Cancel", KOAlertActionStyle::Default,
-                             [this, payload, handleDeeplink] { afterCoupon(payload, handleDeeplink); }}};
-                        ui.presentAlert("Coupon",
-                                        KOStringFormat::format("Coupon code : %@ \n Copy coupon code?", {coupon}),
-                                        std::move(buttons), top.get());
-                        return;
-                      }
-                      // The older dialog says the code was copied and leaves the pasteboard alone,
-                      // and opens the deep link whatever the host chose: both as the service's
-                      // older SDKs did, and kept.
-                      ui.presentAlert("Coupon",
-                                      KOStringFormat::format("Coupon code %@ is copied to your clipboard", {coupon}),
-                                      {{"OK", KOAlertActionStyle::Cancel, nullptr}}, top.get());
-                      afterCoupon(payload, true);
-                    });
+    KOLogger::guard(
+        KO_HERE, this, KOLogSeverityError, "Kovantis - Exception while showing coupon code alert : %@", [&] {
+          KOUserInterface& ui = *platform().userInterface;
+          const std::shared_ptr<KOViewController> top = KovantisUtils::getTopViewController();
+          const std::string code = KOStringFormat::format("%@", {coupon});
+          if (ui.supportsAlertController()) {
+            std::vector<KOAlertAction> buttons{{"COPY", KOAlertActionStyle::Default,
+                                                [this, code, payload, handleDeeplink] {
+                                                  platform().userInterface->setPasteboardString(code);
+                                                  afterCoupon(payload, handleDeeplink);
+                                                }},
+                                               {"Cancel", KOAlertActionStyle::Default, [this, payload, handleDeeplink] {
+                                                  afterCoupon(payload, handleDeeplink);
+                                                }}};
+            ui.presentAlert("Coupon", KOStringFormat::format("Coupon code : %@ \n Copy coupon code?", {coupon}),
+                            std::move(buttons), top.get());
+            return;
+          }
+          // The older dialog says the code was copied and leaves the pasteboard alone,
+          // and opens the deep link whatever the host chose: both as the service's
+          // older SDKs did, and kept.
+          ui.presentAlert("Coupon", KOStringFormat::format("Coupon code %@ is copied to your clipboard", {coupon}),
+                          {{"OK", KOAlertActionStyle::Cancel, nullptr}}, top.get());
+          afterCoupon(payload, true);
+        });
   });
 }
 
@@ -407,15 +405,16 @@ void KONotificationHandler::handleDeepLinking(const KOValue& payload) {
     KOApplication& app = *platform().application;
     if (!app.canOpenURL(url)) return;  // dropped silently, as the system would
     onMain([url] {
-      KOLogger::guard(KO_HERE, nullptr, KOLogSeverityError, "Kovantis - Exception while handling deeplinking : %@", [&] {
-        if (!usesCurrentNotificationInterface()) {
-          platform().application->openURL(url, nullptr);
-          return;
-        }
-        platform().application->openURL(url, [](bool opened) {
-          if (opened) KOLogger::log("%@", {KOValue("DeepLink Opened")});
-        });
-      });
+      KOLogger::guard(KO_HERE, nullptr, KOLogSeverityError, "Kovantis - Exception while handling deeplinking : %@",
+                      [&] {
+                        if (!usesCurrentNotificationInterface()) {
+                          platform().application->openURL(url, nullptr);
+                          return;
+                        }
+                        platform().application->openURL(url, [](bool opened) {
+                          if (opened) KOLogger::log("%@", {KOValue("DeepLink Opened")});
+                        });
+                      });
     });
   });
 }

@@ -58,7 +58,8 @@ class KONotificationHandler {
   void didReceieveNotificationinApplication(KOApplication* application, const KOValue& withInfo,
                                             bool handleDeeplinking);
   /// The user's answer on systems with the current interface: dismissed, tapped, or a button.
-  void userNotificationCenter(KOUserNotificationCenter* center, const KONotificationResponse& didReceiveNotificationResponse);
+  void userNotificationCenter(KOUserNotificationCenter* center,
+                              const KONotificationResponse& didReceiveNotificationResponse);
   /// A button: its title from the stored categories (the last that holds the identifier).
   void handleActionWithIdentifier(const KOValue& identifier, const KOValue& forRemoteNotification);
   /// Whether the service's block asks for handling: present, not silent, with a campaign id.

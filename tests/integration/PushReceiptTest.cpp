@@ -209,7 +209,8 @@ TEST_F(PushReceiptTest, TheDeepLinkBeatsTheLandingPageAndTheInAppLookupRunsWitho
       "max_times": 1, "widgets": [{"id": 1, "type": "text", "content": "From the push"}]}}})");
   startActive();
   withResponder();
-  device().openPush(push(R"("webUrl": "https://shop.example/landing")", R"("kov_deeplink": "https://shop.example/p/1")"));
+  device().openPush(
+      push(R"("webUrl": "https://shop.example/landing")", R"("kov_deeplink": "https://shop.example/p/1")"));
   ASSERT_TRUE(waitFor([&] { return device().application().openedURLs().size() == 1; }));
   device().dispatch().pumpMain();
   EXPECT_EQ(count(KOSimScreen::Browser), 0u);

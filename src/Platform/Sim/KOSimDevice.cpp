@@ -160,7 +160,8 @@ bool KOSimDevice::respondToPush(const KODictionary& payload, const std::string& 
 KODictionary KOSimDevice::launchFromPush(const KODictionary& payload) {
   application_->setApplicationState(KOApplicationState::Inactive);
   if (currentNotificationInterface()) {
-    dispatch_->asyncMain([this, payload] { respondThroughDelegate(payload, KONotificationDefaultActionIdentifier, {}); });
+    dispatch_->asyncMain(
+        [this, payload] { respondThroughDelegate(payload, KONotificationDefaultActionIdentifier, {}); });
   }
   return KODictionary{{KOApplicationLaunchOptionsRemoteNotificationKey, payload}};
 }
