@@ -428,7 +428,9 @@ int main(int argc, char** argv) {
   device.openPush(
       servicePush("push-landing", "The summer collection", KODictionary{{"webUrl", "https://example.com/summer"}}));
   device.runMainUntil([&] { return !device.userInterface().browserURL().empty(); }, 10);
-  step("opened a landing-page push", "browser at " + device.userInterface().browserURL());
+  const std::string landing = root + "/landing-page.svg";
+  std::ofstream(landing) << device.userInterface().renderPresentedScreen();
+  step("opened a landing-page push", "browser at " + device.userInterface().browserURL() + ", picture " + landing);
   device.userInterface().finishBrowser();
   step("tapped Done", device.userInterface().browserURL().empty() ? "browser closed" : "still open");
 
