@@ -1,9 +1,11 @@
 // kovantis-demo: a scripted app session on the simulated device against a local emulator of the
 // service, printing a timeline of what the SDK did and what the service stored. The device lives
 // in a directory of its own, so a second run is the same phone again (--reinstall deletes the app
-// first; the keychain stays, and the SDK reports the reinstall).
+// first; the keychain stays, and the SDK reports the reinstall). With --keep the emulator stays up
+// after the session, its dashboard showing what the service received, until Ctrl-C.
 #include <algorithm>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -225,6 +227,7 @@ int main(int argc, char** argv) {
   std::string root = "build/demo-device";
   bool reinstall = false;
   bool revokePush = false;
+  bool keep = false;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--device") == 0 && i + 1 < argc)
       root = argv[++i];
@@ -232,7 +235,16 @@ int main(int argc, char** argv) {
       reinstall = true;
     else if (std::strcmp(argv[i], "--revoke-push") == 0)
       revokePush = true;
+    else if (std::strcmp(argv[i], "--keep") == 0)
+      keep = true;
   }
+  // The stop signals are taken by sigwait below: blocked before any thread starts, so every
+  // thread inherits the mask.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  if (keep) pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
   KOSimDeviceConfig config;
   config.rootDirectory = root;
@@ -504,6 +516,12 @@ int main(int argc, char** argv) {
   device.resignActive();
   device.enterBackground();  // the SDK lets go of its idle connections, as when the app is left
   demo.settle();
+  if (keep) {
+    std::printf("\nThe emulator stays up: dashboard at %s (Ctrl-C stops it)\n", emulator.dashboardURL().c_str());
+    std::fflush(stdout);
+    int received = 0;
+    sigwait(&stopSignals, &received);
+  }
   emulator.stop();
   return 0;
 }
