@@ -81,7 +81,7 @@ async function drawDevices() {
 }
 
 // The timeline is paged: a page is asked for with the cursor the previous one answered.
-const timeline = { pages: [], cursor: null, names: new Set() };
+const timeline = { pages: [], cursor: null, names: new Set(), asked: 0 };
 
 function timelineQuery(cursor) {
   const q = new URLSearchParams({ limit: '50' });
@@ -96,14 +96,19 @@ function timelineQuery(cursor) {
 }
 
 async function drawTimeline(older) {
+  const asked = ++timeline.asked;
   const page = await getJSON(timelineQuery(older ? timeline.cursor : null));
+  // Answers can come back out of order (a filter typed while a redraw is out): the last asked wins.
+  if (asked !== timeline.asked) return;
   timeline.pages = older ? timeline.pages.concat(page.events) : page.events;
   timeline.cursor = page.next;
   for (const e of page.events) if (e.name) timeline.names.add(e.name);
   fill('timeline', timeline.pages.map((e) => {
-    const attributes = e.event.EVENT_ATTRIBUTES ?? e.event.attributes ?? '';
+    // The SDK sends an event's attributes in EVENT_ATTRS and its date attributes in EVENT_ATTRS_CUST.
+    const attributes = [e.event.EVENT_ATTRS, e.event.EVENT_ATTRS_CUST].filter((a) => a !== undefined)
+      .map((a) => JSON.stringify(a)).join(' ');
     return [time(e.received), short(e.unique_id, 18), { text: e.batch_id, cls: 'code' }, e.position, e.name,
-      { text: short(attributes === '' ? '' : JSON.stringify(attributes), 160), cls: 'code' }];
+      { text: short(attributes, 160), cls: 'code' }];
   }));
   $('timeline-older').disabled = !timeline.cursor;
   $('event-names').replaceChildren(...[...timeline.names].sort().map((n) => new Option(n)));
