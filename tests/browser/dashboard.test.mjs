@@ -14,6 +14,7 @@ const [demoBinary, emulatorBinary, artefacts] = process.argv.slice(2);
 const children = [];
 const work = mkdtempSync(join(tmpdir(), 'kovantis-dashboard-'));
 let failures = 0;
+const began = Date.now();
 
 function check(ok, what) {
   console.log((ok ? 'ok    ' : 'FAIL  ') + what);
@@ -43,7 +44,7 @@ function start(command, args, pattern, seconds) {
 
 // Polls `condition` in the page until it holds, at most `seconds`.
 // (Not waitForFunction: its polling evaluates text, which the page's policy rightly forbids.)
-async function until(page, condition, arg, seconds = 15) {
+async function until(page, condition, arg, seconds = 30) {
   const deadline = Date.now() + seconds * 1000;
   while (!(await page.evaluate(condition, arg))) {
     if (Date.now() > deadline) throw new Error('timed out waiting for ' + condition.toString().slice(0, 120));
@@ -72,10 +73,16 @@ async function main() {
     // The timeline: the stored events, newest first, 50 to a page; the counts agree.
     const events = await (await fetch(dashboard + '__emulator/events')).json();
     const batches = await (await fetch(dashboard + '__emulator/batches')).json();
-    const shown = await page.$$eval('#timeline tbody tr', (rows) => rows.map((r) => r.cells[4].textContent));
-    const newest = events.slice().reverse().slice(0, 50).map((e) => e.name);
-    check(events.length > 0 && JSON.stringify(shown) === JSON.stringify(newest),
+    const rows = await page.$$eval('#timeline tbody tr', (rows) => rows.map((r) => [r.cells[4].textContent, r.cells[5].textContent]));
+    const newest = events.slice().reverse().slice(0, 50);
+    check(events.length > 0 && JSON.stringify(rows.map((r) => r[0])) === JSON.stringify(newest.map((e) => e.name)),
       'the timeline lists the ' + Math.min(50, events.length) + ' newest of ' + events.length + ' events in order');
+    // Each event's attributes beside it: the first key of what it sent, nothing where it sent none.
+    const attributed = newest.filter((e) => e.event.EVENT_ATTRS && Object.keys(e.event.EVENT_ATTRS).length);
+    check(attributed.length > 0 && newest.every((e, i) => {
+      const keys = Object.keys(e.event.EVENT_ATTRS ?? e.event.EVENT_ATTRS_CUST ?? {});
+      return keys.length ? rows[i][1].includes(JSON.stringify(keys[0])) : rows[i][1] === '' || rows[i][1] === '{}';
+    }), 'each event shows its attributes (' + attributed.length + ' with some)');
     const summary = await page.textContent('#batch-summary');
     check(summary.startsWith(batches.length + ' batches, ' + events.length + ' events'), 'batch counts: ' + summary);
     await page.click('#timeline-older');
@@ -87,7 +94,8 @@ async function main() {
     await page.dispatchEvent('#timeline-name', 'change');
     const named = events.filter((e) => e.name === events[0].name).length;
     await until(page, (n) => document.querySelectorAll('#timeline tbody tr').length === n, Math.min(50, named));
-    check(true, 'filtered by "' + events[0].name + '": ' + Math.min(50, named) + ' rows');
+    const names = await page.$$eval('#timeline tbody tr', (rows) => rows.map((r) => r.cells[4].textContent));
+    check(names.every((n) => n === events[0].name), 'filtered by "' + events[0].name + '": ' + names.length + ' rows, none other');
 
     // A fault added from the page: the next report fails with it.
     await page.fill('#fault-path', '/v2/report/add');
@@ -159,10 +167,13 @@ async function main() {
     check(true, 'the campaign preview renders');
     await previewPage.close();
 
+    // The artefact: the page as it opens after the session, from its top.
     mkdirSync(artefacts, { recursive: true });
     await page.fill('#timeline-name', '');
     await page.dispatchEvent('#timeline-name', 'change');
+    await until(page, (n) => document.querySelectorAll('#timeline tbody tr').length === n, Math.min(50, events.length));
     await page.selectOption('#seed-section', 'config');
+    await page.evaluate(() => { document.activeElement.blur(); window.scrollTo(0, 0); });
     await page.screenshot({ path: join(artefacts, 'dashboard.png') });
     check(true, 'screenshot: ' + join(artefacts, 'dashboard.png'));
     check(problems.length === 0, 'no console errors' + (problems.length ? ': ' + problems.join(' | ') : ''));
@@ -174,8 +185,15 @@ async function main() {
 main().catch((e) => {
   console.log('FAIL  ' + e.message);
   failures++;
-}).finally(() => {
-  for (const child of children) child.kill('SIGTERM');
+}).finally(async () => {
+  // The programs stop on SIGTERM; their files go only once they have (10 s at most).
+  await Promise.all(children.map((child) => new Promise((resolve) => {
+    if (child.exitCode !== null || child.signalCode !== null) return resolve();
+    const timer = setTimeout(() => { child.kill('SIGKILL'); resolve(); }, 10000);
+    child.on('exit', () => { clearTimeout(timer); resolve(); });
+    child.kill('SIGTERM');
+  })));
   rmSync(work, { recursive: true, force: true });
+  console.log((failures ? 'FAILED' : 'PASSED') + ' (' + ((Date.now() - began) / 1000).toFixed(1) + ' s)');
   process.exit(failures ? 1 : 0);
 });
