@@ -97,6 +97,21 @@ async function main() {
     const names = await page.$$eval('#timeline tbody tr', (rows) => rows.map((r) => r.cells[4].textContent));
     check(names.every((n) => n === events[0].name), 'filtered by "' + events[0].name + '": ' + names.length + ' rows, none other');
 
+    // What the device sent and what was seeded for it, each in its panel.
+    const categories = await (await fetch(dashboard + '__emulator/categories')).json();
+    const sentCategories = categories.length ? categories.at(-1).data.map((c) => c.name) : [];
+    const shownCategories = await page.textContent('#categories tbody');
+    check(sentCategories.length > 0 && sentCategories.every((n) => shownCategories.includes(n)),
+      'the categories the device sent: ' + sentCategories.join(', '));
+    const seeded = await (await fetch(dashboard + '__emulator/seed')).json();
+    const messages = await page.$$eval('#inbox tbody tr', (rows) => rows.map((r) => r.cells[1].textContent));
+    check(messages.length === seeded.inbox.messagesInfo.length && messages.every((t) => t.length > 0),
+      'the inbox messages with their text: ' + messages.length);
+    const cids = new Set([...(seeded.inapps.campaign_info || []), ...Object.values(seeded.campaigns || {}),
+      ...Object.values(seeded.smart_triggers || {})].map((c) => c.cid));
+    const cards = await page.$$eval('#campaigns .card', (cards) => cards.length);
+    check(cids.size > 0 && cards === cids.size, 'a card for each seeded campaign: ' + cards);
+
     // A fault added from the page: the next report fails with it.
     await page.fill('#fault-path', '/v2/report/add');
     await page.fill('#fault-status', '503');
