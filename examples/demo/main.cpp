@@ -12,6 +12,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,6 +31,27 @@ void section(const char* title) { std::printf("\n== %s\n", title); }
 void step(const std::string& what, const std::string& detail = "") {
   std::printf("  %-34s %s\n", what.c_str(), detail.c_str());
 }
+
+// What the phone drew for each campaign it showed: the dashboard's preview of that campaign. The
+// script adds to it while the emulator's threads may be asking.
+class ShownCampaigns {
+ public:
+  void add(const std::string& cid, const std::string& picture) {
+    std::lock_guard lock(mutex_);
+    pictures_[cid] = picture;
+  }
+  std::string pictureOf(const std::string& campaignJSON) const {
+    std::lock_guard lock(mutex_);
+    for (const auto& [cid, picture] : pictures_) {
+      if (campaignJSON.find("\"cid\":\"" + cid + "\"") != std::string::npos) return picture;
+    }
+    return {};  // never shown: the dashboard says "no preview"
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<std::string, std::string> pictures_;
+};
 
 class Demo {
  public:
@@ -255,6 +277,8 @@ int main(int argc, char** argv) {
   KOEmulator::Options options;
   options.dataDir = root + "/emulator";
   options.imagesDir = KOVANTIS_DEMO_ASSETS;
+  auto shown = std::make_shared<ShownCampaigns>();
+  options.campaignPicture = [shown](const std::string& campaign) { return shown->pictureOf(campaign); };
   KOEmulator emulator(options);
   emulator.reset();
   emulator.seed(R"({"config": {"l_e": 0, "e_b_c": 30}})");
@@ -367,7 +391,9 @@ int main(int argc, char** argv) {
   device.runMainUntil([&] { return device.userInterface().presentedScreen().has_value(); }, 10);
   if (device.userInterface().presentedScreen()) {
     const std::string picture = root + "/inapp-spring-sale.svg";
-    std::ofstream(picture) << device.userInterface().renderPresentedScreen();
+    const std::string drawn = device.userInterface().renderPresentedScreen();
+    std::ofstream(picture) << drawn;
+    shown->add("spring-sale", drawn);
     step("shown on HomeViewController", "spring-sale, picture " + picture);
     device.userInterface().tapView(3);  // its primary button
   }
@@ -378,7 +404,9 @@ int main(int argc, char** argv) {
   device.runMainUntil([&] { return device.userInterface().presentedScreen().has_value(); }, 10);
   if (device.userInterface().presentedScreen()) {
     const std::string picture = root + "/inapp-cart-offer.svg";
-    std::ofstream(picture) << device.userInterface().renderPresentedScreen();
+    const std::string drawn = device.userInterface().renderPresentedScreen();
+    std::ofstream(picture) << drawn;
+    shown->add("cart-offer", drawn);
     step("ADD_TO_CART triggered", "cart-offer, picture " + picture);
     device.userInterface().setRating(2, 5);
     device.userInterface().tapView(3);

@@ -111,6 +111,9 @@ async function main() {
       ...Object.values(seeded.smart_triggers || {})].map((c) => c.cid));
     const cards = await page.$$eval('#campaigns .card', (cards) => cards.length);
     check(cids.size > 0 && cards === cids.size, 'a card for each seeded campaign: ' + cards);
+    // The sample app hands the dashboard what its phone drew for the campaigns it showed.
+    await until(page, () => [...document.querySelectorAll('#campaigns img.preview')].some((i) => i.complete && i.naturalWidth > 0));
+    check(true, 'the campaigns the phone showed have their picture');
 
     // A fault added from the page: the next report fails with it.
     await page.fill('#fault-path', '/v2/report/add');
