@@ -191,8 +191,13 @@ async function main() {
     await page.dispatchEvent('#timeline-name', 'change');
     await until(page, (n) => document.querySelectorAll('#timeline tbody tr').length === n, Math.min(50, events.length));
     await page.selectOption('#seed-section', 'config');
-    await page.evaluate(() => { document.activeElement.blur(); window.scrollTo(0, 0); });
-    await page.screenshot({ path: join(artefacts, 'dashboard.png') });
+    // From the top of the page down to the campaigns' pictures.
+    const bottom = await page.evaluate(() => {
+      document.activeElement.blur();
+      window.scrollTo(0, 0);
+      return Math.ceil(document.querySelector('#campaigns-panel').getBoundingClientRect().bottom) + 14;
+    });
+    await page.screenshot({ path: join(artefacts, 'dashboard.png'), fullPage: true, clip: { x: 0, y: 0, width: 1400, height: bottom } });
     check(true, 'screenshot: ' + join(artefacts, 'dashboard.png'));
     check(problems.length === 0, 'no console errors' + (problems.length ? ': ' + problems.join(' | ') : ''));
   } finally {
