@@ -134,7 +134,12 @@ int main(int argc, char **argv) {
     int bound = emulator.start(settings.port);
     std::cout << "kovantis-emulator listening on " << settings.emulator.bindAddress << ":" << bound << "\n"
               << "  control API  " << emulator.controlURL() << "health (and requests, events, seed, fault, reset)\n"
-              << "  dashboard    " << emulator.dashboardURL() << std::endl;
+              << "  dashboard    " << emulator.dashboardURL()
+              << "\n"
+              // A script outside the browser changes the emulator with this; any reader of this
+              // terminal may, as its user may anyway.
+              << "  token        " << emulator.controlToken() << " (header " << KOEmulator::kTokenHeader
+              << ", needed by seed, fault and reset)" << std::endl;
     int received = 0;
     sigwait(&stopSignals, &received);
     std::cout << "kovantis-emulator stopping (signal " << received << ")" << std::endl;
