@@ -84,8 +84,9 @@ void printHelp(std::ostream &out, const char *self) {
   }
   out << "\nThe first line printed is \"kovantis-emulator listening on 127.0.0.1:PORT\"; the next ones give\n"
       << "the control API (" << KOEmulator::kControlPath << ": health, requests, events, batches, devices,\n"
-      << "logs, categories, duplicates, seed, fault, reset) and where the dashboard is served ("
-      << KOEmulator::kDashboardPath << ").\n";
+      << "logs, categories, duplicates, seed, fault, reset), the dashboard (served at /, its files under\n"
+      << KOEmulator::kDashboardPath << ") and the run's token: seed, fault and reset need it in the header\n"
+      << KOEmulator::kTokenHeader << ".\n";
 }
 
 int usage(const char *self) {
