@@ -1,15 +1,18 @@
 // kovantis-demo: a scripted app session on the simulated device against a local emulator of the
 // service, printing a timeline of what the SDK did and what the service stored. The device lives
 // in a directory of its own, so a second run is the same phone again (--reinstall deletes the app
-// first; the keychain stays, and the SDK reports the reinstall).
+// first; the keychain stays, and the SDK reports the reinstall). With --keep the emulator stays up
+// after the session, its dashboard showing what the service received, until Ctrl-C.
 #include <algorithm>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +31,27 @@ void section(const char* title) { std::printf("\n== %s\n", title); }
 void step(const std::string& what, const std::string& detail = "") {
   std::printf("  %-34s %s\n", what.c_str(), detail.c_str());
 }
+
+// What the phone drew for each campaign it showed: the dashboard's preview of that campaign. The
+// script adds to it while the emulator's threads may be asking.
+class ShownCampaigns {
+ public:
+  void add(const std::string& cid, const std::string& picture) {
+    std::lock_guard lock(mutex_);
+    pictures_[cid] = picture;
+  }
+  std::string pictureOf(const std::string& campaignJSON) const {
+    std::lock_guard lock(mutex_);
+    for (const auto& [cid, picture] : pictures_) {
+      if (campaignJSON.find("\"cid\":\"" + cid + "\"") != std::string::npos) return picture;
+    }
+    return {};  // never shown: the dashboard says "no preview"
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<std::string, std::string> pictures_;
+};
 
 class Demo {
  public:
@@ -249,6 +273,7 @@ int main(int argc, char** argv) {
   std::string root = "build/demo-device";
   bool reinstall = false;
   bool revokePush = false;
+  bool keep = false;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--device") == 0 && i + 1 < argc)
       root = argv[++i];
@@ -256,7 +281,16 @@ int main(int argc, char** argv) {
       reinstall = true;
     else if (std::strcmp(argv[i], "--revoke-push") == 0)
       revokePush = true;
+    else if (std::strcmp(argv[i], "--keep") == 0)
+      keep = true;
   }
+  // The stop signals are taken by sigwait below: blocked before any thread starts, so every
+  // thread inherits the mask.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  if (keep) pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
   KOSimDeviceConfig config;
   config.rootDirectory = root;
@@ -267,6 +301,8 @@ int main(int argc, char** argv) {
   KOEmulator::Options options;
   options.dataDir = root + "/emulator";
   options.imagesDir = KOVANTIS_DEMO_ASSETS;
+  auto shown = std::make_shared<ShownCampaigns>();
+  options.campaignPicture = [shown](const std::string& campaign) { return shown->pictureOf(campaign); };
   KOEmulator emulator(options);
   emulator.reset();
   emulator.seed(R"({"config": {"l_e": 0, "e_b_c": 30}})");
@@ -385,7 +421,9 @@ int main(int argc, char** argv) {
   device.runMainUntil([&] { return device.userInterface().presentedScreen().has_value(); }, 10);
   if (device.userInterface().presentedScreen()) {
     const std::string picture = root + "/inapp-spring-sale.svg";
-    std::ofstream(picture) << device.userInterface().renderPresentedScreen();
+    const std::string drawn = device.userInterface().renderPresentedScreen();
+    std::ofstream(picture) << drawn;
+    shown->add("spring-sale", drawn);
     step("shown on HomeViewController", "spring-sale, picture " + picture);
     device.userInterface().tapView(3);  // its primary button
   }
@@ -396,7 +434,9 @@ int main(int argc, char** argv) {
   device.runMainUntil([&] { return device.userInterface().presentedScreen().has_value(); }, 10);
   if (device.userInterface().presentedScreen()) {
     const std::string picture = root + "/inapp-cart-offer.svg";
-    std::ofstream(picture) << device.userInterface().renderPresentedScreen();
+    const std::string drawn = device.userInterface().renderPresentedScreen();
+    std::ofstream(picture) << drawn;
+    shown->add("cart-offer", drawn);
     step("ADD_TO_CART triggered", "cart-offer, picture " + picture);
     device.userInterface().setRating(2, 5);
     device.userInterface().tapView(3);
@@ -583,6 +623,12 @@ int main(int argc, char** argv) {
   device.resignActive();
   device.enterBackground();  // the SDK lets go of its idle connections, as when the app is left
   demo.settle();
+  if (keep) {
+    std::printf("\nThe emulator stays up: dashboard at %s (Ctrl-C stops it)\n", emulator.dashboardURL().c_str());
+    std::fflush(stdout);
+    int received = 0;
+    sigwait(&stopSignals, &received);
+  }
   emulator.stop();
   return 0;
 }

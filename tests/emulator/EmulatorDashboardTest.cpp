@@ -159,14 +159,17 @@ TEST(EmulatorPreview, ACampaignIsDrawnByTheProgramsRendererAndOtherwiseAnsweredW
   cli.set_connection_timeout(5);
   cli.set_read_timeout(10);
   emulator.seed(R"({"inapps": {"campaign_info": [{"cid": "c1", "type": "popup"}]},
-                    "campaigns": {"c2": {"cid": "c2", "broken": true}}})");
+                    "campaigns": {"c2": {"cid": "c2", "broken": true}},
+                    "smart_triggers": {"ADD_TO_CART": {"cid": "c3", "type": "smart"}}})");
   auto shown = cli.Get("/__emulator/campaign_preview?id=c1");
   ASSERT_EQ(statusOf(shown), 200);
   EXPECT_EQ(shown->body, "<svg/>");
   EXPECT_EQ(shown->get_header_value("Content-Type"), "image/svg+xml");
   EXPECT_EQ(statusOf(cli.Get("/__emulator/campaign_preview?id=c2")), 204) << "the renderer drew nothing";
+  EXPECT_EQ(statusOf(cli.Get("/__emulator/campaign_preview?id=c3")), 200) << "found by its id, not its event";
+  EXPECT_EQ(statusOf(cli.Get("/__emulator/campaign_preview?id=ADD_TO_CART")), 204);
   EXPECT_EQ(statusOf(cli.Get("/__emulator/campaign_preview?id=unknown")), 204);
-  EXPECT_EQ(drawn.size(), 2u) << "each seeded campaign reached the renderer as its seeded JSON";
+  EXPECT_EQ(drawn.size(), 3u) << "each seeded campaign reached the renderer as its seeded JSON";
   emulator.stop();
   std::filesystem::remove_all(dir);
 }

@@ -221,6 +221,17 @@ TEST(EmulatorCommandLine, PrintsItsPortServesAndStopsOnSigterm) {
     auto image = cli.Get("/images/a.gif");
     ASSERT_TRUE(image);
     EXPECT_EQ(image->body, "GIF89a") << "--images serves the directory";
+    // The run's token, printed for scripts: a change needs it.
+    out = child.readUntil(" (header", std::chrono::seconds(10));
+    const auto at = out.find("  token        ");
+    ASSERT_NE(at, std::string::npos) << out;
+    const std::string token = out.substr(at + 15, 32);
+    auto refused = cli.Delete("/__emulator/fault");
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->status, 403);
+    auto allowed = cli.Delete("/__emulator/fault", {{KOEmulator::kTokenHeader, token}});
+    ASSERT_TRUE(allowed);
+    EXPECT_EQ(allowed->status, 200) << allowed->body;
 
     child.signal(SIGTERM);
     int status = child.exitStatus(std::chrono::seconds(30));

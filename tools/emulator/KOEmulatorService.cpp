@@ -1046,5 +1046,12 @@ std::optional<std::string> KOEmulatorService::seededCampaign(const std::string &
     const auto c = byId->value.FindMember(id.c_str());
     if (c != byId->value.MemberEnd() && c->value.IsObject()) return J::serialize(c->value);
   }
+  // Smart trigger campaigns are seeded under the event that starts them, not under their id.
+  const auto byEvent = doc.FindMember("smart_triggers");
+  if (byEvent != doc.MemberEnd() && byEvent->value.IsObject()) {
+    for (const auto &trigger : byEvent->value.GetObject()) {
+      if (matches(trigger.value)) return J::serialize(trigger.value);
+    }
+  }
   return std::nullopt;
 }

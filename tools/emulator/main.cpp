@@ -84,8 +84,9 @@ void printHelp(std::ostream &out, const char *self) {
   }
   out << "\nThe first line printed is \"kovantis-emulator listening on 127.0.0.1:PORT\"; the next ones give\n"
       << "the control API (" << KOEmulator::kControlPath << ": health, requests, events, batches, devices,\n"
-      << "logs, categories, duplicates, seed, fault, reset) and where the dashboard is served ("
-      << KOEmulator::kDashboardPath << ").\n";
+      << "logs, categories, duplicates, seed, fault, reset), the dashboard (served at /, its files under\n"
+      << KOEmulator::kDashboardPath << ") and the run's token: seed, fault and reset need it in the header\n"
+      << KOEmulator::kTokenHeader << ".\n";
 }
 
 int usage(const char *self) {
@@ -134,7 +135,12 @@ int main(int argc, char **argv) {
     int bound = emulator.start(settings.port);
     std::cout << "kovantis-emulator listening on " << settings.emulator.bindAddress << ":" << bound << "\n"
               << "  control API  " << emulator.controlURL() << "health (and requests, events, seed, fault, reset)\n"
-              << "  dashboard    " << emulator.dashboardURL() << std::endl;
+              << "  dashboard    " << emulator.dashboardURL()
+              << "\n"
+              // A script outside the browser changes the emulator with this; any reader of this
+              // terminal may, as its user may anyway.
+              << "  token        " << emulator.controlToken() << " (header " << KOEmulator::kTokenHeader
+              << ", needed by seed, fault and reset)" << std::endl;
     int received = 0;
     sigwait(&stopSignals, &received);
     std::cout << "kovantis-emulator stopping (signal " << received << ")" << std::endl;

@@ -81,7 +81,7 @@ async function drawDevices() {
 }
 
 // The timeline is paged: a page is asked for with the cursor the previous one answered.
-const timeline = { pages: [], cursor: null, names: new Set() };
+const timeline = { pages: [], cursor: null, names: new Set(), asked: 0 };
 
 function timelineQuery(cursor) {
   const q = new URLSearchParams({ limit: '50' });
@@ -96,14 +96,19 @@ function timelineQuery(cursor) {
 }
 
 async function drawTimeline(older) {
+  const asked = ++timeline.asked;
   const page = await getJSON(timelineQuery(older ? timeline.cursor : null));
+  // Answers can come back out of order (a filter typed while a redraw is out): the last asked wins.
+  if (asked !== timeline.asked) return;
   timeline.pages = older ? timeline.pages.concat(page.events) : page.events;
   timeline.cursor = page.next;
   for (const e of page.events) if (e.name) timeline.names.add(e.name);
   fill('timeline', timeline.pages.map((e) => {
-    const attributes = e.event.EVENT_ATTRIBUTES ?? e.event.attributes ?? '';
+    // The SDK sends an event's attributes in EVENT_ATTRS and its date attributes in EVENT_ATTRS_CUST.
+    const attributes = [e.event.EVENT_ATTRS, e.event.EVENT_ATTRS_CUST].filter((a) => a !== undefined)
+      .map((a) => JSON.stringify(a)).join(' ');
     return [time(e.received), short(e.unique_id, 18), { text: e.batch_id, cls: 'code' }, e.position, e.name,
-      { text: short(attributes === '' ? '' : JSON.stringify(attributes), 160), cls: 'code' }];
+      { text: short(attributes, 160), cls: 'code' }];
   }));
   $('timeline-older').disabled = !timeline.cursor;
   $('event-names').replaceChildren(...[...timeline.names].sort().map((n) => new Option(n)));
@@ -141,6 +146,7 @@ function seededCampaigns() {
   };
   for (const c of (seeds.inapps && seeds.inapps.campaign_info) || []) add(c);
   for (const c of Object.values(seeds.campaigns || {})) add(c);
+  for (const c of Object.values(seeds.smart_triggers || {})) add(c);
   return list;
 }
 
@@ -194,18 +200,33 @@ async function drawCategories() {
   for (const c of categories) latest.set(c.device_unique_id || c.unique_id, c);
   fill('categories', [...latest.entries()].map(([device, c]) => {
     let names = c.data;
-    try {
-      names = JSON.parse(c.data).map((x) => x.identifier ?? x.id ?? JSON.stringify(x)).join(', ');
-    } catch (e) { /* shown as sent */ }
+    // Each category as the SDK sends it: its name and its actions' titles.
+    const label = (x) => (x && typeof x === 'object'
+      ? (x.name ?? x.identifier ?? x.id ?? '?') + (Array.isArray(x.actions) ? ' (' + x.actions.join(', ') + ')' : '')
+      : String(x));
+    if (Array.isArray(names)) {
+      names = names.map(label).join(', ');
+    } else {
+      try {
+        names = JSON.parse(names).map(label).join(', ');
+      } catch (e) { /* shown as sent */ }
+    }
     return [short(device, 18), { text: short(names, 120), cls: 'code' }];
   }));
+}
+
+// A message's text: its alert as a push carries it (a string, or a title and a body).
+function messageText(m) {
+  const alert = m.data?.aps?.alert ?? m.aps?.alert;
+  if (typeof alert === 'string') return alert;
+  return ((m.title ?? alert?.title ?? '') + ' ' + (m.body ?? alert?.body ?? m.message ?? '')).trim();
 }
 
 function drawInbox() {
   const messages = (seeds.inbox && seeds.inbox.messagesInfo) || [];
   fill('inbox', messages.filter((m) => m && typeof m === 'object').map((m) => [
     m.push_id ? short(m.push_id, 16) : 'every device',
-    short((m.title || m.aps?.alert?.title || '') + ' ' + (m.body || m.aps?.alert?.body || m.message || ''), 80),
+    short(messageText(m), 80),
     typeof m.c_cr_t === 'number' ? new Date(m.c_cr_t * 1000).toLocaleString() : String(m.c_cr_t ?? ''),
   ]));
 }
