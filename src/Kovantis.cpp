@@ -101,7 +101,6 @@ void Kovantis::initializeWithApiKey(const KOValue& apiKey, KOApplication* inAppl
 
 void Kovantis::start(const KOValue& apiKey, KOApplication* application, const KODictionary& launchOptions,
                      bool openDeeplinkUrlAutomatically) {
-  KONotificationHandler::sharedInstance().setHandleDeepLinks(openDeeplinkUrlAutomatically);
   KOLogger::guard(KO_HERE, this, "Kovantis - exception in initialize is %@", [&] {
     KOInAppV2Manager::removeV1InApps();
     checkReinstallAndSaveAppID(apiKey);
@@ -113,9 +112,10 @@ void Kovantis::start(const KOValue& apiKey, KOApplication* application, const KO
       resetUser();
       return;
     }
-    KONotificationHandler::sharedInstance();  // hears the session starts from now on
+    KONotificationHandler::sharedInstance().observeSessionStarts();
     addObserverForApplicationLifeCycle();
     queryForAdvertisingID();
+    KONotificationHandler::sharedInstance().setHandleDeepLinks(openDeeplinkUrlAutomatically);
     updateModules();
     trackLocale();
   });
@@ -123,25 +123,21 @@ void Kovantis::start(const KOValue& apiKey, KOApplication* application, const KO
 
 void Kovantis::handleLaunchPush(KOApplication* application, const KODictionary& launchOptions,
                                 bool openDeeplinkUrlAutomatically) {
-  // A payload the launch carries must never stop the start: its failure is logged here alone.
-  KOLogger::guard(KO_HERE, this, "Kovantis - exception in initialize is %@", [&] {
-    // Where the platform will deliver the tap to a delegate that answers responses, that answer
-    // handles it; handling it here too would count the click twice.
-    if (systemVersionNumber() >= 10.0) {
-      const std::shared_ptr<KOUserNotificationCenterDelegate> centerDelegate =
-          platform().notificationCenter->delegate();
-      if (platform().application->delegateHandlesNotificationResponses() ||
-          (centerDelegate && centerDelegate->handlesNotificationResponses())) {
-        return;
-      }
+  // Where the platform will deliver the tap to a delegate that answers responses, that answer
+  // handles it; handling it here too would count the click twice.
+  if (systemVersionNumber() >= 10.0) {
+    const std::shared_ptr<KOUserNotificationCenterDelegate> centerDelegate = platform().notificationCenter->delegate();
+    if (platform().application->delegateHandlesNotificationResponses() ||
+        (centerDelegate && centerDelegate->handlesNotificationResponses())) {
+      return;
     }
-    const KOValue& payload = safeObjectForKey(launchOptions, KOApplicationLaunchOptionsRemoteNotificationKey);
-    if (payload.isNil() || !payload.isDictionary()) return;
-    KONotificationHandler& push = KONotificationHandler::sharedInstance();
-    if (!KONotificationHandler::shouldProcessNotificationKovantisDict(validObjectForKey(payload, kKovantis))) return;
-    push.handlePushNotificationInApplication(application ? application : platform().application.get(), payload,
-                                             openDeeplinkUrlAutomatically);
-  });
+  }
+  const KOValue& payload = safeObjectForKey(launchOptions, KOApplicationLaunchOptionsRemoteNotificationKey);
+  if (payload.isNil()) return;
+  // A block that is no dictionary throws here, and the start ends with its line.
+  if (!KONotificationHandler::shouldProcessNotificationKovantisDict(validObjectForKey(payload, kKovantis))) return;
+  KONotificationHandler::sharedInstance().handlePushNotificationInApplication(
+      application ? application : platform().application.get(), payload, openDeeplinkUrlAutomatically);
 }
 
 void Kovantis::checkReinstallAndSaveAppID(const KOValue& appId) {

@@ -94,7 +94,8 @@ class KOPresentedScreen {
   virtual ~KOPresentedScreen() = default;
   virtual void update(KOViewDescription screen) = 0;
   virtual void remove() = 0;
-  /// What the user made of an input view (a rating set, text typed); nothing for another view.
+  /// What the user made of an input view (a rating set, text typed), and for a web view the error
+  /// of its last failed load as text; nothing for another view.
   virtual std::optional<KOView> viewWithTag(std::int64_t tag) const = 0;
 };
 

@@ -48,11 +48,15 @@ KONotificationHandler& KONotificationHandler::sharedInstance() {
   return *instance;
 }
 
-KONotificationHandler::KONotificationHandler() {
+KONotificationHandler::KONotificationHandler() = default;
+
+void KONotificationHandler::observeSessionStarts() {
   // Every session start settles the preference again. Never removed: the handler lives as long as
   // the process.
-  KONotificationCenter::defaultCenter().addObserver(KOApplicationDidBecomeActiveNotification,
-                                                    [this](const KONotification&) { checkForPushPermission(); });
+  std::call_once(sessionStarts_, [this] {
+    KONotificationCenter::defaultCenter().addObserver(KOApplicationDidBecomeActiveNotification,
+                                                      [this](const KONotification&) { checkForPushPermission(); });
+  });
 }
 
 bool KONotificationHandler::usesCurrentNotificationInterface() {
@@ -229,7 +233,8 @@ void KONotificationHandler::resetBadge() {
 bool KONotificationHandler::shouldProcessNotificationKovantisDict(const KOValue& block) {
   if (block.isNil() || block.isNull()) return false;
   const KODictionary& dict = block.dictionaryValue();
-  return validObjectForKey(dict, "silentPush").isNil() && !validObjectForKey(dict, "cid").isNil();
+  // Any "silentPush" at all, even null, makes the push silent.
+  return !dict.find("silentPush") && !validObjectForKey(dict, "cid").isNil();
 }
 
 void KONotificationHandler::didReceieveNotificationinApplication(KOApplication* application, const KOValue& withInfo,
@@ -422,15 +427,14 @@ void KONotificationHandler::handleDeepLinking(const KOValue& payload) {
 void KONotificationHandler::handleRichLandingPage(const KOValue& payload) {
   KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - exception while handling rich landing page is %@",
                   [&] {
-                    const KOValue& page = validObjectForKeyPath(payload, "kovantis.webUrl");
+                    const KOValue page = validObjectForKeyPath(payload, "kovantis.webUrl");
                     if (page.isNil()) return;
-                    const std::string url = page.stringValue();
                     KOWebViewHandler::BrowserDelegate delegate;
                     {
                       std::lock_guard<std::mutex> lock(hostMutex_);
                       delegate = host_.browserDidFinish;
                     }
-                    onMain([url, delegate] { KOWebViewHandler::openWebViewWithUrl(url, delegate); });
+                    onMain([page, delegate] { KOWebViewHandler::openWebViewWithUrl(page, delegate); });
                   });
 }
 

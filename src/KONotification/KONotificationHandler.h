@@ -30,8 +30,10 @@ class KONotificationHandler {
   /// Stores the status and tracks "KO_PUSH_PREFERENCE_CHANGED" with it.
   void trackPushPreferenceChangedEventWithStatus(bool status);
   /// Reads the alert setting (current interface only) and settles the preference from it. Runs at
-  /// every session start: this handler hears the app become active itself.
+  /// every session start once observeSessionStarts() was called (by the SDK's start).
   void checkForPushPermission();
+  /// From now on every session start checks the push permission; later calls change nothing.
+  void observeSessionStarts();
   /// Serialises the categories (current interface: their actions) and sends them.
   void setNotificationCategories(const std::vector<std::shared_ptr<KOUserNotificationCategory>>& categories);
   /// The same for the older interface: only the actions set for the minimal context count.
@@ -97,7 +99,8 @@ class KONotificationHandler {
 
   mutable std::mutex hostMutex_;
   Host host_;
-  std::atomic<bool> handleDeepLinks_{true};
+  std::atomic<bool> handleDeepLinks_{false};
+  std::once_flag sessionStarts_;
 
   std::mutex preferenceMutex_;  // the stored status is read, compared and written as one step
 };

@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <cstdlib>
+#include <optional>
 #include <stdexcept>
 
 #include "KORichPush/KOWebViewController.h"
@@ -38,13 +39,14 @@ bool KOWebViewHandler::isURL(const std::string& text) {
   return true;
 }
 
-void KOWebViewHandler::openWebViewWithUrl(const std::string& url, BrowserDelegate delegate) {
+void KOWebViewHandler::openWebViewWithUrl(const KOValue& urlValue, BrowserDelegate delegate) {
   KOLogger::guard(KO_HERE, nullptr, KOLogSeverityError, "Kovantis - WebView Handler exception %@", [&] {
-    if (!isURL(url)) throw std::invalid_argument("not a URL: " + url);
+    const std::string& text = urlValue.stringValue();
+    const std::optional<std::string> url = isURL(text) ? std::optional<std::string>(text) : std::nullopt;
     const bool ownController = majorSystemVersion() < kFirstSystemWithBrowser;
-    // The platform's browser shows web pages only.
-    if (!ownController && schemeOf(url) != "http" && schemeOf(url) != "https") {
-      throw std::invalid_argument("the browser opens only http and https URLs: " + url);
+    // The platform's browser needs a web address; the SDK's own screen takes whatever it is given.
+    if (!ownController && (!url || (schemeOf(*url) != "http" && schemeOf(*url) != "https"))) {
+      throw std::invalid_argument("the browser opens only http and https URLs: " + text);
     }
     KOPlatform::current().dispatch->asyncMain([url, ownController, delegate = std::move(delegate)] {
       KOLogger::guard(KO_HERE, nullptr, KOLogSeverityError, "Kovantis - WebView Handler exception %@", [&] {
@@ -55,7 +57,7 @@ void KOWebViewHandler::openWebViewWithUrl(const std::string& url, BrowserDelegat
           return;
         }
         const std::shared_ptr<KOViewController> top = KovantisUtils::getTopViewController();
-        KOPlatform::current().userInterface->presentBrowser(url, top.get(), delegate);
+        KOPlatform::current().userInterface->presentBrowser(*url, top.get(), delegate);
       });
     });
   });

@@ -75,6 +75,7 @@ TEST_F(PushReceiptTest, ForeignSilentAndCampaignlessPushesChangeNothing) {
   const std::vector<KODictionary> ignored = {
       KODictionary{{"aps", KODictionary{{"alert", "from another service"}}}},
       push(R"("silentPush": 1)"),
+      push(R"("silentPush": null)"),
       KOJSONSerialization::parse(R"({"kovantis": {"couponCode": "NOCID"}})").dictionaryValue(),
       KOJSONSerialization::parse(R"({"kovantis": {"cid": null}})").dictionaryValue(),
   };
@@ -127,6 +128,11 @@ TEST_F(PushReceiptTest, AnActiveAppShowsThePushsInAppAndRecordsTheReceiptWhileAB
   EXPECT_EQ(received[0]["EVENT_ATTRS"], payload.find(kKovantis)->dictionaryValue());
   EXPECT_TRUE(clicks().empty());
   ASSERT_EQ(emulator().campaignEvents().size(), 2u);  // the push, and the in-app shown
+
+  sdk().setDisableBadgeReset(true);
+  device().application().setApplicationIconBadgeNumber(4);
+  device().receivePush(payload);
+  EXPECT_EQ(device().application().applicationIconBadgeNumber(), 4);
 }
 
 TEST_F(PushReceiptTest, AnOpenedPushIsClickedOnceLandsInTheInboxAndMarksPlainTracksUntilTheBackground) {
@@ -135,7 +141,8 @@ TEST_F(PushReceiptTest, AnOpenedPushIsClickedOnceLandsInTheInboxAndMarksPlainTra
   device().application().setApplicationIconBadgeNumber(2);
   device().resignActive();
   device().enterBackground();
-  const KODictionary payload = push(R"("title": "Spring sale")");
+  // Shown without the attachment it names: its download failed, and the click says so.
+  const KODictionary payload = push(R"("title": "Spring sale", "media-attachment": "https://cdn.example/a.png")");
   ASSERT_TRUE(device().openPush(payload));  // foreground, the tap, then active
   EXPECT_EQ(device().application().applicationIconBadgeNumber(), 0);
   EXPECT_FALSE(KovantisUtils::getLastPushClickedTime().isNil());
@@ -153,6 +160,7 @@ TEST_F(PushReceiptTest, AnOpenedPushIsClickedOnceLandsInTheInboxAndMarksPlainTra
   const auto click = clicks();
   ASSERT_EQ(click.size(), 1u);
   EXPECT_EQ(click[0]["EVENT_ATTRS"]["cid"], KOValue("c-1"));
+  EXPECT_EQ(click[0]["EVENT_ATTRS"]["kovAttachmentDownloadFailure"], KOValue(true));
   EXPECT_EQ(click[0]["EVENT_ATTRS"][KO_EVENT_AFTER_PUSH], KOValue(true));  // tracked after the mark was set
   EXPECT_EQ(storedRecords("ADDED_TO_CART")[0]["EVENT_ATTRS"],
             KOValue(KODictionary{{"sku", "A-1"}, {KO_EVENT_AFTER_PUSH, true}}));
@@ -165,9 +173,13 @@ TEST_F(PushReceiptTest, AnOpenedPushIsClickedOnceLandsInTheInboxAndMarksPlainTra
   sdk().setDisableInbox(true);
   olderSystem("9.3");
   device().openPush(push(R"("title": "Second")"));
+  EXPECT_TRUE(KONotificationHandler::sharedInstance().didReceivePush());
+  device().terminate();  // clears the mark as the background does
+  sdk().trackEvent(KOValue("AFTER_TERMINATE"));
   ASSERT_TRUE(flush());
   EXPECT_EQ(clicks().size(), 2u);
   EXPECT_EQ(KOInbox::getInboxMessages().size(), 1u);
+  EXPECT_TRUE(storedRecords("AFTER_TERMINATE")[0]["EVENT_ATTRS"].isNil());
 }
 
 // ---------------------------------------------------------------------------------- the follow-up
@@ -241,6 +253,11 @@ TEST_F(PushReceiptTest, OlderSystemsUseTheOlderDialogAndTheSDKsOwnWebView) {
   olderSystem("8.4");
   device().userInterface().setSupportsAlertController(false);
   deepLinks_ = false;
+  const auto leave = [&] {
+    device().resignActive();
+    device().enterBackground();
+  };
+  leave();
   // The older dialog claims a copy it does not make and opens the deep link whatever the flag.
   device().openPush(push(R"("couponCode": "OLD10", "webUrl": "https://shop.example/old")",
                          R"("kov_deeplink": "https://shop.example/p/old")"));
@@ -266,9 +283,11 @@ TEST_F(PushReceiptTest, OlderSystemsUseTheOlderDialogAndTheSDKsOwnWebView) {
   EXPECT_FALSE(device().userInterface().presentedScreen().has_value());
   EXPECT_FALSE(device().userInterface().finishLoading());  // gone, and nobody listens any more
 
-  KOWebViewController withoutURL;
-  withoutURL.viewDidLoad();
-  EXPECT_TRUE(device().console().contains("Kovantis - attempting to start web view without a url"));
+  // A landing page that is no URL shows an empty page, and says so.
+  leave();
+  device().openPush(push(R"("webUrl": "not a url")"));
+  EXPECT_TRUE(
+      waitFor([&] { return device().console().contains("Kovantis - attempting to start web view without a url"); }));
 }
 
 // ------------------------------------------------------------------------- dismissals and buttons
@@ -355,10 +374,18 @@ TEST_F(PushReceiptTest, APushThatLaunchedTheAppIsLeftToTheDelegateThatWillDelive
   ASSERT_TRUE(waitFor([] { return KONotificationHandler::sharedInstance().didReceivePush(); }));
   ASSERT_TRUE(flush());
   EXPECT_EQ(clicks().size(), 1u);
+}
 
-  // Malformed launch options cost only the push, never the start.
-  sdk().initializeWithApiKey(KOValue("kov-test-app"), nullptr,
-                             KODictionary{{KOApplicationLaunchOptionsRemoteNotificationKey, "garbage"}});
+TEST_F(PushReceiptTest, ALaunchPushWhoseBlockIsNoDictionaryEndsTheStartWithItsLine) {
+  olderSystem("9.3");
+  sdk().initializeWithApiKey(
+      KOValue("kov-test-app"), nullptr,
+      KODictionary{{KOApplicationLaunchOptionsRemoteNotificationKey, KODictionary{{"kovantis", "c-1"}}}});
+  EXPECT_TRUE(device().console().contains("Kovantis - exception in initialize is "));
+  device().becomeActive();  // no lifecycle observers on this launch
+  ASSERT_TRUE(flush());
+  EXPECT_TRUE(storedNames(EVENT_ACTION_IOS_SESSION_START).empty());
+  EXPECT_TRUE(clicks().empty());
 }
 
 // ---------------------------------------------------------------------------------------- bad input
@@ -366,9 +393,9 @@ TEST_F(PushReceiptTest, APushThatLaunchedTheAppIsLeftToTheDelegateThatWillDelive
 TEST_F(PushReceiptTest, OddPayloadsAreSurvived) {
   startActive();
   withResponder();
-  // A campaign id that is no string still counts; a megabyte of payload goes through whole.
+  // A campaign id that is no string still counts, and a megabyte of payload is handled like any
+  // other; a landing page that is no text, or no web address, is refused by the presenter.
   device().openPush(KOJSONSerialization::parse(R"({"kovantis": {"cid": 99, "webUrl": ["x"]}})").dictionaryValue());
-  EXPECT_TRUE(device().console().contains("Kovantis - exception while handling rich landing page is "));
   KODictionary big = push();
   big.set("app_extra", KODictionary{{"blob", std::string(1 << 20, 'x')}});
   device().openPush(big);

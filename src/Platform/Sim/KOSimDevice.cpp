@@ -140,13 +140,15 @@ bool KOSimDevice::respondThroughDelegate(const KODictionary& payload, const std:
 bool KOSimDevice::receivePush(const KODictionary& payload) { return application_->deliverRemoteNotification(payload); }
 
 bool KOSimDevice::openPush(const KODictionary& payload, std::vector<std::string> attachments) {
+  const bool wasActive = application_->applicationState() == KOApplicationState::Active;
   if (application_->applicationState() == KOApplicationState::Background) enterForeground();
   bool heard = respondThroughDelegate(payload, KONotificationDefaultActionIdentifier, std::move(attachments));
-  if (!heard) {
+  // Without a delegate an open app heard the push when it arrived; a tap on it adds nothing.
+  if (!heard && !wasActive) {
     application_->setApplicationState(KOApplicationState::Inactive);
     heard = application_->deliverRemoteNotification(payload);
   }
-  becomeActive();
+  if (!wasActive) becomeActive();
   return heard;
 }
 

@@ -99,7 +99,8 @@ class KOSimDevice {
   /// content-available push wakes it).
   bool receivePush(const KODictionary& payload);
   /// The user taps the notification: an app in the background comes to the foreground (inactive)
-  /// first, hears the tap, then becomes active. `attachments` are what the notification showed.
+  /// first, hears the tap, then becomes active; an app already active only hears the tap.
+  /// `attachments` are what the notification showed.
   bool openPush(const KODictionary& payload, std::vector<std::string> attachments = {});
   /// The user answers with an action: a button's identifier, or the dismiss identifiers (the
   /// SDK's own dismiss button or the swipe-away, KONotificationDismissActionIdentifier). Older
