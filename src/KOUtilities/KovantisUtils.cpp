@@ -68,9 +68,11 @@ std::string KovantisUtils::saveIdentifierForVendor() {
 }
 
 std::string KovantisUtils::persistentDeviceId() {
-  static std::mutex mutex;
-  static std::string cached;
-  std::lock_guard<std::mutex> lock(mutex);
+  // Never destroyed: a sync still running on another thread while the process exits reads it.
+  static auto* mutex = new std::mutex;
+  static auto* cachedId = new std::string;
+  std::string& cached = *cachedId;
+  std::lock_guard<std::mutex> lock(*mutex);
   if (!cached.empty()) return cached;
 
   std::string id;
