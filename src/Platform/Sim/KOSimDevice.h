@@ -109,7 +109,9 @@ class KOSimDevice {
                      std::vector<std::string> attachments = {});
   /// The user taps a push while the app is not running: the launch options the app's start hands
   /// the SDK. On current systems a delegate that handles responses also hears the tap, on the main
-  /// queue once the launch code has run (so the SDK must not handle it twice).
+  /// queue once the launch code has run (so the SDK must not handle it twice). An app delegate that
+  /// says it answers responses itself (KOSimApplication::setDelegateHandlesNotificationResponses) is
+  /// not given the tap here: the device models only the notification centre's delegate.
   KODictionary launchFromPush(const KODictionary& payload);
 
   std::size_t pumpMain() { return dispatch_->pumpMain(); }
