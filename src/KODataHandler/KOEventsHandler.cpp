@@ -293,10 +293,7 @@ bool KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload)
       marked.set(KO_EVENT_AFTER_PUSH, KOValue(true));
       const KOValue attributes(std::move(marked));
       append(recordJSON(eventName, &attributes, nullptr));
-      offerToObserver(eventName, andPayload);
-      return true;
-    }
-    if (andPayload.isNil()) {
+    } else if (andPayload.isNil()) {
       append(recordJSON(eventName, nullptr, nullptr));
     } else if (!KovantisUtils::payloadNeedsTransform(andPayload.dictionaryValue())) {
       append(recordJSON(eventName, &andPayload, nullptr));

@@ -196,11 +196,7 @@ bool KONotificationHandler::didReceivePush() const { return KOEventsHandler::sha
 void KONotificationHandler::setDidReceivePush(bool value) { KOEventsHandler::sharedInstance().setAfterPush(value); }
 
 void KONotificationHandler::track(const char* event, const KOValue& attributes) {
-  std::function<void(const KOValue&, const KOValue&)> trackEvent;
-  {
-    std::lock_guard<std::mutex> lock(hostMutex_);
-    trackEvent = host_.trackEvent;
-  }
+  const auto trackEvent = fromHost(&Host::trackEvent);
   if (trackEvent) {
     trackEvent(KOValue(event), attributes);
   } else {
@@ -209,11 +205,7 @@ void KONotificationHandler::track(const char* event, const KOValue& attributes) 
 }
 
 void KONotificationHandler::syncNow() {
-  std::function<void()> sync;
-  {
-    std::lock_guard<std::mutex> lock(hostMutex_);
-    sync = host_.syncNow;
-  }
+  const auto sync = fromHost(&Host::syncNow);
   if (sync) {
     sync();
   } else {
@@ -222,11 +214,7 @@ void KONotificationHandler::syncNow() {
 }
 
 void KONotificationHandler::resetBadge() {
-  std::function<bool()> disabled;
-  {
-    std::lock_guard<std::mutex> lock(hostMutex_);
-    disabled = host_.disableBadgeReset;
-  }
+  const auto disabled = fromHost(&Host::disableBadgeReset);
   if (!disabled || !disabled()) platform().application->setApplicationIconBadgeNumber(0);
 }
 
@@ -321,11 +309,7 @@ void KONotificationHandler::handlePushNotificationInApplication(KOApplication*, 
     track(KO_PUSH_CLICKED_EVENT, serviceBlock(userInfo));
     handlePushInMainQueueWithData(userInfo, handleDeeplink);
     resetBadge();
-    std::function<bool()> inboxDisabled;
-    {
-      std::lock_guard<std::mutex> lock(hostMutex_);
-      inboxDisabled = host_.disableInbox;
-    }
+    const auto inboxDisabled = fromHost(&Host::disableInbox);
     if (!inboxDisabled || !inboxDisabled()) KOInboxHandler::saveClickedPushToLocalStorageWithData(userInfo);
   });
 }
@@ -429,11 +413,7 @@ void KONotificationHandler::handleRichLandingPage(const KOValue& payload) {
                   [&] {
                     const KOValue page = validObjectForKeyPath(payload, "kovantis.webUrl");
                     if (page.isNil()) return;
-                    KOWebViewHandler::BrowserDelegate delegate;
-                    {
-                      std::lock_guard<std::mutex> lock(hostMutex_);
-                      delegate = host_.browserDidFinish;
-                    }
+                    const auto delegate = fromHost(&Host::browserDidFinish);
                     onMain([page, delegate] { KOWebViewHandler::openWebViewWithUrl(page, delegate); });
                   });
 }

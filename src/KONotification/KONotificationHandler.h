@@ -91,6 +91,12 @@ class KONotificationHandler {
  private:
   KONotificationHandler();
   void handOver(KOArray serialised);
+  // One of the host's calls, copied under the lock so it runs outside it.
+  template <typename Call>
+  Call fromHost(Call Host::*member) const {
+    std::lock_guard<std::mutex> lock(hostMutex_);
+    return host_.*member;
+  }
   void track(const char* event, const KOValue& attributes);
   void syncNow();
   void resetBadge();

@@ -10,8 +10,6 @@ namespace {
 
 constexpr const char* kLoadException = "Kovantis - Exception while loading KOWebViewController %@";
 
-KOViewDescription* child(KOViewDescription& root, std::int64_t tag) { return root.findTag(tag); }
-
 }  // namespace
 
 KOViewDescription KOWebViewController::viewDidLoad() {
@@ -86,7 +84,7 @@ void KOWebViewController::handleEvent(std::int64_t tag, KOViewEvent event) {
 
 void KOWebViewController::setAnimating(bool animating) {
   animating_ = animating;
-  if (KOViewDescription* indicator = child(view_, kIndicatorTag)) indicator->value = animating ? 1 : 0;
+  if (KOViewDescription* indicator = view_.findTag(kIndicatorTag)) indicator->value = animating ? 1 : 0;
   if (screen_) screen_->update(view_);
 }
 
