@@ -50,15 +50,15 @@ class Kovantis {
   static void setAppGroupID(const KOValue& groupId);
   static void setDataRedirection(bool redirect);
 
-  bool disableInbox() const { return disableInbox_; }
-  void setDisableInbox(bool value) { disableInbox_ = value; }
+  bool disableInbox() const;
+  void setDisableInbox(bool value);
   /// Hears the taps on in-app messages and receives self-handled campaigns; held weakly.
   std::shared_ptr<KOInAppDelegate> delegate() const;
   void setDelegate(std::weak_ptr<KOInAppDelegate> delegate);
-  bool disableInApps() const { return disableInApps_; }
-  void setDisableInApps(bool value) { disableInApps_ = value; }
-  bool disableBadgeReset() const { return disableBadgeReset_; }
-  void setDisableBadgeReset(bool value) { disableBadgeReset_ = value; }
+  bool disableInApps() const;
+  void setDisableInApps(bool value);
+  bool disableBadgeReset() const;
+  void setDisableBadgeReset(bool value);
   KOBackgroundTaskIdentifier bgTask() const { return bgTask_; }
   void setBgTask(KOBackgroundTaskIdentifier task) { bgTask_ = task; }
 
@@ -198,21 +198,19 @@ class Kovantis {
   void setGeoDelegate(std::weak_ptr<KOGeoDelegate> delegate);
 
  private:
-  void checkInAppTrigger(const KOValue& name, const KOValue& payload);
   /// Connects the handlers that hear of the lifecycle and of a user reset by notification.
   Kovantis();
   void start(const KOValue& apiKey, KOApplication* application, const KODictionary& launchOptions,
              bool openDeeplinkUrlAutomatically);
-  void handleLaunchPush(KOApplication* application, const KODictionary& launchOptions,
-                        bool openDeeplinkUrlAutomatically);
 
-  std::atomic<bool> disableInbox_{false};
-  std::atomic<bool> disableInApps_{false};
-  mutable std::mutex delegateMutex_;
-  std::weak_ptr<KOInAppDelegate> delegate_;
-  std::atomic<bool> disableBadgeReset_{false};
+  /// Whether the app id passed matches the stored one; another id resets the user and ends the
+  /// start there.
+  bool sameAppId(const KOValue& apiKey);
+  /// What every start runs once the app id is settled.
+  void startModules(bool openDeeplinkUrlAutomatically);
+
   std::atomic<KOBackgroundTaskIdentifier> bgTask_{KOBackgroundTaskInvalid};
-  std::vector<std::uint64_t> observers_;
+  std::once_flag lifecycleObservers_;
 };
 
 #pragma GCC visibility pop

@@ -112,6 +112,15 @@ void KOEventsHandler::discardEverythingStored() {
   startJournalLocked();  // and nothing comes back from the journal
 }
 
+KOBackgroundTaskIdentifier KOEventsHandler::syncInBackgroundTask(KOApplication* application) {
+  auto task = std::make_shared<std::atomic<KOBackgroundTaskIdentifier>>(KOBackgroundTaskInvalid);
+  *task = application->beginBackgroundTask(KOV_BACKGROUND_TASK_NAME,
+                                           [application, task] { application->endBackgroundTask(*task); });
+  setBgTask(task->load());
+  syncTrackedEventsInBackground(true, false, false);  // queues the sync itself
+  return task->load();
+}
+
 void KOEventsHandler::setBgTask(KOBackgroundTaskIdentifier task) {
   std::lock_guard<std::mutex> lock(mutex_);
   bgTask_ = task;
@@ -329,7 +338,7 @@ bool KOEventsHandler::trackEvent(const KOValue& name, KOPayloadBuilder& builderP
     if (!builderPayload.timeStampArray().empty()) custom.set("timestamp", KOValue(builderPayload.timeStampArray()));
     if (!builderPayload.locationArray().empty()) custom.set("location", KOValue(builderPayload.locationArray()));
     append(recordJSON(name.stringValue(), attributes ? &*attributes : nullptr, custom.empty() ? nullptr : &custom));
-    offerToObserver(name.stringValue(), attributes ? *attributes : KOValue());
+    offerToObserver(name.stringValue(), KOValue());
     return true;
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - exception is %@", e);

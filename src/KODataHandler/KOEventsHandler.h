@@ -29,9 +29,10 @@ class KOEventsHandler {
   bool trackEvent(const KOValue& name, const KOValue& andPayload);
   bool trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload);
 
-  /// Sees every event once it is recorded: its name and attributes (nil when it has none), on the
-  /// tracking thread. One observer at a time (the facade's, for the in-app trigger check); nullptr
-  /// removes it. With none installed, tracking pays one atomic load.
+  /// Sees every event once it is recorded: its name and attributes as tracked (nil when it has
+  /// none, and for a builder's), on the tracking thread. One observer at a time (the in-app
+  /// handler's trigger check); nullptr removes it. With none installed, tracking pays one atomic
+  /// load.
   using EventObserver = std::function<void(const std::string& name, const KOValue& attributes)>;
   void setEventObserver(EventObserver observer);
 
@@ -72,6 +73,9 @@ class KOEventsHandler {
   void setEventsBatchCountTreshold(std::uint64_t threshold);
   bool syncInProgress() const;
   void setBgTask(KOBackgroundTaskIdentifier task);
+  /// Syncs everything inside a background task of the application, which the sync's end ends;
+  /// returns the task.
+  KOBackgroundTaskIdentifier syncInBackgroundTask(KOApplication* application);
 
   // ---- For tests and benchmarks only: the SDK itself never asks these.
   /// Records tracked and not yet cut into a batch.

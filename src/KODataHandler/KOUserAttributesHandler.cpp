@@ -218,6 +218,16 @@ bool KOUserAttributesHandler::setUserAttribute(const KOValue& value, const KOVal
   }
 }
 
+void KOUserAttributesHandler::trackUserAttribute(const KOValue& value, const KOValue& forKey) {
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception : %@", [&] {
+    if (setUserAttribute(value, forKey)) {
+      KOLogger::logPlain(KOStringFormat::format("Kovantis - UserAttribute %@ tracked with Value %@", {forKey, value}));
+    } else {
+      KOLogger::logPlain("Kovantis - UserAttribute wasn't tracked as it was already present OR the key/value was nil");
+    }
+  });
+}
+
 void KOUserAttributesHandler::setUserAttributeTimestamp(double timeStamp, const KOValue& forKey) {
   KOPayloadBuilder builder;
   KODictionary entry;

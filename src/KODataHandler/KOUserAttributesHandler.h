@@ -17,6 +17,8 @@ class KOUserAttributesHandler {
   /// Tracks {key: value} when the value is a string or number and differs from the cached one;
   /// returns whether an event was tracked.
   bool setUserAttribute(const KOValue& value, const KOValue& forKey);
+  /// setUserAttribute as the host's call makes it: logs whether the attribute was tracked.
+  void trackUserAttribute(const KOValue& value, const KOValue& forKey);
   /// {key: value} for an attribute event; nothing (and a log line) when the value is nil or not a
   /// string or number.
   static std::optional<KODictionary> attributeEntry(const KOValue& value, const KOValue& forKey);

@@ -21,9 +21,7 @@ constexpr const char* kHitFailure = "Kovantis - exception geofence hit : %@";
 constexpr const char* kBackgroundTaskName = "geoBgTask";
 
 // Authorisation requests exist from system version 8.0 on.
-bool systemHasAuthorizationRequests() {
-  return std::strtod(KovantisUtils::getDeviceSystemVersion().c_str(), nullptr) >= 8.0;
-}
+bool systemHasAuthorizationRequests() { return KovantisUtils::systemVersionAtLeast(8.0); }
 
 // The text without its last `count` characters (not bytes), so that an identifier a host chose is
 // never cut inside a character.

@@ -2,11 +2,14 @@
 
 #include <cstdlib>
 
+#include "KODataHandler/KODeviceHandler.h"
 #include "KODataHandler/KOEventsHandler.h"
 #include "KODataHandler/KOUserAttributesHandler.h"
 #include "KOInAppV2/InAppHandlers/KOInAppV2Handler.h"
 #include "KOInbox/KOInboxHandler.h"
 #include "KOUtilities/KOLogger.h"
+#include "KOUtilities/KOSDKNotifications.h"
+#include "KOUtilities/KOSDKSettings.h"
 #include "KOUtilities/KOStringFormat.h"
 #include "KOUtilities/KOValueHelpers.h"
 #include "KOUtilities/KovantisDateUtils.h"
@@ -48,7 +51,13 @@ KONotificationHandler& KONotificationHandler::sharedInstance() {
   return *instance;
 }
 
-KONotificationHandler::KONotificationHandler() = default;
+KONotificationHandler::KONotificationHandler() {
+  // An in-app campaign's push action asks for registration from below this handler. Never
+  // removed: the handler lives as long as the process.
+  KONotificationCenter::defaultCenter().addObserver(
+      KOPushRegistrationRequestedNotification,
+      [this](const KONotification&) { registerForRemoteNotificationWithCategories({}, {}, nullptr); });
+}
 
 void KONotificationHandler::observeSessionStarts() {
   // Every session start settles the preference again. Never removed: the handler lives as long as
@@ -59,9 +68,7 @@ void KONotificationHandler::observeSessionStarts() {
   });
 }
 
-bool KONotificationHandler::usesCurrentNotificationInterface() {
-  return std::strtod(KovantisUtils::getDeviceSystemVersion().c_str(), nullptr) >= 10.0;
-}
+bool KONotificationHandler::usesCurrentNotificationInterface() { return KovantisUtils::systemVersionAtLeast(10.0); }
 
 void KONotificationHandler::didFailToRegisterForPush() {
   try {
@@ -164,6 +171,125 @@ void KONotificationHandler::handOver(KOArray serialised) {
   KOServerInterface::sharedInstance().setNotificationCategoriesWithCategories(serialised);
 }
 
+// ------------------------------------------------------------------------------------- registration
+
+namespace {
+
+// The members of one generation, in order; the first member of another kind is logged (once) and
+// skipped, and registration goes on.
+template <typename Category>
+std::vector<std::shared_ptr<Category>> membersOfKind(const KONotificationCategorySet& set, const char* wrongKindLine) {
+  std::vector<std::shared_ptr<Category>> members;
+  if (!set) return members;
+  bool logged = false;
+  for (const auto& member : *set) {
+    if (auto typed = std::dynamic_pointer_cast<Category>(member)) {
+      members.push_back(std::move(typed));
+    } else if (!logged) {
+      KOLogger::logPlain(wrongKindLine);
+      logged = true;
+    }
+  }
+  return members;
+}
+
+constexpr const char* kNotUNCategory = "Kovantis - Categories are not of type UNNotificationCategory";
+constexpr const char* kNotKOCategory = "Kovantis - Categories are not of type KONotificationCategory";
+
+// Steps shared by both generations: a new application version means the categories go to the
+// service again; then they are handed over unless the service already has them.
+bool categoriesDueForService() {
+  const KOValue version = KovantisUtils::versionId();
+  const KOValue stored = prefs().objectForKey(KOV_APP_VERSION);
+  if (stored.isNil() || !(stored == version)) {
+    prefs().setObject(KOValue(false), KOV_NOTIFICATION_CATEGORIES_SENT);
+    prefs().setObject(version, KOV_APP_VERSION);
+    prefs().synchronize();
+  }
+  const KOValue sent = prefs().objectForKey(KOV_NOTIFICATION_CATEGORIES_SENT);
+  return !(sent.isNumber() && sent.boolValue());
+}
+
+}  // namespace
+
+void KONotificationHandler::registerForRemoteNotificationWithCategories(
+    const KONotificationCategorySet& categories, const KONotificationCategorySet& andCategoriesForPreviousVersions,
+    std::shared_ptr<KOUserNotificationCenterDelegate> delegate) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception while registering for push : %@", [&] {
+    const KOPlatform& platform = KOPlatform::current();
+    KOUserNotificationCenter& center = *platform.notificationCenter;
+    if (usesCurrentNotificationInterface()) {
+      membersOfKind<KOUserNotificationCategory>(categories, kNotUNCategory);
+      platform.application->registerForRemoteNotifications();
+      center.requestAuthorizationWithOptions(
+          KOUserNotificationOptionBadge | KOUserNotificationOptionSound | KOUserNotificationOptionAlert,
+          [](bool granted, std::optional<std::string> error) {
+            // Only logged: the preference is settled by the next permission check.
+            if (granted) {
+              KOLogger::logPlain("Kovantis - Push permission granted");
+            } else {
+              KOLogger::logPlain(KOStringFormat::format("Kovantis - Push permission denied : %@",
+                                                        {error ? KOValue(*error) : KOValue()}));
+            }
+          });
+      setUserNotificationCategories(categories);
+      center.setDelegate(std::move(delegate));
+    } else {
+      auto older = membersOfKind<KOMutableUserNotificationCategory>(andCategoriesForPreviousVersions, kNotKOCategory);
+      center.registerUserNotificationSettings(
+          KOUserNotificationOptionBadge | KOUserNotificationOptionSound | KOUserNotificationOptionAlert,
+          std::move(older));
+      platform.application->registerForRemoteNotifications();
+      setNotificationCategoriesForEarlieriOSVersionsWithCategories(andCategoriesForPreviousVersions);
+    }
+  });
+}
+
+void KONotificationHandler::registerForPush(const KOValue& deviceToken) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception while registering for push %@", [&] {
+    const KOValue token = KovantisUtils::hexTokenForData(deviceToken);
+    if (!token.isString() || token.stringValue().empty()) throw std::invalid_argument("no device token");
+    if (const std::size_t bytes = deviceToken.dataValue().bytes.size(); bytes != 32) {
+      KOLogger::logPlain(KOStringFormat::format("Kovantis - Unexpected device token length %@",
+                                                {KOValue(static_cast<std::int64_t>(bytes))}));
+    }
+    const KOValue stored = KovantisUtils::getDeviceToken();
+    if (!stored.isNil() && stored == token) return;  // the same token: the service has it
+    saveAndRegisterWithToken(token);
+    KODeviceHandler::sharedInstance().addDeviceWithCompletion([](bool) {});
+  });
+}
+
+void KONotificationHandler::saveAndRegisterWithToken(const KOValue& token) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception while registering for push %@", [&] {
+    KOUserAttributesHandler::sharedInstance().trackUserAttribute(KOValue(true), KOValue(KO_PUSH_PREFERENCE));
+    KovantisUtils::saveDeviceToken(token);
+  });
+}
+
+void KONotificationHandler::setUserNotificationCategories(const KONotificationCategorySet& categories) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - exception while setting categories : %@", [&] {
+    if (!usesCurrentNotificationInterface()) return;
+    auto installed = membersOfKind<KOUserNotificationCategory>(categories, kNotUNCategory);
+    // The SDK's own category: a swipe-away reaches the app as a dismiss action.
+    auto dismiss = std::make_shared<KOUserNotificationCategory>();
+    dismiss->identifier = KOV_DISMISS_CATEGORY;
+    dismiss->actions.push_back(KONotificationAction{KOV_DISMISS_ACTION, "Dismiss", 2});
+    dismiss->options = 1;
+    installed.push_back(dismiss);
+    KOPlatform::current().notificationCenter->setNotificationCategories(installed);
+    if (categoriesDueForService()) setNotificationCategories(installed);
+  });
+}
+
+void KONotificationHandler::setNotificationCategoriesForEarlieriOSVersionsWithCategories(
+    const KONotificationCategorySet& categories) {
+  KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - exception while setting categories : %@", [&] {
+    auto older = membersOfKind<KONotificationCategory>(categories, kNotKOCategory);
+    if (categoriesDueForService()) setNotificationCategoriesForEarlierVersions(older);
+  });
+}
+
 // ------------------------------------------------------------------------------------------ receipt
 
 namespace {
@@ -186,36 +312,27 @@ void onMain(std::function<void()> work) { platform().dispatch->asyncMain(std::mo
 
 }  // namespace
 
-void KONotificationHandler::setHost(Host host) {
-  std::lock_guard<std::mutex> lock(hostMutex_);
-  host_ = std::move(host);
-}
-
 bool KONotificationHandler::didReceivePush() const { return KOEventsHandler::sharedInstance().afterPush(); }
 
 void KONotificationHandler::setDidReceivePush(bool value) { KOEventsHandler::sharedInstance().setAfterPush(value); }
 
 void KONotificationHandler::track(const char* event, const KOValue& attributes) {
-  const auto trackEvent = fromHost(&Host::trackEvent);
-  if (trackEvent) {
-    trackEvent(KOValue(event), attributes);
-  } else {
-    KOEventsHandler::sharedInstance().trackEvent(KOValue(event), attributes);
-  }
+  KOEventsHandler::sharedInstance().trackEvent(KOValue(event), attributes);
 }
 
 void KONotificationHandler::syncNow() {
-  const auto sync = fromHost(&Host::syncNow);
-  if (sync) {
-    sync();
-  } else {
-    KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(false, false, false);
-  }
+  KOLogger::guard(KO_HERE, this, "Kovantis - SyncNow exception : %@",
+                  [&] { KOEventsHandler::sharedInstance().syncTrackedEventsInBackground(false, false, false); });
 }
 
 void KONotificationHandler::resetBadge() {
-  const auto disabled = fromHost(&Host::disableBadgeReset);
-  if (!disabled || !disabled()) platform().application->setApplicationIconBadgeNumber(0);
+  if (!KOSDKSettings::shared().disableBadgeReset()) platform().application->setApplicationIconBadgeNumber(0);
+}
+
+void KONotificationHandler::browserDidFinish(std::shared_ptr<KOPresentedScreen> browser) {
+  KOLogger::guard(KO_HERE, nullptr, "Kovantis - Exception : %@", [&] {
+    if (browser) browser->remove();
+  });
 }
 
 bool KONotificationHandler::shouldProcessNotificationKovantisDict(const KOValue& block) {
@@ -264,7 +381,7 @@ void KONotificationHandler::userNotificationCenter(KOUserNotificationCenter*, co
       track(KO_PUSH_DISMISSED_EVENT, block);
       syncNow();  // a dismissal is sent at once
     } else if (action == KONotificationDefaultActionIdentifier) {
-      handlePushNotificationInApplication(nullptr, payload, handleDeepLinks());
+      handlePushNotificationInApplication(nullptr, payload, KOSDKSettings::shared().handleDeepLinks());
     } else {
       handleActionWithIdentifier(response.actionIdentifier, payload);
     }
@@ -301,6 +418,25 @@ void KONotificationHandler::handleActionWithIdentifier(const KOValue& identifier
   });
 }
 
+void KONotificationHandler::handleLaunchPush(KOApplication* application, const KODictionary& launchOptions,
+                                             bool handleDeeplink) {
+  // Where the platform will deliver the tap to a delegate that answers responses, that answer
+  // handles it; handling it here too would count the click twice.
+  if (KovantisUtils::systemVersionAtLeast(10.0)) {
+    const std::shared_ptr<KOUserNotificationCenterDelegate> centerDelegate = platform().notificationCenter->delegate();
+    if (platform().application->delegateHandlesNotificationResponses() ||
+        (centerDelegate && centerDelegate->handlesNotificationResponses())) {
+      return;
+    }
+  }
+  const KOValue& payload = safeObjectForKey(launchOptions, KOApplicationLaunchOptionsRemoteNotificationKey);
+  if (payload.isNil()) return;
+  // A block that is no dictionary throws here, and the start ends with its line.
+  if (!shouldProcessNotificationKovantisDict(validObjectForKey(payload, kKovantis))) return;
+  handlePushNotificationInApplication(application ? application : platform().application.get(), payload,
+                                      handleDeeplink);
+}
+
 void KONotificationHandler::handlePushNotificationInApplication(KOApplication*, const KOValue& userInfo,
                                                                 bool handleDeeplink) {
   KOLogger::guard(KO_HERE, this, KOLogSeverityError, "Kovantis - Exception in handlePushNotification : %@", [&] {
@@ -309,8 +445,7 @@ void KONotificationHandler::handlePushNotificationInApplication(KOApplication*, 
     track(KO_PUSH_CLICKED_EVENT, serviceBlock(userInfo));
     handlePushInMainQueueWithData(userInfo, handleDeeplink);
     resetBadge();
-    const auto inboxDisabled = fromHost(&Host::disableInbox);
-    if (!inboxDisabled || !inboxDisabled()) KOInboxHandler::saveClickedPushToLocalStorageWithData(userInfo);
+    if (!KOSDKSettings::shared().disableInbox()) KOInboxHandler::saveClickedPushToLocalStorageWithData(userInfo);
   });
 }
 
@@ -413,8 +548,7 @@ void KONotificationHandler::handleRichLandingPage(const KOValue& payload) {
                   [&] {
                     const KOValue page = validObjectForKeyPath(payload, "kovantis.webUrl");
                     if (page.isNil()) return;
-                    const auto delegate = fromHost(&Host::browserDidFinish);
-                    onMain([page, delegate] { KOWebViewHandler::openWebViewWithUrl(page, delegate); });
+                    onMain([page] { KOWebViewHandler::openWebViewWithUrl(page, &browserDidFinish); });
                   });
 }
 

@@ -7,8 +7,6 @@
 // silent ones and ones without a campaign id are left alone.
 #pragma once
 
-#include <atomic>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -40,21 +38,26 @@ class KONotificationHandler {
   void setNotificationCategoriesForEarlierVersions(
       const std::vector<std::shared_ptr<KONotificationCategory>>& categories);
 
+  // --------------------------------------------------------------------------- registration
+  /// Asks for permission, registers for remote notifications and installs the categories of the
+  /// system's generation (see the facade's call of the same name).
+  void registerForRemoteNotificationWithCategories(const KONotificationCategorySet& categories,
+                                                   const KONotificationCategorySet& andCategoriesForPreviousVersions,
+                                                   std::shared_ptr<KOUserNotificationCenterDelegate> delegate);
+  /// The device token the system delivered: a new or changed one is saved and the device
+  /// registered again.
+  void registerForPush(const KOValue& deviceToken);
+  void saveAndRegisterWithToken(const KOValue& token);
+  /// Installs the categories plus the SDK's dismiss category and tells the service once per
+  /// application version (current interface only).
+  void setUserNotificationCategories(const KONotificationCategorySet& categories);
+  /// The same for older systems (nothing installed here).
+  void setNotificationCategoriesForEarlieriOSVersionsWithCategories(const KONotificationCategorySet& categories);
+
   /// Whether the system has the current notification interface (version 10.0 or later).
   static bool usesCurrentNotificationInterface();
 
   // ------------------------------------------------------------------------------ receipt
-  /// How push events reach the rest of the SDK: the facade installs tracking (so a push event
-  /// also reaches the in-app trigger check), its sync, its switches and its browser delegate.
-  struct Host {
-    std::function<void(const KOValue& name, const KOValue& payload)> trackEvent;
-    std::function<void()> syncNow;
-    std::function<bool()> disableBadgeReset;
-    std::function<bool()> disableInbox;
-    KOWebViewHandler::BrowserDelegate browserDidFinish;
-  };
-  void setHost(Host host);
-
   /// A push delivered to the app delegate: opened while inactive, arrived while active, or
   /// ignored in the background.
   void didReceieveNotificationinApplication(KOApplication* application, const KOValue& withInfo,
@@ -67,6 +70,9 @@ class KONotificationHandler {
   /// Whether the service's block asks for handling: present, not silent, with a campaign id.
   /// Throws KOTypeError when the block is not a dictionary.
   static bool shouldProcessNotificationKovantisDict(const KOValue& block);
+  /// The push that launched the app, unless the platform hands its tap to a delegate that answers
+  /// responses. Throws KOTypeError when its block is not a dictionary (the start ends there).
+  void handleLaunchPush(KOApplication* application, const KODictionary& launchOptions, bool handleDeeplink);
   /// A push opened: the click, then its follow-up, the badge and the inbox.
   void handlePushNotificationInApplication(KOApplication* application, const KOValue& userInfo, bool handleDeeplink);
   /// A push that arrived while the app is active: its in-app campaign, then the received event.
@@ -84,28 +90,18 @@ class KONotificationHandler {
   /// marked as after-push until the app goes to the background.
   bool didReceivePush() const;
   void setDidReceivePush(bool value);
-  /// Whether the SDK opens a push's deep link itself (the host's choice at start).
-  bool handleDeepLinks() const { return handleDeepLinks_.load(); }
-  void setHandleDeepLinks(bool value) { handleDeepLinks_.store(value); }
+  /// The platform browser's delegate call: the user is done with a landing page; it is dismissed.
+  static void browserDidFinish(std::shared_ptr<KOPresentedScreen> browser);
 
  private:
   KONotificationHandler();
   void handOver(KOArray serialised);
-  // One of the host's calls, copied under the lock so it runs outside it.
-  template <typename Call>
-  Call fromHost(Call Host::*member) const {
-    std::lock_guard<std::mutex> lock(hostMutex_);
-    return host_.*member;
-  }
   void track(const char* event, const KOValue& attributes);
   void syncNow();
   void resetBadge();
   // The follow-ups that come after a coupon dialog's button, or straight after an older dialog.
   void afterCoupon(const KOValue& payload, bool openDeepLink);
 
-  mutable std::mutex hostMutex_;
-  Host host_;
-  std::atomic<bool> handleDeepLinks_{false};
   std::once_flag sessionStarts_;
 
   std::mutex preferenceMutex_;  // the stored status is read, compared and written as one step

@@ -11,12 +11,7 @@
 
 namespace {
 
-constexpr int kFirstSystemWithBrowser = 9;
-
-int majorSystemVersion() {
-  const std::string version = KovantisUtils::getDeviceSystemVersion();
-  return std::atoi(version.substr(0, version.find('.')).c_str());
-}
+constexpr double kFirstSystemWithBrowser = 9.0;
 
 std::string schemeOf(const std::string& url) {
   std::string scheme = url.substr(0, url.find(':'));
@@ -43,7 +38,7 @@ void KOWebViewHandler::openWebViewWithUrl(const KOValue& urlValue, BrowserDelega
   KOLogger::guard(KO_HERE, nullptr, KOLogSeverityError, "Kovantis - WebView Handler exception %@", [&] {
     const std::string& text = urlValue.stringValue();
     const std::optional<std::string> url = isURL(text) ? std::optional<std::string>(text) : std::nullopt;
-    const bool ownController = majorSystemVersion() < kFirstSystemWithBrowser;
+    const bool ownController = !KovantisUtils::systemVersionAtLeast(kFirstSystemWithBrowser);
     // The platform's browser needs a web address; the SDK's own screen takes whatever it is given.
     if (!ownController && (!url || (schemeOf(*url) != "http" && schemeOf(*url) != "https"))) {
       throw std::invalid_argument("the browser opens only http and https URLs: " + text);

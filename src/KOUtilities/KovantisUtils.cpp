@@ -5,6 +5,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <mutex>
 
@@ -38,6 +39,10 @@ KOValue KovantisUtils::bundleIdentifier() { return optionalString(platform().app
 std::string KovantisUtils::getDeviceModel() { return platform().deviceInfo->model(); }
 std::string KovantisUtils::getDeviceName() { return platform().deviceInfo->name(); }
 std::string KovantisUtils::getDeviceSystemVersion() { return platform().deviceInfo->systemVersion(); }
+
+bool KovantisUtils::systemVersionAtLeast(double version) {
+  return std::strtod(getDeviceSystemVersion().c_str(), nullptr) >= version;
+}
 std::string KovantisUtils::getDeviceLocalizedModel() { return platform().deviceInfo->localizedModel(); }
 
 KOValue KovantisUtils::advertiserID() {

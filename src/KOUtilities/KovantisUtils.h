@@ -19,6 +19,8 @@ class KovantisUtils {
   static std::string getDeviceModel();
   static std::string getDeviceName();
   static std::string getDeviceSystemVersion();
+  /// Whether the system's version, read as major.minor, is at least `version` ("10.3.1" >= 10.0).
+  static bool systemVersionAtLeast(double version);
   static std::string getDeviceLocalizedModel();
 
   // Vendor id: made once per install ("<UUID>-<seconds>") and never refreshed.

@@ -6,13 +6,18 @@
 #include <utility>
 #include <vector>
 
+#include "KODataHandler/KOEventsHandler.h"
+#include "KODataHandler/KOUserAttributesHandler.h"
 #include "KOInAppV2/InAppHandlers/KOInAppV2Handler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOUtilities/KOLogger.h"
+#include "KOUtilities/KOSDKNotifications.h"
+#include "KOUtilities/KOSDKSettings.h"
 #include "KOUtilities/KOStackTrace.h"
 #include "KOUtilities/KOStringFormat.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "kovantis/KOConstants.h"
+#include "kovantis/KONotificationCenter.h"
 #include "kovantis/KOPlatform.h"
 
 namespace {
@@ -28,8 +33,6 @@ KOInAppV2ActionHandler& KOInAppV2ActionHandler::sharedInstance() {
   static auto* instance = new KOInAppV2ActionHandler();
   return *instance;
 }
-
-void KOInAppV2ActionHandler::setHost(Host host) { host_ = std::move(host); }
 
 void KOInAppV2ActionHandler::setInAppObject(std::shared_ptr<const KOInAppV2Object> inApp,
                                             std::shared_ptr<KOPresentedScreen> view, std::function<void()> dismiss) {
@@ -163,8 +166,9 @@ void KOInAppV2ActionHandler::actionHandlerWithArray(const std::vector<KOInAppV2A
             std::optional<KOView> input = shown.view ? shown.view->viewWithTag(id) : std::nullopt;
             value = KovantisUtils::getValueFromWidget(input ? &*input : nullptr);
           }
-          if (!value.isAbsent() && host_.setUserAttribute)
-            host_.setUserAttribute(value, KOValue(action.userAttributeToSet()));
+          if (!value.isAbsent()) {
+            KOUserAttributesHandler::sharedInstance().trackUserAttribute(value, KOValue(action.userAttributeToSet()));
+          }
           break;
         }
         case KOInAppV2ActionOpenInApp:
@@ -173,12 +177,13 @@ void KOInAppV2ActionHandler::actionHandlerWithArray(const std::vector<KOInAppV2A
           }
           break;
         case KOInAppV2ActionTrackEvent: {
-          if (action.eventBeingTracked().empty() || !host_.trackEvent) break;
+          if (action.eventBeingTracked().empty()) break;
           KODictionary attributes{{CAMPAIGN_ID, andInAppObject.campaignPropertiesObject().campaignId()}};
           if (action.eventBeingTracked() == kInAppClicked) {
             attributes.set(KO_WIDGET_ID, KOStringFormat::format("%ld", {KOValue(forWidgetID)}));
           }
-          host_.trackEvent(KOValue(action.eventBeingTracked()), KOValue(std::move(attributes)));
+          KOEventsHandler::sharedInstance().trackEvent(KOValue(action.eventBeingTracked()),
+                                                       KOValue(std::move(attributes)));
           break;
         }
         case KOInAppV2ActionCopy:
@@ -192,12 +197,12 @@ void KOInAppV2ActionHandler::actionHandlerWithArray(const std::vector<KOInAppV2A
         case KOInAppV2ActionPermissionNotification:
           if (!platform.preferences->standard().objectForKey(KO_PUSH_PREFERENCE_KEY).isNil()) {
             platform.application->openSettings();
-          } else if (host_.registerForPush) {
-            host_.registerForPush();
+          } else {
+            KONotificationCenter::defaultCenter().post(KOPushRegistrationRequestedNotification);
           }
           break;
         case KOInAppV2ActionPermissionSettings:
-          if (std::strtod(KovantisUtils::getDeviceSystemVersion().c_str(), nullptr) >= kFirstSystemWithSettingsURL) {
+          if (KovantisUtils::systemVersionAtLeast(kFirstSystemWithSettingsURL)) {
             platform.application->openSettings();
           }
           break;
@@ -205,7 +210,7 @@ void KOInAppV2ActionHandler::actionHandlerWithArray(const std::vector<KOInAppV2A
           break;
       }
     }
-    if (const auto delegate = host_.delegate ? host_.delegate() : nullptr) {
+    if (const auto delegate = KOSDKSettings::shared().inAppDelegate()) {
       int kind = forButton ? KOInAppWidgetButton : orForImage ? KOInAppWidgetImage : KOInAppWidgetLabel;
       if (widgetType == KOInAppV2WidgetCloseButton) kind = KOInAppWidgetCloseButton;
       static_cast<void>(orForText);

@@ -14,18 +14,7 @@
 
 class KOInAppV2ActionHandler {
  public:
-  /// What the actions reach above the handlers; the facade fills it in, so that an action tracks
-  /// and sets attributes exactly as the host's own calls do.
-  struct Host {
-    std::function<void(const KOValue& name, const KOValue& payload)> trackEvent;
-    std::function<void(const KOValue& value, const KOValue& key)> setUserAttribute;
-    std::function<void()> registerForPush;
-    std::function<std::shared_ptr<KOInAppDelegate>()> delegate;
-  };
-
   static KOInAppV2ActionHandler& sharedInstance();
-  void setHost(Host host);
-  const Host& host() const { return host_; }
 
   /// The campaign on screen and its view, set by whoever shows it; the dismiss action calls
   /// `dismiss`. Separate for in-apps and nudges.
@@ -64,7 +53,6 @@ class KOInAppV2ActionHandler {
   void tapped(std::int64_t tag, bool forNudges, bool button, bool image, bool label);
   void call(const std::string& number);
 
-  Host host_;
   Shown inApp_;
   Shown nudge_;
 };

@@ -15,6 +15,7 @@
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInAppV2/InAppView/KOInAppV2ViewBuilder.h"
 #include "KOUtilities/KOLogger.h"
+#include "KOUtilities/KOSDKSettings.h"
 #include "KOUtilities/KOStackTrace.h"
 #include "KOUtilities/KOStringFormat.h"
 #include "KOUtilities/KOValueHelpers.h"
@@ -82,7 +83,13 @@ KOInAppV2Handler& KOInAppV2Handler::sharedInstance() {
   return *instance;
 }
 
-KOInAppV2Handler::KOInAppV2Handler() = default;
+KOInAppV2Handler::KOInAppV2Handler() {
+  // Every recorded event is offered to the trigger check, whoever tracked it: the host, an action,
+  // the push handler or the SDK's own attributes.
+  KOEventsHandler::sharedInstance().setEventObserver([this](const std::string& name, const KOValue& attributes) {
+    if (!KOSDKSettings::shared().disableInApps()) checkTriggerWithEventName(name, attributes);
+  });
+}
 
 // ------------------------------------------------------------------------------------- the rules
 
@@ -521,8 +528,7 @@ void KOInAppV2Handler::trackInAppAutoDismissForCampaignID(const std::string& cam
 // ------------------------------------------------------------------- single and self-handled
 
 void KOInAppV2Handler::returnSelfHandledInAppData(const KOInAppV2Object& inApp) {
-  const auto& host = KOInAppV2ActionHandler::sharedInstance().host();
-  const auto delegate = host.delegate ? host.delegate() : nullptr;
+  const auto delegate = KOSDKSettings::shared().inAppDelegate();
   if (!delegate) return;
   delegate->selfHandledInAppWithData(KODictionary{{"campaign_id", inApp.campaignPropertiesObject().campaignId()},
                                                   {"content", inApp.selfHandledcontent()}});

@@ -10,6 +10,7 @@
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInAppV2/InAppView/KOInAppV2ViewBuilder.h"
 #include "KOUtilities/KOLogger.h"
+#include "KOUtilities/KOSDKSettings.h"
 #include "KOUtilities/KOValueHelpers.h"
 #include "KOUtilities/KovantisDateUtils.h"
 #include "KOUtilities/KovantisUtils.h"
@@ -49,6 +50,7 @@ KOViewDescription KONudgesHandler::describe(const KOInAppV2Object& nudge, const 
 
 void KONudgesHandler::getNudgeViewForViewController(const KOViewController* viewController,
                                                     const Completion& completion) {
+  if (KOSDKSettings::shared().disableInApps()) return;
   KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
     const auto nudge = chooseFor(KOInAppV2Handler::screenNameFor(viewController));
     const KOSize size{KovantisUtils::screenWidthForInApp(), KovantisUtils::screenHeightForInApp()};
@@ -72,6 +74,7 @@ void KONudgesHandler::nudgeShownWithCampaignID(const std::string& campaignID) {
 }
 
 void KONudgesHandler::showNudgeInViewController(const KOViewController* viewController, int atNudgePosition) {
+  if (KOSDKSettings::shared().disableInApps()) return;
   KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
     if (!viewController) throw std::invalid_argument("no screen to show the nudge in");
     if (isShowingNudge()) return;

@@ -1,0 +1,30 @@
+// The device as the service knows it: its registration (once per user), and the device attributes
+// the SDK reports by itself — model, vendor id, system version, advertising id and locale. Each is
+// an "EVENT_ACTION_DEVICE_ATTRIBUTE" event; the advertising id and the locale are user attributes
+// too, sent only when they changed.
+#pragma once
+
+#include <functional>
+
+#include "kovantis/KOValue.h"
+
+class KODeviceHandler {
+ public:
+  static KODeviceHandler& sharedInstance();
+
+  /// Tracks {key: value} as a device attribute (nothing, and a log line, for a nil or odd value).
+  void setDeviceAttribute(const KOValue& value, const KOValue& forKey);
+  void setModelDeviceAttribute();
+  /// Registers the device with the service unless it already is; the completion hears true once
+  /// the device counts as registered.
+  void addDeviceWithCompletion(std::function<void(bool)> completion);
+  /// A new user: the device is registered again, then its advertising id is reported.
+  void registerNewUser();
+  /// Reports the advertising id when it changed since the last report.
+  void queryForAdvertisingID();
+  /// Reports the locale's codes and display names that changed since the last report.
+  void trackLocale();
+
+ private:
+  KODeviceHandler() = default;
+};
