@@ -106,7 +106,17 @@ class KOEventsHandler {
   bool acceptsName(const KOSourceLocation& where, const KOValue& name) const;
   void append(std::string recordJSON);
   void offerToObserver(const std::string& name, const KOValue& attributes) const;
+  struct Round;  // one sync round's batches and outcomes
   void runSync(SyncRequest request);
+  /// Whether the request waits: for the running sync, or out a back-off. Remembers it if so.
+  bool waitingLocked(const SyncRequest& request);
+  /// Starts a round: cuts when asked, and takes the batches it sends (none: the round is over).
+  KOBatchStore::Snapshot beginRoundLocked(const SyncRequest& request, Round& round);
+  void sendRound(const SyncRequest& request, const std::shared_ptr<Round>& round,
+                 const KOBatchStore::Snapshot& batches);
+  /// One batch's outcome; the last one ends the round.
+  void batchFinished(const SyncRequest& request, Round& round, const std::string& id, bool success);
+  void roundFinished(const SyncRequest& request, Round& round);
   /// The end of a sync: `failed` are the batches it sent that the service did not accept.
   void syncAttemptCompletedInBackground(bool inBackground, bool andForReset, std::vector<std::string> failed);
   /// Cuts the records in memory into a batch and has the file written; the caller holds the lock.
