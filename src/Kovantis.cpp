@@ -107,7 +107,6 @@ bool Kovantis::sameAppId(const KOValue& apiKey) {
 }
 
 void Kovantis::startModules(bool openDeeplinkUrlAutomatically) {
-  push().observeSessionStarts();
   addObserverForApplicationLifeCycle();
   queryForAdvertisingID();
   settings().setHandleDeepLinks(openDeeplinkUrlAutomatically);
@@ -303,8 +302,10 @@ void Kovantis::applicationIsActive(const KODictionary&) {
   KOLogger::guard(KO_HERE, this, "Kovantis - exception in application is active : %@", [&] { sessionStarted(); });
 }
 void Kovantis::sessionStarted() {
-  KOLogger::guard(KO_HERE, this, "Kovantis - exception in Session start : %@",
-                  [&] { trackEvent(KOValue(EVENT_ACTION_IOS_SESSION_START)); });
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception in Session start : %@", [&] {
+    trackEvent(KOValue(EVENT_ACTION_IOS_SESSION_START));
+    push().checkForPushPermission();  // the user may have changed it in the system's settings
+  });
 }
 
 void Kovantis::applicationIsInactive(const KODictionary&) {

@@ -59,15 +59,6 @@ KONotificationHandler::KONotificationHandler() {
       [this](const KONotification&) { registerForRemoteNotificationWithCategories({}, {}, nullptr); });
 }
 
-void KONotificationHandler::observeSessionStarts() {
-  // Every session start settles the preference again. Never removed: the handler lives as long as
-  // the process.
-  std::call_once(sessionStarts_, [this] {
-    KONotificationCenter::defaultCenter().addObserver(KOApplicationDidBecomeActiveNotification,
-                                                      [this](const KONotification&) { checkForPushPermission(); });
-  });
-}
-
 bool KONotificationHandler::usesCurrentNotificationInterface() { return KovantisUtils::systemVersionAtLeast(10.0); }
 
 void KONotificationHandler::didFailToRegisterForPush() {

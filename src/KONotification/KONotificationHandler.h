@@ -28,10 +28,8 @@ class KONotificationHandler {
   /// Stores the status and tracks "KO_PUSH_PREFERENCE_CHANGED" with it.
   void trackPushPreferenceChangedEventWithStatus(bool status);
   /// Reads the alert setting (current interface only) and settles the preference from it. Runs at
-  /// every session start once observeSessionStarts() was called (by the SDK's start).
+  /// every session start (the facade's sessionStarted).
   void checkForPushPermission();
-  /// From now on every session start checks the push permission; later calls change nothing.
-  void observeSessionStarts();
   /// Serialises the categories (current interface: their actions) and sends them.
   void setNotificationCategories(const std::vector<std::shared_ptr<KOUserNotificationCategory>>& categories);
   /// The same for the older interface: only the actions set for the minimal context count.
@@ -101,8 +99,6 @@ class KONotificationHandler {
   void resetBadge();
   // The follow-ups that come after a coupon dialog's button, or straight after an older dialog.
   void afterCoupon(const KOValue& payload, bool openDeepLink);
-
-  std::once_flag sessionStarts_;
 
   std::mutex preferenceMutex_;  // the stored status is read, compared and written as one step
 };

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "KODataHandler/KOEventsHandler.h"
 #include "KOInAppV2/InAppHandlers/KOInAppV2Handler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOSDKTestDevice.h"
@@ -241,12 +242,16 @@ TEST_F(InAppHandlerTest, ATrackedEventOnTheTriggerListFetchesAndShowsItsCampaign
   EXPECT_EQ(emulator().requests("/v2/autotriggerinapps").size(), 1u);
   EXPECT_EQ(device().userInterface().presentedScreen()->findTag(2)->text, "Shop now");
 
-  // With in-apps off, a listed event asks nothing.
+  // The check listens below the facade: an event the SDK tracks itself reaches it too.
   KOInAppV2Handler::sharedInstance().dismissInApp();
+  KOEventsHandler::sharedInstance().trackEvent(KOValue("ADD_TO_CART"), KOValue());
+  ASSERT_TRUE(waitFor([&] { return emulator().requests("/v2/autotriggerinapps").size() == 2; }));
+
+  // With in-apps off, a listed event asks nothing.
   sdk().setDisableInApps(true);
   sdk().trackEvent(KOValue("ADD_TO_CART"));
   device().dispatch().pumpMain();
-  EXPECT_EQ(emulator().requests("/v2/autotriggerinapps").size(), 1u);
+  EXPECT_EQ(emulator().requests("/v2/autotriggerinapps").size(), 2u);
 }
 
 // Images are decoded before showing: the picture takes the image's own shape, and an image that

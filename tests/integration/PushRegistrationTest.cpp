@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KONotification/KONotificationHandler.h"
 #include "KOSDKTestDevice.h"
 #include "KOUtilities/KOLogger.h"
@@ -203,4 +204,20 @@ TEST_F(PushRegistrationTest, AFirstRefusalTracksNothingAndABrokenPortIsOnlyLogge
   KONotificationHandler::sharedInstance().checkForPushPermission();
   EXPECT_TRUE(device().console().contains("Kovantis - Exception while registering for push : "));
   EXPECT_TRUE(device().console().contains("Kovantis - exception while setting categories : "));
+}
+
+// The host's own session start settles the permission too, and the preference change the SDK tracks
+// reaches the in-app trigger check as any event does.
+TEST_F(PushRegistrationTest, TheHostsSessionStartChecksThePermissionAndItsEventCanTriggerACampaign) {
+  startClean();
+  prefs().setObject(KOValue(true), KO_PUSH_PREFERENCE_KEY);
+  KOInAppV2Manager::saveInAppCampaignsWithData(
+      KOJSONSerialization::parse(R"({"event_list": ["KO_PUSH_PREFERENCE_CHANGED"]})"), [] {});
+  device().notificationCenter().setAlertSetting(KONotificationSettingDisabled);
+  sdk().sessionStarted();
+  ASSERT_TRUE(waitFor([&] { return !emulator().requests("/v2/autotriggerinapps").empty(); }));
+  ASSERT_TRUE(settle() && deliverAll());
+  EXPECT_EQ(prefs().objectForKey(KO_PUSH_PREFERENCE_KEY), KOValue(false));
+  EXPECT_EQ(preferenceEvents(), std::vector<bool>{false});
+  EXPECT_EQ(storedEvents(EVENT_ACTION_IOS_SESSION_START).size(), 1u);
 }
