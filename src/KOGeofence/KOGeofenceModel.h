@@ -7,9 +7,9 @@
 
 class KOGeofenceModel {
  public:
-  /// Reads "distance", "geoId", "lat", "lng" and "transitionType" in that order. A field of the
-  /// wrong kind (or an entry that is no dictionary) stops the reading there, is logged, and leaves
-  /// that field and the ones after it at their defaults; a missing field keeps its default.
+  /// Reads "distance", "geoId", "lat", "lng" and "transitionType". A field of the wrong kind is
+  /// logged and keeps its default, the others are read; a missing field keeps its default, and an
+  /// entry that is no dictionary is logged and reads as all defaults.
   explicit KOGeofenceModel(const KOValue& dictionary);
 
   /// The radius in metres (the whole-number part of the field).

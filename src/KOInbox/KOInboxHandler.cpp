@@ -162,7 +162,7 @@ void KOInboxHandler::saveServerPushDataToPlist(const KOValue& response) {
       for (KOValue& record : result) {
         if (!sameCampaign(record, cid)) {
           next.push_back(std::move(record));
-        } else if (KOInboxPushDataModel::flagValue(validObjectForKey(record, "isRead"))) {
+        } else if (!validObjectForKey(record, "isRead").isAbsent()) {  // its presence decides, as for "isGiven"
           record.dictionaryValue().set("isGiven", KOValue(true));
           moved.push_back(std::move(record));
           matched = true;

@@ -51,6 +51,20 @@ std::string coordinate(double degrees) { return KOStringFormat::format("%f", {KO
 
 }  // namespace
 
+namespace {
+
+// The logger sits below the network layer and ships through what registers with it. The shipper is
+// registered when the library loads, not when the server interface is first created, so a line
+// logged before any service call (remote logging on from the last run) is shipped too.
+[[maybe_unused]] const bool kShipperRegistered = [] {
+  KOLogger::setRemoteShipper([](const std::string& message, const KOValue& traceBack, const std::string& level) {
+    KOServerInterface::sharedInstance().sendLogToLogEntries(message, traceBack, level);
+  });
+  return true;
+}();
+
+}  // namespace
+
 KOServerInterface& KOServerInterface::sharedInstance() {
   // Never destroyed: network completions may still arrive while the process exits.
   static auto* instance = new KOServerInterface();
@@ -59,10 +73,6 @@ KOServerInterface& KOServerInterface::sharedInstance() {
 
 KOServerInterface::KOServerInterface()
     : httpClient_(ADHttpClient::sharedInstance()), requestGenerator_(ADServiceRequestGenerator::sharedInstance()) {
-  // The logger sits below the network layer: it ships through whatever registers here.
-  KOLogger::setRemoteShipper([this](const std::string& message, const KOValue& traceBack, const std::string& level) {
-    sendLogToLogEntries(message, traceBack, level);
-  });
   // Connections kept for reuse are released while the app is away.
   for (const char* name : {KOApplicationDidEnterBackgroundNotification, KOApplicationWillTerminateNotification}) {
     KONotificationCenter::defaultCenter().addObserver(name, [this](const KONotification&) {

@@ -106,11 +106,12 @@ TEST_F(KOGeofenceHandlerTest, BadFencesAreLoggedAndNeverCrashTheHandler) {
       {"geoId": "typed", "lat": "1.0", "lng": 2, "distance": 10},
       {"distance": 7, "geoId": 42, "lat": 1},
       {"geoId": null, "lat": 1, "lng": 3, "distance": null},
+      {"distance": "250", "geoId": "d", "lat": 1, "lng": 2, "transitionType": "exit"},
       "not a fence"])");
   handler().addGeofences(fences);
   settle();
-  EXPECT_EQ(logged("Kovantis - exception while initializing KOGeoFenceModel"), 3u);
-  // What was read before a field of the wrong kind is kept; the platform refuses what is no circle.
+  EXPECT_EQ(logged("Kovantis - exception while initializing KOGeoFenceModel"), 4u);
+  // A field of the wrong kind loses only itself; the platform refuses what is no circle.
   std::map<std::string, KOCircularRegion> watched;
   for (const auto& r : location().monitoredRegions()) watched[r.identifier] = r;
   ASSERT_TRUE(watched.contains("ok-KO"));
@@ -118,15 +119,20 @@ TEST_F(KOGeofenceHandlerTest, BadFencesAreLoggedAndNeverCrashTheHandler) {
   EXPECT_TRUE(watched["ok-KO"].notifyOnEntry);
   ASSERT_TRUE(watched.contains("typed-KO"));
   EXPECT_EQ(watched["typed-KO"].center.latitude, 0);
-  ASSERT_TRUE(watched.contains("(null)-KO"));  // the id-less fences share one region
-  EXPECT_EQ(identifiers(location().monitoredRegions()).size(), 3u);
+  EXPECT_EQ(watched["typed-KO"].center.longitude, 2);
+  EXPECT_EQ(watched["typed-KO"].radius, 10);
+  ASSERT_TRUE(watched.contains("d-KO"));  // a distance given as text leaves the rest of the fence
+  EXPECT_EQ(watched["d-KO"].center.latitude, 1);
+  EXPECT_FALSE(watched["d-KO"].notifyOnEntry);  // its transition was read too
+  ASSERT_TRUE(watched.contains("(null)-KO"));   // the id-less fences share one region
+  EXPECT_EQ(identifiers(location().monitoredRegions()).size(), 4u);
   EXPECT_EQ(location().refusedRegions().size(), 2u);
 
   for (const char* notAList : {R"({"geoId": "g"})", R"("fences")", "7"}) {
     handler().addGeofences(KOJSONSerialization::parse(notAList));
   }
   EXPECT_EQ(logged("Kovantis - exception while adding geofences"), 3u);
-  EXPECT_EQ(location().monitoredRegions().size(), 3u);
+  EXPECT_EQ(location().monitoredRegions().size(), 4u);
 }
 
 TEST_F(KOGeofenceHandlerTest, RefusedPermissionStartsNothingAndIsLoggedAtEveryStart) {

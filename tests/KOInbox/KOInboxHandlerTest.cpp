@@ -90,6 +90,19 @@ TEST_F(KOInboxHandlerTest, PendingIsDecidedByKeyPresenceNotValue) {
   EXPECT_EQ(records[3], KOValue("not a record"));
 }
 
+// The merge asks whether a stored copy has "isRead" at all, as pending does: a record another
+// writer left with "isRead" = NO counts as read and stays, handed out, instead of the server's.
+TEST_F(KOInboxHandlerTest, TheMergeDecidesReadByKeyPresence) {
+  store({KOValue(KODictionary{{"cid", "m0"}, {"isRead", false}, {"data", push("m0", "mine")}}),
+         KOValue(KODictionary{{"cid", "m1"}, {"data", push("m1", "unread")}})});
+  KOInboxHandler::saveServerPushDataToPlist(answer(messages(0, 2)));
+  const KOArray records = stored();
+  ASSERT_EQ(cids(records), (std::vector<std::string>{"m0", "m1"}));
+  EXPECT_EQ(records[0]["data"], push("m0", "mine"));
+  EXPECT_EQ(records[0]["isGiven"], KOValue(true));
+  EXPECT_EQ(records[1]["data"], push("m1", "server m1"));  // the unread copy gave way
+}
+
 TEST_F(KOInboxHandlerTest, DeletingReversesTheStoredOrderEvenForAnUnknownId) {
   store(messages(0, 4));
   KOInboxHandler::removeMessageWithCampaignID(KOValue("unknown"));

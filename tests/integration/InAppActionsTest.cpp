@@ -264,3 +264,27 @@ TEST_F(InAppActionsTest, TestCampaignsShowOrSayWhyNot) {
   settle();
   EXPECT_EQ(device().userInterface().alerts().size(), 2u);
 }
+
+// A campaign fetched by id or by a trigger goes where its kind says: an embedded one into the top
+// screen as a nudge, a self-handled one to the host's delegate; neither is drawn as a message.
+TEST_F(InAppActionsTest, FetchedAndTriggeredCampaignsGoWhereTheirKindSays) {
+  auto home = std::make_shared<KOViewController>();
+  home->name = "Home";
+  device().application().setKeyWindowRootViewController(home);
+  emulator().seed(R"({"campaigns": {"e1": {"cid": "e1", "status": "active", "type": "general", "align": "embedded",
+      "ttl": 1900000000, "max_times": 5, "widgets": [{"id": 1, "type": "text", "content": "Free delivery"}]}},
+      "smart_triggers": {"CHECKOUT": {"cid": "s2", "status": "active", "type": "self_handled", "ttl": 1900000000,
+                                      "max_times": 5, "content": "{\"title\": \"Hi\"}"}}})");
+  KOInAppV2Handler::fetchAndShowInAppForCampaignID("e1", false);
+  ASSERT_TRUE(waitFor([&] { return device().userInterface().embeddedScreen().has_value(); }));
+  EXPECT_EQ(device().screen().last("embeddedScreen")["host"], KOValue("Home"));
+  EXPECT_FALSE(onScreen());
+
+  KOInAppV2Manager::saveInAppCampaignsWithData(KOJSONSerialization::parse(R"({"event_list": ["CHECKOUT"]})"), [] {});
+  sdk().trackEvent(KOValue("CHECKOUT"));
+  ASSERT_TRUE(waitFor([&] { return recorder_->selfHandled.size() == 1; }));
+  EXPECT_EQ(recorder_->selfHandled[0], (KODictionary{{"campaign_id", "s2"}, {"content", R"({"title": "Hi"})"}}));
+  EXPECT_FALSE(onScreen());
+  ASSERT_TRUE(flush());
+  EXPECT_EQ(storedRecords("iOS_IN_APP_SHOWN").size(), 1u);  // the nudge's showing
+}

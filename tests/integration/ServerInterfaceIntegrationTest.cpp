@@ -200,3 +200,14 @@ TEST_F(ServerInterfaceIntegrationTest, FailedCallsShipARemoteLogRecord) {
   EXPECT_TRUE(waitFor([&] { return device().console().contains("Kovantis - Error while trying to send logs"); }));
   EXPECT_EQ(emulator().requests("/noformat/logs/").size(), 2u);
 }
+
+// Remote logging on from the last run: a line logged before anything created the server interface
+// (here, before any SDK call at all) still reaches the log service.
+TEST_F(ServerInterfaceIntegrationTest, ALineLoggedBeforeAnyServiceCallIsShipped) {
+  device().preferences().standard().setObject(KOValue(true), kShouldSendToLogEntries);
+  KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException, "Kovantis - probe before the first call",
+                       KOValue("trace"));
+  ASSERT_TRUE(waitFor([&] { return !emulator().logs().empty(); }));
+  EXPECT_NE(emulator().logs()[0].msg.find("Kovantis - probe before the first call"), std::string::npos);
+  EXPECT_EQ(emulator().logs()[0].tb, "trace");
+}

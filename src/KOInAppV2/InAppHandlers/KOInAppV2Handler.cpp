@@ -14,6 +14,7 @@
 #include "KOInAppV2/InAppHandlers/KOInAppV2ActionHandler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInAppV2/InAppView/KOInAppV2ViewBuilder.h"
+#include "KOInAppV2/Nudges/KONudgesHandler.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOSDKSettings.h"
 #include "KOUtilities/KOStackTrace.h"
@@ -355,7 +356,12 @@ void KOInAppV2Handler::smartTriggerInAppForEvent(const std::string& name, const 
       const KOValue& campaign = list.arrayValue()[0];
       refusal(KO_HERE, KOStringFormat::format("Kovantis - Payload : %@", {campaign}));
       const KOInAppV2CampaignPropertiesObject properties(campaign);
-      showInAppV2WithObject(std::make_shared<const KOInAppV2Object>(campaign, properties));
+      auto inApp = std::make_shared<const KOInAppV2Object>(campaign, properties);
+      if (isSelfHandled(*inApp)) {
+        returnSelfHandledInAppData(*inApp);
+      } else {
+        showInAppV2WithObject(std::move(inApp));
+      }
     });
   });
 }
@@ -527,6 +533,11 @@ void KOInAppV2Handler::trackInAppAutoDismissForCampaignID(const std::string& cam
 
 // ------------------------------------------------------------------- single and self-handled
 
+bool KOInAppV2Handler::isSelfHandled(const KOInAppV2Object& inApp) {
+  return inApp.campaignPropertiesObject().inAppType() == KOInAppV2TypeSelfHandled ||
+         inApp.alignmentType() == KOInAppV2AlignmentSelfHandled;
+}
+
 void KOInAppV2Handler::returnSelfHandledInAppData(const KOInAppV2Object& inApp) {
   const auto delegate = KOSDKSettings::shared().inAppDelegate();
   if (!delegate) return;
@@ -568,9 +579,10 @@ void KOInAppV2Handler::fetchAndShowInAppForCampaignID(const std::string& campaig
           const KOValue& campaign = list.arrayValue()[0];
           const KOInAppV2CampaignPropertiesObject properties(campaign);
           auto inApp = std::make_shared<const KOInAppV2Object>(campaign, properties);
-          if (properties.inAppType() == KOInAppV2TypeSelfHandled ||
-              inApp->alignmentType() == KOInAppV2AlignmentSelfHandled) {
+          if (isSelfHandled(*inApp)) {
             returnSelfHandledInAppData(*inApp);
+          } else if (inApp->alignmentType() == KOInAppV2AlignmentEmbedded) {
+            KONudgesHandler::sharedInstance().showNudgeWithNudgeObject(std::move(inApp));
           } else {
             sharedInstance().showInAppV2WithObject(std::move(inApp));
           }

@@ -82,6 +82,8 @@ class KOInAppV2Handler {
   /// when it is self-handled; a test campaign that fails says why in an alert.
   static void fetchAndShowInAppForCampaignID(const std::string& campaignID, bool forTestInApp);
   /// Hands a self-handled campaign to the host app's delegate.
+  /// A self-handled campaign (by type or alignment) goes to the host's delegate, never on screen.
+  static bool isSelfHandled(const KOInAppV2Object& inApp);
   static void returnSelfHandledInAppData(const KOInAppV2Object& inApp);
   /// The first stored self-handled campaign the rules allow on the screen, handed to the delegate.
   void getSelfHandledInAppForViewController(const KOViewController* viewController);

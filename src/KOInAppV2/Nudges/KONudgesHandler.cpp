@@ -64,10 +64,7 @@ void KONudgesHandler::nudgeShownWithCampaignID(const std::string& campaignID) {
   KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
     for (const KOValue& stored : KOInAppV2Manager::getActiveInAppCampaigns()) {
       if (validObjectForKey(stored, CAMPAIGN_ID) != KOValue(campaignID)) continue;
-      const KOInAppV2Object nudge(stored);
-      KOInAppV2Manager::writeToPlistToUpdateInAppNumberOfTimesShownWithInAppObject(nudge);
-      KovantisUtils::saveLastNudgeShowedTime(KOValue(KODate{KovantisDateUtils::now()}));
-      KOInAppV2Handler::trackInAppShownForCampaignID(campaignID);
+      countShowing(KOInAppV2Object(stored));
       return;
     }
   });
@@ -78,26 +75,44 @@ void KONudgesHandler::showNudgeInViewController(const KOViewController* viewCont
   KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
     if (!viewController) throw std::invalid_argument("no screen to show the nudge in");
     if (isShowingNudge()) return;
-    const auto nudge = chooseFor(viewController->name);
-    if (!nudge) return;
-    const KOSize size{KovantisUtils::screenWidthForInApp(), KovantisUtils::screenHeightForInApp()};
-    KOViewDescription strip = describe(*nudge, size);
-    if (atNudgePosition == KONudgePositionBottom) strip.frame.y = size.height - strip.frame.height;
-    // The screen the nudge sits in is the host's: only the strip is drawn over it.
-    KOViewDescription host;
-    host.kind = KOViewKind::Container;
-    host.frame = KORect{0, 0, size.width, size.height};
-    host.children.push_back(std::move(strip));
-    KOViewEventHandler onTap = KOInAppV2ActionHandler::tapHandlerFor(host, true);
-    auto shown = KOPlatform::current().userInterface->embedScreen(viewController, std::move(host), std::move(onTap));
-    if (!shown) return;
-    KOInAppV2ActionHandler::sharedInstance().setNudgeObject(nudge, shown, [this] { removeNudgeView(); });
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      onScreen_ = std::move(shown);
-    }
-    nudgeShownWithCampaignID(nudge->campaignPropertiesObject().campaignId());
+    if (auto nudge = chooseFor(viewController->name)) present(*viewController, std::move(nudge), atNudgePosition);
   });
+}
+
+void KONudgesHandler::showNudgeWithNudgeObject(std::shared_ptr<const KOInAppV2Object> nudge) {
+  if (KOSDKSettings::shared().disableInApps()) return;
+  KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
+    const auto top = KovantisUtils::getTopViewControllerForNudges();
+    if (!nudge || !top || isShowingNudge()) return;
+    present(*top, std::move(nudge), KONudgePositionTop);
+  });
+}
+
+void KONudgesHandler::present(const KOViewController& viewController, std::shared_ptr<const KOInAppV2Object> nudge,
+                              int position) {
+  const KOSize size{KovantisUtils::screenWidthForInApp(), KovantisUtils::screenHeightForInApp()};
+  KOViewDescription strip = describe(*nudge, size);
+  if (position == KONudgePositionBottom) strip.frame.y = size.height - strip.frame.height;
+  // The screen the nudge sits in is the host's: only the strip is drawn over it.
+  KOViewDescription host;
+  host.kind = KOViewKind::Container;
+  host.frame = KORect{0, 0, size.width, size.height};
+  host.children.push_back(std::move(strip));
+  KOViewEventHandler onTap = KOInAppV2ActionHandler::tapHandlerFor(host, true);
+  auto shown = KOPlatform::current().userInterface->embedScreen(&viewController, std::move(host), std::move(onTap));
+  if (!shown) return;
+  KOInAppV2ActionHandler::sharedInstance().setNudgeObject(nudge, shown, [this] { removeNudgeView(); });
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    onScreen_ = std::move(shown);
+  }
+  countShowing(*nudge);
+}
+
+void KONudgesHandler::countShowing(const KOInAppV2Object& nudge) {
+  KOInAppV2Manager::writeToPlistToUpdateInAppNumberOfTimesShownWithInAppObject(nudge);
+  KovantisUtils::saveLastNudgeShowedTime(KOValue(KODate{KovantisDateUtils::now()}));
+  KOInAppV2Handler::trackInAppShownForCampaignID(nudge.campaignPropertiesObject().campaignId());
 }
 
 void KONudgesHandler::removeNudgeView() {

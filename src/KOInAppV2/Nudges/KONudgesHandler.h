@@ -30,6 +30,9 @@ class KONudgesHandler {
   void nudgeShownWithCampaignID(const std::string& campaignID);
   /// Shows the first allowed nudge at the position of the screen; taps run its actions.
   void showNudgeInViewController(const KOViewController* viewController, int atNudgePosition);
+  /// Shows this nudge (a pushed or test campaign) at the top of the top screen, unless a nudge is
+  /// already there: the host asked for no screen, so the rules of a stored nudge do not apply.
+  void showNudgeWithNudgeObject(std::shared_ptr<const KOInAppV2Object> nudge);
   void removeNudgeView();
   bool isShowingNudge() const;
 
@@ -39,6 +42,10 @@ class KONudgesHandler {
  private:
   KONudgesHandler() = default;
   std::shared_ptr<const KOInAppV2Object> chooseFor(const std::string& screen) const;
+  /// A showing counts for the campaign's statistics and the last nudge time, and is tracked.
+  void countShowing(const KOInAppV2Object& nudge);
+  /// Draws the nudge in the screen at the position and counts the showing.
+  void present(const KOViewController& viewController, std::shared_ptr<const KOInAppV2Object> nudge, int position);
 
   mutable std::mutex mutex_;
   std::shared_ptr<KOPresentedScreen> onScreen_;
