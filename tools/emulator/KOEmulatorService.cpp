@@ -545,7 +545,7 @@ Reply categoriesAdd(const Env &env, const Call &call, const Query &q) {
   c.pushId = q.get("push_id");
   c.dataJSON = J::serialize(data);
   c.received = KOEmulatorStore::now();
-  env.store.storeCategories(c);
+  env.store.add(c);
   return ok();
 }
 
@@ -641,7 +641,7 @@ Reply geofenceHit(const Env &env, const Call &, const Query &q) {
   hit.uniqueId = q.get("unique_id");
   hit.deviceUniqueId = q.get("device_unique_id");
   hit.received = KOEmulatorStore::now();
-  env.store.storeGeofenceHit(hit);
+  env.store.add(hit);
   return ok(section(env.store, "geofence_hit"));
 }
 
@@ -727,7 +727,7 @@ Reply logUpload(const Env &env, const Call &call, const Query &q) {
   log.msg = text("msg");
   log.tmS = text("tm_s");
   log.received = KOEmulatorStore::now();
-  env.store.storeLog(log);
+  env.store.add(log);
   return {204, {}, {}};
 }
 
@@ -820,14 +820,22 @@ Reply clearFaults(const Env &env, const Call &, const Query &q) {
 Reply requests(const Env &env, const Call &, const Query &q) {
   return ok(J::toJSON(env.store.requests(q.get("path"))));
 }
-Reply devices(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.devices())); }
-Reply batches(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.batches())); }
-Reply events(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.events())); }
-Reply duplicates(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.duplicates())); }
-Reply logs(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.logs())); }
-Reply categories(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.categories())); }
-Reply geofenceHits(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.geofenceHits())); }
-Reply campaignEvents(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.campaignEvents())); }
+Reply devices(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.all<KOEmulatorDevice>())); }
+Reply batches(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.all<KOEmulatorBatch>())); }
+Reply events(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.all<KOEmulatorEvent>())); }
+Reply duplicates(const Env &env, const Call &, const Query &) {
+  return ok(J::toJSON(env.store.all<KOEmulatorDuplicate>()));
+}
+Reply logs(const Env &env, const Call &, const Query &) { return ok(J::toJSON(env.store.all<KOEmulatorLog>())); }
+Reply categories(const Env &env, const Call &, const Query &) {
+  return ok(J::toJSON(env.store.all<KOEmulatorCategories>()));
+}
+Reply geofenceHits(const Env &env, const Call &, const Query &) {
+  return ok(J::toJSON(env.store.all<KOEmulatorGeofenceHit>()));
+}
+Reply campaignEvents(const Env &env, const Call &, const Query &) {
+  return ok(J::toJSON(env.store.all<KOEmulatorCampaignEvents>()));
+}
 Reply seeds(const Env &env, const Call &, const Query &) { return ok(seedsOf(env.store)); }
 
 // A query number the dashboard sent, or `otherwise` when absent; refused when not an integer.
