@@ -12,6 +12,7 @@
 
 #include "KOEmulatorColumns.h"
 #include "KOEmulatorJSON.h"
+#include "KOEmulatorStatement.h"
 
 namespace {
 
@@ -25,77 +26,8 @@ CREATE TABLE IF NOT EXISTS campaign_stamps (campaign TEXT PRIMARY KEY, stamp INT
 constexpr const char *kPathFilter =
     "(?1 = '' OR path = ?1 OR (substr(?1, -1) = '/' AND substr(path, 1, length(?1)) = ?1))";
 
-class Statement {
- public:
-  Statement(sqlite3 *db, const std::string &sql) : db_(db) {
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt_, nullptr) != SQLITE_OK) {
-      throw std::runtime_error(std::string("sqlite prepare: ") + sqlite3_errmsg(db));
-    }
-  }
-  ~Statement() { sqlite3_finalize(stmt_); }
-  Statement(const Statement &) = delete;
-  Statement &operator=(const Statement &) = delete;
-
-  Statement &bind(int i, const std::string &s) {
-    sqlite3_bind_text(stmt_, i, s.data(), static_cast<int>(s.size()), SQLITE_TRANSIENT);
-    return *this;
-  }
-  Statement &bind(int i, int64_t v) {
-    sqlite3_bind_int64(stmt_, i, v);
-    return *this;
-  }
-  Statement &bind(int i, double v) {
-    sqlite3_bind_double(stmt_, i, v);
-    return *this;
-  }
-  // True while a row is available.
-  bool step() {
-    int rc = sqlite3_step(stmt_);
-    if (rc == SQLITE_ROW) return true;
-    if (rc == SQLITE_DONE) return false;
-    throw std::runtime_error(std::string("sqlite step: ") + sqlite3_errmsg(db_));
-  }
-  void reset() {
-    sqlite3_reset(stmt_);
-    sqlite3_clear_bindings(stmt_);
-  }
-  void run() {
-    while (step()) {
-    }
-  }
-  std::string text(int col) const {
-    auto p = sqlite3_column_text(stmt_, col);
-    int n = sqlite3_column_bytes(stmt_, col);
-    return p ? std::string(reinterpret_cast<const char *>(p), static_cast<size_t>(n)) : std::string();
-  }
-  int64_t integer(int col) const { return sqlite3_column_int64(stmt_, col); }
-  double real(int col) const { return sqlite3_column_double(stmt_, col); }
-
- private:
-  sqlite3 *db_;
-  sqlite3_stmt *stmt_ = nullptr;
-};
-
-// Keeps a multi-statement change all-or-nothing even when a step throws.
-class Transaction {
- public:
-  explicit Transaction(sqlite3 *db) : db_(db) { sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr); }
-  ~Transaction() {
-    if (!committed_) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
-  }
-  Transaction(const Transaction &) = delete;
-  Transaction &operator=(const Transaction &) = delete;
-  void commit() {
-    if (sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
-      throw std::runtime_error(std::string("sqlite commit: ") + sqlite3_errmsg(db_));
-    }
-    committed_ = true;
-  }
-
- private:
-  sqlite3 *db_;
-  bool committed_ = false;
-};
+using KOEmulatorSQL::Statement;
+using KOEmulatorSQL::Transaction;
 
 template <class Record>
 using Kind = KOEmulatorRecordKind<Record>;
@@ -196,6 +128,15 @@ Record readRow(const Statement &s) {
   return record;
 }
 
+template <class... Records>
+struct KindList {
+  static std::vector<std::string> creates() { return {createSQL<Records>()...}; }
+  static std::string deletes() { return ((std::string("DELETE FROM ") + Kind<Records>::table.table + ";") + ...); }
+};
+// The kinds kept as rows, one table each: what the store creates and what a reset empties.
+using StoredKinds = KindList<KOEmulatorRequest, KOEmulatorDevice, KOEmulatorBatch, KOEmulatorDuplicate,
+                             KOEmulatorCategories, KOEmulatorLog, KOEmulatorGeofenceHit>;
+
 std::map<std::string, std::string> queryMap(const std::string &json) {
   std::map<std::string, std::string> out;
   rapidjson::Document doc;
@@ -226,12 +167,7 @@ KOEmulatorStore::KOEmulatorStore(const std::string &dataDir) {
     // Durability matters less than speed here: the store is a test fixture, not a ledger.
     exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF; PRAGMA foreign_keys=ON;");
     sqlite3_busy_timeout(db_, 5000);
-    for (const std::string &create :
-         {createSQL<KOEmulatorRequest>(), createSQL<KOEmulatorDevice>(), createSQL<KOEmulatorBatch>(),
-          createSQL<KOEmulatorDuplicate>(), createSQL<KOEmulatorCategories>(), createSQL<KOEmulatorLog>(),
-          createSQL<KOEmulatorGeofenceHit>()}) {
-      exec(create.c_str());
-    }
+    for (const std::string &create : StoredKinds::creates()) exec(create.c_str());
     exec(kSchema);
     // Stores made before categories kept their device gain the columns (empty for old rows).
     sqlite3_exec(db_, "ALTER TABLE requests ADD COLUMN duration_ms REAL NOT NULL DEFAULT 0", nullptr, nullptr,
@@ -276,121 +212,6 @@ int64_t KOEmulatorStore::recordRequest(const KOEmulatorRequest &r) {
   const int64_t id = sqlite3_last_insert_rowid(db_);
   ++changes_;
   return id;
-}
-
-std::string KOEmulatorStore::timelineJSON(const TimelineQuery &q) const {
-  std::lock_guard lock(mutex_);
-  const size_t limit = std::clamp<size_t>(q.limit, 1, 500);
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> w(buffer);
-  w.StartObject();
-  w.Key("events");
-  w.StartArray();
-  size_t written = 0;
-  int64_t nextRow = 0, nextPosition = -1;
-  Statement s(db_,
-              "SELECT id, unique_id, batch_id, received, events_json FROM batches "
-              "WHERE (?1 = 0 OR id <= ?1) AND (?2 = '' OR unique_id = ?2) ORDER BY id DESC");
-  s.bind(1, q.beforeRow).bind(2, q.device);
-  while (written < limit && s.step()) {
-    const int64_t row = s.integer(0);
-    rapidjson::Document stored;
-    std::string error;
-    if (!KOEmulatorJSON::parse(s.text(4), stored, error) || !stored.IsObject()) continue;
-    const auto views = stored.FindMember("viewsInfo");
-    if (views == stored.MemberEnd() || !views->value.IsArray()) continue;
-    auto end = static_cast<int64_t>(views->value.Size());
-    if (row == q.beforeRow && q.beforePosition >= 0) end = std::min(end, q.beforePosition);
-    for (int64_t i = end - 1; i >= 0; --i) {
-      const auto &view = views->value[static_cast<rapidjson::SizeType>(i)];
-      const auto nameMember = view.IsObject() ? view.FindMember("EVENT_ACTION") : view.MemberEnd();
-      const std::string name = view.IsObject() && nameMember != view.MemberEnd() && nameMember->value.IsString()
-                                   ? nameMember->value.GetString()
-                                   : "";
-      if (!q.name.empty() && name != q.name) continue;
-      const std::string json = KOEmulatorJSON::serialize(view);
-      if (!q.text.empty() && json.find(q.text) == std::string::npos) continue;
-      if (written == limit) {
-        nextRow = row;
-        nextPosition = i + 1;
-        break;
-      }
-      w.StartObject();
-      w.Key("row");
-      w.Int64(row);
-      w.Key("position");
-      w.Int64(i);
-      w.Key("unique_id");
-      w.String(s.text(1).c_str());
-      w.Key("batch_id");
-      w.String(s.text(2).c_str());
-      w.Key("received");
-      w.Double(s.real(3));
-      w.Key("name");
-      w.String(name.c_str());
-      w.Key("event");
-      w.RawValue(json.c_str(), json.size(), rapidjson::kObjectType);
-      w.EndObject();
-      ++written;
-    }
-    if (nextRow == 0 && written == limit) {
-      // The page is full: the next one starts in this batch if it holds more, else in the next.
-      nextRow = row;
-      nextPosition = 0;
-    }
-  }
-  w.EndArray();
-  w.Key("next");
-  if (nextRow != 0 && !(nextPosition == 0 && nextRow == 1)) {
-    w.StartObject();
-    w.Key("before_row");
-    w.Int64(nextPosition == 0 ? nextRow - 1 : nextRow);
-    w.Key("before_position");
-    w.Int64(nextPosition == 0 ? -1 : nextPosition);
-    w.EndObject();
-  } else {
-    w.Null();
-  }
-  w.EndObject();
-  return {buffer.GetString(), buffer.GetSize()};
-}
-
-std::string KOEmulatorStore::requestLogJSON(size_t limit) const {
-  std::lock_guard lock(mutex_);
-  Statement s(db_,
-              "SELECT id, time, method, target, status, error, fault, duration_ms, length(body) FROM requests "
-              "ORDER BY id DESC LIMIT ?");
-  s.bind(1, static_cast<int64_t>(std::clamp<size_t>(limit, 1, 1000)));
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> w(buffer);
-  w.StartObject();
-  w.Key("requests");
-  w.StartArray();
-  while (s.step()) {
-    w.StartObject();
-    w.Key("id");
-    w.Int64(s.integer(0));
-    w.Key("time");
-    w.Double(s.real(1));
-    w.Key("method");
-    w.String(s.text(2).c_str());
-    w.Key("target");
-    w.String(s.text(3).c_str());
-    w.Key("status");
-    w.Int64(s.integer(4));
-    w.Key("error");
-    w.String(s.text(5).c_str());
-    w.Key("fault");
-    w.String(s.text(6).c_str());
-    w.Key("duration_ms");
-    w.Double(s.real(7));
-    w.Key("body_bytes");
-    w.Int64(s.integer(8));
-    w.EndObject();
-  }
-  w.EndArray();
-  w.EndObject();
-  return {buffer.GetString(), buffer.GetSize()};
 }
 
 int64_t KOEmulatorStore::changeStamp() const { return changes_.load(); }
@@ -492,9 +313,7 @@ void KOEmulatorStore::reset(bool seeds) {
   std::lock_guard lock(mutex_);
   ++changes_;
   Transaction tx(db_);
-  exec(
-      "DELETE FROM batches; DELETE FROM duplicates; DELETE FROM requests;"
-      "DELETE FROM devices; DELETE FROM categories; DELETE FROM logs; DELETE FROM geofence_hits;");
+  exec(StoredKinds::deletes().c_str());
   if (seeds) exec("DELETE FROM seeds; DELETE FROM campaign_stamps;");
   tx.commit();
 }
