@@ -445,14 +445,18 @@ std::vector<KOEmulatorRequest> KOEmulator::requests(const std::string &pathFilte
   return impl_->store.requests(pathFilter);
 }
 size_t KOEmulator::requestCount(const std::string &pathFilter) const { return impl_->store.countRequests(pathFilter); }
-std::vector<KOEmulatorDevice> KOEmulator::devices() const { return impl_->store.devices(); }
-std::vector<KOEmulatorBatch> KOEmulator::batches() const { return impl_->store.batches(); }
-std::vector<KOEmulatorEvent> KOEmulator::events() const { return impl_->store.events(); }
-std::vector<KOEmulatorDuplicate> KOEmulator::duplicates() const { return impl_->store.duplicates(); }
-std::vector<KOEmulatorLog> KOEmulator::logs() const { return impl_->store.logs(); }
-std::vector<KOEmulatorCategories> KOEmulator::categories() const { return impl_->store.categories(); }
-std::vector<KOEmulatorGeofenceHit> KOEmulator::geofenceHits() const { return impl_->store.geofenceHits(); }
-std::vector<KOEmulatorCampaignEvents> KOEmulator::campaignEvents() const { return impl_->store.campaignEvents(); }
+std::vector<KOEmulatorDevice> KOEmulator::devices() const { return impl_->store.all<KOEmulatorDevice>(); }
+std::vector<KOEmulatorBatch> KOEmulator::batches() const { return impl_->store.all<KOEmulatorBatch>(); }
+std::vector<KOEmulatorEvent> KOEmulator::events() const { return impl_->store.all<KOEmulatorEvent>(); }
+std::vector<KOEmulatorDuplicate> KOEmulator::duplicates() const { return impl_->store.all<KOEmulatorDuplicate>(); }
+std::vector<KOEmulatorLog> KOEmulator::logs() const { return impl_->store.all<KOEmulatorLog>(); }
+std::vector<KOEmulatorCategories> KOEmulator::categories() const { return impl_->store.all<KOEmulatorCategories>(); }
+std::vector<KOEmulatorGeofenceHit> KOEmulator::geofenceHits() const {
+  return impl_->store.all<KOEmulatorGeofenceHit>();
+}
+std::vector<KOEmulatorCampaignEvents> KOEmulator::campaignEvents() const {
+  return impl_->store.all<KOEmulatorCampaignEvents>();
+}
 
 std::vector<KOEmulatorRoute> KOEmulator::routes() { return KOEmulatorService::routes(); }
 

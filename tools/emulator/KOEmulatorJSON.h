@@ -8,9 +8,11 @@
 
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <variant>
 #include <vector>
 
-#include "kovantis/emulator/KOEmulatorRecords.h"
+#include "KOEmulatorColumns.h"
 
 using KOJSONWriter = rapidjson::Writer<rapidjson::StringBuffer>;
 
@@ -25,18 +27,28 @@ class KOEmulatorJSON {
   // Writes stored JSON text as a value; text that does not parse is written as a string, so an
   // answer stays valid JSON whatever the store holds.
   static void writeRaw(KOJSONWriter &w, const std::string &json);
+  static void writeValue(KOJSONWriter &w, const std::string &value, KOJSONShape shape);
+  static void writeValue(KOJSONWriter &w, int64_t value, KOJSONShape) { w.Int64(value); }
+  static void writeValue(KOJSONWriter &w, int value, KOJSONShape) { w.Int(value); }
+  static void writeValue(KOJSONWriter &w, double value, KOJSONShape) { w.Double(value); }
+  static void writeValue(KOJSONWriter &w, bool value, KOJSONShape) { w.Bool(value); }
 
-  // The records as the control API shows them.
-  static void write(KOJSONWriter &w, const KOEmulatorRequest &r);
-  static void write(KOJSONWriter &w, const KOEmulatorDevice &d);
-  static void write(KOJSONWriter &w, const KOEmulatorBatch &b);
-  static void write(KOJSONWriter &w, const KOEmulatorEvent &e);
-  static void write(KOJSONWriter &w, const KOEmulatorDuplicate &d);
-  static void write(KOJSONWriter &w, const KOEmulatorLog &l);
-  static void write(KOJSONWriter &w, const KOEmulatorCategories &c);
-  static void write(KOJSONWriter &w, const KOEmulatorGeofenceHit &h);
-  static void write(KOJSONWriter &w, const KOEmulatorCampaignEvents &c);
-  static void write(KOJSONWriter &w, const KOEmulatorFault &f);
+  // A record as the control API shows it: the keyed columns of its kind, in order.
+  template <class Record>
+  static void write(KOJSONWriter &w, const Record &record) {
+    w.StartObject();
+    for (const auto &column : KOEmulatorRecordKind<Record>::columns) {
+      if (!column.key) continue;
+      w.Key(column.key);
+      std::visit(
+          [&](auto member) {
+            if constexpr (!std::is_same_v<decltype(member), std::monostate>)
+              writeValue(w, record.*member, column.shape);
+          },
+          column.member);
+    }
+    w.EndObject();
+  }
   template <class Record>
   static std::string toJSON(const std::vector<Record> &records) {
     rapidjson::StringBuffer buffer;

@@ -6,39 +6,19 @@
 #include <chrono>
 #include <filesystem>
 #include <stdexcept>
+#include <string_view>
+#include <type_traits>
+#include <variant>
 
+#include "KOEmulatorColumns.h"
 #include "KOEmulatorJSON.h"
+#include "KOEmulatorStatement.h"
 
 namespace {
 
+// What the store keeps besides its records: the seeds and the stamps of the seeded campaigns.
 constexpr const char *kSchema = R"sql(
-CREATE TABLE IF NOT EXISTS requests (
-  id INTEGER PRIMARY KEY, time REAL NOT NULL, method TEXT NOT NULL, path TEXT NOT NULL,
-  target TEXT NOT NULL, query TEXT NOT NULL, body TEXT NOT NULL, status INTEGER NOT NULL,
-  error TEXT NOT NULL, fault TEXT NOT NULL);
 CREATE INDEX IF NOT EXISTS requests_path ON requests(path);
-CREATE TABLE IF NOT EXISTS devices (
-  app_id TEXT NOT NULL, unique_id TEXT NOT NULL, device_unique_id TEXT NOT NULL, push_id TEXT NOT NULL,
-  model TEXT NOT NULL, os_ver TEXT NOT NULL, app_ver TEXT NOT NULL, sdk_ver TEXT NOT NULL,
-  idfv TEXT NOT NULL, advertising_id TEXT NOT NULL, first_seen REAL NOT NULL, last_seen REAL NOT NULL,
-  registrations INTEGER NOT NULL, PRIMARY KEY (app_id, unique_id));
-CREATE TABLE IF NOT EXISTS batches (
-  id INTEGER PRIMARY KEY, app_id TEXT NOT NULL, unique_id TEXT NOT NULL, batch_id TEXT NOT NULL,
-  views_count INTEGER NOT NULL, received REAL NOT NULL, events_json TEXT NOT NULL,
-  UNIQUE (app_id, unique_id, batch_id));
-CREATE TABLE IF NOT EXISTS duplicates (
-  id INTEGER PRIMARY KEY, app_id TEXT NOT NULL, unique_id TEXT NOT NULL, batch_id TEXT NOT NULL,
-  views_count INTEGER NOT NULL, received REAL NOT NULL, identical INTEGER NOT NULL);
-CREATE TABLE IF NOT EXISTS categories (
-  id INTEGER PRIMARY KEY, app_id TEXT NOT NULL, unique_id TEXT NOT NULL, data TEXT NOT NULL,
-  received REAL NOT NULL);
-CREATE TABLE IF NOT EXISTS logs (
-  id INTEGER PRIMARY KEY, token TEXT NOT NULL, appid TEXT NOT NULL, uid TEXT NOT NULL,
-  lvl TEXT NOT NULL, tb TEXT NOT NULL, sdk_ver TEXT NOT NULL, msg TEXT NOT NULL, tm_s TEXT NOT NULL,
-  received REAL NOT NULL);
-CREATE TABLE IF NOT EXISTS geofence_hits (
-  id INTEGER PRIMARY KEY, app_id TEXT NOT NULL, unique_id TEXT NOT NULL, device_unique_id TEXT NOT NULL,
-  geo_id TEXT NOT NULL, transition TEXT NOT NULL, lat REAL NOT NULL, lng REAL NOT NULL, received REAL NOT NULL);
 CREATE TABLE IF NOT EXISTS seeds (section TEXT PRIMARY KEY, json TEXT NOT NULL);
 CREATE TABLE IF NOT EXISTS campaign_stamps (campaign TEXT PRIMARY KEY, stamp INTEGER NOT NULL);
 )sql";
@@ -46,77 +26,116 @@ CREATE TABLE IF NOT EXISTS campaign_stamps (campaign TEXT PRIMARY KEY, stamp INT
 constexpr const char *kPathFilter =
     "(?1 = '' OR path = ?1 OR (substr(?1, -1) = '/' AND substr(path, 1, length(?1)) = ?1))";
 
-class Statement {
- public:
-  Statement(sqlite3 *db, const std::string &sql) : db_(db) {
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt_, nullptr) != SQLITE_OK) {
-      throw std::runtime_error(std::string("sqlite prepare: ") + sqlite3_errmsg(db));
-    }
-  }
-  ~Statement() { sqlite3_finalize(stmt_); }
-  Statement(const Statement &) = delete;
-  Statement &operator=(const Statement &) = delete;
+using KOEmulatorSQL::Statement;
+using KOEmulatorSQL::Transaction;
 
-  Statement &bind(int i, const std::string &s) {
-    sqlite3_bind_text(stmt_, i, s.data(), static_cast<int>(s.size()), SQLITE_TRANSIENT);
-    return *this;
-  }
-  Statement &bind(int i, int64_t v) {
-    sqlite3_bind_int64(stmt_, i, v);
-    return *this;
-  }
-  Statement &bind(int i, double v) {
-    sqlite3_bind_double(stmt_, i, v);
-    return *this;
-  }
-  // True while a row is available.
-  bool step() {
-    int rc = sqlite3_step(stmt_);
-    if (rc == SQLITE_ROW) return true;
-    if (rc == SQLITE_DONE) return false;
-    throw std::runtime_error(std::string("sqlite step: ") + sqlite3_errmsg(db_));
-  }
-  void reset() {
-    sqlite3_reset(stmt_);
-    sqlite3_clear_bindings(stmt_);
-  }
-  void run() {
-    while (step()) {
-    }
-  }
-  std::string text(int col) const {
-    auto p = sqlite3_column_text(stmt_, col);
-    int n = sqlite3_column_bytes(stmt_, col);
-    return p ? std::string(reinterpret_cast<const char *>(p), static_cast<size_t>(n)) : std::string();
-  }
-  int64_t integer(int col) const { return sqlite3_column_int64(stmt_, col); }
-  double real(int col) const { return sqlite3_column_double(stmt_, col); }
+template <class Record>
+using Kind = KOEmulatorRecordKind<Record>;
 
- private:
-  sqlite3 *db_;
-  sqlite3_stmt *stmt_ = nullptr;
+template <class Column>
+bool fillsMember(const Column &column) {
+  return column.sql && !std::holds_alternative<std::monostate>(column.member);
+}
+
+// A column an INSERT names: one of the table's own, except the row id SQLite assigns.
+template <class Column>
+bool inserted(const Column &column) {
+  return column.type && std::string_view(column.type) != KOEmulatorSQL::kRowId;
+}
+
+template <class Record>
+std::string createSQL() {
+  std::string sql = std::string("CREATE TABLE IF NOT EXISTS ") + Kind<Record>::table.table + " (";
+  const char *separator = "";
+  for (const auto &column : Kind<Record>::columns) {
+    if (!column.type) continue;
+    sql += separator + std::string(column.sql) + " " + column.type;
+    separator = ", ";
+  }
+  if (*Kind<Record>::table.constraints) sql += separator + std::string(Kind<Record>::table.constraints);
+  return sql + ");";
+}
+
+template <class Record>
+std::string insertSQL() {
+  std::string names, values;
+  for (const auto &column : Kind<Record>::columns) {
+    if (!inserted(column)) continue;
+    names += (names.empty() ? "" : ", ") + std::string(column.sql);
+    values += values.empty() ? "?" : ",?";
+  }
+  return std::string("INSERT INTO ") + Kind<Record>::table.table + " (" + names + ") VALUES (" + values + ")";
+}
+
+// Binds the record's columns in insertSQL()'s order; `unmapped` fills, in order, the inserted
+// columns no member holds.
+template <class Record>
+void bindRow(Statement &s, const Record &record, std::initializer_list<std::string> unmapped = {}) {
+  int at = 0;
+  auto extra = unmapped.begin();
+  for (const auto &column : Kind<Record>::columns) {
+    if (!inserted(column)) continue;
+    ++at;
+    std::visit(
+        [&](auto member) {
+          using Member = decltype(member);
+          if constexpr (std::is_same_v<Member, std::monostate>) {
+            s.bind(at, *extra++);
+          } else if constexpr (std::is_same_v<Member, int Record::*> || std::is_same_v<Member, bool Record::*>) {
+            s.bind(at, static_cast<int64_t>(record.*member));
+          } else {
+            s.bind(at, record.*member);
+          }
+        },
+        column.member);
+  }
+}
+
+template <class Record>
+std::string selectSQL() {
+  std::string names;
+  for (const auto &column : Kind<Record>::columns) {
+    if (fillsMember(column)) names += (names.empty() ? "" : ", ") + std::string(column.sql);
+  }
+  return "SELECT " + names + " FROM " + Kind<Record>::table.table;
+}
+
+// The current row of a selectSQL() statement.
+template <class Record>
+Record readRow(const Statement &s) {
+  Record record;
+  int at = 0;
+  for (const auto &column : Kind<Record>::columns) {
+    if (!fillsMember(column)) continue;
+    std::visit(
+        [&](auto member) {
+          using Member = decltype(member);
+          if constexpr (std::is_same_v<Member, std::string Record::*>) {
+            record.*member = s.text(at);
+          } else if constexpr (std::is_same_v<Member, double Record::*>) {
+            record.*member = s.real(at);
+          } else if constexpr (std::is_same_v<Member, int64_t Record::*>) {
+            record.*member = s.integer(at);
+          } else if constexpr (std::is_same_v<Member, int Record::*>) {
+            record.*member = static_cast<int>(s.integer(at));
+          } else if constexpr (std::is_same_v<Member, bool Record::*>) {
+            record.*member = s.integer(at) != 0;
+          }
+        },
+        column.member);
+    ++at;
+  }
+  return record;
+}
+
+template <class... Records>
+struct KindList {
+  static std::vector<std::string> creates() { return {createSQL<Records>()...}; }
+  static std::string deletes() { return ((std::string("DELETE FROM ") + Kind<Records>::table.table + ";") + ...); }
 };
-
-// Keeps a multi-statement change all-or-nothing even when a step throws.
-class Transaction {
- public:
-  explicit Transaction(sqlite3 *db) : db_(db) { sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr); }
-  ~Transaction() {
-    if (!committed_) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
-  }
-  Transaction(const Transaction &) = delete;
-  Transaction &operator=(const Transaction &) = delete;
-  void commit() {
-    if (sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
-      throw std::runtime_error(std::string("sqlite commit: ") + sqlite3_errmsg(db_));
-    }
-    committed_ = true;
-  }
-
- private:
-  sqlite3 *db_;
-  bool committed_ = false;
-};
+// The kinds kept as rows, one table each: what the store creates and what a reset empties.
+using StoredKinds = KindList<KOEmulatorRequest, KOEmulatorDevice, KOEmulatorBatch, KOEmulatorDuplicate,
+                             KOEmulatorCategories, KOEmulatorLog, KOEmulatorGeofenceHit>;
 
 std::map<std::string, std::string> queryMap(const std::string &json) {
   std::map<std::string, std::string> out;
@@ -148,6 +167,7 @@ KOEmulatorStore::KOEmulatorStore(const std::string &dataDir) {
     // Durability matters less than speed here: the store is a test fixture, not a ledger.
     exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF; PRAGMA foreign_keys=ON;");
     sqlite3_busy_timeout(db_, 5000);
+    for (const std::string &create : StoredKinds::creates()) exec(create.c_str());
     exec(kSchema);
     // Stores made before categories kept their device gain the columns (empty for old rows).
     sqlite3_exec(db_, "ALTER TABLE requests ADD COLUMN duration_ms REAL NOT NULL DEFAULT 0", nullptr, nullptr,
@@ -186,146 +206,34 @@ bool KOEmulatorStore::pathMatches(const std::string &filter, const std::string &
 
 int64_t KOEmulatorStore::recordRequest(const KOEmulatorRequest &r) {
   std::lock_guard lock(mutex_);
-  Statement s(db_,
-              "INSERT INTO requests (time, method, path, target, query, body, status, error, fault, duration_ms) "
-              "VALUES (?,?,?,?,?,?,?,?,?,?)");
-  s.bind(1, r.time).bind(2, r.method).bind(3, r.path).bind(4, r.target).bind(5, r.queryJSON).bind(6, r.body);
-  s.bind(7, int64_t{r.status}).bind(8, r.error).bind(9, r.fault).bind(10, r.durationMs).run();
+  Statement s(db_, insertSQL<KOEmulatorRequest>());
+  bindRow(s, r);
+  s.run();
   const int64_t id = sqlite3_last_insert_rowid(db_);
   ++changes_;
   return id;
 }
 
-std::string KOEmulatorStore::timelineJSON(const TimelineQuery &q) const {
-  std::lock_guard lock(mutex_);
-  const size_t limit = std::clamp<size_t>(q.limit, 1, 500);
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> w(buffer);
-  w.StartObject();
-  w.Key("events");
-  w.StartArray();
-  size_t written = 0;
-  int64_t nextRow = 0, nextPosition = -1;
-  Statement s(db_,
-              "SELECT id, unique_id, batch_id, received, events_json FROM batches "
-              "WHERE (?1 = 0 OR id <= ?1) AND (?2 = '' OR unique_id = ?2) ORDER BY id DESC");
-  s.bind(1, q.beforeRow).bind(2, q.device);
-  while (written < limit && s.step()) {
-    const int64_t row = s.integer(0);
-    rapidjson::Document stored;
-    std::string error;
-    if (!KOEmulatorJSON::parse(s.text(4), stored, error) || !stored.IsObject()) continue;
-    const auto views = stored.FindMember("viewsInfo");
-    if (views == stored.MemberEnd() || !views->value.IsArray()) continue;
-    auto end = static_cast<int64_t>(views->value.Size());
-    if (row == q.beforeRow && q.beforePosition >= 0) end = std::min(end, q.beforePosition);
-    for (int64_t i = end - 1; i >= 0; --i) {
-      const auto &view = views->value[static_cast<rapidjson::SizeType>(i)];
-      const auto nameMember = view.IsObject() ? view.FindMember("EVENT_ACTION") : view.MemberEnd();
-      const std::string name = view.IsObject() && nameMember != view.MemberEnd() && nameMember->value.IsString()
-                                   ? nameMember->value.GetString()
-                                   : "";
-      if (!q.name.empty() && name != q.name) continue;
-      const std::string json = KOEmulatorJSON::serialize(view);
-      if (!q.text.empty() && json.find(q.text) == std::string::npos) continue;
-      if (written == limit) {
-        nextRow = row;
-        nextPosition = i + 1;
-        break;
-      }
-      w.StartObject();
-      w.Key("row");
-      w.Int64(row);
-      w.Key("position");
-      w.Int64(i);
-      w.Key("unique_id");
-      w.String(s.text(1).c_str());
-      w.Key("batch_id");
-      w.String(s.text(2).c_str());
-      w.Key("received");
-      w.Double(s.real(3));
-      w.Key("name");
-      w.String(name.c_str());
-      w.Key("event");
-      w.RawValue(json.c_str(), json.size(), rapidjson::kObjectType);
-      w.EndObject();
-      ++written;
-    }
-    if (nextRow == 0 && written == limit) {
-      // The page is full: the next one starts in this batch if it holds more, else in the next.
-      nextRow = row;
-      nextPosition = 0;
-    }
-  }
-  w.EndArray();
-  w.Key("next");
-  if (nextRow != 0 && !(nextPosition == 0 && nextRow == 1)) {
-    w.StartObject();
-    w.Key("before_row");
-    w.Int64(nextPosition == 0 ? nextRow - 1 : nextRow);
-    w.Key("before_position");
-    w.Int64(nextPosition == 0 ? -1 : nextPosition);
-    w.EndObject();
-  } else {
-    w.Null();
-  }
-  w.EndObject();
-  return {buffer.GetString(), buffer.GetSize()};
-}
-
-std::string KOEmulatorStore::requestLogJSON(size_t limit) const {
-  std::lock_guard lock(mutex_);
-  Statement s(db_,
-              "SELECT id, time, method, target, status, error, fault, duration_ms, length(body) FROM requests "
-              "ORDER BY id DESC LIMIT ?");
-  s.bind(1, static_cast<int64_t>(std::clamp<size_t>(limit, 1, 1000)));
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> w(buffer);
-  w.StartObject();
-  w.Key("requests");
-  w.StartArray();
-  while (s.step()) {
-    w.StartObject();
-    w.Key("id");
-    w.Int64(s.integer(0));
-    w.Key("time");
-    w.Double(s.real(1));
-    w.Key("method");
-    w.String(s.text(2).c_str());
-    w.Key("target");
-    w.String(s.text(3).c_str());
-    w.Key("status");
-    w.Int64(s.integer(4));
-    w.Key("error");
-    w.String(s.text(5).c_str());
-    w.Key("fault");
-    w.String(s.text(6).c_str());
-    w.Key("duration_ms");
-    w.Double(s.real(7));
-    w.Key("body_bytes");
-    w.Int64(s.integer(8));
-    w.EndObject();
-  }
-  w.EndArray();
-  w.EndObject();
-  return {buffer.GetString(), buffer.GetSize()};
-}
-
 int64_t KOEmulatorStore::changeStamp() const { return changes_.load(); }
 
 void KOEmulatorStore::registerDevice(const KOEmulatorDevice &d) {
-  std::lock_guard lock(mutex_);
   // A device registers again on every start; keep its first sighting and count the rest.
-  Statement s(db_, R"sql(
-      INSERT INTO devices (app_id, unique_id, device_unique_id, push_id, model, os_ver, app_ver, sdk_ver,
-                           idfv, advertising_id, first_seen, last_seen, registrations)
-      VALUES (?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?11,1)
-      ON CONFLICT (app_id, unique_id) DO UPDATE SET
-        device_unique_id=?3, push_id=?4, model=?5, os_ver=?6, app_ver=?7, sdk_ver=?8, idfv=?9,
-        advertising_id=?10, last_seen=?11, registrations=registrations+1)sql");
-  s.bind(1, d.appId).bind(2, d.uniqueId).bind(3, d.deviceUniqueId).bind(4, d.pushId).bind(5, d.model);
-  s.bind(6, d.osVer).bind(7, d.appVer).bind(8, d.sdkVer).bind(9, d.idfv).bind(10, d.advertisingId);
-  s.bind(11, d.lastSeen).run();
+  static const std::string upsert = [] {
+    std::string sql = insertSQL<KOEmulatorDevice>() + " ON CONFLICT (app_id, unique_id) DO UPDATE SET ";
+    for (const auto &column : Kind<KOEmulatorDevice>::columns) {
+      const std::string_view name = column.sql;
+      if (name == "app_id" || name == "unique_id" || name == "first_seen" || name == "registrations") continue;
+      sql += std::string(name) + "=excluded." + std::string(name) + ", ";
+    }
+    return sql + "registrations=registrations+1";
+  }();
+  KOEmulatorDevice first = d;
+  first.firstSeen = d.lastSeen;
+  first.registrations = 1;
+  std::lock_guard lock(mutex_);
+  Statement s(db_, upsert);
+  bindRow(s, first);
+  s.run();
 }
 
 bool KOEmulatorStore::storeBatch(const KOEmulatorBatch &b, const std::string &eventsJSON) {
@@ -335,51 +243,36 @@ bool KOEmulatorStore::storeBatch(const KOEmulatorBatch &b, const std::string &ev
     Statement existing(db_, "SELECT events_json FROM batches WHERE app_id=? AND unique_id=? AND batch_id=?");
     existing.bind(1, b.appId).bind(2, b.uniqueId).bind(3, b.batchId);
     if (existing.step()) {
-      bool identical = existing.text(0) == eventsJSON;
-      Statement dup(db_,
-                    "INSERT INTO duplicates (app_id, unique_id, batch_id, views_count, received, identical) "
-                    "VALUES (?,?,?,?,?,?)");
-      dup.bind(1, b.appId).bind(2, b.uniqueId).bind(3, b.batchId).bind(4, b.viewsCount).bind(5, b.received);
-      dup.bind(6, int64_t{identical ? 1 : 0}).run();
+      const KOEmulatorDuplicate duplicate{.appId = b.appId,
+                                          .uniqueId = b.uniqueId,
+                                          .batchId = b.batchId,
+                                          .viewsCount = b.viewsCount,
+                                          .received = b.received,
+                                          .identical = existing.text(0) == eventsJSON};
+      Statement dup(db_, insertSQL<KOEmulatorDuplicate>());
+      bindRow(dup, duplicate);
+      dup.run();
       tx.commit();
       return false;
     }
   }
-  Statement ins(db_,
-                "INSERT INTO batches (app_id, unique_id, batch_id, views_count, received, events_json) "
-                "VALUES (?,?,?,?,?,?)");
-  ins.bind(1, b.appId).bind(2, b.uniqueId).bind(3, b.batchId).bind(4, b.viewsCount).bind(5, b.received);
-  ins.bind(6, eventsJSON).run();
+  Statement ins(db_, insertSQL<KOEmulatorBatch>());
+  bindRow(ins, b, {eventsJSON});
+  ins.run();
   tx.commit();
   return true;
 }
 
-void KOEmulatorStore::storeCategories(const KOEmulatorCategories &c) {
+template <class Record>
+void KOEmulatorStore::add(const Record &record) {
   std::lock_guard lock(mutex_);
-  Statement s(db_,
-              "INSERT INTO categories (app_id, unique_id, device_unique_id, push_id, data, received) "
-              "VALUES (?,?,?,?,?,?)");
-  s.bind(1, c.appId).bind(2, c.uniqueId).bind(3, c.deviceUniqueId).bind(4, c.pushId).bind(5, c.dataJSON);
-  s.bind(6, c.received).run();
+  Statement s(db_, insertSQL<Record>());
+  bindRow(s, record);
+  s.run();
 }
-
-void KOEmulatorStore::storeLog(const KOEmulatorLog &l) {
-  std::lock_guard lock(mutex_);
-  Statement s(db_,
-              "INSERT INTO logs (token, appid, uid, lvl, tb, sdk_ver, msg, tm_s, received) "
-              "VALUES (?,?,?,?,?,?,?,?,?)");
-  s.bind(1, l.token).bind(2, l.appid).bind(3, l.uid).bind(4, l.lvl).bind(5, l.tb).bind(6, l.sdkVer);
-  s.bind(7, l.msg).bind(8, l.tmS).bind(9, l.received).run();
-}
-
-void KOEmulatorStore::storeGeofenceHit(const KOEmulatorGeofenceHit &h) {
-  std::lock_guard lock(mutex_);
-  Statement s(db_,
-              "INSERT INTO geofence_hits (app_id, unique_id, device_unique_id, geo_id, transition, lat, lng, received) "
-              "VALUES (?,?,?,?,?,?,?,?)");
-  s.bind(1, h.appId).bind(2, h.uniqueId).bind(3, h.deviceUniqueId).bind(4, h.geoId).bind(5, h.transitionType);
-  s.bind(6, h.lat).bind(7, h.lng).bind(8, h.received).run();
-}
+template void KOEmulatorStore::add(const KOEmulatorCategories &);
+template void KOEmulatorStore::add(const KOEmulatorLog &);
+template void KOEmulatorStore::add(const KOEmulatorGeofenceHit &);
 
 std::optional<std::string> KOEmulatorStore::seedSection(const std::string &section) const {
   std::lock_guard lock(mutex_);
@@ -420,9 +313,7 @@ void KOEmulatorStore::reset(bool seeds) {
   std::lock_guard lock(mutex_);
   ++changes_;
   Transaction tx(db_);
-  exec(
-      "DELETE FROM batches; DELETE FROM duplicates; DELETE FROM requests;"
-      "DELETE FROM devices; DELETE FROM categories; DELETE FROM logs; DELETE FROM geofence_hits;");
+  exec(StoredKinds::deletes().c_str());
   if (seeds) exec("DELETE FROM seeds; DELETE FROM campaign_stamps;");
   tx.commit();
 }
@@ -430,24 +321,11 @@ void KOEmulatorStore::reset(bool seeds) {
 std::vector<KOEmulatorRequest> KOEmulatorStore::requests(const std::string &pathFilter) const {
   std::lock_guard lock(mutex_);
   std::vector<KOEmulatorRequest> out;
-  Statement s(db_, std::string("SELECT id, time, method, path, target, query, body, status, error, fault "
-                               "FROM requests WHERE ") +
-                       kPathFilter + " ORDER BY id");
+  Statement s(db_, selectSQL<KOEmulatorRequest>() + " WHERE " + kPathFilter + " ORDER BY id");
   s.bind(1, pathFilter);
   while (s.step()) {
-    KOEmulatorRequest r;
-    r.id = s.integer(0);
-    r.time = s.real(1);
-    r.method = s.text(2);
-    r.path = s.text(3);
-    r.target = s.text(4);
-    r.queryJSON = s.text(5);
-    r.query = queryMap(r.queryJSON);
-    r.body = s.text(6);
-    r.status = static_cast<int>(s.integer(7));
-    r.error = s.text(8);
-    r.fault = s.text(9);
-    out.push_back(std::move(r));
+    out.push_back(readRow<KOEmulatorRequest>(s));
+    out.back().query = queryMap(out.back().queryJSON);
   }
   return out;
 }
@@ -460,50 +338,23 @@ size_t KOEmulatorStore::countRequests(const std::string &pathFilter) const {
   return static_cast<size_t>(s.integer(0));
 }
 
-std::vector<KOEmulatorDevice> KOEmulatorStore::devices() const {
+template <class Record>
+std::vector<Record> KOEmulatorStore::all() const {
   std::lock_guard lock(mutex_);
-  std::vector<KOEmulatorDevice> out;
-  Statement s(db_,
-              "SELECT app_id, unique_id, device_unique_id, push_id, model, os_ver, app_ver, sdk_ver, idfv, "
-              "advertising_id, first_seen, last_seen, registrations FROM devices ORDER BY first_seen, rowid");
-  while (s.step()) {
-    KOEmulatorDevice d;
-    d.appId = s.text(0);
-    d.uniqueId = s.text(1);
-    d.deviceUniqueId = s.text(2);
-    d.pushId = s.text(3);
-    d.model = s.text(4);
-    d.osVer = s.text(5);
-    d.appVer = s.text(6);
-    d.sdkVer = s.text(7);
-    d.idfv = s.text(8);
-    d.advertisingId = s.text(9);
-    d.firstSeen = s.real(10);
-    d.lastSeen = s.real(11);
-    d.registrations = s.integer(12);
-    out.push_back(std::move(d));
-  }
+  std::vector<Record> out;
+  Statement s(db_, selectSQL<Record>() + " ORDER BY " + Kind<Record>::table.order);
+  while (s.step()) out.push_back(readRow<Record>(s));
   return out;
 }
+template std::vector<KOEmulatorDevice> KOEmulatorStore::all() const;
+template std::vector<KOEmulatorBatch> KOEmulatorStore::all() const;
+template std::vector<KOEmulatorDuplicate> KOEmulatorStore::all() const;
+template std::vector<KOEmulatorLog> KOEmulatorStore::all() const;
+template std::vector<KOEmulatorCategories> KOEmulatorStore::all() const;
+template std::vector<KOEmulatorGeofenceHit> KOEmulatorStore::all() const;
 
-std::vector<KOEmulatorBatch> KOEmulatorStore::batches() const {
-  std::lock_guard lock(mutex_);
-  std::vector<KOEmulatorBatch> out;
-  Statement s(db_, "SELECT app_id, unique_id, batch_id, views_count, received, views_count FROM batches ORDER BY id");
-  while (s.step()) {
-    KOEmulatorBatch b;
-    b.appId = s.text(0);
-    b.uniqueId = s.text(1);
-    b.batchId = s.text(2);
-    b.viewsCount = s.integer(3);
-    b.received = s.real(4);
-    b.eventCount = s.integer(5);
-    out.push_back(std::move(b));
-  }
-  return out;
-}
-
-std::vector<KOEmulatorEvent> KOEmulatorStore::events() const {
+template <>
+std::vector<KOEmulatorEvent> KOEmulatorStore::all() const {
   std::lock_guard lock(mutex_);
   std::vector<KOEmulatorEvent> out;
   Statement s(db_, "SELECT app_id, unique_id, batch_id, events_json FROM batches ORDER BY id");
@@ -536,82 +387,8 @@ std::vector<KOEmulatorEvent> KOEmulatorStore::events() const {
   return out;
 }
 
-std::vector<KOEmulatorDuplicate> KOEmulatorStore::duplicates() const {
-  std::lock_guard lock(mutex_);
-  std::vector<KOEmulatorDuplicate> out;
-  Statement s(db_, "SELECT app_id, unique_id, batch_id, views_count, received, identical FROM duplicates ORDER BY id");
-  while (s.step()) {
-    KOEmulatorDuplicate d;
-    d.appId = s.text(0);
-    d.uniqueId = s.text(1);
-    d.batchId = s.text(2);
-    d.viewsCount = s.integer(3);
-    d.received = s.real(4);
-    d.identical = s.integer(5) != 0;
-    out.push_back(std::move(d));
-  }
-  return out;
-}
-
-std::vector<KOEmulatorLog> KOEmulatorStore::logs() const {
-  std::lock_guard lock(mutex_);
-  std::vector<KOEmulatorLog> out;
-  Statement s(db_, "SELECT token, appid, uid, lvl, tb, sdk_ver, msg, tm_s, received FROM logs ORDER BY id");
-  while (s.step()) {
-    KOEmulatorLog l;
-    l.token = s.text(0);
-    l.appid = s.text(1);
-    l.uid = s.text(2);
-    l.lvl = s.text(3);
-    l.tb = s.text(4);
-    l.sdkVer = s.text(5);
-    l.msg = s.text(6);
-    l.tmS = s.text(7);
-    l.received = s.real(8);
-    out.push_back(std::move(l));
-  }
-  return out;
-}
-
-std::vector<KOEmulatorCategories> KOEmulatorStore::categories() const {
-  std::lock_guard lock(mutex_);
-  std::vector<KOEmulatorCategories> out;
-  Statement s(db_, "SELECT app_id, unique_id, device_unique_id, push_id, data, received FROM categories ORDER BY id");
-  while (s.step()) {
-    KOEmulatorCategories c;
-    c.appId = s.text(0);
-    c.uniqueId = s.text(1);
-    c.deviceUniqueId = s.text(2);
-    c.pushId = s.text(3);
-    c.dataJSON = s.text(4);
-    c.received = s.real(5);
-    out.push_back(std::move(c));
-  }
-  return out;
-}
-
-std::vector<KOEmulatorGeofenceHit> KOEmulatorStore::geofenceHits() const {
-  std::lock_guard lock(mutex_);
-  std::vector<KOEmulatorGeofenceHit> out;
-  Statement s(db_,
-              "SELECT app_id, unique_id, device_unique_id, geo_id, transition, lat, lng, received FROM geofence_hits "
-              "ORDER BY id");
-  while (s.step()) {
-    KOEmulatorGeofenceHit h;
-    h.appId = s.text(0);
-    h.uniqueId = s.text(1);
-    h.deviceUniqueId = s.text(2);
-    h.geoId = s.text(3);
-    h.transitionType = s.text(4);
-    h.lat = s.real(5);
-    h.lng = s.real(6);
-    h.received = s.real(7);
-    out.push_back(std::move(h));
-  }
-  return out;
-}
-
-std::vector<KOEmulatorCampaignEvents> KOEmulatorStore::campaignEvents() const {
+template <>
+std::vector<KOEmulatorCampaignEvents> KOEmulatorStore::all() const {
   // Counted from the stored reports on each call: the views are small and always agree with events().
   static const std::map<std::string, int64_t KOEmulatorCampaignEvents::*> counters = {
       {"NOTIFICATION_RECEIVED_IOS_APP_ACTIVE", &KOEmulatorCampaignEvents::pushReceived},
@@ -622,7 +399,7 @@ std::vector<KOEmulatorCampaignEvents> KOEmulatorStore::campaignEvents() const {
       {"iOS_IN_APP_AUTO_DISMISS", &KOEmulatorCampaignEvents::inAppAutoDismissed}};
   std::vector<KOEmulatorCampaignEvents> out;
   std::map<std::string, size_t> indexOf;
-  for (const KOEmulatorEvent &event : events()) {
+  for (const KOEmulatorEvent &event : all<KOEmulatorEvent>()) {
     const auto counter = counters.find(event.name);
     if (counter == counters.end()) continue;
     rapidjson::Document record;

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "kovantis/emulator/KOEmulatorRecords.h"
+#include "kovantis/emulator/KOEmulator.h"
 
 struct sqlite3;
 
@@ -28,9 +28,9 @@ class KOEmulatorStore {
   // read out of it when inspected, so that taking a report stays cheap. Returns false, and
   // records a duplicate instead, when this app and device already delivered a batch with that id.
   bool storeBatch(const KOEmulatorBatch &batch, const std::string &eventsJSON);
-  void storeCategories(const KOEmulatorCategories &categories);
-  void storeLog(const KOEmulatorLog &log);
-  void storeGeofenceHit(const KOEmulatorGeofenceHit &hit);
+  // Appends a record of a kind that is only ever added: categories, logs, geofence hits.
+  template <class Record>
+  void add(const Record &record);
 
   std::optional<std::string> seedSection(const std::string &section) const;
   void setSeedSection(const std::string &section, const std::string &json);
@@ -41,16 +41,13 @@ class KOEmulatorStore {
 
   void reset(bool seeds);
 
+  // The records KOEmulator's accessors of the same kind hand out, in their order: the rows of a
+  // stored kind, or for KOEmulatorEvent and KOEmulatorCampaignEvents what is read out of the
+  // stored reports.
+  template <class Record>
+  std::vector<Record> all() const;
   std::vector<KOEmulatorRequest> requests(const std::string &pathFilter) const;
   size_t countRequests(const std::string &pathFilter) const;
-  std::vector<KOEmulatorDevice> devices() const;
-  std::vector<KOEmulatorBatch> batches() const;
-  std::vector<KOEmulatorEvent> events() const;
-  std::vector<KOEmulatorDuplicate> duplicates() const;
-  std::vector<KOEmulatorLog> logs() const;
-  std::vector<KOEmulatorCategories> categories() const;
-  std::vector<KOEmulatorGeofenceHit> geofenceHits() const;
-  std::vector<KOEmulatorCampaignEvents> campaignEvents() const;
 
   // One page of events, newest first, as JSON for the dashboard: {"events": [...], "next": cursor
   // or null}. A page reads only the batches it shows (stored events are never all parsed for it).
@@ -78,3 +75,8 @@ class KOEmulatorStore {
   mutable std::mutex mutex_;
   std::atomic<int64_t> changes_{0};
 };
+
+template <>
+std::vector<KOEmulatorEvent> KOEmulatorStore::all() const;
+template <>
+std::vector<KOEmulatorCampaignEvents> KOEmulatorStore::all() const;
