@@ -123,7 +123,7 @@ class InboxNavigation : public KOInboxCellSelectedDelegate {
 // The shop's in-app campaigns: a spring sale with a banner for the home screen, a cart offer the
 // "ADD_TO_CART" event triggers, and a welcome the app draws itself. One minute between in-apps.
 std::string inAppSeed(const std::string& imagesURL) {
-  return R"({"inapps": {"minimum_delay_bw_inapps": 1, "event_list": ["ADD_TO_CART"], "campaign_info": [
+  return R"({"inapps": {"minimum_delay_bw_inapps": 1, "event_list": ["ADD_TO_CART", "WISHLIST_ADD"], "campaign_info": [
       {"cid": "spring-sale", "status": "active", "type": "general", "ttl": 4102444800, "max_times": 3, "priority": 1,
        "show_only_screen": "HomeViewController", "widgets": [
          {"id": 1, "type": "image", "content": ")" +
@@ -139,8 +139,14 @@ std::string inAppSeed(const std::string& imagesURL) {
     "campaigns": {"push-welcome": {"cid": "push-welcome", "status": "active", "type": "general", "ttl": 4102444800,
        "max_times": 1, "widgets": [
          {"id": 1, "type": "text", "content": "Welcome in! Your first delivery is on us."},
-         {"id": 2, "type": "button", "content": "Thanks", "primary": true, "action": [{"tag": "m_dismiss"}]}]}},
-    "smart_triggers": {"ADD_TO_CART": {"cid": "cart-offer", "status": "active", "type": "smart",
+         {"id": 2, "type": "button", "content": "Thanks", "primary": true, "action": [{"tag": "m_dismiss"}]}]},
+      "push-nudge": {"cid": "push-nudge", "status": "active", "type": "general", "align": "embedded",
+       "ttl": 4102444800, "max_times": 1, "widgets": [
+         {"id": 1, "type": "text", "content": "Free delivery on everything today."},
+         {"id": 2, "type": "button", "content": "Got it", "action": [{"tag": "m_dismiss"}]}]}},
+    "smart_triggers": {"WISHLIST_ADD": {"cid": "wishlist-note", "status": "active", "type": "self_handled",
+       "ttl": 4102444800, "max_times": 1, "content": "{\"headline\": \"Saved for later\"}"},
+      "ADD_TO_CART": {"cid": "cart-offer", "status": "active", "type": "smart",
        "ttl": 4102444800, "max_times": 2, "align": "bottom", "widgets": [
          {"id": 1, "type": "text", "content": "Add a second pair and save 10%."},
          {"id": 2, "type": "rating", "properties": {"maxRating": 5, "defaultRating": 4}},
@@ -481,6 +487,23 @@ int main(int argc, char** argv) {
     std::ofstream(picture) << device.userInterface().renderPresentedScreen();
     step("opened a push with an in-app", "push-welcome fetched and shown, picture " + picture);
     device.userInterface().tapView(2);
+  }
+  // An embedded campaign from a push goes into the screen on top, as a nudge.
+  auto product = std::make_shared<KOViewController>();
+  product->name = "ProductScreen";
+  device.application().setKeyWindowRootViewController(product);
+  device.openPush(servicePush("push-nudge", "Free delivery today", KODictionary{{"kov_inapp_cid", "push-nudge"}}));
+  const auto nudgeShown = [&] { return device.screen().last("embeddedScreen")["host"] == KOValue("ProductScreen"); };
+  if (device.runMainUntil(nudgeShown, 10)) {
+    const std::string picture = root + "/nudge-from-push.svg";
+    std::ofstream(picture) << device.userInterface().renderEmbeddedScreen();
+    step("opened a push with a nudge", "embedded: went into ProductScreen, picture " + picture);
+    device.userInterface().tapView(2);
+  }
+  // A smart trigger whose campaign is self-handled goes to the app's delegate, which draws it.
+  sdk.trackEvent(KOValue("WISHLIST_ADD"), KOValue(KODictionary{{"sku", "SHOE-42"}}));
+  if (device.runMainUntil([&] { return inAppNavigation->campaign == "wishlist-note"; }, 10)) {
+    step("WISHLIST_ADD triggered", "wishlist-note went to the app's delegate (self-handled)");
   }
   device.respondToPush(servicePush("push-dismissed", "Last chance", {}), KONotificationDismissActionIdentifier);
   step("swiped one away", "the dismissal is sent at once");
