@@ -127,6 +127,9 @@ KOEventJournal::Replay KOEventJournal::replay(std::string_view bytes) {
         batch.recordsJSON = std::string(payload.substr(countEnd + 1));
         break;
       }
+      case Kind::Split:
+        if (!replaySplit(payload, out)) ++out.damaged;
+        break;
       case Kind::Done:
         out.done.emplace(payload);
         break;
@@ -249,6 +252,45 @@ bool KOEventJournal::append(Kind kind, std::string_view payload) {
 }
 
 bool KOEventJournal::grow() { return current_ && current_->resize(current_->size() * 2); }
+
+bool KOEventJournal::appendSplit(const std::string& id, const Half& first, const Half& second) {
+  std::string payload = id + '\n';
+  for (const Half* half : {&first, &second}) {
+    // Each half: its batch payload's length, then the payload ("<id>\n<count>\n<records>").
+    const std::string head = half->id + '\n' + std::to_string(half->count) + '\n';
+    payload += std::to_string(head.size() + half->recordsJSON.size());
+    payload += '\n';
+    payload += head;
+    payload += half->recordsJSON;
+  }
+  return append(Kind::Split, payload);
+}
+
+bool KOEventJournal::replaySplit(std::string_view payload, Replay& out) {
+  const std::size_t idEnd = payload.find('\n');
+  if (idEnd == std::string_view::npos) return false;
+  const std::string parent(payload.substr(0, idEnd));
+  std::vector<std::pair<std::string, Replay::Batch>> halves;
+  std::size_t pos = idEnd + 1;
+  for (int i = 0; i < 2; ++i) {
+    const std::size_t lengthEnd = payload.find('\n', pos);
+    if (lengthEnd == std::string_view::npos) return false;
+    const std::size_t length = std::strtoull(std::string(payload.substr(pos, lengthEnd - pos)).c_str(), nullptr, 10);
+    if (length > payload.size() - lengthEnd - 1) return false;
+    const std::string_view half = payload.substr(lengthEnd + 1, length);
+    const std::size_t halfId = half.find('\n');
+    const std::size_t countEnd = halfId == std::string_view::npos ? halfId : half.find('\n', halfId + 1);
+    if (countEnd == std::string_view::npos) return false;
+    Replay::Batch batch;
+    batch.count = std::strtoull(std::string(half.substr(halfId + 1, countEnd - halfId - 1)).c_str(), nullptr, 10);
+    batch.recordsJSON = std::string(half.substr(countEnd + 1));
+    halves.emplace_back(std::string(half.substr(0, halfId)), std::move(batch));
+    pos = lengthEnd + 1 + length;
+  }
+  for (auto& [id, batch] : halves) out.batches[id] = std::move(batch);
+  out.done.insert(parent);
+  return true;
+}
 
 bool KOEventJournal::appendBatch(const std::string& id, std::size_t count, std::string_view recordsJSON) {
   std::string payload;

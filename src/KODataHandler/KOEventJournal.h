@@ -30,6 +30,9 @@ class KOEventJournal {
     Done = 4,    // the batch of this id left the store (accepted, or dropped by a reset)
     Issued = 5,  // ids up to this one were issued: ids run ahead of the clock when cuts come fast,
                  // and the service drops a batch whose id it has seen as a resend
+    Split = 6,   // a refused batch left the store for its two halves, in one entry so that a kill
+                 // never leaves both: "<id>\n" then each half as a Batch payload with its length
+
   };
 
   /// What a journal says, replayed in order.
@@ -78,6 +81,13 @@ class KOEventJournal {
   /// Appends one entry; false when no generation is open or it is full.
   bool append(Kind kind, std::string_view payload);
   bool appendBatch(const std::string& id, std::size_t count, std::string_view recordsJSON);
+  /// The batch `id` replaced by two halves, each (id, count, records as a JSON array).
+  struct Half {
+    std::string id;
+    std::size_t count = 0;
+    std::string_view recordsJSON;
+  };
+  bool appendSplit(const std::string& id, const Half& first, const Half& second);
   /// Bytes an entry with this payload takes.
   static std::size_t entrySize(std::size_t payloadBytes) { return kEntryHeader + payloadBytes; }
 
@@ -94,6 +104,8 @@ class KOEventJournal {
   static constexpr std::size_t kMinimumCapacity = 256 * 1024;
 
  private:
+  /// Adds a split's halves and marks the batch they replace as gone; false when it does not parse.
+  static bool replaySplit(std::string_view payload, Replay& out);
   bool openNext(KOFileSystem& fs, std::size_t contentBytes);
   void abandonNext();
   void commitNext();

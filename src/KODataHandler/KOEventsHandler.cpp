@@ -96,6 +96,7 @@ void KOEventsHandler::discardEverythingStored() {
     ensureLoadedLocked();
     views_.clear();
     store_.clear();
+    parked_.clear();
     backoffSeconds_ = 0;
     backoffUntil_ = 0;
     if (backoffRetryQueued_) platform().dispatch->cancel(backoffRetry_);
@@ -229,6 +230,7 @@ void KOEventsHandler::journalBatchLocked(const std::string& id) {
 }
 
 void KOEventsHandler::forgetBatchLocked(const std::string& id) {
+  parked_.erase(id);
   if (store_.remove(id)) journalLocked(KOEventJournal::Kind::Done, id);
 }
 

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -115,7 +116,10 @@ class KOEventsHandler {
   void sendRound(const SyncRequest& request, const std::shared_ptr<Round>& round,
                  const KOBatchStore::Snapshot& batches);
   /// One batch's outcome; the last one ends the round.
-  void batchFinished(const SyncRequest& request, Round& round, const std::string& id, bool success);
+  void batchFinished(const SyncRequest& request, Round& round, const std::string& id, long status);
+  /// A batch refused for its content: split into two halves under new ids (true), or, a single
+  /// record, kept and offered again at a slow pace.
+  bool splitRefusedLocked(const std::string& id);
   void roundFinished(const SyncRequest& request, Round& round);
   /// The end of a sync: `failed` are the batches it sent that the service did not accept.
   void syncAttemptCompletedInBackground(bool inBackground, bool andForReset, std::vector<std::string> failed);
@@ -189,6 +193,7 @@ class KOEventsHandler {
   /// After a round ended: `sent` reports, `failed` of them refused.
   void noteRoundOutcomeLocked(std::size_t sent, std::size_t failed);
   std::vector<FlushWaiter> flushWaiters_;
+  std::map<std::string, double> parked_;  // single records the service refused: id -> next try (s)
   std::atomic<const EventObserver*> observer_{nullptr};
   std::atomic<bool> afterPush_{false};
   std::vector<std::unique_ptr<EventObserver>> installedObservers_;  // kept: a tracking thread may still call one

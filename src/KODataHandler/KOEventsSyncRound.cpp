@@ -33,8 +33,16 @@ struct KOEventsHandler::Round {
   std::vector<std::string> ids;
   std::atomic<std::size_t> completed{0};
   std::mutex mutex;
-  std::vector<std::string> failed;
+  std::vector<std::string> failed;   // no answer, or one that may change (5xx, 408, 429…)
+  std::vector<std::string> refused;  // refused for what they hold (400, 413)
 };
+
+namespace {
+
+// What the service refuses for a batch's content is refused again however often it is sent.
+bool refusedForContent(long status) { return status == 400 || status == 413; }
+
+}  // namespace
 
 void KOEventsHandler::syncTrackedEventsInBackground(bool inBackground, bool andReset, bool andOnlyForEventsPlist) {
   const SyncRequest request{inBackground, andReset, andOnlyForEventsPlist};
@@ -99,6 +107,14 @@ KOBatchStore::Snapshot KOEventsHandler::beginRoundLocked(const SyncRequest& requ
   ensureLoadedLocked();
   if (!request.onlyForEventsPlist) cutLocked();
   KOBatchStore::Snapshot batches = store_.snapshot();
+  // A batch refused alone waits out its own slow pace, whatever else is sent.
+  if (!parked_.empty()) {
+    const double now = KovantisDateUtils::now();
+    std::erase_if(batches, [&](const auto& entry) {
+      const auto it = parked_.find(entry.first);
+      return it != parked_.end() && it->second > now;
+    });
+  }
   if (probe && batches.size() > 1) {
     batches.resize(1);
     round.probe = true;
@@ -138,8 +154,8 @@ void KOEventsHandler::runSync(SyncRequest request) {
 
 void KOEventsHandler::sendRound(const SyncRequest& request, const std::shared_ptr<Round>& round,
                                 const KOBatchStore::Snapshot& batches) {
-  auto finish = [this, round, request](const std::string& id, bool success) {
-    batchFinished(request, *round, id, success);
+  auto finish = [this, round, request](const std::string& id, long status) {
+    batchFinished(request, *round, id, status);
   };
   std::vector<KOServerInterface::Report> reports;
   reports.reserve(batches.size());
@@ -156,13 +172,13 @@ void KOEventsHandler::sendRound(const SyncRequest& request, const std::shared_pt
   } catch (const std::exception& e) {
     // Not one was sent: they count as failed and stay for the next sync.
     logSyncException(e);
-    for (const auto& report : reports) finish(report.batchId, false);
+    for (const auto& report : reports) finish(report.batchId, 0);
   }
 }
 
-void KOEventsHandler::batchFinished(const SyncRequest& request, Round& round, const std::string& id, bool success) {
+void KOEventsHandler::batchFinished(const SyncRequest& request, Round& round, const std::string& id, long status) {
   try {
-    if (success) {
+    if (status == 200) {
       {
         // Accepted: never sent again while this process lives. It leaves the file with the next
         // write (at the latest when this sync ends); should the process die before, the service
@@ -174,7 +190,8 @@ void KOEventsHandler::batchFinished(const SyncRequest& request, Round& round, co
     } else {
       {
         std::lock_guard<std::mutex> lock(round.mutex);
-        round.failed.push_back(id);
+        // A reset drops what it could not send, refused or not.
+        (refusedForContent(status) && !request.reset ? round.refused : round.failed).push_back(id);
       }
       logInfo(KOStringFormat::format("Kovantis - could not complete sync for batch %@, will try again later",
                                      {KOValue(id)}));
@@ -187,14 +204,20 @@ void KOEventsHandler::batchFinished(const SyncRequest& request, Round& round, co
 
 void KOEventsHandler::roundFinished(const SyncRequest& request, Round& round) {
   std::vector<std::string> failed;
+  std::vector<std::string> refused;
   {
     std::lock_guard<std::mutex> lock(round.mutex);
     failed = round.failed;
+    refused = round.refused;
   }
   const bool roundFailed = !failed.empty();
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    noteRoundOutcomeLocked(round.ids.size(), failed.size());
+    // A refusal says the service is there: it neither starts nor lengthens the back-off.
+    noteRoundOutcomeLocked(round.ids.size() - refused.size(), failed.size());
+    bool split = false;
+    for (const std::string& id : refused) split |= splitRefusedLocked(id);
+    if (split && !followUp_) followUp_ = SyncRequest{request.inBackground, false, true, false};
     if (round.probe && !roundFailed) {
       // The service is back: what the probe left behind goes now.
       if (followUp_) {
@@ -313,4 +336,46 @@ void KOEventsHandler::cleanUp() {
   KONotificationCenter& center = KONotificationCenter::defaultCenter();
   center.post(KOUserDataResetNotification);
   center.post(KOV_INIT_NEW_USER);
+}
+
+bool KOEventsHandler::splitRefusedLocked(const std::string& id) {
+  const auto batch = store_.find(id);
+  if (!batch) return false;
+  if (batch->count() < 2) {
+    // The one record the service will not take: kept, never dropped silently, and offered again
+    // at the back-off's slowest pace in case the service changes its mind.
+    if (parked_.insert_or_assign(id, KovantisDateUtils::now() + kLongestBackoffSeconds).second) {
+      KOLogger::logLocated(
+          KO_HERE, this, KOLogSeverityError,
+          KOStringFormat::format("Kovantis - the service refused the event of batch %@: it is kept "
+                                 "and sent again every %@ seconds",
+                                 {KOValue(id), KOValue(static_cast<std::int64_t>(kLongestBackoffSeconds))}));
+    }
+    return false;
+  }
+  // The good records are not held back by a bad one: the batch goes again as two halves, each
+  // under an id of its own, until the record the service refuses stands alone. The journal
+  // carries the split in one entry before either half is sent, so a resend after a kill carries
+  // the same ids.
+  const KOArray records = batch->records();
+  KOArray first, second;
+  for (std::size_t i = 0; i < records.size(); ++i) (i < records.size() / 2 ? first : second).push_back(records[i]);
+  const std::string firstId = store_.issueId(nowMilliseconds());
+  const std::string secondId = store_.issueId(nowMilliseconds());
+  store_.put(firstId, first);
+  store_.put(secondId, second);
+  store_.remove(id);
+  parked_.erase(id);
+  const auto a = store_.find(firstId);
+  const auto b = store_.find(secondId);
+  if (!journal_.appendSplit(id, {firstId, a->count(), KOBatchStore::recordsText(a->reportBody())},
+                            {secondId, b->count(), KOBatchStore::recordsText(b->reportBody())})) {
+    // No room: a new generation holds the store as it now is, halves and all.
+    if (journal_.isOpen() || !journalFailed_) startJournalLocked();
+  }
+  logInfo(KOStringFormat::format(
+      "Kovantis - the service refused batch %@: its %@ events are sent again as batches %@ "
+      "and %@",
+      {KOValue(id), KOValue(static_cast<std::int64_t>(records.size())), KOValue(firstId), KOValue(secondId)}));
+  return true;
 }

@@ -291,10 +291,16 @@ void ADHttpClient::fetchRequest(KOURLRequest request, FetchCompletion completion
 }
 
 void ADHttpClient::syncRequest(KOURLRequest request, SuccessCompletion completion) {
+  syncRequestWithStatus(std::move(request), [completion = std::move(completion)](long status) {
+    if (completion) completion(status == 200);
+  });
+}
+
+void ADHttpClient::syncRequestWithStatus(KOURLRequest request, StatusCompletion completion) {
   impl_->submit(transfer(std::move(request), [completion = std::move(completion)](Outcome&& o) {
     const bool ok = o.error.empty() && o.status == 200;
     if (!ok) logApiFailure(o);
-    if (completion) completion(ok);
+    if (completion) completion(o.error.empty() ? o.status : 0);
   }));
 }
 

@@ -36,6 +36,10 @@ class ADHttpClient {
   void fetchRequest(KOURLRequest request, FetchCompletion withResponseInCompletionHandler);
   /// Success is status 200; the completion runs on the network thread.
   void syncRequest(KOURLRequest request, SuccessCompletion withCompletionHandler);
+  /// The same, telling the completion the answer's status (0 when none came: a transport error),
+  /// so that a caller can tell a refusal of what it sent from a service that is away.
+  using StatusCompletion = std::function<void(long statusCode)>;
+  void syncRequestWithStatus(KOURLRequest request, StatusCompletion withCompletionHandler);
   /// Success is status 204; the completion runs on the network thread. Failures are logged to the
   /// console only, so that a failing upload never causes another.
   void sendLogRequest(KOURLRequest request, SuccessCompletion withCompletionHandler);

@@ -219,7 +219,7 @@ void KOServerInterface::sendReport(const Body& batch, const KOValue& batchID, Su
 }
 
 void KOServerInterface::sendReports(const std::vector<Report>& reports,
-                                    const std::function<void(const std::string&, bool)>& completion) {
+                                    const std::function<void(const std::string&, long)>& completion) {
   std::optional<KOURLRequest> common;
   try {
     // The batch id is the query's last parameter: each report's address is the common one plus it.
@@ -229,7 +229,7 @@ void KOServerInterface::sendReports(const std::vector<Report>& reports,
   }
   for (const Report& report : reports) {
     if (!common || !report.body) {
-      completion(report.batchId, false);
+      completion(report.batchId, 0);
       continue;
     }
     KOURLRequest request = *common;
@@ -237,8 +237,8 @@ void KOServerInterface::sendReports(const std::vector<Report>& reports,
     request.url += report.batchId;
     request.body.clear();
     request.sharedBody = report.body;
-    httpClient_.syncRequest(std::move(request),
-                            [completion, id = report.batchId](bool success) { completion(id, success); });
+    httpClient_.syncRequestWithStatus(std::move(request),
+                                      [completion, id = report.batchId](long status) { completion(id, status); });
   }
 }
 

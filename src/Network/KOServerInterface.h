@@ -43,8 +43,10 @@ class KOServerInterface {
     std::string batchId;  // digits
     std::shared_ptr<const std::string> body;
   };
+  /// Sends each report under its batch id; the completion hears each one's answer status (200:
+  /// accepted; 0: no answer came).
   void sendReports(const std::vector<Report>& reports,
-                   const std::function<void(const std::string& batchId, bool accepted)>& completion);
+                   const std::function<void(const std::string& batchId, long status)>& completion);
   void getInAppCampaignsWithLastUpdatedTime(const KOValue& time, const KODictionary& campaignListDict,
                                             FetchCompletion andCompletionHandler);
   void getInAppForCampaignID(const std::string& campaignID, FetchCompletion andCompletionHandler);

@@ -316,3 +316,37 @@ TEST_F(EventPipelineTest, ARefusingServiceIsRetriedWithBackOffAndProbedWithOneBa
   ASSERT_TRUE(trackBatches(1));
   ASSERT_TRUE(waitFor([&] { return emulator().batches().size() == 15u; }));
 }
+
+// A batch refused for its content is split until the refused record stands alone: the good ones
+// arrive at once, the refused one is kept, logged once, and offered again only at a slow pace.
+// Any other failure (a 503 here) keeps the batch whole, as before.
+TEST_F(EventPipelineTest, ARefusedRecordIsSplitOffAndHoldsBackNoGoodEvent) {
+  KOLogger::debug(1);
+  device().clock().setNow(1800000000);
+  startClean();
+  KOEmulatorFault poison{"/v2/report/add", 400};
+  poison.bodyContains = "POISON";
+  emulator().injectFault(poison);
+  for (int i = 0; i < 29; ++i) sdk().trackEvent(KOValue(i == 14 ? "POISON" : "GOOD"));
+  sdk().trackEvent(KOValue("GOOD"));  // the thirtieth: the cut
+  ASSERT_TRUE(waitFor([&] { return storedEventNames("GOOD").size() == 29; }));
+  ASSERT_TRUE(settle());
+  EXPECT_EQ(storedBatchIds().size(), 1u);
+  EXPECT_EQ(device().console().count("Kovantis - the service refused the event of batch"), 1u);
+
+  const std::size_t sent = emulator().requests("/v2/report/add").size();
+  sdk().trackEvent(KOValue("LATER"));
+  std::optional<bool> answer;
+  sdk().flush([&](bool allDelivered) { answer = allDelivered; });
+  ASSERT_TRUE(waitFor([&] { return answer.has_value(); }));
+  EXPECT_FALSE(*answer);  // the refused record is still waiting
+  EXPECT_EQ(storedEventNames("LATER").size(), 1u);
+  EXPECT_EQ(emulator().requests("/v2/report/add").size(), sent + 1);  // LATER's batch only
+
+  emulator().clearFaults();
+  device().clock().advance(301);
+  ASSERT_TRUE(flush());
+  EXPECT_EQ(storedEventNames("POISON").size(), 1u);
+  EXPECT_EQ(storedEventNames("GOOD").size(), 29u);
+  EXPECT_EQ(device().console().count("Kovantis - the service refused the event of batch"), 1u);
+}

@@ -205,6 +205,60 @@ TEST(KillTest, AttributesSetBeforeAKillAtFirstStartReachTheService) {
   EXPECT_TRUE(delivered.count("plan=gold"));
 }
 
+// A batch the service refuses for one record is split until that record stands alone. Killed while
+// the halves are on their way, the app sends them again under the ids the journal kept: the good
+// records all arrive, once each.
+TEST(KillTest, ARefusedRecordHoldsBackNoOtherAcrossAKillInTheSplit) {
+  KOChildProcessRig rig("kovantis-kill-split-" + std::to_string(::getpid()));
+  KOEmulator& emulator = rig.emulator;
+  KOEmulatorFault poison{"/v2/report/add", 400};
+  poison.bodyContains = "POISON";
+  emulator.injectFault(poison);  // taken first: the slow answer below is for everything else
+  emulator.injectFault(KOEmulatorFault{"*", 0, 300, false, -1, 1.0});
+  KOChildProcess child = spawnChild(rig.root, rig.port, 0, 3, -1);
+  ASSERT_GT(child.pid, 0);
+  Transcript transcript;
+  const auto refusals = [&] {
+    std::size_t n = 0;
+    for (const auto& r : emulator.requests("/v2/report/add")) n += r.status == 400;
+    return n;
+  };
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (refusals() < 2 && std::chrono::steady_clock::now() < deadline) {
+    readOutput(child.output, transcript, std::chrono::steady_clock::now() + std::chrono::milliseconds(5), false);
+  }
+  ::kill(child.pid, SIGKILL);
+  ::waitpid(child.pid, nullptr, 0);
+  ::close(child.output);
+  ASSERT_GE(refusals(), 2u) << "the child never split its batch";
+  emulator.clearFaults();
+  emulator.injectFault(poison);
+
+  std::map<std::int64_t, int> good;
+  {
+    KOSimDeviceConfig config;
+    config.rootDirectory = rig.root;
+    KOSimDevice device(config);
+    device.install();
+    device.setServiceEndpoints(KOServiceEndpoints::local("127.0.0.1", rig.port));
+    Kovantis& sdk = Kovantis::sharedInstance();
+    sdk.initializeWithApiKey(KOValue("kill-app"));
+    sdk.syncNow();
+    const auto stored = [&] {
+      good.clear();
+      for (const auto& e : emulator.events()) {
+        if (e.name == "GOOD") ++good[KOJSONSerialization::parse(e.json)["EVENT_ATTRS"]["seq"].intValue()];
+      }
+      return good.size() == 29;
+    };
+    EXPECT_TRUE(device.runMainUntil(stored, 30));
+    KOServerInterface::sharedInstance().httpClient().closeIdleConnections();
+  }
+  EXPECT_EQ(good.size(), 29u);
+  for (const auto& [seq, times] : good) EXPECT_EQ(times, 1) << "GOOD " << seq;
+  for (const auto& e : emulator.events()) EXPECT_NE(e.name, "POISON");
+}
+
 TEST(KillTest, EveryTrackedEventSurvivesAKillAndIsStoredOnce) { killAndRestart(24, 20261123); }
 
 // By hand: ctest -R KillTest --gtest_also_run_disabled_tests, or the test binary with

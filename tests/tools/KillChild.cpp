@@ -4,7 +4,8 @@
 // pace 0 tracks at full speed, pace 1 at a person's rate (a few milliseconds of main-queue work
 // between events). After `reset after` events (never when negative) it logs the user out.
 // pace 2 is a first start that sets two user attributes, waits until the attribute cache is on
-// disk, says "T 0" and waits to be killed.
+// disk, says "T 0" and waits to be killed. pace 3 tracks 29 "GOOD" events and one "POISON" among
+// them, syncs, and waits to be killed.
 // Writes "T <seq>" once trackEvent returned for event seq, and "R <seq>" before a reset that
 // follows event seq, each with one write to standard output (a pipe); after a reset it tracks
 // again only once the reset is over.
@@ -55,6 +56,17 @@ int main(int argc, char** argv) {
     // The worst moment: the cache on disk already says both were sent.
     KOUserAttributesHandler::sharedInstance().writeCacheNow();
     say('T', 0);
+    device.runMainUntil([] { return false; }, 60);
+    return 0;
+  }
+  if (std::atoi(argv[4]) == 3) {
+    // One record the service refuses among 29 good ones, in one batch: the split that follows is
+    // where the parent kills.
+    for (std::int64_t seq = 0; seq < 30; ++seq) {
+      sdk.trackEvent(KOValue(seq == 14 ? "POISON" : "GOOD"), KOValue(KODictionary{{"seq", seq}}));
+      say('T', seq);
+    }
+    sdk.syncNow();
     device.runMainUntil([] { return false; }, 60);
     return 0;
   }

@@ -240,7 +240,7 @@ void KOEmulator::Impl::serve(const httplib::Request &req, httplib::Response &res
   if (recorded) answering.emplace(concurrent, peakConcurrent);
   try {
     if (KOEmulatorService::isFaultablePath(req.path)) {
-      if (auto fault = faults.take(req.path)) {
+      if (auto fault = faults.take(req.path, req.body)) {
         if (fault->delayMs > 0) stall(fault->delayMs);
         if (fault->drop) {
           // Recorded first, so that a client which saw the drop also finds the record.

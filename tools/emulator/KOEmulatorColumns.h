@@ -205,8 +205,12 @@ struct KOEmulatorRecordKind<KOEmulatorFault> {
   using R = KOEmulatorFault;
   static constexpr KOEmulatorTable table{nullptr, "", ""};
   static constexpr KOEmulatorColumn<R> columns[] = {
-      {nullptr, nullptr, &R::path, "path"},        {nullptr, nullptr, &R::status, "status"},
-      {nullptr, nullptr, &R::delayMs, "delay_ms"}, {nullptr, nullptr, &R::drop, "drop"},
-      {nullptr, nullptr, &R::count, "count"},      {nullptr, nullptr, &R::share, "share"},
+      {nullptr, nullptr, &R::path, "path"},
+      {nullptr, nullptr, &R::status, "status"},
+      {nullptr, nullptr, &R::delayMs, "delay_ms"},
+      {nullptr, nullptr, &R::drop, "drop"},
+      {nullptr, nullptr, &R::count, "count"},
+      {nullptr, nullptr, &R::share, "share"},
+      {nullptr, nullptr, &R::bodyContains, "body_contains"},
   };
 };

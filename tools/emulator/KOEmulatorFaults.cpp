@@ -58,10 +58,11 @@ std::vector<KOEmulatorFault> KOEmulatorFaults::list() const {
   return out;
 }
 
-std::optional<KOEmulatorFault> KOEmulatorFaults::take(const std::string &path) {
+std::optional<KOEmulatorFault> KOEmulatorFaults::take(const std::string &path, const std::string &body) {
   std::lock_guard lock(mutex_);
   for (auto it = entries_.begin(); it != entries_.end(); ++it) {
     if (!matches(it->fault.path, path)) continue;
+    if (!it->fault.bodyContains.empty() && body.find(it->fault.bodyContains) == std::string::npos) continue;
     // Spread the hits evenly instead of at random, so a test sees the same pattern every run.
     it->credit += it->fault.share;
     if (it->credit < 1.0 - 1e-9) return std::nullopt;
@@ -100,6 +101,9 @@ KOEmulatorFault KOEmulatorFaults::fromJSON(const std::string &text) {
     } else if (key == "count") {
       if (!v.IsInt64()) throw bad("an integer");
       f.count = v.GetInt64();
+    } else if (key == "body_contains") {
+      if (!v.IsString()) throw bad("a string");
+      f.bodyContains = v.GetString();
     } else if (key == "share") {
       if (!v.IsNumber()) throw bad("a number");
       f.share = v.GetDouble();

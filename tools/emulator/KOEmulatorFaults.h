@@ -22,7 +22,7 @@ class KOEmulatorFaults {
   std::vector<KOEmulatorFault> list() const;
 
   // Decides whether this request is hit; counts it against the fault's budget and share.
-  std::optional<KOEmulatorFault> take(const std::string &path);
+  std::optional<KOEmulatorFault> take(const std::string &path, const std::string &body = {});
 
  private:
   struct Entry {

@@ -82,12 +82,13 @@ struct KOEmulatorCampaignEvents {
 };
 
 struct KOEmulatorFault {
-  std::string path;     // exact path, a prefix ending in "/", or "*" for every service path
-  int status = 0;       // answer with this status; 0 answers normally (after any delay)
-  int64_t delayMs = 0;  // stall this long before answering or dropping
-  bool drop = false;    // close the connection without an answer
-  int64_t count = -1;   // requests it still hits; -1 means until cleared
-  double share = 1.0;   // fraction of matching requests it hits, spread evenly
+  std::string path;            // exact path, a prefix ending in "/", or "*" for every service path
+  int status = 0;              // answer with this status; 0 answers normally (after any delay)
+  int64_t delayMs = 0;         // stall this long before answering or dropping
+  bool drop = false;           // close the connection without an answer
+  int64_t count = -1;          // requests it still hits; -1 means until cleared
+  double share = 1.0;          // fraction of matching requests it hits, spread evenly
+  std::string bodyContains{};  // when set, only requests whose body holds this text (a poisoned record)
 };
 
 struct KOEmulatorRoute {
