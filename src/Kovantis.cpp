@@ -11,6 +11,7 @@
 #include "KOInAppV2/Nudges/KONudgesHandler.h"
 #include "KOInbox/KOInboxHandler.h"
 #include "KONotification/KONotificationHandler.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOKeychain.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOStackTrace.h"

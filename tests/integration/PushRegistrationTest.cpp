@@ -5,6 +5,7 @@
 
 #include "KONotification/KONotificationHandler.h"
 #include "KOSDKTestDevice.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "kovantis/KOConstants.h"

@@ -8,6 +8,7 @@
 
 #include "KOInAppV2/InAppHandlers/KOInAppV2Handler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOStackTrace.h"
 #include "KOUtilities/KOStringFormat.h"

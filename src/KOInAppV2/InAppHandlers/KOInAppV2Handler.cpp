@@ -14,6 +14,7 @@
 #include "KOInAppV2/InAppHandlers/KOInAppV2ActionHandler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInAppV2/InAppView/KOInAppV2ViewBuilder.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOStackTrace.h"
 #include "KOUtilities/KOStringFormat.h"
