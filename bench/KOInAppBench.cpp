@@ -8,6 +8,7 @@
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInAppV2/Models/KOInAppV2CampaignPropertiesObject.h"
 #include "KOInAppV2/Models/KOInAppV2Object.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOPropertyListFile.h"
 #include "KOUtilities/KOValueHelpers.h"
 #include "KOUtilities/KovantisDateUtils.h"

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "KOBenchRig.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "kovantis/KOConstants.h"
 #include "kovantis/Kovantis.h"
 

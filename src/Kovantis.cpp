@@ -9,6 +9,7 @@
 #include "KOInAppV2/Nudges/KONudgesHandler.h"
 #include "KOInbox/KOInboxHandler.h"
 #include "KONotification/KONotificationHandler.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOKeychain.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOSDKSettings.h"

@@ -4,7 +4,6 @@
 #include <chrono>
 #include <stdexcept>
 
-#include "KOUtilities/KOJSONSerialization.h"
 #include "kovantis/Kovantis.h"
 
 struct KOTestHarness::State {
@@ -97,7 +96,7 @@ std::vector<std::string> KOTestHarness::storedEventNames(const std::string& pref
 std::vector<KOValue> KOTestHarness::storedEvents(const std::string& name) const {
   std::vector<KOValue> records;
   for (const auto& event : service().events()) {
-    if (event.name == name) records.push_back(KOJSONSerialization::parse(event.json));
+    if (event.name == name) records.push_back(KOValue::fromJSON(event.json));
   }
   return records;
 }

@@ -1,31 +1,10 @@
-// Exported constants. Their string values are the wire and storage keys: never change them.
+// Constants a host uses: event and notification names, attribute keys, the keys and values of
+// what the service sends (campaigns, push payloads). Their string values are the wire format:
+// never change them. Storage keys, file names and service paths stay inside the SDK.
 #pragma once
 
 // The library version sent with every service call.
 inline constexpr const char* LIBRARY_VERSION = "3.5.0";
-
-// Keychain service under which the persistent device id lives (followed by "." and the bundle id).
-inline constexpr const char* KO_KEYCHAIN_SERVICE = "com.kovantis.sdk";
-
-// Preference keys of the identity and time settings.
-inline constexpr const char* KO_IDENTIFIER_FOR_VENDOR = "KO_identifierForVendor";
-inline constexpr const char* KO_ADVERTISING_ID = "KO_AdvertisingID";
-inline constexpr const char* KO_LAST_UPDATED_INBOX = "KO_lastUpdatedTimeForInbox";
-inline constexpr const char* KO_LAST_PUSH_TIME = "KO_lastPushTime";
-inline constexpr const char* KO_LAST_SHOWN_INAPP = "KO_lastInAppShowedTime";
-inline constexpr const char* KO_LAST_SHOWN_NUDGE = "KO_lastNudgeShowedTime";
-inline constexpr const char* KO_LAST_UPDATED_INAPP = "KO_inApp_lastUpdatedTime";
-inline constexpr const char* KO_REGISTER_V2 = "KO_register_v2";
-
-// Keys without an exported constant, kept here so that every file spells them once.
-inline constexpr const char* KO_APP_ID_KEY = "KO_appId";
-inline constexpr const char* KO_DEVICE_TOKEN_KEY = "KO_deviceToken";
-inline constexpr const char* KO_UNIQUE_SERVICE_ID_KEY = "KO_uniqueServiceId";
-inline constexpr const char* KO_PERSISTENT_ID_KEY = "KO_PERSISTENT_ID";
-inline constexpr const char* KO_APP_INSTALL_KEY = "KO_APP_INSTALL";
-
-// Remote log shipping switch, set from the configuration answer.
-inline constexpr const char* kShouldSendToLogEntries = "LOG_ENTRIES_ENABLED";
 
 // Application lifecycle notifications the platform posts into KONotificationCenter.
 inline constexpr const char* KOApplicationDidFinishLaunchingNotification =
@@ -42,59 +21,19 @@ inline constexpr const char* KOApplicationLaunchOptionsRemoteNotificationKey =
     "UIApplicationLaunchOptionsRemoteNotificationKey";
 inline constexpr const char* KOCurrentLocaleDidChangeNotification = "NSCurrentLocaleDidChangeNotification";
 
-// Service hosts (production) and methods.
+// Service hosts (production): the defaults of KOServiceEndpoints.
 inline constexpr const char* PROD_SCHEME = "https";
 inline constexpr const char* PROD_URL = "api.kovantis.com";
 inline constexpr const char* PROD_URL_INDIA = "api-in.kovantis.com";
 inline constexpr const char* INBOX_HOST = "inbox.kovantis.com";
 inline constexpr const char* LOGENTRIES_HOST = "logs.kovantis.com";
 inline constexpr const char* DEV_URL = "dev-api.kovantis.com";
-inline constexpr const char* kGET = "GET";
-inline constexpr const char* kPOST = "POST";
 
-// Service paths, by service number 0 to 10.
-inline constexpr const char* kServiceInitializeV2 = "/v2/device/add";
-inline constexpr const char* kServiceSendReportsV2 = "/v2/report/add";
-inline constexpr const char* kServiceGetInAppsV2 = "/campaigns/inappcampaigns/fetch";
-inline constexpr const char* kServiceGetSingleInApp = "/campaigns/inappcampaign/fetch";
-inline constexpr const char* kServiceSmartTriggerInApps = "/v2/autotriggerinapps";
-inline constexpr const char* kServiceInbox = "/v1/getInboxMessages";
-inline constexpr const char* kServiceSendCategories = "/v2/categories/add";
-inline constexpr const char* kServiceGeofenceHit = "/v1/geoFenceHit";
-inline constexpr const char* kServiceGetGeofences = "/v1/geoFences";
-inline constexpr const char* kServiceGetConfig = "/v1/getConfig";
-inline constexpr const char* kServiceSendLogs = "/noformat/logs/";
-
-/// Service numbers, the first argument of every request.
-enum KOService : int {
-  KOServiceNumberInitializeV2 = 0,
-  KOServiceNumberSendReportsV2 = 1,
-  KOServiceNumberGetInAppsV2 = 2,
-  KOServiceNumberGetSingleInApp = 3,
-  KOServiceNumberSmartTriggerInApps = 4,
-  KOServiceNumberInbox = 5,
-  KOServiceNumberSendCategories = 6,
-  KOServiceNumberGeofenceHit = 7,
-  KOServiceNumberGetGeofences = 8,
-  KOServiceNumberGetConfig = 9,
-  KOServiceNumberSendLogs = 10,
-};
-
-// Preference keys of the networking layer.
-inline constexpr const char* KO_SHOULD_REDIRECT_DATA = "KO_SHOULD_REDIRECT_DATA";
-inline constexpr const char* kLogEntriesTokenKey = "LOG_ENTRIES_TOKEN";
-inline constexpr const char* kConfigLastUpdatedKey = "CONFIG_LAST_UPDATED";
-inline constexpr const char* kEventsBatchCount = "KOV_EVENT_BATCH_COUNT";
-inline constexpr const char* KOV_NOTIFICATION_CATEGORIES_SENT = "KOV_NOTIFICATION_CATEGORIES_SENT";
+// Preference keys a wrapper SDK (Unity, Cordova, React Native, Segment) sets to its version.
 inline constexpr const char* KOV_UNITY_SDK_VERSION = "KovantisUnitySDKVersion";
 inline constexpr const char* KOV_CORDOVA_SDK_VERSION = "KOVANTIS_CORDOVA_SDK_VERSION";
 inline constexpr const char* KOV_REACT_NATIVE_SDK_VERSION = "KOVANTIS_REACT_NATIVE_SDK_VERSION";
 inline constexpr const char* KOV_SEGMENT_SDK_VERSION = "KOVANTIS_SEGMENT_SDK_VERSION";
-inline constexpr const char* KOV_APP_GROUP_ID_KEY = "Kov_App_Group_ID";
-inline constexpr const char* KOV_APP_GROUP_PARAMS_KEY = "kov_params";
-inline constexpr const char* KO_ADVERTISING_IDENTIFIER = "ADVERTISING_IDENTIFIER";
-/// Log token used until the configuration call sends one.
-inline constexpr const char* KO_DEFAULT_LOG_TOKEN = "5b7e0a92-3c41-4d8e-9f26-a1d04c7e8b13";
 
 // Events and notifications of the event pipeline and the lifecycle.
 inline constexpr const char* KOV_INIT_NEW_USER = "KOV_INIT_NEW_USER";
@@ -103,8 +42,6 @@ inline constexpr const char* EVENT_ACTION_DEVICE_ATTRIBUTE = "EVENT_ACTION_DEVIC
 inline constexpr const char* EVENT_ACTION_IOS_SESSION_START = "EVENT_ACTION_IOS_SESSION_START";
 inline constexpr const char* EVENT_ACTION_IOS_SESSION_END = "EVENT_ACTION_IOS_SESSION_END";
 inline constexpr const char* KOV_LOGOUT = "KOV_LOGOUT";
-inline constexpr const char* KOV_BACKGROUND_TASK_NAME = "KOVTask";
-inline constexpr const char* KOV_APP_VERSION_APP_STATUS = "KOV_App_Version_App_Status";
 
 // User attribute keys.
 inline constexpr const char* USER_ATTRIBUTE_UNIQUE_ID = "USER_ATTRIBUTE_UNIQUE_ID";
@@ -116,6 +53,8 @@ inline constexpr const char* USER_ATTRIBUTE_USER_MOBILE = "USER_ATTRIBUTE_USER_M
 inline constexpr const char* USER_ATTRIBUTE_USER_GENDER = "USER_ATTRIBUTE_USER_GENDER";
 inline constexpr const char* USER_ATTRIBUTE_USER_BDAY = "USER_ATTRIBUTE_USER_BDAY";
 inline constexpr const char* USER_ATTRIBUTE_USER_LOCATION = "USER_ATTRIBUTE_USER_LOCATION";
+inline constexpr const char* KO_ADVERTISING_IDENTIFIER = "ADVERTISING_IDENTIFIER";
+inline constexpr const char* KO_PUSH_PREFERENCE = "PUSH_PREFERENCE";
 
 // Locale attribute keys.
 inline constexpr const char* LOCALE_COUNTRY = "LOCALE_COUNTRY";
@@ -125,8 +64,9 @@ inline constexpr const char* LOCALE_LANGUAGE_DISPLAY = "LOCALE_LANGUAGE_DISPLAY"
 inline constexpr const char* LOCALE_DISPLAY = "LOCALE_DISPLAY";
 inline constexpr const char* LOCALE_IDENTIFIER = "LOCALE_IDENTIFIER";
 
-// ------------------------------------------------------------------ in-app campaigns and their store
-// Keys of a campaign, its presentation and its widgets, as the service sends them.
+// In-app campaigns: the keys of a campaign, its presentation and its widgets, and the values
+// of its type, animations, actions and status, as the service sends them (a self-handled
+// campaign reaches the host as this data).
 inline constexpr const char* KO_WIDGETS = "widgets";
 inline constexpr const char* KO_WIDGET_ID = "widget_id";
 inline constexpr const char* KO_PROPERTIES = "properties";
@@ -191,26 +131,15 @@ inline constexpr const char* KO_LAST_UPDATED = "last_updated";
 inline constexpr const char* KO_SHOW_ONLY_IN_SCREEN = "show_only_screen";
 inline constexpr const char* INAPP_EVENTS_INFO = "event_list";
 inline constexpr const char* INAPP_MIN_DELAY = "minimum_delay_bw_inapps";
-
-// The campaign store: its files, its statistics keys and the preferences it owns.
-inline constexpr const char* INAPP_PLIST_PATH_V2 = "InAppCampaignsV2.plist";
-inline constexpr const char* INAPP_PLIST_PATH = "InAppCampaigns.plist";
-inline constexpr const char* KO_INAPP_V2_IMAGES_PATH = "/Kovantis/InAppImages/";
-inline constexpr const char* KO_INAPP_V1_IMAGES_PATH = "/KovantisImages";
-inline constexpr const char* KO_INAPP_V1_REMOVE_IMAGES = "KO_inapps_v1_removed";
-inline constexpr const char* KO_MINIMUMDELAY_BW_INAPPS = "KO_MinimumDelay_BW_InApps";
-inline constexpr const char* KO_TIMES_SHOWN = "timesShown";
-inline constexpr const char* KO_EXPIRY_DATE = "expiryDate";
-inline constexpr const char* LAST_SHOWN = "lastShown";
-// Keys without an exported constant, kept here so that every file spells them once.
-inline constexpr const char* KO_INAPP_CAMPAIGN_INFO_KEY = "campaign_info";
-inline constexpr const char* KO_INAPP_IS_CLICKED_KEY = "isClicked";
-inline constexpr const char* INAPP_SHOWN = "iOS_IN_APP_SHOWN";
-inline constexpr const char* INAPP_AUTO_DISMISS = "iOS_IN_APP_AUTO_DISMISS";
 inline constexpr const char* KO_INAPP_STATUS_ACTIVE = "active";
 inline constexpr const char* KO_INAPP_STATUS_EXPIRED = "expired";
 
-// Push registration: names exported for the host, and the preferences the push layer owns.
+// Events the in-app layer tracks.
+inline constexpr const char* INAPP_SHOWN = "iOS_IN_APP_SHOWN";
+inline constexpr const char* INAPP_AUTO_DISMISS = "iOS_IN_APP_AUTO_DISMISS";
+
+// Push registration: notifications the host hears and the keys of their user info; the
+// notification category and action of the SDK's dismiss button; the push preference event.
 inline constexpr const char* Kovantis_Notification_Registered_Notification = "Kovantis_Notification_Registered";
 inline constexpr const char* Kovantis_Notification_Registration_Failed_Notification =
     "Kovantis_Notification_Registration_Failed";
@@ -219,13 +148,9 @@ inline constexpr const char* Kovantis_Notification_UserSettings_Registered_Notif
 inline constexpr const char* Kovantis_Notification_Received_Notification = "Kovantis_Notification_Received";
 inline constexpr const char* Kovantis_Device_Token_Key = "deviceToken";
 inline constexpr const char* Kovantis_Notification_Settings_Key = "notificationSettings";
-inline constexpr const char* KO_PUSH_PREFERENCE = "PUSH_PREFERENCE";
-inline constexpr const char* KO_PUSH_PREF_CHANGED_EVENT = "KO_PUSH_PREFERENCE_CHANGED";
-inline constexpr const char* KO_PUSH_PREFERENCE_KEY = "kKovPushPreferenceUserDefaultKey";
-inline constexpr const char* KOV_NOTIFICATION_CATEGORIES = "KOV_NOTIFICATION_CATEGORIES";
-inline constexpr const char* KOV_APP_VERSION = "KOV_APP_VERSION";
 inline constexpr const char* KOV_DISMISS_ACTION = "KOV_DISMISS_ACTION";
 inline constexpr const char* KOV_DISMISS_CATEGORY = "KOV_DISMISS_CATEGORY";
+inline constexpr const char* KO_PUSH_PREF_CHANGED_EVENT = "KO_PUSH_PREFERENCE_CHANGED";
 
 // Push receipt: the service's block of a push payload, the keys written into it, and the events.
 inline constexpr const char* kKovantis = "kovantis";
@@ -236,9 +161,8 @@ inline constexpr const char* KO_PUSH_DISMISSED_EVENT = "NOTIFICATION_DISMISSED_I
 inline constexpr const char* KO_PUSH_RECEIVED_ACTIVE_EVENT = "NOTIFICATION_RECEIVED_IOS_APP_ACTIVE";
 inline constexpr const char* KO_EVENT_AFTER_PUSH = "Event_After_Push";
 
-// Inbox: the notification the host hears when a fetch found messages not handed out yet.
+// Inbox: the notification the host hears when a fetch found messages not handed out yet, and
+// the most messages kept.
 inline constexpr const char* KOInboxPendingNotificationsNotification = "PendingNotifications";
 inline constexpr const char* KOInboxPendingNotificationsKey = "pending_notifications";
-inline constexpr const char* KOInboxMessagesFileName = "InboxMessages.plist";
-inline constexpr const char* KOInboxMessagesInfoKey = "messagesInfo";
 inline constexpr int KOInboxMaximumMessages = 100;

@@ -224,6 +224,14 @@ class KOValue {
   /// A readable rendering for log lines: strings bare, numbers as numbers, containers in JSON-like form.
   std::string description() const;
 
+  /// Parses UTF-8 JSON text. Throws KOParseError on malformed, truncated, invalid UTF-8 or too
+  /// deeply nested input (never returns nil for bad text). Integers beyond int64 become reals.
+  static KOValue fromJSON(std::string_view text);
+
+  /// Compact JSON; nil and null are written as null. Throws KOTypeError for a date, data, URL, NaN
+  /// or infinity, a string that is not valid UTF-8, or nesting deeper than kMaxNestingDepth.
+  std::string toJSON() const;
+
   friend bool operator==(const KOValue& a, const KOValue& b);
 
  private:

@@ -5,6 +5,7 @@
 
 #include "KOEventsHandler.h"
 #include "KOUserAttributesHandler.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Network/KOServerInterface.h"

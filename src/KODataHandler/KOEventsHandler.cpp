@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cmath>
 
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOJSONWriter.h"
 #include "KOUtilities/KOLogger.h"

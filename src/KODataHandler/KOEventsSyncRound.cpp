@@ -5,6 +5,7 @@
 #include <atomic>
 
 #include "KOEventsHandler.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOSDKNotifications.h"
 #include "KOUtilities/KOStringFormat.h"

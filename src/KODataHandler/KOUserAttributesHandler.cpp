@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "KOEventsHandler.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOPropertyListFile.h"
 #include "KOUtilities/KOPropertyListSerialization.h"

@@ -7,6 +7,7 @@
 
 #include "KOInboxPushDataModel.h"
 #include "KOUtilities/KOAtomicFile.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOPropertyListFile.h"
 #include "KOUtilities/KOPropertyListSerialization.h"

@@ -7,6 +7,7 @@
 #include "KODataHandler/KOUserAttributesHandler.h"
 #include "KOInAppV2/InAppHandlers/KOInAppV2Handler.h"
 #include "KOInbox/KOInboxHandler.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOSDKNotifications.h"
 #include "KOUtilities/KOSDKSettings.h"

@@ -5,7 +5,6 @@
 #include <string>
 #include <string_view>
 
-#include "kovantis/KOExport.h"
 #include "kovantis/KOValue.h"
 
 /// Receives a JSON document's values in reading order. Returning false stops the reading.
@@ -27,9 +26,8 @@ class KOJSONVisitor {
 class KOJSONSerialization {
  public:
   /// Parses UTF-8 JSON text. Throws KOParseError on malformed, truncated, invalid UTF-8 or too
-  /// deeply nested input. Integers beyond int64 become reals. Exported: the test harness reads
-  /// what the emulator stored with it.
-  KOVANTIS_EXPORT static KOValue parse(std::string_view text);
+  /// deeply nested input. Integers beyond int64 become reals. Hosts reach it as KOValue::fromJSON.
+  static KOValue parse(std::string_view text);
 
   /// Reads JSON text into a visitor, with the same checks and number rules as parse (it throws
   /// KOParseError on the same inputs). Returns false when the visitor stopped the reading.

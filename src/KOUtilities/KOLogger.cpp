@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "KOStringFormat.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "kovantis/KOConstants.h"
 #include "kovantis/KOPlatform.h"
 

@@ -5,10 +5,9 @@
 #include <string>
 #include <string_view>
 
-#include "kovantis/KOExport.h"
 #include "kovantis/KOValue.h"
 
-class KOVANTIS_EXPORT KOPropertyListSerialization {
+class KOPropertyListSerialization {
  public:
   /// Parses an XML or binary property list. Throws KOParseError on anything unreadable, on strings
   /// that are not valid UTF-8 and on nesting deeper than the limit.

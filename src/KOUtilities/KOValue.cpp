@@ -6,6 +6,8 @@
 #include <functional>
 #include <limits>
 
+#include "KOJSONSerialization.h"
+
 namespace {
 
 // Past this many keys a dictionary keeps a hash index beside its ordered entries.
@@ -521,3 +523,9 @@ std::string KOValue::description() const {
   describe(*this, out, false);
   return out;
 }
+
+// The public face of the internal serializer: one reader and one writer, so that a host's JSON
+// follows the same depth and UTF-8 rules as what the SDK stores and sends.
+KOValue KOValue::fromJSON(std::string_view text) { return KOJSONSerialization::parse(text); }
+
+std::string KOValue::toJSON() const { return KOJSONSerialization::write(*this); }

@@ -12,6 +12,7 @@
 #include "KOKeychain.h"
 #include "KOLogger.h"
 #include "KOStringFormat.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOValueHelpers.h"
 #include "KovantisDateUtils.h"
 #include "kovantis/KOConstants.h"

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOStringFormat.h"

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOStackTrace.h"
 #include "KOUtilities/KOStringFormat.h"

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "KOSDKTestDevice.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "kovantis/KOConstants.h"

@@ -7,6 +7,7 @@
 
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOTestDevice.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOPropertyListFile.h"

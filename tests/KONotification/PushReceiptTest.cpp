@@ -6,6 +6,7 @@
 #include "KONotification/KONotificationHandler.h"
 #include "KORichPush/KOWebViewController.h"
 #include "KOSDKTestDevice.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KovantisUtils.h"

@@ -6,6 +6,7 @@
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KONotification/KONotificationHandler.h"
 #include "KOSDKTestDevice.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "kovantis/KOConstants.h"

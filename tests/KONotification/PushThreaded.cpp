@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "KOSDKTestDevice.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "kovantis/KOConstants.h"
 
 class PushThreaded : public KOSDKTestDevice {};

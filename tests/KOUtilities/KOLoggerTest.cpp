@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "KOTestDevice.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOStringFormat.h"
 #include "kovantis/KOConstants.h"

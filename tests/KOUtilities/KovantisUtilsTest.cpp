@@ -4,6 +4,7 @@
 #include <regex>
 
 #include "KOTestDevice.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOKeychain.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KovantisUtils.h"

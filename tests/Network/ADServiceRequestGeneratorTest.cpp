@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "KOTestDevice.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "Network/ADServiceRequestGenerator.h"
 #include "kovantis/KOConstants.h"

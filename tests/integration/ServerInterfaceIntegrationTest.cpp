@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "KOEmulatorTestDevice.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOLogger.h"
 #include "Network/KOServerInterface.h"

@@ -1,6 +1,12 @@
-# The shared library exports the public API and what the simulated device needs, nothing else:
-# no internal class of ours (named after the headers under src/) and no third-party symbol.
-#   cmake -DLIBRARY=<libkovantis.so> -DSOURCE_DIR=<repo> -P exported_symbols.cmake
+# A shared library of ours exports the names of its public headers and nothing else: no internal
+# class, no standard-library instance (std::vector<KOValue> and the like), no third-party symbol.
+# A name is public when a class, struct or namespace of that name is declared at the top of one of
+# the headers in HEADERS; an operator is public when every class of ours in its signature is.
+#   cmake -DLIBRARY=<lib.so> -DSOURCE_DIR=<repo> -DHEADERS=<folder of the repo> [-DNEEDED=<a|b>]
+#         -P exported_symbols.cmake
+# NEEDED lists, separated by "|", symbols that must be exported (the check that the map lets the
+# surface through, not just keeps things out).
+cmake_minimum_required(VERSION 3.25)
 execute_process(COMMAND nm -D --defined-only -C ${LIBRARY} OUTPUT_VARIABLE out RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "nm failed on ${LIBRARY}")
@@ -8,40 +14,74 @@ endif()
 string(REPLACE ";" "," out "${out}")
 string(REPLACE "\n" ";" symbols "${out}")
 
-file(GLOB_RECURSE headers RELATIVE ${SOURCE_DIR}/src ${SOURCE_DIR}/src/*.h)
-set(internal rapidjson plist_ curl_)
-foreach(h IN LISTS headers)
-  get_filename_component(name ${h} NAME_WE)
-  # The simulated device is a library of its own; the serialiser is exported for it, the JSON
-  # reader for the test harness (its parse only, checked below).
-  if(NOT h MATCHES "^Platform/Sim/" AND NOT name STREQUAL "KOPropertyListSerialization"
-     AND NOT name STREQUAL "KOJSONSerialization")
-    list(APPEND internal ${name})
-  endif()
-endforeach()
-
-set(leaks "")
-foreach(line IN LISTS symbols)
-  if(line MATCHES "KOJSONSerialization::" AND NOT line MATCHES "KOJSONSerialization::parse\\(")
-    string(APPEND leaks "\n  ${line}")
-  endif()
-  foreach(name IN LISTS internal)
-    if(" ${line} " MATCHES "[^A-Za-z0-9_]${name}([^A-Za-z0-9]|$)")
-      string(APPEND leaks "\n  ${line}")
-      break()
+set(public "")
+file(GLOB headers ${SOURCE_DIR}/${HEADERS}/*.h)
+foreach(header IN LISTS headers)
+  file(STRINGS ${header} declarations REGEX "^(class|struct|namespace) [A-Za-z_][A-Za-z0-9_]*")
+  foreach(line IN LISTS declarations)
+    if(NOT line MATCHES ";$" AND line MATCHES "^[a-z]+ ([A-Za-z_][A-Za-z0-9_]*)")
+      list(APPEND public ${CMAKE_MATCH_1})
     endif()
   endforeach()
 endforeach()
-if(leaks)
-  message(FATAL_ERROR "libkovantis exports internal or third-party symbols:${leaks}")
+list(REMOVE_DUPLICATES public)
+if(NOT public)
+  message(FATAL_ERROR "no class declared in ${SOURCE_DIR}/${HEADERS}/*.h")
 endif()
-foreach(needed "Kovantis::sharedInstance()" "KOPlatform::install(" "operator==(KOValue const&, KOValue const&)"
-               "KOPropertyListSerialization::parse("
-               "KOJSONSerialization::parse(")
-  string(FIND "${out}" "${needed}" at)
-  if(at EQUAL -1)
-    message(FATAL_ERROR "libkovantis does not export ${needed}")
+
+set(standard "")
+set(foreign "")
+set(count 0)
+foreach(line IN LISTS symbols)
+  string(REGEX REPLACE "^[0-9a-f]* +[A-Za-z] +" "" symbol "${line}")
+  if(symbol STREQUAL "")
+    continue()
+  endif()
+  math(EXPR count "${count} + 1")
+  # What the symbol is of: the type information, vtable or thunk of a class is that class's.
+  string(REGEX REPLACE "^(typeinfo for |typeinfo name for |vtable for |VTT for |construction vtable for |non-virtual thunk to |virtual thunk to |guard variable for )"
+                       "" entity "${symbol}")
+  string(REGEX REPLACE "\\(.*" "" name "${entity}")  # the parameters name no owner
+  if(name MATCHES "(^| )std::")
+    string(APPEND standard "\n  ${symbol}")
+    continue()
+  endif()
+  string(REGEX MATCH "^[A-Za-z_][A-Za-z0-9_]*" first "${name}")
+  if(first MATCHES "^operator")
+    # A free operator: public when every class of ours it takes is.
+    string(REGEX MATCHALL "K[Oo][A-Za-z0-9_]*" used "${entity}")
+    set(ok TRUE)
+    foreach(class IN LISTS used)
+      if(NOT class IN_LIST public)
+        set(ok FALSE)
+      endif()
+    endforeach()
+  elseif(first IN_LIST public)
+    set(ok TRUE)
+  else()
+    set(ok FALSE)
+  endif()
+  if(NOT ok)
+    string(APPEND foreign "\n  ${symbol}")
   endif()
 endforeach()
-list(LENGTH symbols n)
-message(STATUS "exported symbols: ${n}, none internal")
+
+get_filename_component(lib ${LIBRARY} NAME)
+set(problems "")
+if(standard)
+  string(APPEND problems "\nstandard-library symbols:${standard}")
+endif()
+if(foreign)
+  string(APPEND problems "\nnames not declared in ${HEADERS}/:${foreign}")
+endif()
+if(problems)
+  message(FATAL_ERROR "${lib} exports more than its public headers:${problems}")
+endif()
+string(REPLACE "|" ";" needed "${NEEDED}")
+foreach(symbol IN LISTS needed)
+  string(FIND "${out}" "${symbol}" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "${lib} does not export ${symbol}")
+  endif()
+endforeach()
+message(STATUS "${lib} exports ${count} symbols, all named in ${HEADERS}/")

@@ -10,6 +10,7 @@
 #include "KODataHandler/KOUserAttributesHandler.h"
 #include "KOInAppV2/InAppHandlers/KOInAppV2Handler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOSDKNotifications.h"
 #include "KOUtilities/KOSDKSettings.h"

@@ -15,6 +15,7 @@
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInAppV2/InAppView/KOInAppV2ViewBuilder.h"
 #include "KOInAppV2/Nudges/KONudgesHandler.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOSDKSettings.h"
 #include "KOUtilities/KOStackTrace.h"

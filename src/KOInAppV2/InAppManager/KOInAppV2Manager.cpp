@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "KOUtilities/KOAtomicFile.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOPropertyListFile.h"
