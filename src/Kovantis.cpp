@@ -23,6 +23,8 @@
 namespace {
 
 constexpr const char* kMissingAppId = "Kovantis - Please check the initialize call. You have missed the APP ID";
+// Set by a first start that could not read the keychain: the reinstall check is still owed.
+constexpr const char* kReinstallCheckPending = "KO_reinstallCheckPending";
 
 const KOPlatform& platform() { return KOPlatform::current(); }
 KOPreferenceStore& prefs() { return platform().preferences->standard(); }
@@ -116,14 +118,36 @@ void Kovantis::startModules(bool openDeeplinkUrlAutomatically) {
 }
 
 void Kovantis::checkReinstallAndSaveAppID(const KOValue& appId) {
-  if (!KovantisUtils::getAppId().isNil()) return;
+  // The keychain outlives the app: an item from an earlier install means this is a reinstall. A
+  // keychain that cannot be read decides nothing; a later start looks again.
+  const auto checkKeychain = [&] {
+    bool unreadable = false;
+    const std::string item = KOKeychain::keychainItem(keychainService(), &unreadable);
+    if (unreadable) {
+      KOLogger::logPlain("Kovantis - The keychain could not be read; the reinstall check waits for the next start");
+      prefs().setObject(KOValue(true), kReinstallCheckPending);
+      prefs().synchronize();
+      return;
+    }
+    if (!prefs().objectForKey(kReinstallCheckPending).isNil()) {
+      prefs().removeObjectForKey(kReinstallCheckPending);
+      prefs().synchronize();
+    }
+    if (!item.empty()) trackEvent(KOValue("REINSTALL"));
+  };
+  if (!KovantisUtils::getAppId().isNil()) {
+    if (!prefs().objectForKey(kReinstallCheckPending).isNil()) checkKeychain();
+    return;
+  }
   if (emptyText(appId)) {
     KOLogger::logPlain(kMissingAppId);
     throw KOAssertionFailure(kMissingAppId);
   }
   KovantisUtils::saveAppId(appId);
-  // The keychain outlives the app: an item from an earlier install means this is a reinstall.
-  if (!KOKeychain::keychainItem(keychainService()).empty()) trackEvent(KOValue("REINSTALL"));
+  // Preferences that could not be read may hold an app id: this need not be a first start, so
+  // nothing is decided on the id's absence. The store reads them again at the next start.
+  if (prefs().unreadable()) return;
+  checkKeychain();
 }
 
 void Kovantis::appStatus(int status) {

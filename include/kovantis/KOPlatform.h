@@ -186,6 +186,10 @@ class KOPreferenceStore {
   virtual bool synchronize() = 0;
   /// Every key and value, for inspection.
   virtual KODictionary dictionaryRepresentation() const = 0;
+  /// True when the stored values could not be read on this launch: a key that seems absent may only
+  /// be unread, so nothing about the app's identity may be decided on its absence. A store that
+  /// cannot read its file keeps it aside and reads it again at the next launch.
+  virtual bool unreadable() const { return false; }
 };
 
 /// The standard store and the app-group suites.

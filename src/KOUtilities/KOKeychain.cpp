@@ -27,10 +27,16 @@ void KOKeychain::save(const std::string& service, const KOValue& data) {
   }
 }
 
-KOValue KOKeychain::load(const std::string& service) {
+KOValue KOKeychain::load(const std::string& service, bool* unreadable) {
   std::string archive;
+  if (unreadable) *unreadable = false;
   try {
-    if (KOPlatform::current().keychain->copyMatching(service, service, &archive) != KOKeychainSuccess) return KOValue();
+    const int status = KOPlatform::current().keychain->copyMatching(service, service, &archive);
+    if (status != KOKeychainSuccess) {
+      // Only "not found" means there is no item; any other failure may hide one.
+      if (unreadable) *unreadable = status != KOKeychainItemNotFound;
+      return KOValue();
+    }
     return KOPropertyListSerialization::parse(archive);
   } catch (const std::exception& e) {
     KOLogger::logLocated(
@@ -48,8 +54,8 @@ void KOKeychain::remove(const std::string& service) {
   }
 }
 
-std::string KOKeychain::keychainItem(const std::string& service) {
-  const KOValue item = load(service);
+std::string KOKeychain::keychainItem(const std::string& service, bool* unreadable) {
+  const KOValue item = load(service, unreadable);
   return item.isString() ? item.stringValue() : std::string();
 }
 

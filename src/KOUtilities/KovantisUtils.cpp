@@ -87,8 +87,11 @@ std::string KovantisUtils::persistentDeviceId() {
     // The keychain outlives the app: this is how the id survives an uninstall.
     const KOValue bundle = bundleIdentifier();
     const std::string service = KOStringFormat::format("%@.%@", {KOValue(KO_KEYCHAIN_SERVICE), bundle});
-    if (const KOValue kept = KOKeychain::load(service); kept.isString()) id = kept.stringValue();
-    if (id.empty()) {
+    bool unreadable = false;
+    if (const KOValue kept = KOKeychain::load(service, &unreadable); kept.isString()) id = kept.stringValue();
+    // An item that could not be read may hold the id: a new one would make this device another.
+    // The id stays empty (uncached) and the next call looks again.
+    if (id.empty() && !unreadable) {
       if (const KOValue made = KOKeychain::savePersistenceIDForService(service); made.isString())
         id = made.stringValue();
     }

@@ -27,7 +27,7 @@ class KovantisUtils {
   static std::string getIdentifierForVendor();
   static std::string saveIdentifierForVendor();
   /// The persistent device id ("P-..."), kept in the keychain across reinstalls and cached for
-  /// the life of the process; "" when none can be made.
+  /// the life of the process; "" when none can be made, or while the keychain cannot be read.
   static std::string persistentDeviceId();
 
   // Stored settings. Getters return the stored object or nil; setters store what they get.

@@ -48,3 +48,26 @@ TEST_F(KOKeychainTest, CorruptItemIsLoggedAndReadsAsNil) {
   EXPECT_TRUE(KOKeychain::load("svc").isNil());
   EXPECT_TRUE(device().console().contains("Kovantis - Unarchive of svc failed:"));
 }
+
+TEST_F(KOKeychainTest, AnItemThatCannotBeReadIsNotMissingAndIsReadAgainLater) {
+  bool unreadable = true;
+  EXPECT_TRUE(KOKeychain::load("svc", &unreadable).isNil());
+  EXPECT_FALSE(unreadable);  // simply missing
+  KOKeychain::save("svc", KOValue("P-1"));
+  const std::string item = device().keychain().itemPath("svc", "svc");
+  device().keychain().injectReadFaults(2);
+  EXPECT_TRUE(KOKeychain::load("svc", &unreadable).isNil());
+  EXPECT_TRUE(unreadable);
+  EXPECT_TRUE(device().rawFiles().fileExists(item + ".unreadable"));
+  EXPECT_EQ(KOKeychain::keychainItem("svc", &unreadable), "");  // tried again where it was set aside
+  EXPECT_TRUE(unreadable);
+  EXPECT_EQ(KOKeychain::load("svc", &unreadable), KOValue("P-1"));  // readable again: back in its place
+  EXPECT_FALSE(unreadable);
+  EXPECT_TRUE(device().rawFiles().fileExists(item));
+  EXPECT_FALSE(device().rawFiles().fileExists(item + ".unreadable"));
+  // An archive that cannot be unarchived will never read better: that one counts as missing.
+  device().keychain().remove("svc", "svc");
+  device().keychain().add("svc", "svc", "not an archive", "ak");
+  EXPECT_TRUE(KOKeychain::load("svc", &unreadable).isNil());
+  EXPECT_FALSE(unreadable);
+}

@@ -69,6 +69,7 @@ class KOForwardingPreferenceStore : public KOForwarding<KOPreferenceStore> {
   void removeObjectForKey(std::string_view key) override { target().removeObjectForKey(key); }
   bool synchronize() override { return target().synchronize(); }
   KODictionary dictionaryRepresentation() const override { return target().dictionaryRepresentation(); }
+  bool unreadable() const override { return target().unreadable(); }
 };
 
 /// Hands out the wrapped stores themselves; to break a store, override standard() or suite() and

@@ -1,5 +1,6 @@
 // Keychain items of the simulated device: one 0600 property-list file per item, in a directory
-// beside the sandbox, so that they survive an uninstall of the app.
+// beside the sandbox, so that they survive an uninstall of the app. An item that cannot be read
+// is set aside as "<item>.unreadable" and read from there until it can be, or a new one replaces it.
 #pragma once
 
 #include <mutex>
@@ -18,9 +19,13 @@ class KOSimKeychain : public KOKeychainStore {
 
   std::string itemPath(const std::string& service, const std::string& account) const;
   const std::string& directory() const { return directory_; }
+  /// The next `times` reads (-1: until called again with 0) find the item unreadable, as on a
+  /// device still locked after a restart or with a damaged item; it is set aside, not lost.
+  void injectReadFaults(int times = 1);
 
  private:
   KOFileSystem& fs_;
   std::string directory_;
   mutable std::mutex mutex_;
+  mutable int readFaults_ = 0;
 };

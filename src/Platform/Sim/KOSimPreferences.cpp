@@ -8,37 +8,81 @@
 
 KOSimPreferenceStore::KOSimPreferenceStore(KOFileSystem& fs, std::string path) : fs_(fs), path_(std::move(path)) {}
 
-void KOSimPreferenceStore::loadLocked() const {
-  if (loaded_) return;
-  loaded_ = true;
-  values_.clear();
+namespace {
+
+// One read of a store's file: its values, or why there are none.
+struct KOStoreRead {
+  std::optional<KODictionary> values;
+  bool missing = false;
+  std::string problem;
+};
+
+KOStoreRead readStore(const KOFileSystem& fs, const std::string& path) {
   KOFileError error;
   std::optional<std::string> bytes;
   // A read error may pass: taken for an empty store, it would cost the app its identity.
   for (int attempt = 0; attempt < 3 && !bytes; ++attempt) {
-    bytes = fs_.readFile(path_, &error);
-    if (!bytes && error.code == ENOENT) return;
+    bytes = fs.readFile(path, &error);
+    if (!bytes && error.code == ENOENT) return {std::nullopt, true, {}};
   }
-  std::string problem = error.message;
-  if (bytes) {
-    try {
-      KOValue stored = KOPropertyListSerialization::parse(*bytes);
-      if (stored.isDictionary()) {
-        values_ = std::move(stored.dictionaryValue());
-        return;
-      }
-      problem = "not a dictionary";
-    } catch (const std::exception& e) {
-      problem = e.what();
+  if (!bytes) return {std::nullopt, false, error.message};
+  try {
+    KOValue stored = KOPropertyListSerialization::parse(*bytes);
+    if (stored.isDictionary()) return {std::move(stored.dictionaryValue()), false, {}};
+    return {std::nullopt, false, "not a dictionary"};
+  } catch (const std::exception& e) {
+    return {std::nullopt, false, e.what()};
+  }
+}
+
+void writeLine(const std::string& line) {
+  if (KOPlatform::isInstalled()) KOPlatform::current().console->writeLine(line);
+}
+
+}  // namespace
+
+void KOSimPreferenceStore::loadLocked() const {
+  if (loaded_) return;
+  loaded_ = true;
+  unreadable_ = false;
+  values_.clear();
+  const std::string aside = path_ + ".unreadable";
+  KOStoreRead current = readStore(fs_, path_);
+  // A file set aside at an earlier launch is read again. Its values win over the file written
+  // since: the launch that could not see them filled in defaults (a new vendor id, say) that must
+  // not replace them; keys it added that were not there are kept.
+  bool recovered = false;
+  if (fs_.fileExists(aside)) {
+    if (KOStoreRead earlier = readStore(fs_, aside); earlier.values) {
+      values_ = std::move(*earlier.values);
+      recovered = true;
     }
   }
-  // Starts empty, as the platform's store would, but the next synchronize must not destroy it.
-  const std::string aside = path_ + ".unreadable";
-  const bool moved = fs_.renameFile(path_, aside);
-  if (KOPlatform::isInstalled()) {
-    KOPlatform::current().console->writeLine("Kovantis - The preferences " + path_ + " could not be read (" + problem +
-                                             "); " + (moved ? "kept them as " + aside : std::string("left them")));
+  if (current.values) {
+    for (auto& [key, value] : *current.values) {
+      if (!values_.contains(key)) values_.set(key, std::move(value));
+    }
   }
+  if (!current.values && !current.missing) {
+    // Starts without what it could not read, as the platform's store would, but says so, and the
+    // next synchronize must not destroy the file. (A file set aside earlier and read above is
+    // replaced here; its values are in memory and go into the next synchronize.)
+    unreadable_ = true;
+    const bool moved = fs_.renameFile(path_, aside);
+    writeLine("Kovantis - The preferences " + path_ + " could not be read (" + current.problem + "); " +
+              (moved ? "kept them as " + aside : std::string("left them")));
+    return;
+  }
+  if (recovered && KOSimFiles::writePropertyList(fs_, path_, KOValue(values_))) {
+    fs_.removeItem(aside);
+    writeLine("Kovantis - The preferences kept as " + aside + " were read again");
+  }
+}
+
+bool KOSimPreferenceStore::unreadable() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  loadLocked();
+  return unreadable_;
 }
 
 KOValue KOSimPreferenceStore::objectForKey(std::string_view key) const {
@@ -78,6 +122,7 @@ KODictionary KOSimPreferenceStore::dictionaryRepresentation() const {
 void KOSimPreferenceStore::reload() {
   std::lock_guard<std::mutex> lock(mutex_);
   loaded_ = false;
+  unreadable_ = false;
   values_.clear();
 }
 

@@ -1,5 +1,5 @@
 // Preference stores of the simulated device: one property-list file per store, read once, written
-// whole on synchronize. Thread-safe.
+// whole on synchronize. A file that cannot be read is set aside, never overwritten. Thread-safe.
 #pragma once
 
 #include <map>
@@ -19,6 +19,9 @@ class KOSimPreferenceStore : public KOPreferenceStore {
   void removeObjectForKey(std::string_view key) override;
   bool synchronize() override;
   KODictionary dictionaryRepresentation() const override;
+  /// The file could not be read: it was set aside as "<path>.unreadable", and the next load (the
+  /// next launch) reads it again and folds it back in.
+  bool unreadable() const override;
 
   const std::string& path() const { return path_; }
   /// Forgets what is in memory and reads the file again (after an uninstall, say).
@@ -34,6 +37,7 @@ class KOSimPreferenceStore : public KOPreferenceStore {
   mutable std::mutex mutex_;
   mutable bool loaded_ = false;
   mutable KODictionary values_;
+  mutable bool unreadable_ = false;
   int synchronizeCount_ = 0;
 };
 
