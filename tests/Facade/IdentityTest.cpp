@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "KOSDKTestDevice.h"
+#include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOKeychain.h"
 #include "KOUtilities/KOStringFormat.h"
 #include "KOUtilities/KovantisUtils.h"
