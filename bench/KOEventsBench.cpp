@@ -15,6 +15,7 @@
 #include "KODataHandler/KOEventsHandler.h"
 #include "KODataHandler/KOUserAttributesHandler.h"
 #include "KODelivery.h"
+#include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Network/KOServerInterface.h"
 #include "kovantis/Kovantis.h"
@@ -85,6 +86,18 @@ void BM_TrackEvent(benchmark::State& state) {
   for (auto _ : state) events.trackEvent(name, payload());
 }
 BENCHMARK(BM_TrackEvent)->Iterations(100000);
+
+// The host's call: the event recorded and offered to the in-app trigger check (a list of trigger
+// events is stored; this event is not on it), as every tracked event is.
+void BM_TrackEventThroughFacade(benchmark::State& state) {
+  KOBenchCleanRig clean;
+  Kovantis& sdk = Kovantis::sharedInstance();
+  KOEventsHandler::sharedInstance().setEventsBatchCountTreshold(UINT64_MAX);
+  KOInAppV2Manager::saveInAppCampaignsWithData(KOValue(KODictionary{{"event_list", KOArray{"ADD_TO_CART"}}}), [] {});
+  const KOValue name("PRODUCT_VIEWED");
+  for (auto _ : state) sdk.trackEvent(name, payload());
+}
+BENCHMARK(BM_TrackEventThroughFacade)->Iterations(100000);
 
 // The same with the attributes built in the call, as a host app builds them for each event.
 [[gnu::noinline]] void trackWithBuiltPayload(KOEventsHandler& events, const KOValue& name) {
