@@ -63,7 +63,7 @@ struct FullEmulator {
       }
     }
     int64_t stored = 0;
-    for (const auto &batch : emulator->batches()) stored += batch.eventCount;
+    for (const auto& batch : emulator->batches()) stored += batch.eventCount;
     if (stored != kEvents) throw std::runtime_error("the emulator stored " + std::to_string(stored) + " events");
   }
   ~FullEmulator() {
@@ -71,14 +71,14 @@ struct FullEmulator {
     std::filesystem::remove_all(dir);
   }
 
-  static FullEmulator &shared() {
+  static FullEmulator& shared() {
     static FullEmulator full;
     return full;
   }
 };
 
-void timelinePage(benchmark::State &state, const std::string &target) {
-  FullEmulator &full = FullEmulator::shared();
+void timelinePage(benchmark::State& state, const std::string& target) {
+  FullEmulator& full = FullEmulator::shared();
   httplib::Client cli("127.0.0.1", full.port);
   cli.set_read_timeout(30);
   size_t bytes = 0;
@@ -95,11 +95,11 @@ void timelinePage(benchmark::State &state, const std::string &target) {
 }
 
 // The page as the dashboard opens it: the newest 50 events.
-void BM_DashboardTimelineFirstPage(benchmark::State &state) { timelinePage(state, "/__emulator/timeline?limit=50"); }
+void BM_DashboardTimelineFirstPage(benchmark::State& state) { timelinePage(state, "/__emulator/timeline?limit=50"); }
 BENCHMARK(BM_DashboardTimelineFirstPage)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // The worst a filter can do: one event matches, the oldest, so every batch is read.
-void BM_DashboardTimelineRareName(benchmark::State &state) {
+void BM_DashboardTimelineRareName(benchmark::State& state) {
   timelinePage(state, "/__emulator/timeline?limit=50&name=FIRST_OPEN");
 }
 BENCHMARK(BM_DashboardTimelineRareName)->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -23,7 +23,7 @@ TEST_F(EmulatorTest, EachKindOfFaultActsAsToldAndIsRecorded) {
       {fault("/v1/getConfig", 0, 300, false, 1), 200, milliseconds(300), ""},
       {fault("/v1/getConfig", 500, 200, false, 1), 500, milliseconds(200), "status 500 after 200 ms"},
   };
-  for (const auto &c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.recorded);
     emulator->reset();
     emulator->injectFault(c.fault);
@@ -75,7 +75,7 @@ TEST_F(EmulatorTest, FaultPathsMatchPrefixesAndWildcardButNeverControlEndpoints)
 }
 
 TEST_F(EmulatorTest, UnusableFaultsAreRefused) {
-  for (const char *bad :
+  for (const char* bad :
        {R"({"path":"/v1/getConfig"})", R"({"path":"/v1/getConfig","status":42})",
         R"({"path":"/v1/getConfig","status":500,"share":0})", R"({"path":"/v1/getConfig","status":500,"count":0})",
         R"({"path":"v1","status":500})", R"({"path":"/v1/getConfig","status":"500"})",

@@ -8,7 +8,7 @@
 namespace {
 
 // A client that sends what a browser would send for a page of `origin`, and no token.
-httplib::Client browserClient(int port, const httplib::Headers &headers) {
+httplib::Client browserClient(int port, const httplib::Headers& headers) {
   httplib::Client cli("127.0.0.1", port);
   cli.set_connection_timeout(5);
   cli.set_read_timeout(10);
@@ -16,7 +16,7 @@ httplib::Client browserClient(int port, const httplib::Headers &headers) {
   return cli;
 }
 
-int statusOf(const httplib::Result &res) { return res ? res->status : 0; }
+int statusOf(const httplib::Result& res) { return res ? res->status : 0; }
 
 }  // namespace
 
@@ -37,7 +37,7 @@ TEST_F(EmulatorTest, OnlyTheEmulatorsOwnPageWithItsTokenMayChangeItAndNoOtherPag
   EXPECT_EQ(statusOf(browserClient(port, {}).Get("/__emulator/dashboard/dashboard.js")), 200);
 
   struct Case {
-    const char *what;
+    const char* what;
     httplib::Headers headers;
     int reset;   // the answer to POST /__emulator/reset
     int events;  // the answer to GET /__emulator/events
@@ -58,7 +58,7 @@ TEST_F(EmulatorTest, OnlyTheEmulatorsOwnPageWithItsTokenMayChangeItAndNoOtherPag
        403},
       {"a name rebound to the loopback", {{"Host", "attacker.example:" + std::to_string(port)}}, 403, 403},
   };
-  for (const auto &c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     auto cli = browserClient(port, c.headers);
     EXPECT_EQ(statusOf(cli.Get("/__emulator/events")), c.events);
@@ -91,7 +91,7 @@ TEST_F(EmulatorTest, TheTimelinePagesThroughEveryEventNewestFirstOnceEachAndFilt
   ASSERT_EQ(post("/v2/report/add", universal({{"batch_id", "3"}}), report(4, "C"))->status, 200);
   ASSERT_EQ(post("/v2/report/add", universal({{"batch_id", "3"}}), report(4, "C"))->status, 200);  // a duplicate
 
-  const auto page = [&](const httplib::Params &query) {
+  const auto page = [&](const httplib::Params& query) {
     auto res = get("/__emulator/timeline", query);
     EXPECT_EQ(statusOf(res), 200);
     return json(res ? res->body : "{}");
@@ -101,7 +101,7 @@ TEST_F(EmulatorTest, TheTimelinePagesThroughEveryEventNewestFirstOnceEachAndFilt
   httplib::Params query{{"limit", "2"}};
   for (int pages = 0; pages < 10; ++pages) {
     auto doc = page(query);
-    for (const auto &e : doc["events"].GetArray()) {
+    for (const auto& e : doc["events"].GetArray()) {
       seen.push_back(std::string(e["batch_id"].GetString()) + ":" + std::to_string(e["position"].GetInt64()) + ":" +
                      e["name"].GetString());
     }
@@ -150,7 +150,7 @@ TEST(EmulatorPreview, ACampaignIsDrawnByTheProgramsRendererAndOtherwiseAnsweredW
   const auto dir = makeTemporaryDirectory();
   KOEmulator::Options options = emulatorOptions(dir);
   std::set<std::string> drawn;
-  options.campaignPicture = [&](const std::string &campaign) {
+  options.campaignPicture = [&](const std::string& campaign) {
     drawn.insert(campaign);
     return campaign.find("\"broken\"") == std::string::npos ? std::string("<svg/>") : std::string();
   };

@@ -8,7 +8,7 @@ std::filesystem::path makeTemporaryDirectory() {
   return pattern;
 }
 
-KOEmulator::Options emulatorOptions(const std::filesystem::path &dataDir, const std::string &seedFile) {
+KOEmulator::Options emulatorOptions(const std::filesystem::path& dataDir, const std::string& seedFile) {
   KOEmulator::Options options;
   options.dataDir = dataDir.string();
   options.seedFile = seedFile;
@@ -16,7 +16,7 @@ KOEmulator::Options emulatorOptions(const std::filesystem::path &dataDir, const 
   return options;
 }
 
-KOEmulatorFault fault(const std::string &path, int status, int64_t delayMs, bool drop, int64_t count, double share) {
+KOEmulatorFault fault(const std::string& path, int status, int64_t delayMs, bool drop, int64_t count, double share) {
   return {path, status, delayMs, drop, count, share};
 }
 
@@ -42,7 +42,7 @@ httplib::Client EmulatorTest::client() const {
   return cli;
 }
 
-httplib::Params EmulatorTest::universal(const httplib::Params &extra) {
+httplib::Params EmulatorTest::universal(const httplib::Params& extra) {
   httplib::Params p;
   for (const std::string pair :
        {"os=iOS", "app_ver=2.1", "app_id=APP-1", "sdk_ver=3.5.0", "unique_id=A1B2-1700000000", "model=iPhone14,2",
@@ -51,15 +51,15 @@ httplib::Params EmulatorTest::universal(const httplib::Params &extra) {
         "device_model=iPhone14,2", "device_version=17.1"}) {
     p.emplace(pair.substr(0, pair.find('=')), pair.substr(pair.find('=') + 1));
   }
-  for (const auto &[k, v] : extra) {
+  for (const auto& [k, v] : extra) {
     p.erase(k);
     p.emplace(k, v);
   }
   return p;
 }
 
-httplib::Result EmulatorTest::send(const std::string &method, const std::string &path, const httplib::Params &query,
-                                   const std::string &body, const std::string &contentType) {
+httplib::Result EmulatorTest::send(const std::string& method, const std::string& path, const httplib::Params& query,
+                                   const std::string& body, const std::string& contentType) {
   httplib::Request req;
   req.method = method;
   req.path = httplib::append_query_params(path, query);
@@ -68,7 +68,7 @@ httplib::Result EmulatorTest::send(const std::string &method, const std::string 
   return client().send(req);
 }
 
-std::string EmulatorTest::report(int events, const std::string &name) {
+std::string EmulatorTest::report(int events, const std::string& name) {
   std::string views;
   for (int i = 0; i < events; ++i) {
     if (i) views += ",";
@@ -78,14 +78,14 @@ std::string EmulatorTest::report(int events, const std::string &name) {
   return R"({"viewsInfo":[)" + views + R"(],"viewsCount":)" + std::to_string(events) + "}";
 }
 
-rapidjson::Document EmulatorTest::json(const std::string &text) {
+rapidjson::Document EmulatorTest::json(const std::string& text) {
   rapidjson::Document doc;
   doc.Parse(text.c_str(), text.size());
   EXPECT_FALSE(doc.HasParseError()) << text;
   return doc;
 }
 
-std::string EmulatorTest::errorOf(const httplib::Result &res) {
+std::string EmulatorTest::errorOf(const httplib::Result& res) {
   if (!res) {
     ADD_FAILURE() << "no answer: " << httplib::to_string(res.error());
     return {};

@@ -9,9 +9,9 @@
 namespace {
 const std::string kFences = "/v1/geoFences";
 
-std::vector<std::string> idsOf(const rapidjson::Document &answer) {
+std::vector<std::string> idsOf(const rapidjson::Document& answer) {
   std::vector<std::string> out;
-  for (const auto &f : answer["fencesInfo"].GetArray()) {
+  for (const auto& f : answer["fencesInfo"].GetArray()) {
     out.push_back(f.IsObject() && f.HasMember("geoId") ? f["geoId"].GetString() : "<unreadable>");
   }
   return out;
@@ -34,7 +34,7 @@ TEST_F(EmulatorTest, FencesAreTheSeededOnesNearTheDeviceNearestFirst) {
       {"1.9", {"east", "far", "bad", "<unreadable>"}},
       {"-2", {"bad", "<unreadable>"}},
   };
-  for (const auto &c : cases) {
+  for (const auto& c : cases) {
     auto res = get(kFences, universal({{"lat", "0"}, {"lng", c.lng}}));
     ASSERT_TRUE(res);
     ASSERT_EQ(res->status, 200) << res->body;
@@ -44,7 +44,7 @@ TEST_F(EmulatorTest, FencesAreTheSeededOnesNearTheDeviceNearestFirst) {
     EXPECT_EQ(answer["extra"].GetInt(), 1);
   }
   // A device nowhere on earth is refused, as the service does.
-  for (const auto &[lat, lng] :
+  for (const auto& [lat, lng] :
        std::vector<std::pair<std::string, std::string>>{{"nan", "0"}, {"0", "inf"}, {"90.5", "0"}, {"0", "-180.1"}}) {
     EXPECT_EQ(get(kFences, universal({{"lat", lat}, {"lng", lng}}))->status, 400) << lat << "," << lng;
   }
@@ -53,7 +53,7 @@ TEST_F(EmulatorTest, FencesAreTheSeededOnesNearTheDeviceNearestFirst) {
 }
 
 TEST_F(EmulatorTest, GeofenceHitsAreStoredWithTheirDevice) {
-  auto hit = [&](const std::string &transition, const std::string &lat) {
+  auto hit = [&](const std::string& transition, const std::string& lat) {
     return get("/v1/geoFenceHit", universal({{"transitionType", transition},
                                              {"lat", lat},
                                              {"lng", "13.400000"},

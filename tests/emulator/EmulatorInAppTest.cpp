@@ -19,9 +19,9 @@ int64_t nowMilliseconds() {
 }
 
 // "cid:status" of each campaign answered, in order.
-std::vector<std::string> campaignsOf(const rapidjson::Document &answer) {
+std::vector<std::string> campaignsOf(const rapidjson::Document& answer) {
   std::vector<std::string> out;
-  for (const auto &c : answer["campaign_info"].GetArray()) {
+  for (const auto& c : answer["campaign_info"].GetArray()) {
     out.push_back(std::string(c["cid"].GetString()) + ":" + c["status"].GetString());
   }
   return out;
@@ -48,7 +48,7 @@ TEST_F(EmulatorTest, CampaignListAnswersWhatChangedSinceTheStampAndWhatIsNoLonge
       {"1000", R"({"campaign_ids": [{"cid": "new"}, {"cid": "gone"}]})", {"new:active", "gone:inactive"}},
       {"5000", R"({"campaign_ids": {"gone": {"s": 1}, "old": {}}})", {"gone:inactive"}},
   };
-  for (const auto &c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE("since " + c.since + " with " + c.body);
     auto res = post(kFetch, universal({{"last_updated", c.since}}), c.body);
     ASSERT_TRUE(res);
@@ -100,7 +100,7 @@ TEST_F(EmulatorTest, ImagesAreServedFromTheSeedsAndTheImagesDirectory) {
       {"GET", "/images/%2e%2e/secret", 404, "", ""},
       {"POST", "/images/a.png", 405, "", ""},
   };
-  for (const auto &c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.method + " " + c.target);
     httplib::Request req;
     req.method = c.method;

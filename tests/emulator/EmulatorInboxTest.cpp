@@ -8,9 +8,9 @@
 namespace {
 const std::string kInbox = "/v1/getInboxMessages";
 
-std::vector<std::string> cidsOf(const rapidjson::Document &answer) {
+std::vector<std::string> cidsOf(const rapidjson::Document& answer) {
   std::vector<std::string> out;
-  for (const auto &m : answer["messagesInfo"].GetArray()) {
+  for (const auto& m : answer["messagesInfo"].GetArray()) {
     out.push_back(m.IsObject() ? m["cid"].GetString() : "<not an object>");
   }
   return out;
@@ -35,7 +35,7 @@ TEST_F(EmulatorTest, InboxAnswersMessagesNewerThanTheStampForThisDevice) {
       {"5000000", "tok-2", {"new", "undated", "<not an object>"}},
       {"5000500", "", {"undated", "<not an object>"}},
   };
-  for (const auto &c : cases) {
+  for (const auto& c : cases) {
     auto res = get(kInbox, universal({{"last_updated", c.since}, {"push_id", c.token}, {"pushToken", c.token}}));
     ASSERT_TRUE(res);
     ASSERT_EQ(res->status, 200) << res->body;

@@ -39,7 +39,7 @@ TEST_F(EmulatorTest, EveryEndpointAcceptsAWellFormedCallAndStoresWhatItDelivers)
       {"GET", "/v1/geoFences", universal({{"lat", "1.500000"}, {"lng", "-2.5"}}), "", "fencesInfo"},
       {"POST", "/noformat/logs/TOKEN-9", {}, kLog},
   };
-  for (const auto &c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.method + " " + c.path);
     auto res = send(c.method, c.path, c.query, c.body, c.type());
     ASSERT_TRUE(res);
@@ -48,16 +48,16 @@ TEST_F(EmulatorTest, EveryEndpointAcceptsAWellFormedCallAndStoresWhatItDelivers)
     auto answer = json(upload ? "{}" : res->body);
     EXPECT_TRUE(answer.IsObject() && (c.expected.empty() || answer.HasMember(c.expected.c_str()))) << res->body;
   }
-  for (const auto &route : KOEmulator::routes()) {
+  for (const auto& route : KOEmulator::routes()) {
     EXPECT_TRUE(std::any_of(cases.begin(), cases.end(),
-                            [&](const Case &c) { return c.method == route.method && c.path.starts_with(route.path); }))
+                            [&](const Case& c) { return c.method == route.method && c.path.starts_with(route.path); }))
         << "no well-formed call for " << route.method << " " << route.path;
   }
 
   send(cases[0].method, cases[0].path, cases[0].query, cases[0].body, kJSON);  // registers again
   auto devices = emulator->devices();
   ASSERT_EQ(devices.size(), 1u);
-  const auto &d = devices[0];
+  const auto& d = devices[0];
   EXPECT_EQ(std::tie(d.registrations, d.idfv, d.advertisingId, d.pushId, d.deviceUniqueId),
             std::make_tuple(2, "A1B2", "AD-1", "beef", "P-42"));
 
@@ -79,7 +79,7 @@ TEST_F(EmulatorTest, EveryEndpointAcceptsAWellFormedCallAndStoresWhatItDelivers)
 
 TEST_F(EmulatorTest, RepeatedBatchIdIsRecordedAsDuplicateAndStoredOnce) {
   auto query = universal({{"batch_id", "555"}});
-  for (const auto &body : {report(2), report(2), report(1, "other")}) {
+  for (const auto& body : {report(2), report(2), report(1, "other")}) {
     auto res = post(kReport, query, body);
     ASSERT_TRUE(res);
     EXPECT_EQ(res->status, 200) << "a resent batch is accepted, or the device would resend it forever";
@@ -146,13 +146,13 @@ TEST_F(EmulatorTest, EveryEndpointRefusesWhatTheServiceWouldRefuse) {
       {"POST", "/v2/device/add", universal(), R"({"IDFV":7})", "IDFV"},
       {"POST", "/noformat/logs/T", {}, R"({"appid":"A"})", "uid"},
   };
-  for (const auto &c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.method + " " + c.path + " expecting " + c.expected);
     EXPECT_NE(errorOf(send(c.method, c.path, c.query, c.body, c.type())).find(c.expected), std::string::npos);
   }
   auto recorded = emulator->requests();
   ASSERT_EQ(recorded.size(), cases.size());
-  for (const auto &r : recorded) {
+  for (const auto& r : recorded) {
     EXPECT_EQ(r.status, 400);
     EXPECT_FALSE(r.error.empty());
   }
@@ -165,9 +165,9 @@ TEST_F(EmulatorTest, EveryEndpointRefusesWhatTheServiceWouldRefuse) {
 // the path, else 404. Faults never hit an unknown path; only service paths are recorded.
 TEST_F(EmulatorTest, CallsNoRowTakesAreAnswered405Or404) {
   size_t wrongMethods = 0;
-  for (const auto &route : KOEmulator::routes()) {
+  for (const auto& route : KOEmulator::routes()) {
     const std::string path = route.path.ends_with("/") ? route.path + "T" : route.path;
-    for (const char *method : {"GET", "POST", "PUT", "DELETE"}) {
+    for (const char* method : {"GET", "POST", "PUT", "DELETE"}) {
       if (method == route.method) continue;
       SCOPED_TRACE(std::string(method) + " " + path);
       auto res = send(method, path, universal());
@@ -181,7 +181,7 @@ TEST_F(EmulatorTest, CallsNoRowTakesAreAnswered405Or404) {
   const std::vector<std::pair<std::string, std::string>> unknown = {
       {"GET", "/v3/nothing"},         {"GET", "/v1/getConfigs"},   {"POST", "/noformat/logs"},
       {"GET", "/__emulator/nothing"}, {"PUT", "/__emulator/seed"}, {"GET", "/__emulator/reset"}};
-  for (const auto &[method, path] : unknown) {
+  for (const auto& [method, path] : unknown) {
     SCOPED_TRACE(method + " " + path);
     auto res = send(method, path, {});
     ASSERT_TRUE(res);
@@ -190,7 +190,7 @@ TEST_F(EmulatorTest, CallsNoRowTakesAreAnswered405Or404) {
   }
   auto recorded = emulator->requests();
   ASSERT_EQ(recorded.size(), wrongMethods + 3) << "control endpoints stay out of the record";
-  for (const auto &r : recorded) EXPECT_FALSE(r.error.empty());
+  for (const auto& r : recorded) EXPECT_FALSE(r.error.empty());
   EXPECT_EQ(recorded.back().status, 404);
 }
 
@@ -220,7 +220,7 @@ TEST_F(EmulatorTest, AnswersComeFromTheSeeds) {
 
 TEST_F(EmulatorTest, RejectedSeedChangesNothing) {
   emulator->seed(R"({"inbox":[{"cid":"keep"}]})");
-  for (const char *bad : {R"({"inbox":[], "bogus":{}})", R"({"config":[1]})", R"({"campaigns":{"c":1}})",
+  for (const char* bad : {R"({"inbox":[], "bogus":{}})", R"({"config":[1]})", R"({"campaigns":{"c":1}})",
                           R"([{"config":{}}])", "{", R"({"images":{"/img/a.png":"AA=="}})",
                           R"({"images":{"/images/":"AA=="}})", R"({"images":{"/images/a.png":"A*=="}})",
                           R"({"images":{"/images/a.png":"AAA"}})", R"({"images":{"/images/a.png":7}})"}) {
@@ -246,7 +246,7 @@ TEST_F(EmulatorTest, SeedFileIsAppliedAtConstruction) {
 }
 
 TEST_F(EmulatorTest, CampaignEventsAreCountedPerCampaignFromTheReports) {
-  auto event = [](const std::string &name, const std::string &attributes) {
+  auto event = [](const std::string& name, const std::string& attributes) {
     return R"({"EVENT_ACTION":")" + name + R"(","EVENT_ATTRS":)" + attributes + R"(,"EVENT_G_TIME":"1700000000"})";
   };
   const std::string views = event("NOTIFICATION_CLICKED_IOS_KOV", R"({"cid":"p1","coupon_code":"X"})") + "," +

@@ -13,7 +13,7 @@
 
 #include "EmulatorFixture.h"
 
-extern char **environ;
+extern char** environ;
 
 namespace {
 
@@ -24,7 +24,7 @@ const httplib::Params kConfigQuery = {{"app_id", "A"}, {"unique_id", "U"}, {"os"
 // running, so a failing test never leaves one behind.
 class Child {
  public:
-  explicit Child(const std::vector<std::string> &args) {
+  explicit Child(const std::vector<std::string>& args) {
     int fds[2];
     if (pipe(fds) != 0) throw std::runtime_error("pipe failed");
     posix_spawn_file_actions_t actions;
@@ -34,8 +34,8 @@ class Child {
     posix_spawn_file_actions_addclose(&actions, fds[1]);
     std::string binary = KOVANTIS_EMULATOR_BINARY;
     std::vector<std::string> copies = args;
-    std::vector<char *> argv = {binary.data()};
-    for (auto &a : copies) argv.push_back(a.data());
+    std::vector<char*> argv = {binary.data()};
+    for (auto& a : copies) argv.push_back(a.data());
     argv.push_back(nullptr);
     int rc = posix_spawn(&pid_, binary.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
@@ -50,11 +50,11 @@ class Child {
     }
     close(out_);
   }
-  Child(const Child &) = delete;
-  Child &operator=(const Child &) = delete;
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
 
   // Reads stdout until `until` appears, the output ends or the time is up.
-  std::string readUntil(const std::string &until, Clock::duration limit) {
+  std::string readUntil(const std::string& until, Clock::duration limit) {
     auto deadline = Clock::now() + limit;
     while (!ended_ && output_.find(until) == std::string::npos && Clock::now() < deadline) {
       pollfd p{out_, POLLIN, 0};
@@ -95,7 +95,7 @@ TEST_F(EmulatorTest, ConcurrentReportsAreStoredExactlyOnceEach) {
       if (res && res->status == 200) ++accepted;
     });
   }
-  for (auto &t : threads) t.join();
+  for (auto& t : threads) t.join();
 
   EXPECT_EQ(accepted.load(), kThreads);
   EXPECT_EQ(emulator->batches().size(), 25u);
@@ -124,12 +124,12 @@ TEST_F(EmulatorTest, InspectionWhileServingIsSafe) {
       }
     });
   }
-  for (auto &w : writers) w.join();
+  for (auto& w : writers) w.join();
   done = true;
   reader.join();
   EXPECT_EQ(emulator->batches().size(), 40u);
   size_t failed = 0;
-  for (const auto &r : emulator->requests("/v1/getConfig")) failed += r.status == 500;
+  for (const auto& r : emulator->requests("/v1/getConfig")) failed += r.status == 500;
   EXPECT_EQ(failed, 20u) << "half of the 40 calls, however they interleave";
 }
 
@@ -138,7 +138,7 @@ TEST_F(EmulatorTest, PeakOfConcurrentRequestsCountsStalledOnesAndResets) {
   emulator->injectFault(fault("/images/", 0, 300));
   std::vector<std::thread> callers;
   for (int i = 0; i < 3; ++i) callers.emplace_back([&] { client().Get("/images/a.png"); });
-  for (auto &c : callers) c.join();
+  for (auto& c : callers) c.join();
   client().Get("/__emulator/health");  // control calls are not counted
   EXPECT_EQ(emulator->peakConcurrentRequests(), 3u) << "three stalls of 300 ms overlap";
   emulator->reset();
@@ -256,7 +256,7 @@ TEST(EmulatorCommandLine, HelpDocumentsEveryOptionAndTheControlAPI) {
   const int status = help.exitStatus(std::chrono::seconds(30));
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0) << "help is asked for, not a usage error";
-  for (const char *option : {"--port N", "--data DIR", "--seed FILE", "--images DIR", "--quiet", "--help"}) {
+  for (const char* option : {"--port N", "--data DIR", "--seed FILE", "--images DIR", "--quiet", "--help"}) {
     EXPECT_NE(out.find(std::string("\n  ") + option + " "), std::string::npos) << option << " in\n" << out;
   }
   EXPECT_NE(out.find("/__emulator/dashboard/"), std::string::npos) << out;

@@ -32,28 +32,28 @@ namespace {
 
 constexpr size_t kWorkerThreads = 16;
 
-int portOf(const sockaddr_storage &addr) {
-  if (addr.ss_family == AF_INET) return ntohs(reinterpret_cast<const sockaddr_in *>(&addr)->sin_port);
-  if (addr.ss_family == AF_INET6) return ntohs(reinterpret_cast<const sockaddr_in6 *>(&addr)->sin6_port);
+int portOf(const sockaddr_storage& addr) {
+  if (addr.ss_family == AF_INET) return ntohs(reinterpret_cast<const sockaddr_in*>(&addr)->sin_port);
+  if (addr.ss_family == AF_INET6) return ntohs(reinterpret_cast<const sockaddr_in6*>(&addr)->sin6_port);
   return -1;
 }
 
 // httplib hands the emulator no socket of a connection, so it finds them among the process's
 // descriptors: shuts down each connected socket for which `matches(localPort, peerPort)` holds.
 // Returns how many it shut down.
-int shutdownConnections(const std::function<bool(int localPort, int peerPort)> &matches) {
+int shutdownConnections(const std::function<bool(int localPort, int peerPort)>& matches) {
   int count = 0;
   std::error_code ec;
-  for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
     const std::string name = entry.path().filename().string();
-    char *end = nullptr;
+    char* end = nullptr;
     long fd = std::strtol(name.c_str(), &end, 10);
     if (name.empty() || *end != '\0') continue;
     sockaddr_storage local{}, peer{};
     socklen_t localLen = sizeof local, peerLen = sizeof peer;
     int sock = static_cast<int>(fd);
-    if (getsockname(sock, reinterpret_cast<sockaddr *>(&local), &localLen) != 0) continue;
-    if (getpeername(sock, reinterpret_cast<sockaddr *>(&peer), &peerLen) != 0) continue;
+    if (getsockname(sock, reinterpret_cast<sockaddr*>(&local), &localLen) != 0) continue;
+    if (getpeername(sock, reinterpret_cast<sockaddr*>(&peer), &peerLen) != 0) continue;
     if (matches(portOf(local), portOf(peer)) && ::shutdown(sock, SHUT_RDWR) == 0) ++count;
   }
   return count;
@@ -61,7 +61,7 @@ int shutdownConnections(const std::function<bool(int localPort, int peerPort)> &
 
 // A dropped connection is the one whose local and peer ports are those of the request: a TCP
 // connection's ports are unique on the host.
-bool dropConnection(const httplib::Request &req) {
+bool dropConnection(const httplib::Request& req) {
   return shutdownConnections([&](int localPort, int peerPort) {
            return localPort == req.local_port && peerPort == req.remote_port;
          }) > 0;
@@ -102,12 +102,12 @@ bool isOwnOrigin(std::string_view origin, int port) {
   return origin.ends_with(":" + std::to_string(port)) && isLoopbackAuthority(origin, port);
 }
 
-bool changesState(const std::string &method) { return method != "GET" && method != "HEAD" && method != "OPTIONS"; }
+bool changesState(const std::string& method) { return method != "GET" && method != "HEAD" && method != "OPTIONS"; }
 
 // Why a call to the control API or the dashboard is refused, or empty. The emulator listens on
 // the loopback only, but any page open in the developer's browser can send requests there: only
 // the emulator's own page may read it, and only a caller holding the run's token may change it.
-std::string refusal(const httplib::Request &req, const std::string &token) {
+std::string refusal(const httplib::Request& req, const std::string& token) {
   const int port = req.local_port;
   if (req.has_header("Host") && !isLoopbackAuthority(req.get_header_value("Host"), port)) {
     return "host not allowed: " + req.get_header_value("Host");
@@ -123,7 +123,7 @@ std::string refusal(const httplib::Request &req, const std::string &token) {
   return {};
 }
 
-std::string describe(const KOEmulatorFault &f) {
+std::string describe(const KOEmulatorFault& f) {
   std::ostringstream out;
   if (f.drop)
     out << "drop";
@@ -140,10 +140,10 @@ class __attribute__((visibility("hidden"))) KOEmulator::Impl {
  public:
   explicit Impl(Options o) : options(std::move(o)), store(options.dataDir), service(store, faults, options.imagesDir) {}
 
-  void serve(const httplib::Request &req, httplib::Response &res);
+  void serve(const httplib::Request& req, httplib::Response& res);
   // The dashboard's page and files, and the campaign preview; true when the path was one of them.
-  bool serveDashboard(const httplib::Request &req, httplib::Response &res);
-  void record(const httplib::Request &req, int status, const std::string &error, const std::string &fault,
+  bool serveDashboard(const httplib::Request& req, httplib::Response& res);
+  void record(const httplib::Request& req, int status, const std::string& error, const std::string& fault,
               double startedAt);
   // Stalls for a fault's delay, cut short when the emulator stops.
   void stall(int64_t ms);
@@ -177,18 +177,18 @@ namespace {
 // Counts a request as being answered for as long as it lives, and keeps the peak.
 class Answering {
  public:
-  Answering(std::atomic<size_t> &current, std::atomic<size_t> &peak) : current_(current) {
+  Answering(std::atomic<size_t>& current, std::atomic<size_t>& peak) : current_(current) {
     const size_t now = ++current_;
     size_t seen = peak.load();
     while (seen < now && !peak.compare_exchange_weak(seen, now)) {
     }
   }
   ~Answering() { --current_; }
-  Answering(const Answering &) = delete;
-  Answering &operator=(const Answering &) = delete;
+  Answering(const Answering&) = delete;
+  Answering& operator=(const Answering&) = delete;
 
  private:
-  std::atomic<size_t> &current_;
+  std::atomic<size_t>& current_;
 };
 
 }  // namespace
@@ -198,8 +198,8 @@ void KOEmulator::Impl::stall(int64_t ms) {
   stopChanged.wait_for(lock, std::chrono::milliseconds(ms), [&] { return stopping; });
 }
 
-void KOEmulator::Impl::record(const httplib::Request &req, int status, const std::string &error,
-                              const std::string &fault, double startedAt) {
+void KOEmulator::Impl::record(const httplib::Request& req, int status, const std::string& error,
+                              const std::string& fault, double startedAt) {
   KOEmulatorRequest r;
   r.time = KOEmulatorStore::now();
   r.durationMs = std::max(0.0, (r.time - startedAt) * 1000);
@@ -225,7 +225,7 @@ void KOEmulator::Impl::record(const httplib::Request &req, int status, const std
 
 // Every request arrives here. What all service calls share (a fault may hit them, each is
 // recorded and logged) happens around the service's table, which takes the rest.
-void KOEmulator::Impl::serve(const httplib::Request &req, httplib::Response &res) {
+void KOEmulator::Impl::serve(const httplib::Request& req, httplib::Response& res) {
   const double startedAt = KOEmulatorStore::now();
   if (KOEmulatorService::isControlPath(req.path) || req.path == "/") {
     if (const std::string why = refusal(req, token); !why.empty()) {
@@ -272,7 +272,7 @@ void KOEmulator::Impl::serve(const httplib::Request &req, httplib::Response &res
       res.set_content(reply.body, reply.contentType.empty() ? "application/json" : reply.contentType);
     }
     if (recorded) record(req, reply.status, reply.error, {}, startedAt);
-  } catch (const std::exception &e) {
+  } catch (const std::exception& e) {
     // A store failure must not take the server down; it answers like a failing service.
     std::string message = std::string("emulator failure: ") + e.what();
     res.status = 500;
@@ -280,12 +280,12 @@ void KOEmulator::Impl::serve(const httplib::Request &req, httplib::Response &res
     if (!recorded) return;
     try {
       record(req, 500, message, {}, startedAt);
-    } catch (const std::exception &) {
+    } catch (const std::exception&) {
     }
   }
 }
 
-bool KOEmulator::Impl::serveDashboard(const httplib::Request &req, httplib::Response &res) {
+bool KOEmulator::Impl::serveDashboard(const httplib::Request& req, httplib::Response& res) {
   if (req.method != "GET") return false;
   // Nothing of the dashboard may be framed by another page or guessed into another type.
   res.set_header("X-Frame-Options", "DENY");
@@ -308,7 +308,7 @@ bool KOEmulator::Impl::serveDashboard(const httplib::Request &req, httplib::Resp
                                 : req.path.starts_with(KOEmulator::kDashboardPath)
                                     ? std::string_view(req.path).substr(std::strlen(KOEmulator::kDashboardPath))
                                     : std::string_view("-");
-  for (const KOEmulatorAsset &asset : KOEmulatorDashboardAssets::all()) {
+  for (const KOEmulatorAsset& asset : KOEmulatorDashboardAssets::all()) {
     if (asset.name != (name.empty() ? std::string_view("index.html") : name)) continue;
     std::string body(asset.text);
     if (asset.name == "index.html") {
@@ -332,7 +332,7 @@ KOEmulator::KOEmulator(Options options) : impl_(std::make_unique<Impl>(std::move
     text << in.rdbuf();
     try {
       impl_->service.seed(text.str());
-    } catch (const std::invalid_argument &e) {
+    } catch (const std::invalid_argument& e) {
       throw std::runtime_error(impl_->options.seedFile + ": " + e.what());
     }
   }
@@ -354,20 +354,20 @@ int KOEmulator::start(int port) {
   // Headers and body go out in separate writes: without this, Nagle and delayed ACKs add ~40 ms.
   server->set_tcp_nodelay(true);
   server->set_payload_max_length(64u << 20);
-  Impl *impl = impl_.get();
-  auto handler = [impl](const httplib::Request &req, httplib::Response &res) { impl->serve(req, res); };
+  Impl* impl = impl_.get();
+  auto handler = [impl](const httplib::Request& req, httplib::Response& res) { impl->serve(req, res); };
   server->Get(".*", handler).Post(".*", handler).Put(".*", handler).Patch(".*", handler);
   server->Delete(".*", handler).Options(".*", handler);
   // Errors httplib answers by itself (unreadable request, oversized body) still get a JSON body,
   // and are recorded when they were meant for the service.
-  server->set_error_handler([impl](const httplib::Request &req, httplib::Response &res) {
+  server->set_error_handler([impl](const httplib::Request& req, httplib::Response& res) {
     if (!res.body.empty()) return;
     std::string message = "request refused by the HTTP layer (status " + std::to_string(res.status) + ")";
     res.set_content(KOEmulatorJSON::errorBody(message), "application/json");
     if (!KOEmulatorService::isControlPath(req.path)) {
       try {
         impl->record(req, res.status, message, {}, KOEmulatorStore::now());
-      } catch (const std::exception &) {
+      } catch (const std::exception&) {
       }
     }
   });
@@ -383,7 +383,7 @@ int KOEmulator::start(int port) {
   }
   server->widenBacklog();
   impl_->boundPort = bound;
-  httplib::Server *raw = server.get();
+  httplib::Server* raw = server.get();
   impl_->listener = std::thread([raw] {
     pthread_setname_np(pthread_self(), "emu-listener");
     raw->listen_after_bind();
@@ -430,10 +430,10 @@ std::string KOEmulator::controlURL() const { return baseURL() + kControlPath; }
 std::string KOEmulator::dashboardURL() const { return baseURL() + "/"; }
 std::string KOEmulator::controlToken() const { return impl_->token; }
 
-void KOEmulator::seed(const std::string &json) { impl_->service.seed(json); }
+void KOEmulator::seed(const std::string& json) { impl_->service.seed(json); }
 std::string KOEmulator::seedsJSON() const { return impl_->service.seedsJSON(); }
-void KOEmulator::injectFault(const KOEmulatorFault &fault) { impl_->faults.add(fault); }
-void KOEmulator::clearFaults(const std::string &path) { impl_->faults.clear(path); }
+void KOEmulator::injectFault(const KOEmulatorFault& fault) { impl_->faults.add(fault); }
+void KOEmulator::clearFaults(const std::string& path) { impl_->faults.clear(path); }
 std::vector<KOEmulatorFault> KOEmulator::faults() const { return impl_->faults.list(); }
 void KOEmulator::reset(bool resetSeeds) {
   impl_->store.reset(resetSeeds);
@@ -441,10 +441,10 @@ void KOEmulator::reset(bool resetSeeds) {
 }
 size_t KOEmulator::peakConcurrentRequests() const { return impl_->peakConcurrent.load(); }
 
-std::vector<KOEmulatorRequest> KOEmulator::requests(const std::string &pathFilter) const {
+std::vector<KOEmulatorRequest> KOEmulator::requests(const std::string& pathFilter) const {
   return impl_->store.requests(pathFilter);
 }
-size_t KOEmulator::requestCount(const std::string &pathFilter) const { return impl_->store.countRequests(pathFilter); }
+size_t KOEmulator::requestCount(const std::string& pathFilter) const { return impl_->store.countRequests(pathFilter); }
 std::vector<KOEmulatorDevice> KOEmulator::devices() const { return impl_->store.all<KOEmulatorDevice>(); }
 std::vector<KOEmulatorBatch> KOEmulator::batches() const { return impl_->store.all<KOEmulatorBatch>(); }
 std::vector<KOEmulatorEvent> KOEmulator::events() const { return impl_->store.all<KOEmulatorEvent>(); }
@@ -460,12 +460,12 @@ std::vector<KOEmulatorCampaignEvents> KOEmulator::campaignEvents() const {
 
 std::vector<KOEmulatorRoute> KOEmulator::routes() { return KOEmulatorService::routes(); }
 
-std::string KOEmulator::inspectJSON(const std::string &what, const std::string &pathFilter) const {
+std::string KOEmulator::inspectJSON(const std::string& what, const std::string& pathFilter) const {
   if (std::optional<std::string> json = impl_->service.inspect(what, pathFilter)) return *json;
   throw std::invalid_argument("nothing to inspect called \"" + what + "\"");
 }
 
-bool KOEmulator::waitForRequests(const std::string &pathFilter, size_t count, std::chrono::milliseconds timeout) const {
+bool KOEmulator::waitForRequests(const std::string& pathFilter, size_t count, std::chrono::milliseconds timeout) const {
   std::unique_lock lock(impl_->arrivalMutex);
   return impl_->arrived.wait_for(lock, timeout, [&] { return impl_->store.countRequests(pathFilter) >= count; });
 }

@@ -23,26 +23,26 @@ struct KOEmulatorColumn {
   // std::monostate: a column of the table that fills no member (a row id, a stored body).
   using Member = std::variant<std::monostate, std::string Record::*, int64_t Record::*, double Record::*, int Record::*,
                               bool Record::*>;
-  const char *sql;   // column name, or what a SELECT reads in its place; nullptr: never stored
-  const char *type;  // its declaration in CREATE TABLE; nullptr: read from another column
+  const char* sql;   // column name, or what a SELECT reads in its place; nullptr: never stored
+  const char* type;  // its declaration in CREATE TABLE; nullptr: read from another column
   Member member;
-  const char *key;  // the key in the control API's answers; nullptr: not shown
+  const char* key;  // the key in the control API's answers; nullptr: not shown
   KOJSONShape shape = KOJSONShape::Value;
 };
 
 // What a table of records adds to its columns. `table` is nullptr for records made from other
 // records when read (events, campaign counts) or kept outside the store (faults).
 struct KOEmulatorTable {
-  const char *table;
-  const char *constraints;  // after the columns in CREATE TABLE; "" for none
-  const char *order;        // ORDER BY of a read
+  const char* table;
+  const char* constraints;  // after the columns in CREATE TABLE; "" for none
+  const char* order;        // ORDER BY of a read
 };
 
 namespace KOEmulatorSQL {
-inline constexpr const char *kRowId = "INTEGER PRIMARY KEY";  // assigned by SQLite on insert
-inline constexpr const char *kText = "TEXT NOT NULL";
-inline constexpr const char *kInteger = "INTEGER NOT NULL";
-inline constexpr const char *kReal = "REAL NOT NULL";
+inline constexpr const char* kRowId = "INTEGER PRIMARY KEY";  // assigned by SQLite on insert
+inline constexpr const char* kText = "TEXT NOT NULL";
+inline constexpr const char* kInteger = "INTEGER NOT NULL";
+inline constexpr const char* kReal = "REAL NOT NULL";
 }  // namespace KOEmulatorSQL
 
 // Specialised below for every record kind: its `table` and its `columns`, in the order the

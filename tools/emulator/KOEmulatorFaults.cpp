@@ -6,7 +6,7 @@
 #include "KOEmulatorJSON.h"
 #include "KOEmulatorStore.h"
 
-void KOEmulatorFaults::validate(const KOEmulatorFault &f) {
+void KOEmulatorFaults::validate(const KOEmulatorFault& f) {
   if (f.path.empty() || (f.path != "*" && f.path.front() != '/')) {
     throw std::invalid_argument("fault path must start with \"/\" or be \"*\"");
   }
@@ -27,14 +27,14 @@ void KOEmulatorFaults::validate(const KOEmulatorFault &f) {
   }
 }
 
-bool KOEmulatorFaults::matches(const std::string &faultPath, const std::string &path) {
+bool KOEmulatorFaults::matches(const std::string& faultPath, const std::string& path) {
   return faultPath == "*" || KOEmulatorStore::pathMatches(faultPath, path);
 }
 
-void KOEmulatorFaults::add(const KOEmulatorFault &fault) {
+void KOEmulatorFaults::add(const KOEmulatorFault& fault) {
   validate(fault);
   std::lock_guard lock(mutex_);
-  auto it = std::find_if(entries_.begin(), entries_.end(), [&](const Entry &e) { return e.fault.path == fault.path; });
+  auto it = std::find_if(entries_.begin(), entries_.end(), [&](const Entry& e) { return e.fault.path == fault.path; });
   if (it != entries_.end()) {
     *it = Entry{fault, 0};
   } else {
@@ -42,23 +42,23 @@ void KOEmulatorFaults::add(const KOEmulatorFault &fault) {
   }
 }
 
-void KOEmulatorFaults::clear(const std::string &path) {
+void KOEmulatorFaults::clear(const std::string& path) {
   std::lock_guard lock(mutex_);
   if (path.empty()) {
     entries_.clear();
     return;
   }
-  std::erase_if(entries_, [&](const Entry &e) { return e.fault.path == path; });
+  std::erase_if(entries_, [&](const Entry& e) { return e.fault.path == path; });
 }
 
 std::vector<KOEmulatorFault> KOEmulatorFaults::list() const {
   std::lock_guard lock(mutex_);
   std::vector<KOEmulatorFault> out;
-  for (const auto &e : entries_) out.push_back(e.fault);
+  for (const auto& e : entries_) out.push_back(e.fault);
   return out;
 }
 
-std::optional<KOEmulatorFault> KOEmulatorFaults::take(const std::string &path, const std::string &body) {
+std::optional<KOEmulatorFault> KOEmulatorFaults::take(const std::string& path, const std::string& body) {
   std::lock_guard lock(mutex_);
   for (auto it = entries_.begin(); it != entries_.end(); ++it) {
     if (!matches(it->fault.path, path)) continue;
@@ -74,16 +74,16 @@ std::optional<KOEmulatorFault> KOEmulatorFaults::take(const std::string &path, c
   return std::nullopt;
 }
 
-KOEmulatorFault KOEmulatorFaults::fromJSON(const std::string &text) {
+KOEmulatorFault KOEmulatorFaults::fromJSON(const std::string& text) {
   rapidjson::Document doc;
   std::string error;
   if (!KOEmulatorJSON::parse(text, doc, error)) throw std::invalid_argument(error);
   if (!doc.IsObject()) throw std::invalid_argument("fault must be a JSON object");
   KOEmulatorFault f;
-  for (auto &m : doc.GetObject()) {
+  for (auto& m : doc.GetObject()) {
     std::string key = m.name.GetString();
-    const auto &v = m.value;
-    auto bad = [&](const char *what) {
+    const auto& v = m.value;
+    auto bad = [&](const char* what) {
       return std::invalid_argument("fault \"" + key + "\" must be " + what + ", got " + KOEmulatorJSON::typeName(v));
     };
     if (key == "path") {

@@ -2,7 +2,7 @@
 
 #include <rapidjson/error/en.h>
 
-bool KOEmulatorJSON::parse(std::string_view text, rapidjson::Document &doc, std::string &error) {
+bool KOEmulatorJSON::parse(std::string_view text, rapidjson::Document& doc, std::string& error) {
   doc.Parse<rapidjson::kParseValidateEncodingFlag>(text.data(), text.size());
   if (!doc.HasParseError()) {
     error.clear();
@@ -13,14 +13,14 @@ bool KOEmulatorJSON::parse(std::string_view text, rapidjson::Document &doc, std:
   return false;
 }
 
-std::string KOEmulatorJSON::serialize(const rapidjson::Value &value) {
+std::string KOEmulatorJSON::serialize(const rapidjson::Value& value) {
   rapidjson::StringBuffer buffer;
   KOJSONWriter writer(buffer);
   value.Accept(writer);
   return {buffer.GetString(), buffer.GetSize()};
 }
 
-std::string KOEmulatorJSON::errorBody(const std::string &message) {
+std::string KOEmulatorJSON::errorBody(const std::string& message) {
   rapidjson::StringBuffer buffer;
   KOJSONWriter writer(buffer);
   writer.StartObject();
@@ -30,7 +30,7 @@ std::string KOEmulatorJSON::errorBody(const std::string &message) {
   return {buffer.GetString(), buffer.GetSize()};
 }
 
-const char *KOEmulatorJSON::typeName(const rapidjson::Value &value) {
+const char* KOEmulatorJSON::typeName(const rapidjson::Value& value) {
   switch (value.GetType()) {
     case rapidjson::kNullType:
       return "null";
@@ -49,11 +49,11 @@ const char *KOEmulatorJSON::typeName(const rapidjson::Value &value) {
   return "unknown";
 }
 
-void KOEmulatorJSON::writeString(KOJSONWriter &w, const std::string &s) {
+void KOEmulatorJSON::writeString(KOJSONWriter& w, const std::string& s) {
   w.String(s.data(), static_cast<rapidjson::SizeType>(s.size()));
 }
 
-void KOEmulatorJSON::writeRaw(KOJSONWriter &w, const std::string &json) {
+void KOEmulatorJSON::writeRaw(KOJSONWriter& w, const std::string& json) {
   rapidjson::Document doc;
   std::string error;
   if (!json.empty() && parse(json, doc, error)) {
@@ -63,7 +63,7 @@ void KOEmulatorJSON::writeRaw(KOJSONWriter &w, const std::string &json) {
   }
 }
 
-void KOEmulatorJSON::writeValue(KOJSONWriter &w, const std::string &value, KOJSONShape shape) {
+void KOEmulatorJSON::writeValue(KOJSONWriter& w, const std::string& value, KOJSONShape shape) {
   if (shape == KOJSONShape::Raw) {
     writeRaw(w, value);
   } else if (shape == KOJSONShape::NullWhenEmpty && value.empty()) {

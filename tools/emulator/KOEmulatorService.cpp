@@ -17,7 +17,7 @@
 
 namespace KOEmulatorCalls {
 
-rapidjson::Document parseBody(const KOEmulatorCall &call) {
+rapidjson::Document parseBody(const KOEmulatorCall& call) {
   rapidjson::Document doc;
   std::string error;
   if (call.body.empty()) throw Refusal("missing JSON body");
@@ -26,8 +26,8 @@ rapidjson::Document parseBody(const KOEmulatorCall &call) {
   return doc;
 }
 
-const rapidjson::Value &member(const rapidjson::Value &object, const char *key, rapidjson::Type type,
-                               const char *what) {
+const rapidjson::Value& member(const rapidjson::Value& object, const char* key, rapidjson::Type type,
+                               const char* what) {
   auto it = object.FindMember(key);
   if (it == object.MemberEnd()) throw Refusal(std::string("body is missing \"") + key + "\"");
   if (it->value.GetType() != type) {
@@ -36,7 +36,7 @@ const rapidjson::Value &member(const rapidjson::Value &object, const char *key, 
   return it->value;
 }
 
-std::string optionalString(const rapidjson::Value &object, const char *key) {
+std::string optionalString(const rapidjson::Value& object, const char* key) {
   auto it = object.FindMember(key);
   if (it == object.MemberEnd()) return {};
   if (!it->value.IsString()) {
@@ -64,7 +64,7 @@ struct Route {
   std::string_view method;
   std::string_view path;  // exact, or every path under it when it ends in "/"
   Kind kind;
-  Reply (*handle)(const Env &, const Call &, const Query &);
+  Reply (*handle)(const Env&, const Call&, const Query&);
 };
 
 // Every call the emulator answers. Whatever no row takes gets its answer from noRoute().
@@ -107,27 +107,27 @@ constexpr Route kRoutes[] = {
     {"GET", "/__emulator/changes", Kind::Control, changes},
 };
 
-bool isService(const Route &route) { return route.kind == Kind::Service || route.kind == Kind::Universal; }
+bool isService(const Route& route) { return route.kind == Kind::Service || route.kind == Kind::Universal; }
 
-bool takes(const Route &route, std::string_view path) {
+bool takes(const Route& route, std::string_view path) {
   return route.path.ends_with('/') ? path.starts_with(route.path) : path == route.path;
 }
 
-const Route *find(std::string_view method, std::string_view path) {
-  for (const Route &route : kRoutes) {
+const Route* find(std::string_view method, std::string_view path) {
+  for (const Route& route : kRoutes) {
     if (route.method == method && takes(route, path)) return &route;
   }
   return nullptr;
 }
 
 // The one answer for a call no row takes.
-Reply noRoute(const Call &call) {
+Reply noRoute(const Call& call) {
   if (call.path.starts_with(kControlPrefix)) {
     std::string message = "no such control endpoint: " + (call.method == "GET" ? "" : call.method + " ") + call.path;
     return {404, J::errorBody(message), message};
   }
   std::string allowed;
-  for (const Route &route : kRoutes) {
+  for (const Route& route : kRoutes) {
     if (takes(route, call.path)) allowed += (allowed.empty() ? "" : ", ") + std::string(route.method);
   }
   if (!allowed.empty()) {
@@ -139,7 +139,7 @@ Reply noRoute(const Call &call) {
 }
 
 // The checks every service call shares, in the order the service makes them.
-void checkServiceCall(const Route &route, const Call &call, const Query &q) {
+void checkServiceCall(const Route& route, const Call& call, const Query& q) {
   if (route.method == "GET" && (!call.body.empty() || !call.contentType.empty())) {
     throw Refusal("a GET must carry neither a body nor a content type");
   }
@@ -154,26 +154,26 @@ void checkServiceCall(const Route &route, const Call &call, const Query &q) {
 
 std::vector<KOEmulatorRoute> KOEmulatorService::routes() {
   std::vector<KOEmulatorRoute> out;
-  for (const Route &route : kRoutes) {
+  for (const Route& route : kRoutes) {
     if (isService(route)) out.push_back({std::string(route.method), std::string(route.path)});
   }
   return out;
 }
 
-bool KOEmulatorService::isServicePath(const std::string &path) {
+bool KOEmulatorService::isServicePath(const std::string& path) {
   return std::any_of(std::begin(kRoutes), std::end(kRoutes),
-                     [&](const Route &route) { return isService(route) && takes(route, path); });
+                     [&](const Route& route) { return isService(route) && takes(route, path); });
 }
 
-bool KOEmulatorService::isFaultablePath(const std::string &path) {
-  return std::any_of(std::begin(kRoutes), std::end(kRoutes), [&](const Route &route) {
+bool KOEmulatorService::isFaultablePath(const std::string& path) {
+  return std::any_of(std::begin(kRoutes), std::end(kRoutes), [&](const Route& route) {
     return (isService(route) || route.kind == Kind::Image) && takes(route, path);
   });
 }
 
-bool KOEmulatorService::isControlPath(const std::string &path) { return path.starts_with(kControlPrefix); }
+bool KOEmulatorService::isControlPath(const std::string& path) { return path.starts_with(kControlPrefix); }
 
-std::string KOEmulatorService::queryJSON(const std::multimap<std::string, std::string> &query) {
+std::string KOEmulatorService::queryJSON(const std::multimap<std::string, std::string>& query) {
   rapidjson::StringBuffer buffer;
   KOJSONWriter w(buffer);
   w.StartObject();
@@ -193,28 +193,28 @@ std::string KOEmulatorService::queryJSON(const std::multimap<std::string, std::s
   return {buffer.GetString(), buffer.GetSize()};
 }
 
-KOEmulatorReply KOEmulatorService::handle(const KOEmulatorCall &call) {
-  const Route *route = find(call.method, call.path);
+KOEmulatorReply KOEmulatorService::handle(const KOEmulatorCall& call) {
+  const Route* route = find(call.method, call.path);
   if (!route) return noRoute(call);
   try {
     Query q(call.query);
     if (isService(*route)) checkServiceCall(*route, call, q);
     return route->handle(Env{store_, faults_, imagesDir_}, call, q);
-  } catch (const std::invalid_argument &refusal) {
+  } catch (const std::invalid_argument& refusal) {
     return {400, J::errorBody(refusal.what()), refusal.what()};
   }
 }
 
-std::optional<std::string> KOEmulatorService::inspect(const std::string &what, const std::string &pathFilter) const {
+std::optional<std::string> KOEmulatorService::inspect(const std::string& what, const std::string& pathFilter) const {
   KOEmulatorCall call;
   call.method = "GET";
   call.path = std::string(kControlPrefix) + what;
   call.query.emplace("path", pathFilter);
-  const Route *route = find(call.method, call.path);
+  const Route* route = find(call.method, call.path);
   if (!route || route->kind != Kind::Inspection) return std::nullopt;
   return route->handle(Env{store_, faults_, imagesDir_}, call, Query(call.query)).body;
 }
 
-void KOEmulatorService::seed(const std::string &json) { applySeed(store_, json); }
+void KOEmulatorService::seed(const std::string& json) { applySeed(store_, json); }
 
 std::string KOEmulatorService::seedsJSON() const { return seedsOf(store_); }

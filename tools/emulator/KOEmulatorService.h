@@ -37,32 +37,32 @@ struct KOEmulatorReply {
 class KOEmulatorService {
  public:
   // Images are served from the seeds and, when imagesDir is given, from the files under it.
-  KOEmulatorService(KOEmulatorStore &store, KOEmulatorFaults &faults, std::string imagesDir = {})
+  KOEmulatorService(KOEmulatorStore& store, KOEmulatorFaults& faults, std::string imagesDir = {})
       : store_(store), faults_(faults), imagesDir_(std::move(imagesDir)) {}
 
   // The service rows of the table, in table order.
   static std::vector<KOEmulatorRoute> routes();
   // Whether a service row takes this path, whatever its method: the calls faults may hit.
-  static bool isServicePath(const std::string &path);
+  static bool isServicePath(const std::string& path);
   // The calls faults may hit: service calls and images.
-  static bool isFaultablePath(const std::string &path);
-  static bool isControlPath(const std::string &path);  // under /__emulator/
-  static std::string queryJSON(const std::multimap<std::string, std::string> &query);
+  static bool isFaultablePath(const std::string& path);
+  static bool isControlPath(const std::string& path);  // under /__emulator/
+  static std::string queryJSON(const std::multimap<std::string, std::string>& query);
 
   // Looks the call's row up, runs the checks its kind shares with the other rows, then its
   // handler. A call no row takes is answered 404 here (405: a service path with another method).
-  KOEmulatorReply handle(const KOEmulatorCall &call);
+  KOEmulatorReply handle(const KOEmulatorCall& call);
   // The answer of GET /__emulator/<what>; nothing when no inspection row has that name.
-  std::optional<std::string> inspect(const std::string &what, const std::string &pathFilter) const;
+  std::optional<std::string> inspect(const std::string& what, const std::string& pathFilter) const;
 
   // Replaces the sections the seed names; throws std::invalid_argument when it is unusable.
-  void seed(const std::string &json);
+  void seed(const std::string& json);
   std::string seedsJSON() const;  // every section, defaults included
   // The seeded in-app campaign with this id ("inapps" first, then "campaigns"), as JSON.
-  std::optional<std::string> seededCampaign(const std::string &id) const;
+  std::optional<std::string> seededCampaign(const std::string& id) const;
 
  private:
-  KOEmulatorStore &store_;
-  KOEmulatorFaults &faults_;
+  KOEmulatorStore& store_;
+  KOEmulatorFaults& faults_;
   std::string imagesDir_;
 };

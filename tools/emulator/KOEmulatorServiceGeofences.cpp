@@ -11,7 +11,7 @@ namespace KOEmulatorCalls {
 namespace {
 
 // A coordinate of the query: a finite number within the range of its kind, as the service takes it.
-double coordinateParameter(const Query &q, const std::string &key, double limit) {
+double coordinateParameter(const Query& q, const std::string& key, double limit) {
   q.requireNumber(key);
   const double value = std::strtod(q.get(key).c_str(), nullptr);
   if (!std::isfinite(value) || std::fabs(value) > limit) {
@@ -33,8 +33,8 @@ double metresBetween(double lat1, double lng1, double lat2, double lng2) {
 
 }  // namespace
 
-Reply geofenceHit(const Env &env, const Call &, const Query &q) {
-  const auto &transition = q.require("transitionType");
+Reply geofenceHit(const Env& env, const Call&, const Query& q) {
+  const auto& transition = q.require("transitionType");
   if (transition != "enter" && transition != "exit") {
     throw Refusal("query parameter \"transitionType\" must be \"enter\" or \"exit\", got \"" + transition + "\"");
   }
@@ -55,7 +55,7 @@ Reply geofenceHit(const Env &env, const Call &, const Query &q) {
 // (50 km unless the seed says otherwise; the key stays on the service), nearest first. Entries
 // without a numeric "lat" and "lng", other keys of the section and a "fencesInfo" that is not a
 // list go out as seeded, so a test can hand the SDK bad answers.
-Reply geofences(const Env &env, const Call &, const Query &q) {
+Reply geofences(const Env& env, const Call&, const Query& q) {
   const double lat = coordinateParameter(q, "lat", 90);
   const double lng = coordinateParameter(q, "lng", 180);
   const std::string seeded = section(env.store, "geofences");
@@ -66,19 +66,19 @@ Reply geofences(const Env &env, const Call &, const Query &q) {
   if (list == doc.MemberEnd() || !list->value.IsArray()) return ok(seeded);
   double radius = 50000;
   const auto setting = doc.FindMember("search_radius");
-  const rapidjson::Value *settingValue = setting != doc.MemberEnd() ? &setting->value : nullptr;
+  const rapidjson::Value* settingValue = setting != doc.MemberEnd() ? &setting->value : nullptr;
   if (settingValue && settingValue->IsNumber()) radius = settingValue->GetDouble();
 
-  std::vector<std::pair<double, const rapidjson::Value *>> near;
-  std::vector<const rapidjson::Value *> unreadable;
-  for (const auto &fence : list->value.GetArray()) {
-    auto number = [&](const char *key) -> const rapidjson::Value * {
+  std::vector<std::pair<double, const rapidjson::Value*>> near;
+  std::vector<const rapidjson::Value*> unreadable;
+  for (const auto& fence : list->value.GetArray()) {
+    auto number = [&](const char* key) -> const rapidjson::Value* {
       if (!fence.IsObject()) return nullptr;
       const auto it = fence.FindMember(key);
       return it != fence.MemberEnd() && it->value.IsNumber() ? &it->value : nullptr;
     };
-    const rapidjson::Value *fLat = number("lat");
-    const rapidjson::Value *fLng = number("lng");
+    const rapidjson::Value* fLat = number("lat");
+    const rapidjson::Value* fLng = number("lng");
     if (!fLat || !fLng) {
       unreadable.push_back(&fence);
       continue;
@@ -86,12 +86,12 @@ Reply geofences(const Env &env, const Call &, const Query &q) {
     const double d = metresBetween(lat, lng, fLat->GetDouble(), fLng->GetDouble());
     if (d <= radius) near.emplace_back(d, &fence);
   }
-  std::stable_sort(near.begin(), near.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
+  std::stable_sort(near.begin(), near.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
 
   rapidjson::StringBuffer buffer;
   KOJSONWriter w(buffer);
   w.StartObject();
-  for (const auto &m : doc.GetObject()) {
+  for (const auto& m : doc.GetObject()) {
     if (&m.value == settingValue) continue;
     m.name.Accept(w);
     if (&m.value != &list->value) {
@@ -99,8 +99,8 @@ Reply geofences(const Env &env, const Call &, const Query &q) {
       continue;
     }
     w.StartArray();
-    for (const auto &[d, fence] : near) fence->Accept(w);
-    for (const auto *fence : unreadable) fence->Accept(w);
+    for (const auto& [d, fence] : near) fence->Accept(w);
+    for (const auto* fence : unreadable) fence->Accept(w);
     w.EndArray();
   }
   w.EndObject();

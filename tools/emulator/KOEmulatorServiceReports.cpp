@@ -5,7 +5,7 @@
 
 namespace KOEmulatorCalls {
 
-Reply deviceAdd(const Env &env, const Call &call, const Query &q) {
+Reply deviceAdd(const Env& env, const Call& call, const Query& q) {
   auto body = parseBody(call);
   KOEmulatorDevice d;
   d.appId = q.get("app_id");
@@ -23,18 +23,18 @@ Reply deviceAdd(const Env &env, const Call &call, const Query &q) {
   return ok();
 }
 
-Reply reportAdd(const Env &env, const Call &call, const Query &q) {
+Reply reportAdd(const Env& env, const Call& call, const Query& q) {
   q.requireDigits("batch_id");
   auto body = parseBody(call);
-  const auto &views = member(body, "viewsInfo", rapidjson::kArrayType, "an array");
-  const auto &count = member(body, "viewsCount", rapidjson::kNumberType, "an integer");
+  const auto& views = member(body, "viewsInfo", rapidjson::kArrayType, "an array");
+  const auto& count = member(body, "viewsCount", rapidjson::kNumberType, "an integer");
   if (!count.IsInt64()) throw Refusal("body \"viewsCount\" must be an integer");
   if (count.GetInt64() != static_cast<int64_t>(views.Size())) {
     throw Refusal("body \"viewsCount\" is " + std::to_string(count.GetInt64()) + " but \"viewsInfo\" holds " +
                   std::to_string(views.Size()) + " events");
   }
   for (rapidjson::SizeType i = 0; i < views.Size(); ++i) {
-    const auto &e = views[i];
+    const auto& e = views[i];
     if (!e.IsObject()) throw Refusal("event " + std::to_string(i) + " must be an object, got " + J::typeName(e));
   }
   KOEmulatorBatch batch;
@@ -49,7 +49,7 @@ Reply reportAdd(const Env &env, const Call &call, const Query &q) {
   return ok();
 }
 
-Reply getConfig(const Env &env, const Call &, const Query &q) {
+Reply getConfig(const Env& env, const Call&, const Query& q) {
   q.allowOnly({"app_id", "unique_id", "os"});
   q.requireNonEmpty("app_id");
   q.require("unique_id");
@@ -57,12 +57,12 @@ Reply getConfig(const Env &env, const Call &, const Query &q) {
   return ok(section(env.store, "config"));
 }
 
-Reply logUpload(const Env &env, const Call &call, const Query &q) {
+Reply logUpload(const Env& env, const Call& call, const Query& q) {
   std::string token = call.path.substr(kLogPrefix.size());
   if (token.empty() || token.find('/') != std::string::npos) throw Refusal("bad log token in path");
   q.allowOnly({});
   auto body = parseBody(call);
-  auto text = [&](const char *key) { return member(body, key, rapidjson::kStringType, "a string").GetString(); };
+  auto text = [&](const char* key) { return member(body, key, rapidjson::kStringType, "a string").GetString(); };
   KOEmulatorLog log;
   log.token = token;
   log.appid = text("appid");

@@ -55,7 +55,7 @@ std::optional<std::string> decodeBase64(std::string_view text) {
   return out;
 }
 
-std::string imageType(const std::string &path) {
+std::string imageType(const std::string& path) {
   const std::string extension = std::filesystem::path(path).extension().string();
   if (extension == ".png") return "image/png";
   if (extension == ".gif") return "image/gif";
@@ -64,10 +64,10 @@ std::string imageType(const std::string &path) {
 }
 
 // A file under the images directory; nothing for a path that would leave it.
-std::optional<std::string> imageFile(const std::string &dir, const std::string &path) {
+std::optional<std::string> imageFile(const std::string& dir, const std::string& path) {
   if (dir.empty()) return std::nullopt;
   const std::filesystem::path relative(path.substr(kImagePrefix.size()));
-  for (const auto &part : relative) {
+  for (const auto& part : relative) {
     if (part == ".." || part == "." || part.empty()) return std::nullopt;
   }
   const std::filesystem::path file = std::filesystem::path(dir) / relative;
@@ -83,16 +83,16 @@ std::optional<std::string> imageFile(const std::string &dir, const std::string &
 
 }  // namespace
 
-std::string section(const KOEmulatorStore &store, const std::string &name) {
+std::string section(const KOEmulatorStore& store, const std::string& name) {
   if (auto stored = store.seedSection(name)) return *stored;
   return kDefaultSeeds.find(name)->second;
 }
 
-std::string seedsOf(const KOEmulatorStore &store) {
+std::string seedsOf(const KOEmulatorStore& store) {
   rapidjson::StringBuffer buffer;
   KOJSONWriter w(buffer);
   w.StartObject();
-  for (const auto &[name, fallback] : kDefaultSeeds) {
+  for (const auto& [name, fallback] : kDefaultSeeds) {
     KOEmulatorJSON::writeString(w, name);
     KOEmulatorJSON::writeRaw(w, section(store, name));
   }
@@ -100,7 +100,7 @@ std::string seedsOf(const KOEmulatorStore &store) {
   return {buffer.GetString(), buffer.GetSize()};
 }
 
-void applySeed(KOEmulatorStore &store, const std::string &json) {
+void applySeed(KOEmulatorStore& store, const std::string& json) {
   rapidjson::Document doc;
   std::string error;
   if (!KOEmulatorJSON::parse(json, doc, error)) throw std::invalid_argument("seed: " + error);
@@ -108,13 +108,13 @@ void applySeed(KOEmulatorStore &store, const std::string &json) {
 
   // Check every section before storing any, so a bad seed changes nothing.
   std::vector<std::pair<std::string, std::string>> sections;
-  for (auto &m : doc.GetObject()) {
+  for (auto& m : doc.GetObject()) {
     std::string name(m.name.GetString(), m.name.GetStringLength());
-    auto &value = m.value;
+    auto& value = m.value;
     if (kDefaultSeeds.find(name) == kDefaultSeeds.end()) {
       throw std::invalid_argument("seed: unknown section \"" + name + "\"");
     }
-    static const std::map<std::string, const char *, std::less<>> listKeys = {
+    static const std::map<std::string, const char*, std::less<>> listKeys = {
         {"inapps", "campaign_info"}, {"inbox", "messagesInfo"}, {"geofences", "fencesInfo"}};
     auto listKey = listKeys.find(name);
     std::string text;
@@ -123,7 +123,7 @@ void applySeed(KOEmulatorStore &store, const std::string &json) {
       text = std::string("{\"") + listKey->second + "\":" + KOEmulatorJSON::serialize(value) + "}";
     } else if (value.IsObject()) {
       if (name == "images") {
-        for (auto &entry : value.GetObject()) {
+        for (auto& entry : value.GetObject()) {
           const std::string path = entry.name.GetString();
           if (!path.starts_with(kImagePrefix) || path.size() == kImagePrefix.size() || path.ends_with('/')) {
             throw std::invalid_argument("seed: image path \"" + path + "\" must name a file under " +
@@ -135,7 +135,7 @@ void applySeed(KOEmulatorStore &store, const std::string &json) {
         }
       }
       if (name == "campaigns" || name == "smart_triggers") {
-        for (auto &entry : value.GetObject()) {
+        for (auto& entry : value.GetObject()) {
           if (!entry.value.IsObject()) {
             throw std::invalid_argument("seed: " + name + " \"" + entry.name.GetString() + "\" must be an object");
           }
@@ -148,7 +148,7 @@ void applySeed(KOEmulatorStore &store, const std::string &json) {
     }
     sections.emplace_back(std::move(name), std::move(text));
   }
-  for (const auto &[name, text] : sections) {
+  for (const auto& [name, text] : sections) {
     if (name == "inapps") {
       rapidjson::Document inapps;
       KOEmulatorJSON::parse(text, inapps, error);
@@ -159,7 +159,7 @@ void applySeed(KOEmulatorStore &store, const std::string &json) {
 }
 
 // Images are plain files at plain URLs, as a CDN serves them: any query is ignored.
-Reply image(const Env &env, const Call &call, const Query &) {
+Reply image(const Env& env, const Call& call, const Query&) {
   std::optional<std::string> bytes;
   rapidjson::Document seeded;
   std::string error;

@@ -17,13 +17,13 @@
 namespace {
 
 // What the store keeps besides its records: the seeds and the stamps of the seeded campaigns.
-constexpr const char *kSchema = R"sql(
+constexpr const char* kSchema = R"sql(
 CREATE INDEX IF NOT EXISTS requests_path ON requests(path);
 CREATE TABLE IF NOT EXISTS seeds (section TEXT PRIMARY KEY, json TEXT NOT NULL);
 CREATE TABLE IF NOT EXISTS campaign_stamps (campaign TEXT PRIMARY KEY, stamp INTEGER NOT NULL);
 )sql";
 
-constexpr const char *kPathFilter =
+constexpr const char* kPathFilter =
     "(?1 = '' OR path = ?1 OR (substr(?1, -1) = '/' AND substr(path, 1, length(?1)) = ?1))";
 
 using KOEmulatorSQL::Statement;
@@ -33,21 +33,21 @@ template <class Record>
 using Kind = KOEmulatorRecordKind<Record>;
 
 template <class Column>
-bool fillsMember(const Column &column) {
+bool fillsMember(const Column& column) {
   return column.sql && !std::holds_alternative<std::monostate>(column.member);
 }
 
 // A column an INSERT names: one of the table's own, except the row id SQLite assigns.
 template <class Column>
-bool inserted(const Column &column) {
+bool inserted(const Column& column) {
   return column.type && std::string_view(column.type) != KOEmulatorSQL::kRowId;
 }
 
 template <class Record>
 std::string createSQL() {
   std::string sql = std::string("CREATE TABLE IF NOT EXISTS ") + Kind<Record>::table.table + " (";
-  const char *separator = "";
-  for (const auto &column : Kind<Record>::columns) {
+  const char* separator = "";
+  for (const auto& column : Kind<Record>::columns) {
     if (!column.type) continue;
     sql += separator + std::string(column.sql) + " " + column.type;
     separator = ", ";
@@ -59,7 +59,7 @@ std::string createSQL() {
 template <class Record>
 std::string insertSQL() {
   std::string names, values;
-  for (const auto &column : Kind<Record>::columns) {
+  for (const auto& column : Kind<Record>::columns) {
     if (!inserted(column)) continue;
     names += (names.empty() ? "" : ", ") + std::string(column.sql);
     values += values.empty() ? "?" : ",?";
@@ -70,10 +70,10 @@ std::string insertSQL() {
 // Binds the record's columns in insertSQL()'s order; `unmapped` fills, in order, the inserted
 // columns no member holds.
 template <class Record>
-void bindRow(Statement &s, const Record &record, std::initializer_list<std::string> unmapped = {}) {
+void bindRow(Statement& s, const Record& record, std::initializer_list<std::string> unmapped = {}) {
   int at = 0;
   auto extra = unmapped.begin();
-  for (const auto &column : Kind<Record>::columns) {
+  for (const auto& column : Kind<Record>::columns) {
     if (!inserted(column)) continue;
     ++at;
     std::visit(
@@ -94,7 +94,7 @@ void bindRow(Statement &s, const Record &record, std::initializer_list<std::stri
 template <class Record>
 std::string selectSQL() {
   std::string names;
-  for (const auto &column : Kind<Record>::columns) {
+  for (const auto& column : Kind<Record>::columns) {
     if (fillsMember(column)) names += (names.empty() ? "" : ", ") + std::string(column.sql);
   }
   return "SELECT " + names + " FROM " + Kind<Record>::table.table;
@@ -102,10 +102,10 @@ std::string selectSQL() {
 
 // The current row of a selectSQL() statement.
 template <class Record>
-Record readRow(const Statement &s) {
+Record readRow(const Statement& s) {
   Record record;
   int at = 0;
-  for (const auto &column : Kind<Record>::columns) {
+  for (const auto& column : Kind<Record>::columns) {
     if (!fillsMember(column)) continue;
     std::visit(
         [&](auto member) {
@@ -137,13 +137,13 @@ struct KindList {
 using StoredKinds = KindList<KOEmulatorRequest, KOEmulatorDevice, KOEmulatorBatch, KOEmulatorDuplicate,
                              KOEmulatorCategories, KOEmulatorLog, KOEmulatorGeofenceHit>;
 
-std::map<std::string, std::string> queryMap(const std::string &json) {
+std::map<std::string, std::string> queryMap(const std::string& json) {
   std::map<std::string, std::string> out;
   rapidjson::Document doc;
   std::string error;
   if (!KOEmulatorJSON::parse(json, doc, error) || !doc.IsObject()) return out;
-  for (auto &m : doc.GetObject()) {
-    const rapidjson::Value *v = &m.value;
+  for (auto& m : doc.GetObject()) {
+    const rapidjson::Value* v = &m.value;
     if (v->IsArray() && !v->Empty()) v = &(*v)[v->Size() - 1];
     if (v->IsString()) out[m.name.GetString()] = std::string(v->GetString(), v->GetStringLength());
   }
@@ -152,7 +152,7 @@ std::map<std::string, std::string> queryMap(const std::string &json) {
 
 }  // namespace
 
-KOEmulatorStore::KOEmulatorStore(const std::string &dataDir) {
+KOEmulatorStore::KOEmulatorStore(const std::string& dataDir) {
   std::error_code ec;
   std::filesystem::create_directories(dataDir, ec);
   if (ec) throw std::runtime_error("cannot create data directory " + dataDir + ": " + ec.message());
@@ -167,12 +167,12 @@ KOEmulatorStore::KOEmulatorStore(const std::string &dataDir) {
     // Durability matters less than speed here: the store is a test fixture, not a ledger.
     exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=OFF; PRAGMA foreign_keys=ON;");
     sqlite3_busy_timeout(db_, 5000);
-    for (const std::string &create : StoredKinds::creates()) exec(create.c_str());
+    for (const std::string& create : StoredKinds::creates()) exec(create.c_str());
     exec(kSchema);
     // Stores made before categories kept their device gain the columns (empty for old rows).
     sqlite3_exec(db_, "ALTER TABLE requests ADD COLUMN duration_ms REAL NOT NULL DEFAULT 0", nullptr, nullptr,
                  nullptr);  // fails harmlessly when present
-    for (const char *column : {"device_unique_id", "push_id"}) {
+    for (const char* column : {"device_unique_id", "push_id"}) {
       const std::string alter =
           std::string("ALTER TABLE categories ADD COLUMN ") + column + " TEXT NOT NULL DEFAULT ''";
       sqlite3_exec(db_, alter.c_str(), nullptr, nullptr, nullptr);  // fails harmlessly when present
@@ -185,8 +185,8 @@ KOEmulatorStore::KOEmulatorStore(const std::string &dataDir) {
 
 KOEmulatorStore::~KOEmulatorStore() { sqlite3_close(db_); }
 
-void KOEmulatorStore::exec(const char *sql) const {
-  char *message = nullptr;
+void KOEmulatorStore::exec(const char* sql) const {
+  char* message = nullptr;
   if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
     std::string text = message ? message : "unknown error";
     sqlite3_free(message);
@@ -199,12 +199,12 @@ double KOEmulatorStore::now() {
   return duration<double>(system_clock::now().time_since_epoch()).count();
 }
 
-bool KOEmulatorStore::pathMatches(const std::string &filter, const std::string &path) {
+bool KOEmulatorStore::pathMatches(const std::string& filter, const std::string& path) {
   if (filter.empty() || filter == path) return true;
   return filter.back() == '/' && path.compare(0, filter.size(), filter) == 0;
 }
 
-int64_t KOEmulatorStore::recordRequest(const KOEmulatorRequest &r) {
+int64_t KOEmulatorStore::recordRequest(const KOEmulatorRequest& r) {
   std::lock_guard lock(mutex_);
   Statement s(db_, insertSQL<KOEmulatorRequest>());
   bindRow(s, r);
@@ -216,11 +216,11 @@ int64_t KOEmulatorStore::recordRequest(const KOEmulatorRequest &r) {
 
 int64_t KOEmulatorStore::changeStamp() const { return changes_.load(); }
 
-void KOEmulatorStore::registerDevice(const KOEmulatorDevice &d) {
+void KOEmulatorStore::registerDevice(const KOEmulatorDevice& d) {
   // A device registers again on every start; keep its first sighting and count the rest.
   static const std::string upsert = [] {
     std::string sql = insertSQL<KOEmulatorDevice>() + " ON CONFLICT (app_id, unique_id) DO UPDATE SET ";
-    for (const auto &column : Kind<KOEmulatorDevice>::columns) {
+    for (const auto& column : Kind<KOEmulatorDevice>::columns) {
       const std::string_view name = column.sql;
       if (name == "app_id" || name == "unique_id" || name == "first_seen" || name == "registrations") continue;
       sql += std::string(name) + "=excluded." + std::string(name) + ", ";
@@ -236,7 +236,7 @@ void KOEmulatorStore::registerDevice(const KOEmulatorDevice &d) {
   s.run();
 }
 
-bool KOEmulatorStore::storeBatch(const KOEmulatorBatch &b, const std::string &eventsJSON) {
+bool KOEmulatorStore::storeBatch(const KOEmulatorBatch& b, const std::string& eventsJSON) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_);
   {
@@ -264,17 +264,17 @@ bool KOEmulatorStore::storeBatch(const KOEmulatorBatch &b, const std::string &ev
 }
 
 template <class Record>
-void KOEmulatorStore::add(const Record &record) {
+void KOEmulatorStore::add(const Record& record) {
   std::lock_guard lock(mutex_);
   Statement s(db_, insertSQL<Record>());
   bindRow(s, record);
   s.run();
 }
-template void KOEmulatorStore::add(const KOEmulatorCategories &);
-template void KOEmulatorStore::add(const KOEmulatorLog &);
-template void KOEmulatorStore::add(const KOEmulatorGeofenceHit &);
+template void KOEmulatorStore::add(const KOEmulatorCategories&);
+template void KOEmulatorStore::add(const KOEmulatorLog&);
+template void KOEmulatorStore::add(const KOEmulatorGeofenceHit&);
 
-std::optional<std::string> KOEmulatorStore::seedSection(const std::string &section) const {
+std::optional<std::string> KOEmulatorStore::seedSection(const std::string& section) const {
   std::lock_guard lock(mutex_);
   Statement s(db_, "SELECT json FROM seeds WHERE section=?");
   s.bind(1, section);
@@ -282,7 +282,7 @@ std::optional<std::string> KOEmulatorStore::seedSection(const std::string &secti
   return std::nullopt;
 }
 
-void KOEmulatorStore::setSeedSection(const std::string &section, const std::string &json) {
+void KOEmulatorStore::setSeedSection(const std::string& section, const std::string& json) {
   std::lock_guard lock(mutex_);
   ++changes_;
   Statement s(db_, "INSERT INTO seeds (section, json) VALUES (?1, ?2) ON CONFLICT (section) DO UPDATE SET json=?2");
@@ -297,12 +297,12 @@ std::map<std::string, int64_t> KOEmulatorStore::campaignStamps() const {
   return out;
 }
 
-void KOEmulatorStore::setCampaignStamps(const std::map<std::string, int64_t> &stamps) {
+void KOEmulatorStore::setCampaignStamps(const std::map<std::string, int64_t>& stamps) {
   std::lock_guard lock(mutex_);
   Transaction tx(db_);
   exec("DELETE FROM campaign_stamps;");
   Statement s(db_, "INSERT INTO campaign_stamps (campaign, stamp) VALUES (?, ?)");
-  for (const auto &[campaign, stamp] : stamps) {
+  for (const auto& [campaign, stamp] : stamps) {
     s.bind(1, campaign).bind(2, stamp).run();
     s.reset();
   }
@@ -318,7 +318,7 @@ void KOEmulatorStore::reset(bool seeds) {
   tx.commit();
 }
 
-std::vector<KOEmulatorRequest> KOEmulatorStore::requests(const std::string &pathFilter) const {
+std::vector<KOEmulatorRequest> KOEmulatorStore::requests(const std::string& pathFilter) const {
   std::lock_guard lock(mutex_);
   std::vector<KOEmulatorRequest> out;
   Statement s(db_, selectSQL<KOEmulatorRequest>() + " WHERE " + kPathFilter + " ORDER BY id");
@@ -330,7 +330,7 @@ std::vector<KOEmulatorRequest> KOEmulatorStore::requests(const std::string &path
   return out;
 }
 
-size_t KOEmulatorStore::countRequests(const std::string &pathFilter) const {
+size_t KOEmulatorStore::countRequests(const std::string& pathFilter) const {
   std::lock_guard lock(mutex_);
   Statement s(db_, std::string("SELECT count(*) FROM requests WHERE ") + kPathFilter);
   s.bind(1, pathFilter);
@@ -363,16 +363,16 @@ std::vector<KOEmulatorEvent> KOEmulatorStore::all() const {
     std::string error;
     // Every stored report body was parsed and checked when it came in.
     if (!KOEmulatorJSON::parse(s.text(3), stored, error)) continue;
-    const rapidjson::Value *found = &stored;
+    const rapidjson::Value* found = &stored;
     if (stored.IsObject()) {
       const auto member = stored.FindMember("viewsInfo");
       if (member == stored.MemberEnd()) continue;
       found = &member->value;
     }
-    const rapidjson::Value &views = *found;
+    const rapidjson::Value& views = *found;
     if (!views.IsArray()) continue;
     for (rapidjson::SizeType i = 0; i < views.Size(); ++i) {
-      const auto &view = views[i];
+      const auto& view = views[i];
       KOEmulatorEvent e;
       e.appId = s.text(0);
       e.uniqueId = s.text(1);
@@ -399,7 +399,7 @@ std::vector<KOEmulatorCampaignEvents> KOEmulatorStore::all() const {
       {"iOS_IN_APP_AUTO_DISMISS", &KOEmulatorCampaignEvents::inAppAutoDismissed}};
   std::vector<KOEmulatorCampaignEvents> out;
   std::map<std::string, size_t> indexOf;
-  for (const KOEmulatorEvent &event : all<KOEmulatorEvent>()) {
+  for (const KOEmulatorEvent& event : all<KOEmulatorEvent>()) {
     const auto counter = counters.find(event.name);
     if (counter == counters.end()) continue;
     rapidjson::Document record;

@@ -16,28 +16,28 @@ struct sqlite3;
 
 class KOEmulatorStore {
  public:
-  explicit KOEmulatorStore(const std::string &dataDir);  // throws std::runtime_error
+  explicit KOEmulatorStore(const std::string& dataDir);  // throws std::runtime_error
   ~KOEmulatorStore();
-  KOEmulatorStore(const KOEmulatorStore &) = delete;
-  KOEmulatorStore &operator=(const KOEmulatorStore &) = delete;
+  KOEmulatorStore(const KOEmulatorStore&) = delete;
+  KOEmulatorStore& operator=(const KOEmulatorStore&) = delete;
 
-  int64_t recordRequest(const KOEmulatorRequest &request);
-  void registerDevice(const KOEmulatorDevice &device);
+  int64_t recordRequest(const KOEmulatorRequest& request);
+  void registerDevice(const KOEmulatorDevice& device);
 
   // Stores the batch with its events (the report body as received) in one row: events are
   // read out of it when inspected, so that taking a report stays cheap. Returns false, and
   // records a duplicate instead, when this app and device already delivered a batch with that id.
-  bool storeBatch(const KOEmulatorBatch &batch, const std::string &eventsJSON);
+  bool storeBatch(const KOEmulatorBatch& batch, const std::string& eventsJSON);
   // Appends a record of a kind that is only ever added: categories, logs, geofence hits.
   template <class Record>
-  void add(const Record &record);
+  void add(const Record& record);
 
-  std::optional<std::string> seedSection(const std::string &section) const;
-  void setSeedSection(const std::string &section, const std::string &json);
+  std::optional<std::string> seedSection(const std::string& section) const;
+  void setSeedSection(const std::string& section, const std::string& json);
   // The update stamps (milliseconds since 1970) of the seeded in-app campaigns, keyed by each
   // campaign's JSON text; setting replaces them all.
   std::map<std::string, int64_t> campaignStamps() const;
-  void setCampaignStamps(const std::map<std::string, int64_t> &stamps);
+  void setCampaignStamps(const std::map<std::string, int64_t>& stamps);
 
   void reset(bool seeds);
 
@@ -46,8 +46,8 @@ class KOEmulatorStore {
   // stored reports.
   template <class Record>
   std::vector<Record> all() const;
-  std::vector<KOEmulatorRequest> requests(const std::string &pathFilter) const;
-  size_t countRequests(const std::string &pathFilter) const;
+  std::vector<KOEmulatorRequest> requests(const std::string& pathFilter) const;
+  size_t countRequests(const std::string& pathFilter) const;
 
   // One page of events, newest first, as JSON for the dashboard: {"events": [...], "next": cursor
   // or null}. A page reads only the batches it shows (stored events are never all parsed for it).
@@ -59,7 +59,7 @@ class KOEmulatorStore {
     int64_t beforePosition = -1;  // and inside it before this position (-1: the whole batch)
     size_t limit = 50;
   };
-  std::string timelineJSON(const TimelineQuery &query) const;
+  std::string timelineJSON(const TimelineQuery& query) const;
   // The latest requests, newest first, without their bodies: {"requests": [...]}.
   std::string requestLogJSON(size_t limit) const;
   // Changes whenever something was received or reset: what the dashboard polls.
@@ -67,11 +67,11 @@ class KOEmulatorStore {
 
   static double now();  // seconds since 1970
   // An exact path, or every path under a prefix that ends in "/"; empty matches everything.
-  static bool pathMatches(const std::string &filter, const std::string &path);
+  static bool pathMatches(const std::string& filter, const std::string& path);
 
  private:
-  void exec(const char *sql) const;
-  sqlite3 *db_ = nullptr;
+  void exec(const char* sql) const;
+  sqlite3* db_ = nullptr;
   mutable std::mutex mutex_;
   std::atomic<int64_t> changes_{0};
 };

@@ -9,7 +9,7 @@
 
 using KOEmulatorSQL::Statement;
 
-std::string KOEmulatorStore::timelineJSON(const TimelineQuery &q) const {
+std::string KOEmulatorStore::timelineJSON(const TimelineQuery& q) const {
   std::lock_guard lock(mutex_);
   const size_t limit = std::clamp<size_t>(q.limit, 1, 500);
   rapidjson::StringBuffer buffer;
@@ -33,7 +33,7 @@ std::string KOEmulatorStore::timelineJSON(const TimelineQuery &q) const {
     auto end = static_cast<int64_t>(views->value.Size());
     if (row == q.beforeRow && q.beforePosition >= 0) end = std::min(end, q.beforePosition);
     for (int64_t i = end - 1; i >= 0; --i) {
-      const auto &view = views->value[static_cast<rapidjson::SizeType>(i)];
+      const auto& view = views->value[static_cast<rapidjson::SizeType>(i)];
       const auto nameMember = view.IsObject() ? view.FindMember("EVENT_ACTION") : view.MemberEnd();
       const std::string name = view.IsObject() && nameMember != view.MemberEnd() && nameMember->value.IsString()
                                    ? nameMember->value.GetString()

@@ -29,7 +29,7 @@ void KOEmulatorTaskQueue::shutdown() {
     shuttingDown_ = true;
   }
   cond_.notify_all();
-  for (auto &t : threads_) {
+  for (auto& t : threads_) {
     if (t.joinable()) t.join();
   }
 }

@@ -17,8 +17,8 @@ class KOEmulatorTaskQueue : public httplib::TaskQueue {
  public:
   explicit KOEmulatorTaskQueue(size_t threads);
   ~KOEmulatorTaskQueue() override;
-  KOEmulatorTaskQueue(const KOEmulatorTaskQueue &) = delete;
-  KOEmulatorTaskQueue &operator=(const KOEmulatorTaskQueue &) = delete;
+  KOEmulatorTaskQueue(const KOEmulatorTaskQueue&) = delete;
+  KOEmulatorTaskQueue& operator=(const KOEmulatorTaskQueue&) = delete;
 
   void enqueue(std::function<void()> fn) override;
   void shutdown() override;

@@ -13,7 +13,7 @@
 #include "kovantis/emulator/KOEmulator.h"
 
 // KOEmulatorPreview.cpp: a seeded campaign drawn as the simulated phone shows it.
-std::string kovantisCampaignPreview(const std::string &campaignJSON);
+std::string kovantisCampaignPreview(const std::string& campaignJSON);
 
 namespace {
 
@@ -27,44 +27,44 @@ struct Settings {
 // Every option, with what --help says of it: the parser reads this table, so an option cannot be
 // accepted without being documented.
 struct Option {
-  const char *name;
-  const char *argument;  // nullptr: a flag
-  const char *help;
-  std::function<bool(Settings &, const std::string &)> apply;  // false: the value is unusable
+  const char* name;
+  const char* argument;  // nullptr: a flag
+  const char* help;
+  std::function<bool(Settings&, const std::string&)> apply;  // false: the value is unusable
 };
 
-const std::vector<Option> &options() {
+const std::vector<Option>& options() {
   static const std::vector<Option> table = {
       {"--port", "N", "port to listen on, on 127.0.0.1 (required); 0 picks a free one",
-       [](Settings &s, const std::string &v) {
-         char *end = nullptr;
+       [](Settings& s, const std::string& v) {
+         char* end = nullptr;
          const long p = std::strtol(v.c_str(), &end, 10);
          if (v.empty() || *end != '\0' || p < 0 || p > 65535) return false;
          s.port = static_cast<int>(p);
          return true;
        }},
       {"--data", "DIR", "directory of the store, DIR/emulator.sqlite (required); created when missing",
-       [](Settings &s, const std::string &v) {
+       [](Settings& s, const std::string& v) {
          s.emulator.dataDir = v;
          return !v.empty();
        }},
       {"--seed", "FILE", "JSON seed applied at start: config, in-app campaigns, inbox, geofences, images",
-       [](Settings &s, const std::string &v) {
+       [](Settings& s, const std::string& v) {
          s.emulator.seedFile = v;
          return !v.empty();
        }},
       {"--images", "DIR", "serve the files under DIR at /images/<relative path>",
-       [](Settings &s, const std::string &v) {
+       [](Settings& s, const std::string& v) {
          s.emulator.imagesDir = v;
          return !v.empty();
        }},
       {"--quiet", nullptr, "do not log each service call on stderr",
-       [](Settings &s, const std::string &) {
+       [](Settings& s, const std::string&) {
          s.quiet = true;
          return true;
        }},
       {"--help", nullptr, "print this help and exit",
-       [](Settings &s, const std::string &) {
+       [](Settings& s, const std::string&) {
          s.help = true;
          return true;
        }},
@@ -72,12 +72,12 @@ const std::vector<Option> &options() {
   return table;
 }
 
-void printHelp(std::ostream &out, const char *self) {
+void printHelp(std::ostream& out, const char* self) {
   out << "usage: " << self << " --port N --data DIR [--seed FILE] [--images DIR] [--quiet]\n\n"
       << "A local stand-in for the Kovantis service: answers every call the SDK makes, stores what it\n"
       << "received and fails on demand. Stops cleanly on SIGINT or SIGTERM.\n\n"
       << "options:\n";
-  for (const Option &o : options()) {
+  for (const Option& o : options()) {
     std::string left = std::string(o.name) + (o.argument ? std::string(" ") + o.argument : "");
     left.resize(std::max<size_t>(left.size() + 2, 16), ' ');
     out << "  " << left << o.help << '\n';
@@ -89,19 +89,19 @@ void printHelp(std::ostream &out, const char *self) {
       << KOEmulator::kTokenHeader << ".\n";
 }
 
-int usage(const char *self) {
+int usage(const char* self) {
   printHelp(std::cerr, self);
   return 2;
 }
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
   Settings settings;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
-    const Option *option = nullptr;
-    for (const Option &o : options()) {
+    const Option* option = nullptr;
+    for (const Option& o : options()) {
       if (arg == o.name) option = &o;
     }
     if (!option) return usage(argv[0]);
@@ -145,7 +145,7 @@ int main(int argc, char **argv) {
     sigwait(&stopSignals, &received);
     std::cout << "kovantis-emulator stopping (signal " << received << ")" << std::endl;
     emulator.stop();
-  } catch (const std::exception &e) {
+  } catch (const std::exception& e) {
     std::cerr << "kovantis-emulator: " << e.what() << std::endl;
     return 1;
   }

@@ -32,14 +32,14 @@ class KOEmulator {
     // Draws a seeded campaign (its JSON) as an SVG picture for the dashboard's preview; empty
     // answers "no preview". The kovantis-emulator program sets it to the simulated device's
     // renderer; the library itself draws nothing.
-    std::function<std::string(const std::string &campaignJSON)> campaignPicture;
+    std::function<std::string(const std::string& campaignJSON)> campaignPicture;
   };
 
   // Throws std::runtime_error when the store cannot be opened or the seed file is unusable.
   explicit KOEmulator(Options options);
   ~KOEmulator();
-  KOEmulator(const KOEmulator &) = delete;
-  KOEmulator &operator=(const KOEmulator &) = delete;
+  KOEmulator(const KOEmulator&) = delete;
+  KOEmulator& operator=(const KOEmulator&) = delete;
 
   // The service rows {method, path} of the request table, for a test checking the SDK's own service table against it.
   static std::vector<KOEmulatorRoute> routes();
@@ -55,34 +55,34 @@ class KOEmulator {
 
   // The control API (seeds, faults, inspection, reset: README of the emulator) lives under this
   // path on the same port; it is never recorded and never hit by faults.
-  static constexpr const char *kControlPath = "/__emulator/";
+  static constexpr const char* kControlPath = "/__emulator/";
   // Where the emulator's dashboard is served, under the control API.
-  static constexpr const char *kDashboardPath = "/__emulator/dashboard/";
+  static constexpr const char* kDashboardPath = "/__emulator/dashboard/";
   std::string controlURL() const;    // baseURL() + kControlPath
   std::string dashboardURL() const;  // baseURL() + kDashboardPath
   // Every call that changes the emulator over HTTP (seed, fault, reset) must carry this per-run
   // secret in the header "X-Kovantis-Token"; the dashboard page is handed it when served, and a
   // page from another origin can neither read it nor send the header. Calls from a browser must
   // also come from the emulator's own origin. In-process calls need none of this.
-  static constexpr const char *kTokenHeader = "X-Kovantis-Token";
+  static constexpr const char* kTokenHeader = "X-Kovantis-Token";
   std::string controlToken() const;
 
   // Seeds: a JSON object whose sections replace the ones stored (see README.md). Throws
   // std::invalid_argument with the reason when the text is not an acceptable seed.
-  void seed(const std::string &json);
+  void seed(const std::string& json);
   std::string seedsJSON() const;
 
-  void injectFault(const KOEmulatorFault &fault);
-  void clearFaults(const std::string &path = {});  // empty clears every fault
+  void injectFault(const KOEmulatorFault& fault);
+  void clearFaults(const std::string& path = {});  // empty clears every fault
   std::vector<KOEmulatorFault> faults() const;
 
   // Forgets everything received; with resetSeeds the seeds go back to their defaults too.
   void reset(bool resetSeeds = false);
 
   // Received requests in arrival order. A filter is an exact path or a prefix ending in "/".
-  std::vector<KOEmulatorRequest> requests(const std::string &pathFilter = {}) const;
+  std::vector<KOEmulatorRequest> requests(const std::string& pathFilter = {}) const;
   // How many requests match, without reading them.
-  size_t requestCount(const std::string &pathFilter = {}) const;
+  size_t requestCount(const std::string& pathFilter = {}) const;
   std::vector<KOEmulatorDevice> devices() const;
   std::vector<KOEmulatorBatch> batches() const;
   std::vector<KOEmulatorEvent> events() const;
@@ -96,7 +96,7 @@ class KOEmulator {
 
   // The JSON answer of GET /__emulator/<what>, e.g. inspectJSON("events"), or
   // inspectJSON("requests", "/v2/report/add"). Throws std::invalid_argument for an unknown name.
-  std::string inspectJSON(const std::string &what, const std::string &pathFilter = {}) const;
+  std::string inspectJSON(const std::string& what, const std::string& pathFilter = {}) const;
 
   // The most service and image requests that were being answered at once since the start or the
   // last reset (a stalled request counts for its whole stall): how a test sees a client's limit.
@@ -104,7 +104,7 @@ class KOEmulator {
 
   // Blocks until at least `count` requests matching the filter were received (whatever their
   // answer) or the timeout passed; returns whether the count was reached.
-  bool waitForRequests(const std::string &pathFilter, size_t count, std::chrono::milliseconds timeout) const;
+  bool waitForRequests(const std::string& pathFilter, size_t count, std::chrono::milliseconds timeout) const;
 
  private:
   class Impl;
