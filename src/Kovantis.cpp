@@ -10,7 +10,6 @@
 #include "KOInbox/KOInboxHandler.h"
 #include "KONotification/KONotificationHandler.h"
 #include "KOUtilities/KOInternalConstants.h"
-#include "KOUtilities/KOKeychain.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOSDKSettings.h"
 #include "KOUtilities/KOStackTrace.h"
@@ -23,17 +22,12 @@
 namespace {
 
 constexpr const char* kMissingAppId = "Kovantis - Please check the initialize call. You have missed the APP ID";
-// Set by a first start that could not read the keychain: the reinstall check is still owed.
-constexpr const char* kReinstallCheckPending = "KO_reinstallCheckPending";
 
 const KOPlatform& platform() { return KOPlatform::current(); }
 KOPreferenceStore& prefs() { return platform().preferences->standard(); }
 
 bool emptyText(const KOValue& v) { return !v.isString() || v.stringValue().empty(); }
 
-std::string keychainService() {
-  return KOStringFormat::format("%@.%@", {KOValue(KO_KEYCHAIN_SERVICE), KovantisUtils::bundleIdentifier()});
-}
 KOSDKSettings& settings() { return KOSDKSettings::shared(); }
 KOEventsHandler& events() { return KOEventsHandler::sharedInstance(); }
 KOUserAttributesHandler& attributes() { return KOUserAttributesHandler::sharedInstance(); }
@@ -118,27 +112,7 @@ void Kovantis::startModules(bool openDeeplinkUrlAutomatically) {
 }
 
 void Kovantis::checkReinstallAndSaveAppID(const KOValue& appId) {
-  // The keychain outlives the app: an item from an earlier install means this is a reinstall. A
-  // keychain that cannot be read decides nothing; a later start looks again.
-  const auto checkKeychain = [&] {
-    bool unreadable = false;
-    const std::string item = KOKeychain::keychainItem(keychainService(), &unreadable);
-    if (unreadable) {
-      KOLogger::logPlain("Kovantis - The keychain could not be read; the reinstall check waits for the next start");
-      prefs().setObject(KOValue(true), kReinstallCheckPending);
-      prefs().synchronize();
-      return;
-    }
-    if (!prefs().objectForKey(kReinstallCheckPending).isNil()) {
-      prefs().removeObjectForKey(kReinstallCheckPending);
-      prefs().synchronize();
-    }
-    if (!item.empty()) trackEvent(KOValue("REINSTALL"));
-  };
-  if (!KovantisUtils::getAppId().isNil()) {
-    if (!prefs().objectForKey(kReinstallCheckPending).isNil()) checkKeychain();
-    return;
-  }
+  if (!KovantisUtils::getAppId().isNil()) return device().checkOwedReinstall();
   if (emptyText(appId)) {
     KOLogger::logPlain(kMissingAppId);
     throw KOAssertionFailure(kMissingAppId);
@@ -146,8 +120,7 @@ void Kovantis::checkReinstallAndSaveAppID(const KOValue& appId) {
   KovantisUtils::saveAppId(appId);
   // Preferences that could not be read may hold an app id: this need not be a first start, so
   // nothing is decided on the id's absence. The store reads them again at the next start.
-  if (prefs().unreadable()) return;
-  checkKeychain();
+  if (!prefs().unreadable()) device().checkKeychainForReinstall();
 }
 
 void Kovantis::appStatus(int status) {

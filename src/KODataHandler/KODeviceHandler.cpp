@@ -6,7 +6,9 @@
 #include "KOEventsHandler.h"
 #include "KOUserAttributesHandler.h"
 #include "KOUtilities/KOInternalConstants.h"
+#include "KOUtilities/KOKeychain.h"
 #include "KOUtilities/KOLogger.h"
+#include "KOUtilities/KOStringFormat.h"
 #include "KOUtilities/KovantisUtils.h"
 #include "Network/KOServerInterface.h"
 #include "kovantis/KOConstants.h"
@@ -15,6 +17,11 @@
 namespace {
 
 bool emptyText(const KOValue& v) { return !v.isString() || v.stringValue().empty(); }
+
+// Set by a first start that could not read the keychain: the reinstall check is still owed.
+constexpr const char* kReinstallCheckPending = "KO_reinstallCheckPending";
+
+KOPreferenceStore& prefs() { return KOPlatform::current().preferences->standard(); }
 
 }  // namespace
 
@@ -55,9 +62,8 @@ void KODeviceHandler::addDeviceWithCompletion(std::function<void(bool)> completi
       try {
         // Registered whatever the answer: the service adds the device again from any later call.
         setModelDeviceAttribute();
-        KOPreferenceStore& prefs = KOPlatform::current().preferences->standard();
-        prefs.setObject(KOValue(true), KO_REGISTER_V2);
-        prefs.synchronize();
+        prefs().setObject(KOValue(true), KO_REGISTER_V2);
+        prefs().synchronize();
         KOLogger::logPlain("Kovantis - registered for push");
         if (completion) completion(true);
       } catch (const std::exception& e) {
@@ -79,6 +85,28 @@ void KODeviceHandler::registerNewUser() {
       KOLogger::logException(KO_HERE, this, "Kovantis - exception : %@", e);
     }
   });
+}
+
+void KODeviceHandler::checkKeychainForReinstall() {
+  bool unreadable = false;
+  const std::string service =
+      KOStringFormat::format("%@.%@", {KOValue(KO_KEYCHAIN_SERVICE), KovantisUtils::bundleIdentifier()});
+  const std::string item = KOKeychain::keychainItem(service, &unreadable);
+  if (unreadable) {
+    KOLogger::logPlain("Kovantis - The keychain could not be read; the reinstall check waits for the next start");
+    prefs().setObject(KOValue(true), kReinstallCheckPending);
+    prefs().synchronize();
+    return;
+  }
+  if (!prefs().objectForKey(kReinstallCheckPending).isNil()) {
+    prefs().removeObjectForKey(kReinstallCheckPending);
+    prefs().synchronize();
+  }
+  if (!item.empty()) KOEventsHandler::sharedInstance().trackEvent(KOValue("REINSTALL"), KOValue());
+}
+
+void KODeviceHandler::checkOwedReinstall() {
+  if (!prefs().objectForKey(kReinstallCheckPending).isNil()) checkKeychainForReinstall();
 }
 
 void KODeviceHandler::queryForAdvertisingID() {

@@ -20,6 +20,11 @@ class KODeviceHandler {
   void addDeviceWithCompletion(std::function<void(bool)> completion);
   /// A new user: the device is registered again, then its advertising id is reported.
   void registerNewUser();
+  /// The keychain outlives the app: an item from an earlier install means this start is a
+  /// reinstall ("REINSTALL"). A keychain that cannot be read decides nothing; the check is owed.
+  void checkKeychainForReinstall();
+  /// Makes the check a start that could not read the keychain owes; nothing otherwise.
+  void checkOwedReinstall();
   /// Reports the advertising id when it changed since the last report.
   void queryForAdvertisingID();
   /// Reports the locale's codes and display names that changed since the last report.
