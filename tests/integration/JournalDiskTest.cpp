@@ -191,7 +191,8 @@ TEST_F(JournalFullDiskTest, FillingUpWhileTrackingAtFullRateKillsNothingAndLoses
   tracked += 5000;
   EXPECT_LT(eventsSurvivingAKill("FILLING").size(), static_cast<std::size_t>(tracked));
   freeSpace();
-  ASSERT_TRUE(waitFor([&] { return onceEach(eventsSurvivingAKill("FILLING"), static_cast<std::size_t>(tracked)); }, 15));
+  ASSERT_TRUE(
+      waitFor([&] { return onceEach(eventsSurvivingAKill("FILLING"), static_cast<std::size_t>(tracked)); }, 15));
   emulator().clearFaults();
   ASSERT_TRUE(flush(60));
   expectDeliveredOnce("FILLING", static_cast<std::size_t>(tracked));
