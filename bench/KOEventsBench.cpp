@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -55,6 +56,20 @@ double processCPUSeconds() {
   getrusage(RUSAGE_SELF, &usage);
   return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
          static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// Bytes the files under a directory take on the disk (allocated blocks) and their apparent size.
+std::pair<double, double> directoryMegabytes(const std::string& directory) {
+  double allocated = 0, apparent = 0;
+  std::error_code error;
+  for (std::filesystem::recursive_directory_iterator it(directory, error), end; !error && it != end;
+       it.increment(error)) {
+    struct stat st {};
+    if (::lstat(it->path().c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+    allocated += static_cast<double>(st.st_blocks) * 512;
+    apparent += static_cast<double>(st.st_size);
+  }
+  return {allocated / 1e6, apparent / 1e6};
 }
 
 void waitForBackground(KOBenchRig& r) {
@@ -245,6 +260,11 @@ void BM_MillionRefusedThenRestored(benchmark::State& state) {
     const std::size_t failed = r.emulator->requestCount("/v2/report/add");
     r.emulator->clearFaults();
     r.device.runMainUntil([&] { return deliveredAll(r.device); }, 600);
+    waitForBackground(r);
+    // What the app keeps on disk once everything was delivered and it is idle.
+    const auto [documentsMB, documentsApparentMB] = directoryMegabytes(r.device.documentsDirectory());
+    state.counters["documents_MB"] = documentsMB;
+    state.counters["documents_apparent_MB"] = documentsApparentMB;
     std::size_t delivered = 0;
     for (const auto& batch : r.emulator->batches()) delivered += static_cast<std::size_t>(batch.eventCount);
     state.counters["failed_requests"] = static_cast<double>(failed);

@@ -214,7 +214,8 @@ class KOMappedFile {
   virtual char* data() = 0;
   virtual std::size_t size() const = 0;
   /// Grows the file and its mapping to `size` bytes, keeping every byte stored so far (the new
-  /// ones read as zeros); data() may move. False, with the mapping unchanged, when it cannot.
+  /// ones read as zeros, backed by storage like mapFile's); data() may move. False, with the
+  /// mapping unchanged, when it cannot (a full disk included).
   virtual bool resize(std::size_t size) = 0;
 };
 
@@ -262,7 +263,9 @@ class KOFileSystem {
   // ---- Memory-mapped files (optional).
   /// Creates the file (or resizes it) to `size` bytes and maps it shared: bytes stored into the
   /// mapping reach the file without a system call and survive the death of the process (not a
-  /// power loss). Nothing when the platform cannot map files.
+  /// power loss). Every byte of the mapping is backed by storage before this returns (allocated,
+  /// not a sparse file): a store into a page the disk cannot hold would kill the process with a
+  /// signal, so a full disk fails here instead (ENOSPC). Nothing when the platform cannot map files.
   virtual std::unique_ptr<KOMappedFile> mapFile(const std::string& path, std::size_t size,
                                                 KOFileError* error = nullptr) {
     (void)path;

@@ -10,7 +10,13 @@
 
 namespace {
 
-constexpr char kFileMagic[8] = {'K', 'O', 'V', 'J', 'R', 'N', 'L', '1'};
+constexpr char kFileMagic[8] = {'K', 'O', 'V', 'J', 'R', 'N', 'L', '2'};
+// The first journals had one header copy; their files are still read.
+constexpr char kSingleHeaderMagic[8] = {'K', 'O', 'V', 'J', 'R', 'N', 'L', '1'};
+// A header copy: magic, generation, checksum, 8 spare bytes. There are two, so that one damaged
+// byte cannot cost the whole generation.
+constexpr std::size_t kHeaderCopy = 32;
+static_assert(KOEventJournal::kFileHeader == 2 * kHeaderCopy);
 // Two bytes that never occur in UTF-8 text, so that a marker is never taken from a payload.
 constexpr char kEntryMarker[4] = {'\xFF', '\xFE', 'K', 'J'};
 
@@ -44,13 +50,38 @@ void store(char* p, T v) {
 
 std::uint64_t headerChecksum(std::uint64_t generation) { return checksum(generation, kFileMagic, sizeof kFileMagic); }
 
-// The generation a file's header names, or 0 when it is not a journal.
-std::uint64_t generationOf(std::string_view bytes) {
-  if (bytes.size() < KOEventJournal::kFileHeader) return 0;
-  if (std::memcmp(bytes.data(), kFileMagic, sizeof kFileMagic) != 0) return 0;
-  const auto generation = load<std::uint64_t>(bytes.data() + 8);
-  if (generation == 0 || load<std::uint64_t>(bytes.data() + 16) != headerChecksum(generation)) return 0;
+// The generation one header copy names, or 0 when it is damaged or not there.
+std::uint64_t generationInCopy(const char* copy, const char* magic) {
+  if (std::memcmp(copy, magic, 8) != 0) return 0;
+  const auto generation = load<std::uint64_t>(copy + 8);
+  if (generation == 0 || load<std::uint64_t>(copy + 16) != checksum(generation, magic, 8)) return 0;
   return generation;
+}
+
+struct Header {
+  std::uint64_t generation = 0;  // 0: not a journal (or both copies damaged)
+  std::size_t entries = 0;       // where the first entry starts
+  bool whole = false;            // both copies are intact
+};
+
+Header headerOf(std::string_view bytes) {
+  Header h;
+  if (bytes.size() >= kHeaderCopy) {
+    if (const std::uint64_t old = generationInCopy(bytes.data(), kSingleHeaderMagic)) return {old, kHeaderCopy, true};
+  }
+  if (bytes.size() < KOEventJournal::kFileHeader) return h;
+  const std::uint64_t first = generationInCopy(bytes.data(), kFileMagic);
+  const std::uint64_t second = generationInCopy(bytes.data() + kHeaderCopy, kFileMagic);
+  h.generation = first ? first : second;
+  if (h.generation) h.entries = KOEventJournal::kFileHeader;
+  h.whole = first && first == second;
+  return h;
+}
+
+void writeHeaderCopy(char* copy, std::uint64_t generation) {
+  store(copy + 8, generation);
+  store(copy + 16, headerChecksum(generation));
+  std::memcpy(copy, kFileMagic, sizeof kFileMagic);  // the magic last: a torn copy is no copy
 }
 
 void logJournal(const std::string& line) { KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException, line); }
@@ -65,10 +96,11 @@ std::size_t KOEventJournal::capacity() const { return current_ ? current_->size(
 
 KOEventJournal::Replay KOEventJournal::replay(std::string_view bytes) {
   Replay out;
-  out.generation = generationOf(bytes);
+  const Header header = headerOf(bytes);
+  out.generation = header.generation;
   out.fileSize = bytes.size();
   if (out.generation == 0) return out;
-  std::size_t pos = kFileHeader;
+  std::size_t pos = header.entries;
   out.end = pos;
   const std::string_view marker(kEntryMarker, sizeof kEntryMarker);
   bool inDamage = false;
@@ -187,9 +219,14 @@ KOEventJournal::Replay KOEventJournal::recover(KOFileSystem& fs) {
 bool KOEventJournal::reopen(KOFileSystem& fs) {
   if (current_ || generation_ == 0 || recoveredEnd_ < kFileHeader || recoveredSize_ < recoveredEnd_) return false;
   std::unique_ptr<KOMappedFile> mapped = fs.mapFile(pathOf(currentFile_), recoveredSize_);
-  if (!mapped || mapped->size() != recoveredSize_ ||
-      generationOf(std::string_view(mapped->data(), kFileHeader)) != generation_) {
-    return false;
+  if (!mapped || mapped->size() != recoveredSize_) return false;
+  const Header header = headerOf(std::string_view(mapped->data(), kFileHeader));
+  // A file of the single-header kind gets a new generation rather than appends.
+  if (header.generation != generation_ || header.entries != kFileHeader) return false;
+  if (!header.whole) {
+    // Both copies again: the next damaged byte must not find the last one.
+    writeHeaderCopy(mapped->data() + kHeaderCopy, generation_);
+    writeHeaderCopy(mapped->data(), generation_);
   }
   // What an append cut short by the kill left is cleared, so that new entries are not followed by
   // its remains (they would only count as damage).
@@ -209,7 +246,10 @@ bool KOEventJournal::openNext(KOFileSystem& fs, std::size_t contentBytes) {
   fs.removeItem(path);
   KOFileError error;
   std::unique_ptr<KOMappedFile> mapped = fs.mapFile(path, size, &error);
-  if (!mapped) return false;  // the owner says so, once
+  if (!mapped) {
+    fs.removeItem(path);  // whatever the allocation got before the space ran out
+    return false;         // the owner says so, once
+  }
   previous_ = std::move(current_);
   previousUsed_ = used_;
   previousFile_ = currentFile_;
@@ -225,15 +265,16 @@ void KOEventJournal::abandonNext() {
   currentFile_ = previousFile_;
 }
 
-void KOEventJournal::commitNext() {
-  // The header last: until it is stored, a restart reads the previous generation.
-  char* header = current_->data();
+void KOEventJournal::commitNext(KOFileSystem& fs) {
+  // The header last: until one copy is stored, a restart reads the previous generation.
   const std::uint64_t generation = generation_ + 1;
-  store(header + 8, generation);
-  store(header + 16, headerChecksum(generation));
-  std::memcpy(header, kFileMagic, sizeof kFileMagic);
+  writeHeaderCopy(current_->data() + kHeaderCopy, generation);
+  writeHeaderCopy(current_->data(), generation);
   generation_ = generation;
   previous_.reset();
+  // Everything the previous generation said is in this one or in the batch file: its file goes, so
+  // that its disk space comes back and a restart can never replay what is out of date.
+  fs.removeItem(pathOf(previousFile_));
 }
 
 bool KOEventJournal::append(Kind kind, std::string_view payload) {

@@ -3,8 +3,12 @@
 // no system call and survives the death of the process (the kernel holds the pages), so a record
 // is safe from the moment trackEvent returns; a power loss is not covered (nothing is fsynced per
 // event). The batch file stays what it was: the journal only carries what the file does not hold
-// yet, and starts over (a new generation in the other of its two files) once the file caught up.
+// yet, and starts over (a new generation in the other of its two files, the old file then removed)
+// once the file caught up. Every byte of a file is allocated before it is mapped: a full disk is a
+// failed call, never a signal at a store.
 //
+// A file starts with two copies of its header (the generation), so one damaged byte there costs
+// nothing.
 // An entry is a marker, its length, a checksum and its kind, then the payload. The marker is
 // stored last, so an entry cut short by a kill is no entry at all; a damaged entry is skipped up
 // to the next marker, losing that entry alone.
@@ -65,8 +69,9 @@ class KOEventJournal {
   static Replay replay(std::string_view bytes);
 
   /// Starts a new generation in the other file, with room for `contentBytes` written by the caller
-  /// through `append` before the call returns and as much again to grow. Returns false (keeping
-  /// the current generation) when the file cannot be mapped.
+  /// through `append` before the call returns and as much again to grow; the previous generation's
+  /// file is removed once it is complete. Returns false (keeping the current generation) when the
+  /// file cannot be mapped.
   template <typename Fill>
   bool startGeneration(KOFileSystem& fs, std::size_t contentBytes, Fill&& fill) {
     if (!openNext(fs, contentBytes)) return false;
@@ -74,7 +79,7 @@ class KOEventJournal {
       abandonNext();
       return false;
     }
-    commitNext();
+    commitNext(fs);
     return true;
   }
 
@@ -99,7 +104,7 @@ class KOEventJournal {
   std::uint64_t generation() const { return generation_; }
   std::string pathOf(int file) const { return basePath_ + "." + std::to_string(file); }
 
-  static constexpr std::size_t kFileHeader = 32;
+  static constexpr std::size_t kFileHeader = 64;  // two copies of the header
   static constexpr std::size_t kEntryHeader = 4 + 4 + 8 + 1;
   static constexpr std::size_t kMinimumCapacity = 256 * 1024;
 
@@ -108,7 +113,7 @@ class KOEventJournal {
   static bool replaySplit(std::string_view payload, Replay& out);
   bool openNext(KOFileSystem& fs, std::size_t contentBytes);
   void abandonNext();
-  void commitNext();
+  void commitNext(KOFileSystem& fs);
 
   std::string basePath_;
   std::unique_ptr<KOMappedFile> current_;

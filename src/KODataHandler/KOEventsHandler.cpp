@@ -190,13 +190,31 @@ bool KOEventsHandler::startJournalLocked() {
   });
   if (started) {
     journalFailed_ = false;
-  } else if (!journalFailed_) {
+    journalRetryDelay_ = 0;
+    return true;
+  }
+  if (!journalFailed_) {
     journalFailed_ = true;
     KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
                          "Kovantis - The event journal cannot be written: events not yet in the batch file are kept in "
                          "memory only");
   }
-  return started;
+  retryJournalLocked();
+  return false;
+}
+
+void KOEventsHandler::retryJournalLocked() {
+  // Like a failed write of the batch file: tried again, at a bounded pace, until the disk takes it.
+  journalRetryDelay_ = journalRetryDelay_ == 0 ? 0.05 : std::min(journalRetryDelay_ * 2, 2.0);
+  if (journalRetryPending_) return;
+  journalRetryPending_ = true;
+  platform().dispatch->afterBackground(journalRetryDelay_, [this] {
+    std::lock_guard<std::mutex> lock(mutex_);
+    journalRetryPending_ = false;
+    // With nothing at risk (every batch in the file, no record in memory) it waits for the next
+    // entry rather than polling a full disk for good.
+    if (journalFailed_ && journalLiveBytesLocked() > 0) startJournalLocked();
+  });
 }
 
 std::size_t KOEventsHandler::journalLiveBytesLocked() const {
@@ -210,24 +228,32 @@ std::size_t KOEventsHandler::journalLiveBytesLocked() const {
 }
 
 void KOEventsHandler::journalLocked(KOEventJournal::Kind kind, std::string_view payload) {
+  // Once an entry could not be written, none after it is either (a cut would then stand for records
+  // the journal lacks): until the retry starts a new generation holding all of it, it is in memory.
+  if (journalFailed_) {
+    if (!journalRetryPending_) retryJournalLocked();
+    return;
+  }
   if (journal_.append(kind, payload)) return;
   // Full: while it holds mostly records still in memory, it grows in place (nothing copied);
   // otherwise, or when it cannot grow, a new generation holds what this entry would have said (it
-  // is in the store or in memory already). Without a mapping it is tried again after a write.
-  if (journal_.isOpen()) {
-    if (2 * journalLiveBytesLocked() > journal_.used()) {
-      while (journal_.grow()) {
-        if (journal_.append(kind, payload)) return;
-      }
+  // is in the store or in memory already).
+  if (journal_.isOpen() && 2 * journalLiveBytesLocked() > journal_.used()) {
+    while (journal_.grow()) {
+      if (journal_.append(kind, payload)) return;
     }
   }
-  if (journal_.isOpen() || !journalFailed_) startJournalLocked();
+  startJournalLocked();
 }
 
 void KOEventsHandler::journalBatchLocked(const std::string& id) {
+  if (journalFailed_) {
+    if (!journalRetryPending_) retryJournalLocked();
+    return;
+  }
   const auto batch = store_.find(id);
   if (!batch || journal_.appendBatch(id, batch->count(), KOBatchStore::recordsText(batch->reportBody()))) return;
-  if (journal_.isOpen() || !journalFailed_) startJournalLocked();  // a new generation carries it
+  startJournalLocked();  // a new generation carries it
 }
 
 void KOEventsHandler::forgetBatchLocked(const std::string& id) {
@@ -482,8 +508,12 @@ bool KOEventsHandler::writeSnapshotNow() {
   }
   store_.removeMergedAside(*platform().fileSystem);
   // The file caught up: the journal starts over with what is still missing from it, once that is
-  // much less than what it holds.
-  if (!journal_.isOpen() || journal_.used() > std::max(kJournalCompactBytes, 2 * journalLiveBytesLocked())) {
+  // much less than what it holds, or than the room it took (a generation grown for a burst shrinks
+  // back to its starting size once the burst is in the file or delivered).
+  const std::size_t live = journalLiveBytesLocked();
+  if (!journal_.isOpen() || journalFailed_ || journal_.used() > std::max(kJournalCompactBytes, 2 * live) ||
+      (journal_.capacity() > KOEventJournal::kMinimumCapacity &&
+       journal_.capacity() > 4 * (live + KOEventJournal::kFileHeader))) {
     startJournalLocked();
   }
   return true;

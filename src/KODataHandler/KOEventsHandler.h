@@ -146,6 +146,8 @@ class KOEventsHandler {
   /// Starts a new journal generation holding only what the batch file does not: records in
   /// memory, batches missing from the file, and the batches gone since the file was written.
   bool startJournalLocked();
+  /// After the journal could not be written: a new generation is tried again, at a bounded pace.
+  void retryJournalLocked();
   /// What a new journal generation would hold now, in bytes.
   std::size_t journalLiveBytesLocked() const;
   /// After a failed write of the batch file: it stays due and is written again, at a bounded pace.
@@ -170,7 +172,9 @@ class KOEventsHandler {
   KOEventJournal journal_;
   std::set<std::string> fileIds_;  // the batches the batch file holds, as of its last write
   std::size_t fileBodyBytes_ = 0;  // their report bodies' bytes
-  bool journalFailed_ = false;     // logged once
+  bool journalFailed_ = false;     // entries go to memory only until a new generation starts; logged once
+  bool journalRetryPending_ = false;
+  double journalRetryDelay_ = 0;  // seconds before the next try of a new generation
   struct FlushWaiter {
     std::uint64_t roundsBefore;  // served by the first sync round numbered above this
     std::function<void(bool)> completion;

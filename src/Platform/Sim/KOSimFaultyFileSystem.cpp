@@ -6,22 +6,39 @@ KOSimFaultyFileSystem::KOSimFaultyFileSystem(std::shared_ptr<KOFileSystem> inner
     : KOForwardingFileSystem(std::move(inner)) {}
 
 void KOSimFaultyFileSystem::inject(KOFileFault fault, std::string pathContains, int times) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  fault_ = fault;
-  pathContains_ = std::move(pathContains);
-  remaining_ = times;
+  std::lock_guard<std::mutex> lock(faults_->mutex);
+  faults_->fault = fault;
+  faults_->pathContains = std::move(pathContains);
+  faults_->remaining = times;
 }
 
 void KOSimFaultyFileSystem::clear() { inject(KOFileFault::None, "", 0); }
 
-bool KOSimFaultyFileSystem::fires(KOFileFault kind, const std::string& path) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (fault_ != kind || remaining_ == 0) return false;
-  if (!pathContains_.empty() && path.find(pathContains_) == std::string::npos) return false;
-  if (remaining_ > 0) --remaining_;
-  ++fired_;
+bool KOSimFaultyFileSystem::Faults::fires(KOFileFault kind, const std::string& path) {
+  std::lock_guard<std::mutex> lock(mutex);
+  if (fault != kind || remaining == 0) return false;
+  if (!pathContains.empty() && path.find(pathContains) == std::string::npos) return false;
+  if (remaining > 0) --remaining;
+  ++fired;
   return true;
 }
+
+class KOSimFaultyFileSystem::FaultyMappedFile : public KOMappedFile {
+ public:
+  FaultyMappedFile(std::unique_ptr<KOMappedFile> inner, std::string path, std::shared_ptr<Faults> faults)
+      : inner_(std::move(inner)), path_(std::move(path)), faults_(std::move(faults)) {}
+  char* data() override { return inner_->data(); }
+  std::size_t size() const override { return inner_->size(); }
+  bool resize(std::size_t size) override {
+    if (faults_->fires(KOFileFault::DiskFull, path_) || faults_->fires(KOFileFault::IOError, path_)) return false;
+    return inner_->resize(size);
+  }
+
+ private:
+  std::unique_ptr<KOMappedFile> inner_;
+  std::string path_;
+  std::shared_ptr<Faults> faults_;
+};
 
 std::optional<std::string> KOSimFaultyFileSystem::readFile(const std::string& path, KOFileError* error) const {
   if (fires(KOFileFault::ReadError, path)) {
@@ -79,8 +96,9 @@ bool KOSimFaultyFileSystem::renameFile(const std::string& from, const std::strin
 bool KOSimFaultyFileSystem::removeItem(const std::string& path, KOFileError* error) {
   // After an injected crash nothing of the writer runs any more, so its clean-up must not either.
   {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (fault_ == KOFileFault::CrashBeforeRename && fired_ > 0 && path.find(".tmp-") != std::string::npos) {
+    std::lock_guard<std::mutex> lock(faults_->mutex);
+    if (faults_->fault == KOFileFault::CrashBeforeRename && faults_->fired > 0 &&
+        path.find(".tmp-") != std::string::npos) {
       return true;
     }
   }
@@ -90,6 +108,13 @@ bool KOSimFaultyFileSystem::removeItem(const std::string& path, KOFileError* err
 std::unique_ptr<KOMappedFile> KOSimFaultyFileSystem::mapFile(const std::string& path, std::size_t size,
                                                              KOFileError* error) {
   if (fires(KOFileFault::DiskFull, path)) {
+    // The space runs out part-way: the file exists, with what could be allocated (never less than
+    // it held), and nothing is mapped.
+    if (size > 1) {
+      const std::optional<std::string> held = target().readFile(path);
+      const std::size_t had = held ? held->size() : 0;
+      if (had < size / 2) target().mapFile(path, size / 2);
+    }
     if (error) *error = KOFileError{ENOSPC, "injected full disk"};
     return nullptr;
   }
@@ -97,5 +122,7 @@ std::unique_ptr<KOMappedFile> KOSimFaultyFileSystem::mapFile(const std::string& 
     if (error) *error = KOFileError{EIO, "injected I/O error"};
     return nullptr;
   }
-  return target().mapFile(path, size, error);
+  std::unique_ptr<KOMappedFile> mapped = target().mapFile(path, size, error);
+  if (!mapped) return nullptr;
+  return std::make_unique<FaultyMappedFile>(std::move(mapped), path, faults_);
 }

@@ -11,7 +11,8 @@
 
 enum class KOFileFault {
   None,
-  DiskFull,           // a write stores only part of its bytes, then fails with ENOSPC
+  DiskFull,           // a write stores only part of its bytes, then fails with ENOSPC; a mapping
+                      // or its growth runs out of space part-way through the allocation
   IOError,            // a write fails with EIO before storing anything
   ReadError,          // a read fails with EIO
   CrashBeforeRename,  // the rename never happens; the temporary file stays behind
@@ -26,7 +27,7 @@ class KOSimFaultyFileSystem : public KOForwardingFileSystem {
   void inject(KOFileFault fault, std::string pathContains = "", int times = 1);
   void clear();
   /// How many faults fired so far.
-  int faultsFired() const { return fired_; }
+  int faultsFired() const { return faults_->fired; }
 
   // Only the calls that can fail are overridden; the rest go straight through.
   std::optional<std::string> readFile(const std::string& path, KOFileError* error = nullptr) const override;
@@ -37,16 +38,23 @@ class KOSimFaultyFileSystem : public KOForwardingFileSystem {
                          KOFileError* error = nullptr, unsigned mode = 0644) override;
   bool renameFile(const std::string& from, const std::string& to, KOFileError* error = nullptr) override;
   bool removeItem(const std::string& path, KOFileError* error = nullptr) override;
-  /// A full disk or an I/O error armed for the path makes the mapping fail.
+  /// A full disk fails where a real one does, at the allocation: mapping a file, or growing a
+  /// mapping later (the file may be left longer, never the mapping). An I/O error fails the mapping.
   std::unique_ptr<KOMappedFile> mapFile(const std::string& path, std::size_t size,
                                         KOFileError* error = nullptr) override;
 
  private:
-  bool fires(KOFileFault kind, const std::string& path) const;
+  // Shared with the mappings handed out, which may outlive this wrapper.
+  struct Faults {
+    bool fires(KOFileFault kind, const std::string& path);
+    std::mutex mutex;
+    KOFileFault fault = KOFileFault::None;
+    std::string pathContains;
+    int remaining = 0;
+    std::atomic<int> fired{0};
+  };
+  class FaultyMappedFile;
+  bool fires(KOFileFault kind, const std::string& path) const { return faults_->fires(kind, path); }
 
-  mutable std::mutex mutex_;
-  KOFileFault fault_ = KOFileFault::None;
-  std::string pathContains_;
-  mutable int remaining_ = 0;
-  mutable std::atomic<int> fired_{0};
+  std::shared_ptr<Faults> faults_ = std::make_shared<Faults>();
 };

@@ -156,6 +156,19 @@ std::vector<std::string> KOSimFileSystem::listDirectory(const std::string& path)
 
 namespace {
 
+// Gives [from, to) real blocks. A page of a shared mapping that the file system cannot back is a
+// SIGBUS at the store that touches it, not an error: a sparse file (ftruncate alone) turns a full
+// disk into a crash. On failure the file goes back to `had` bytes and errno says why.
+bool reserve(int fd, std::size_t from, std::size_t to, std::size_t had) {
+  const int code = ::posix_fallocate(fd, static_cast<off_t>(from), static_cast<off_t>(to - from));
+  if (code == 0) return true;
+  // What was allocated before the space ran out is given back.
+  const bool restored = ::ftruncate(fd, static_cast<off_t>(had)) == 0;
+  (void)restored;
+  errno = code;
+  return false;
+}
+
 class KOSimMappedFile : public KOMappedFile {
  public:
   KOSimMappedFile(int fd, char* data, std::size_t size) : fd_(fd), data_(data), size_(size) {}
@@ -166,7 +179,7 @@ class KOSimMappedFile : public KOMappedFile {
   char* data() override { return data_; }
   std::size_t size() const override { return size_; }
   bool resize(std::size_t size) override {
-    if (size < size_ || ::ftruncate(fd_, static_cast<off_t>(size)) != 0) return false;
+    if (size < size_ || !reserve(fd_, size_, size, size_)) return false;
     void* moved = ::mremap(data_, size_, size, MREMAP_MAYMOVE);  // the pages move, no byte is copied
     if (moved == MAP_FAILED) return false;
     data_ = static_cast<char*>(moved);
@@ -192,10 +205,19 @@ std::unique_ptr<KOMappedFile> KOSimFileSystem::mapFile(const std::string& path, 
     fail(error, errno, "open " + path);
     return nullptr;
   }
-  if (::ftruncate(fd, static_cast<off_t>(size)) != 0) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) {
     const int code = errno;
     ::close(fd);
-    fail(error, code, "resize " + path);
+    fail(error, code, "stat " + path);
+    return nullptr;
+  }
+  const auto had = static_cast<std::size_t>(st.st_size);
+  // From the start: a file left sparse by an older writer is backed too before anything touches it.
+  if ((had > size && ::ftruncate(fd, static_cast<off_t>(size)) != 0) || !reserve(fd, 0, size, std::min(had, size))) {
+    const int code = errno;
+    ::close(fd);
+    fail(error, code, "reserve " + path);
     return nullptr;
   }
   void* data = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
