@@ -1,9 +1,8 @@
 // The in-app store's files beside the campaigns: each campaign's image directory, the images of
 // smart-trigger campaigns, what older versions left, and the paths.
-#include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
-
 #include <unordered_set>
 
+#include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInAppV2/InAppManager/KOInAppV2StoreFiles.h"
 #include "KOUtilities/KOAtomicFile.h"
 #include "KOUtilities/KOInternalConstants.h"

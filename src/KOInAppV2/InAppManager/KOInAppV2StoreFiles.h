@@ -18,7 +18,8 @@ inline constexpr std::size_t kMaxNameBytes = 255;
 inline KOFileSystem& fileSystem() { return *KOPlatform::current().fileSystem; }
 inline std::string documents() { return fileSystem().documentsDirectory(); }
 
-inline void logLine(const KOSourceLocation& where, const void* object, const std::string& format, const KOValue& argument) {
+inline void logLine(const KOSourceLocation& where, const void* object, const std::string& format,
+                    const KOValue& argument) {
   KOLogger::logLocated(where, object, KOLogSeverityException, KOStringFormat::format(format, {argument}));
 }
 
