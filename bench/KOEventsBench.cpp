@@ -146,31 +146,65 @@ void BM_TrackEventObserved(benchmark::State& state) {
 }
 BENCHMARK(BM_TrackEventObserved)->Iterations(100000);
 
-// Heap per event held in memory, before its cut and once cut into batches of 30 (the service
-// refusing them), at 100,000 events.
+double residentMegabytes() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line)) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::strtod(line.c_str() + 6, nullptr) / 1e3;  // kB
+  }
+  return 0;
+}
+
+// Memory per event held, before its cut and once cut into batches of 30 (the service refusing
+// them), at 100,000 events: the heap's growth, and the growth of the process's peak resident
+// memory, which counts the journal's mapped pages as well.
 void BM_HeldMemory(benchmark::State& state) {
   KOBenchCleanRig clean;
   KOEventsHandler& events = KOEventsHandler::sharedInstance();
   const bool cut = state.range(0) != 0;
   constexpr std::size_t kHeld = 100000;
-  double perEvent = 0;
+  double heapPerEvent = 0;
+  double peakPerEvent = 0;
   for (auto _ : state) {
     state.PauseTiming();
     clean.rig.clean();
     events.setEventsBatchCountTreshold(cut ? 30 : UINT64_MAX);
     malloc_trim(0);
     const std::size_t before = heapInUse();
+    resetPeakResidentMemory();
+    const double residentBefore = residentMegabytes();
     if (cut) {
       holdWithServiceDown(clean.rig, kHeld);
     } else {
       track(kHeld);
     }
-    perEvent = static_cast<double>(heapInUse() - before) / static_cast<double>(kHeld);
+    heapPerEvent = static_cast<double>(heapInUse() - before) / static_cast<double>(kHeld);
+    peakPerEvent = (peakResidentMegabytes() - residentBefore) * 1e6 / static_cast<double>(kHeld);
     state.ResumeTiming();
   }
-  state.counters["heap_bytes_per_event"] = perEvent;
+  state.counters["heap_bytes_per_event"] = heapPerEvent;
+  state.counters["peak_bytes_per_event"] = peakPerEvent;
 }
 BENCHMARK(BM_HeldMemory)->ArgName("cut")->Arg(0)->Arg(1)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// Everything one event costs while the service refuses every report, a batch cut every 30: the
+// recording, the cuts, the journal, the batch file's rewrites and the sync rounds, on every
+// thread. Instructions come from `scripts/bench-instructions.sh BM_AllThreadsPerEvent`.
+void BM_AllThreadsPerEvent(benchmark::State& state) {
+  KOBenchCleanRig clean;
+  KOBenchRig& r = clean.rig;
+  r.device.clock().setNow(1800000000);
+  r.emulator->injectFault(KOEmulatorFault{"/v2/report/add", 503, 0, false, -1, 1.0});
+  const auto events = static_cast<std::size_t>(state.range(0));
+  for (auto _ : state) {
+    KOCallgrindWindow window("all-threads");
+    track(events);
+    waitForBackground(r);
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * events));
+  state.counters["window_items"] = static_cast<double>(events);
+}
+BENCHMARK(BM_AllThreadsPerEvent)->Arg(30000)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // One cut (the 30th event of a batch) and all it starts in the background, with `range(0)`
 // batches already stored and the service refusing them: flat, whatever is stored.

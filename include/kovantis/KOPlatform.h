@@ -232,6 +232,16 @@ class KOFileSystem {
   virtual std::string temporaryDirectory() const = 0;
   /// The whole file, or nothing when it is missing or unreadable (error set when given).
   virtual std::optional<std::string> readFile(const std::string& path, KOFileError* error = nullptr) const = 0;
+  /// Up to `length` bytes of the file from `offset` (fewer at its end), or nothing when it is
+  /// missing or unreadable. Lets a large file be read a piece at a time. Optional: the default
+  /// reads the whole file.
+  virtual std::optional<std::string> readFileRange(const std::string& path, std::uint64_t offset, std::size_t length,
+                                                   KOFileError* error = nullptr) const {
+    std::optional<std::string> whole = readFile(path, error);
+    if (!whole) return whole;
+    if (offset >= whole->size()) return std::string();
+    return whole->substr(static_cast<std::size_t>(offset), length);
+  }
   /// Creates or truncates the file, writes every byte and flushes it to the device.
   virtual bool writeFile(const std::string& path, std::string_view bytes, KOFileError* error = nullptr,
                          unsigned mode = 0644) = 0;

@@ -26,16 +26,8 @@ void closeBody(std::string& body, std::size_t count) {
 
 }  // namespace
 
-KOArray KOBatchStore::Batch::records() const {
-  KOValue body = KOJSONSerialization::parse(body_);
-  return std::move(body.dictionaryValue().find("viewsInfo")->arrayValue());
-}
-
-std::string KOBatchStore::Batch::fragment() const {
-  return KOPropertyListSerialization::xmlFragmentFromJSON(recordsText(body_));
-}
-
-KOBatchStore::KOBatchStore(std::string path) : path_(std::move(path)) {}
+KOBatchStore::KOBatchStore(std::string path, const KOEventJournal* journal)
+    : path_(std::move(path)), journal_(journal) {}
 
 // A batch id is the decimal milliseconds of its cut: digits only, and small enough for 64 bits.
 bool KOBatchStore::usableId(const std::string& id) {
@@ -156,29 +148,53 @@ std::string KOBatchStore::issueId(std::int64_t nowMilliseconds) {
   return std::to_string(lastIssued_);
 }
 
-std::string KOBatchStore::add(const std::vector<std::string>& recordsJSON, std::int64_t nowMilliseconds) {
-  std::size_t bytes = kBodyOpen.size() + kBodyCount.size() + 24;
-  for (const auto& r : recordsJSON) bytes += r.size() + 1;
-  std::string body;
-  body.reserve(bytes);
-  body += kBodyOpen;
-  body += '[';
-  for (std::size_t i = 0; i < recordsJSON.size(); ++i) {
-    if (i) body += ',';
-    body += recordsJSON[i];
-  }
-  body += ']';
-  closeBody(body, recordsJSON.size());
-  std::string key = issueId(nowMilliseconds);
-  batches_[key] = std::make_shared<const Batch>(std::move(body), recordsJSON.size());
-  return key;
+std::string KOBatchStore::addJournaled(std::vector<KOEventJournal::Ref> records, std::int64_t nowMilliseconds) {
+  std::string id = issueId(nowMilliseconds);
+  Batch& batch = batches_[id];
+  batch.count = records.size();
+  batch.records = std::move(records);
+  batch.array = false;
+  batch.inJournal = true;
+  return id;
 }
 
-void KOBatchStore::putRecordsJSON(const std::string& id, std::string_view recordsJSON, std::size_t count) {
-  std::string body(kBodyOpen);
-  body += recordsJSON;
-  closeBody(body, count);
-  batches_[id] = std::make_shared<const Batch>(std::move(body), count);
+std::string KOBatchStore::add(const std::vector<std::string>& recordsJSON, std::int64_t nowMilliseconds) {
+  std::string array = "[";
+  for (std::size_t i = 0; i < recordsJSON.size(); ++i) {
+    if (i) array += ',';
+    array += recordsJSON[i];
+  }
+  array += ']';
+  std::string id = issueId(nowMilliseconds);
+  putRecordsJSON(id, std::move(array), recordsJSON.size());
+  return id;
+}
+
+void KOBatchStore::putRecordsJSON(const std::string& id, std::string recordsJSON, std::size_t count) {
+  Batch batch;
+  batch.count = count;
+  batch.heapJSON = std::move(recordsJSON);
+  batches_[id] = std::move(batch);
+}
+
+void KOBatchStore::putInJournal(const std::string& id, std::size_t count, std::vector<KOEventJournal::Ref> records,
+                                bool array) {
+  Batch batch;
+  batch.count = count;
+  batch.records = std::move(records);
+  batch.array = array;
+  batch.inJournal = true;
+  batches_[id] = std::move(batch);
+}
+
+void KOBatchStore::moveToJournal(const std::string& id, KOEventJournal::Ref array) {
+  const auto it = batches_.find(id);
+  if (it == batches_.end()) return;
+  Batch& batch = it->second;
+  batch.records = {array};
+  batch.array = true;
+  batch.inJournal = true;
+  std::string().swap(batch.heapJSON);
 }
 
 void KOBatchStore::reserveId(const std::string& id) {
@@ -192,10 +208,9 @@ std::string KOBatchStore::lastIssuedId() const {
 }
 
 void KOBatchStore::put(const std::string& id, const KOArray& records) {
-  std::string body(kBodyOpen);
-  KOJSONSerialization::writeTo(KOValue(records), body);
-  closeBody(body, records.size());
-  batches_[id] = std::make_shared<const Batch>(std::move(body), records.size());
+  std::string array;
+  KOJSONSerialization::writeTo(KOValue(records), array);
+  putRecordsJSON(id, std::move(array), records.size());
 }
 
 bool KOBatchStore::remove(const std::string& id) { return batches_.erase(id) > 0; }
@@ -209,70 +224,224 @@ std::vector<std::string> KOBatchStore::ids() const {
   return out;
 }
 
-std::shared_ptr<const KOBatchStore::Batch> KOBatchStore::find(const std::string& id) const {
+const KOBatchStore::Batch* KOBatchStore::find(const std::string& id) const {
   const auto it = batches_.find(id);
-  return it == batches_.end() ? nullptr : it->second;
+  return it == batches_.end() ? nullptr : &it->second;
 }
 
-KOBatchStore::Snapshot KOBatchStore::snapshot() const { return Snapshot(batches_.begin(), batches_.end()); }
+std::size_t KOBatchStore::recordsBytes(const Batch& batch) const {
+  if (!batch.inJournal) return batch.heapJSON.size();
+  std::size_t bytes = batch.array ? 0 : batch.records.size() + 1;  // brackets and commas
+  for (const auto& ref : batch.records) bytes += ref.length;
+  return bytes;
+}
 
-KODictionary KOBatchStore::dictionary() const {
-  KODictionary out;
-  for (const auto& [id, batch] : batches_) out.set(id, KOValue(batch->records()));
+void KOBatchStore::recordsPieces(const Batch& batch, std::vector<std::string_view>& out) const {
+  if (!batch.inJournal) {
+    out.push_back(batch.heapJSON);
+  } else if (batch.array) {
+    for (const auto& ref : batch.records) out.push_back(text(ref));
+  } else {
+    out.push_back("[");
+    for (std::size_t i = 0; i < batch.records.size(); ++i) {
+      if (i) out.push_back(",");
+      out.push_back(text(batch.records[i]));
+    }
+    out.push_back("]");
+  }
+}
+
+void KOBatchStore::appendRecordsJSON(const Batch& batch, std::string& out) const {
+  out.reserve(out.size() + recordsBytes(batch));
+  if (!batch.inJournal) {
+    out += batch.heapJSON;
+  } else if (batch.array) {
+    for (const auto& ref : batch.records) out += text(ref);
+  } else {
+    out += '[';
+    for (std::size_t i = 0; i < batch.records.size(); ++i) {
+      if (i) out += ',';
+      out += text(batch.records[i]);
+    }
+    out += ']';
+  }
+}
+
+std::string KOBatchStore::recordsJSON(const std::string& id) const {
+  std::string out;
+  if (const Batch* batch = find(id)) appendRecordsJSON(*batch, out);
   return out;
 }
 
-bool KOBatchStore::writeFileText(const Snapshot& snapshot, std::size_t chunkBytes,
-                                 const std::function<bool(std::string_view)>& sink) {
-  std::string chunk;
-  chunk.reserve(chunkBytes + 4096);
-  chunk += KOPropertyListSerialization::kXMLPrologue;
-  chunk += "<dict>\n";
-  for (const auto& [id, batch] : snapshot) {
-    try {
-      std::string fragment = batch->fragment();
-      chunk += "<key>";
-      chunk += id;  // digits only: nothing to escape
-      chunk += "</key>";
-      chunk += fragment;
-    } catch (const std::exception& e) {
-      // One batch the property-list writer refuses (a string holding a NUL byte, say) must not
-      // keep every other batch off the disk; it is still sent from memory.
-      KOLogger::logLocated(
-          KO_HERE, nullptr, KOLogSeverityException,
-          KOStringFormat::format("Kovantis - Batch %@ cannot be stored: %@", {KOValue(id), KOValue(e.what())}));
-    }
-    if (chunk.size() >= chunkBytes) {
-      if (!sink(chunk)) return false;
-      chunk.clear();
-    }
-  }
-  chunk += "</dict>\n</plist>\n";
-  return sink(chunk);
+std::optional<std::string> KOBatchStore::reportBody(const std::string& id) const {
+  const Batch* batch = find(id);
+  if (!batch) return std::nullopt;
+  std::string body;
+  body.reserve(kBodyOpen.size() + recordsBytes(*batch) + kBodyCount.size() + 24);
+  body += kBodyOpen;
+  appendRecordsJSON(*batch, body);
+  closeBody(body, batch->count);
+  return body;
 }
 
-std::string KOBatchStore::fileText(const Snapshot& snapshot) {
-  std::string text;
-  writeFileText(snapshot, SIZE_MAX / 2, [&](std::string_view piece) {
-    text += piece;
+KOArray KOBatchStore::records(const std::string& id) const {
+  KOValue parsed = KOJSONSerialization::parse(recordsJSON(id));
+  return parsed.isArray() ? std::move(parsed.arrayValue()) : KOArray{};
+}
+
+KODictionary KOBatchStore::dictionary() const {
+  KODictionary out;
+  for (const auto& [id, batch] : batches_) out.set(id, KOValue(records(id)));
+  return out;
+}
+
+namespace {
+
+constexpr std::size_t kFilePiece = 256 * 1024;
+
+void logUnstorable(const std::string& id, const std::exception& e) {
+  // One batch the property-list writer refuses (a string holding a NUL byte, say) must not keep
+  // every other batch off the disk; it is still sent from memory.
+  KOLogger::logLocated(
+      KO_HERE, nullptr, KOLogSeverityException,
+      KOStringFormat::format("Kovantis - Batch %@ cannot be stored: %@", {KOValue(id), KOValue(e.what())}));
+}
+
+// The batch file as it is written: pieces handed to the writer, and where each batch lands.
+class FileWriter {
+ public:
+  FileWriter(KOFileSystem& fs, const std::string& path, const KOFileSystem::KOPieceWriter& sink)
+      : fs_(fs), path_(path), sink_(sink) {
+    chunk_.reserve(kFilePiece + 4096);
+  }
+
+  std::uint64_t position() const { return handed_ + chunk_.size() + (runEnd_ - runBegin_); }
+  std::string& chunk() { return chunk_; }
+
+  /// Copies a batch's XML from the previous file: runs of neighbours are read together.
+  bool copy(const std::string& id, std::uint64_t begin, std::uint64_t end) {
+    if (begin != runEnd_ || runBegin_ == runEnd_) {
+      if (!copyRun()) return false;
+      runBegin_ = begin;
+    }
+    runEnd_ = end;
+    run_.push_back({id, begin});
     return true;
-  });
-  return text;
-}
-
-std::string_view KOBatchStore::recordsText(const std::string& reportBody) {
-  const auto end = reportBody.rfind(kBodyCount);
-  if (reportBody.rfind(kBodyOpen, 0) != 0 || end == std::string::npos || end < kBodyOpen.size()) return reportBody;
-  return std::string_view(reportBody).substr(kBodyOpen.size(), end - kBodyOpen.size());
-}
-
-bool KOBatchStore::write(KOFileSystem& fs, const std::string& path, const Snapshot& snapshot) {
-  if (snapshot.empty()) {
-    if (!fs.fileExists(path)) return true;
-    return fs.removeItem(path);
   }
-  // Written a piece at a time: a file of a million held events is never whole in memory.
-  return KOAtomicFile::writeInPieces(fs, path, [&](const std::function<bool(std::string_view)>& write) {
-    return writeFileText(snapshot, 256 * 1024, write);
-  });
+
+  /// Hands on a full piece.
+  bool maybeFlush() { return chunk_.size() < kFilePiece || flush(); }
+
+  bool copyRun() {
+    std::uint64_t at = runBegin_;
+    std::size_t next = 0;  // the first batch of the run not yet checked
+    while (at < runEnd_) {
+      const auto length = static_cast<std::size_t>(std::min<std::uint64_t>(runEnd_ - at, kFilePiece));
+      const std::optional<std::string> bytes = fs_.readFileRange(path_, at, length);
+      if (!bytes || bytes->size() != length) return false;
+      // Each batch starts with its key: one that does not says the file is not what was written.
+      for (; next < run_.size() && run_[next].second < at + length; ++next) {
+        const std::string key = "<key>" + run_[next].first + "</key>";
+        const std::size_t offset = static_cast<std::size_t>(run_[next].second - at);
+        if (offset + key.size() <= length && bytes->compare(offset, key.size(), key) != 0) return false;
+      }
+      chunk_ += *bytes;
+      at += length;
+      if (!maybeFlush()) return false;
+    }
+    runBegin_ = runEnd_ = 0;
+    run_.clear();
+    return true;
+  }
+
+  bool flush() {
+    if (chunk_.empty()) return true;
+    handed_ += chunk_.size();
+    const bool taken = sink_(chunk_);
+    chunk_.clear();
+    return taken;
+  }
+
+ private:
+  KOFileSystem& fs_;
+  const std::string& path_;
+  const KOFileSystem::KOPieceWriter& sink_;
+  std::string chunk_;
+  std::uint64_t handed_ = 0;
+  std::uint64_t runBegin_ = 0, runEnd_ = 0;
+  std::vector<std::pair<std::string, std::uint64_t>> run_;
+};
+
+}  // namespace
+
+bool KOBatchStore::write(KOFileSystem& fs, const std::string& path, const std::vector<std::string>& ids,
+                         const FileIndex& previous, const RecordsSource& source, FileIndex* written) {
+  FileIndex index;
+  bool copied = true;
+  const auto produce = [&](const KOFileSystem::KOPieceWriter& sink) {
+    FileWriter file(fs, path, sink);
+    file.chunk() += KOPropertyListSerialization::kXMLPrologue;
+    file.chunk() += "<dict>\n";
+    for (const std::string& id : ids) {
+      if (const auto it = previous.find(id); it != previous.end()) {
+        const std::uint64_t at = file.position();
+        index[id] = {at, at + (it->second.second - it->second.first)};
+        if (!file.copy(id, it->second.first, it->second.second)) return copied = false;
+        continue;
+      }
+      if (!file.copyRun()) return copied = false;
+      const std::optional<std::string> json = source(id);
+      if (!json) continue;  // gone meanwhile
+      try {
+        const std::string fragment = KOPropertyListSerialization::xmlFragmentFromJSON(*json);
+        const std::uint64_t at = file.position();
+        std::string& chunk = file.chunk();
+        chunk += "<key>";
+        chunk += id;  // digits only: nothing to escape
+        chunk += "</key>";
+        chunk += fragment;
+        index[id] = {at, file.position()};
+      } catch (const std::exception& e) {
+        logUnstorable(id, e);
+      }
+      if (!file.maybeFlush()) return false;
+    }
+    if (!file.copyRun()) return copied = false;
+    file.chunk() += "</dict>\n</plist>\n";
+    return file.flush();
+  };
+  if (ids.empty()) {
+    if (written) written->clear();
+    return !fs.fileExists(path) || fs.removeItem(path);
+  }
+  const bool ok = KOAtomicFile::writeInPieces(fs, path, produce);
+  if (!copied) {
+    // What the file held could not be read back as written: the next write makes every batch
+    // from its records instead.
+    KOLogger::logLocated(KO_HERE, nullptr, KOLogSeverityException,
+                         "Kovantis - The batch file is not as it was written; it is written again from memory");
+    if (written) written->clear();
+    return false;
+  }
+  if (ok && written) *written = std::move(index);
+  return ok;
+}
+
+bool KOBatchStore::write(KOFileSystem& fs, const std::string& filePath) const {
+  return write(
+      fs, filePath, ids(), {}, [this](const std::string& id) { return std::optional(recordsJSON(id)); }, nullptr);
+}
+
+std::string KOBatchStore::fileText() const {
+  std::string text = std::string(KOPropertyListSerialization::kXMLPrologue) + "<dict>\n";
+  for (const auto& [id, batch] : batches_) {
+    try {
+      std::string fragment = KOPropertyListSerialization::xmlFragmentFromJSON(recordsJSON(id));
+      text += "<key>" + id + "</key>";
+      text += fragment;
+    } catch (const std::exception& e) {
+      logUnstorable(id, e);
+    }
+  }
+  return text + "</dict>\n</plist>\n";
 }

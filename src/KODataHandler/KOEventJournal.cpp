@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "KOUtilities/KOLogger.h"
@@ -96,6 +97,7 @@ std::size_t KOEventJournal::capacity() const { return current_ ? current_->size(
 
 KOEventJournal::Replay KOEventJournal::replay(std::string_view bytes) {
   Replay out;
+  out.source = bytes;
   const Header header = headerOf(bytes);
   out.generation = header.generation;
   out.fileSize = bytes.size();
@@ -131,19 +133,16 @@ KOEventJournal::Replay KOEventJournal::replay(std::string_view bytes) {
     const std::string_view payload(kindAndPayload + 1, length);
     pos += kEntryHeader + length;
     out.end = pos;
+    const std::size_t payloadAt = pos - length;
     switch (kind) {
       case Kind::Record:
-        out.pending.emplace_back(payload);
+        out.pending.push_back({payloadAt, length});
         break;
       case Kind::Cut: {
         Replay::Batch& batch = out.batches[std::string(payload)];
         batch.count = out.pending.size();
-        batch.recordsJSON = "[";
-        for (std::size_t i = 0; i < out.pending.size(); ++i) {
-          if (i) batch.recordsJSON += ',';
-          batch.recordsJSON += out.pending[i];
-        }
-        batch.recordsJSON += ']';
+        batch.records = std::move(out.pending);
+        batch.array = false;
         out.pending.clear();
         break;
       }
@@ -156,11 +155,12 @@ KOEventJournal::Replay KOEventJournal::replay(std::string_view bytes) {
         }
         Replay::Batch& batch = out.batches[std::string(payload.substr(0, idEnd))];
         batch.count = std::strtoull(std::string(payload.substr(idEnd + 1, countEnd - idEnd - 1)).c_str(), nullptr, 10);
-        batch.recordsJSON = std::string(payload.substr(countEnd + 1));
+        batch.records = {{payloadAt + countEnd + 1, static_cast<std::uint32_t>(length - countEnd - 1)}};
+        batch.array = true;
         break;
       }
       case Kind::Split:
-        if (!replaySplit(payload, out)) ++out.damaged;
+        if (!replaySplit(payload, payloadAt, out)) ++out.damaged;
         break;
       case Kind::Done:
         out.done.emplace(payload);
@@ -201,6 +201,8 @@ KOEventJournal::Replay KOEventJournal::recover(KOFileSystem& fs) {
     if (replayed.generation > best.generation) {
       best = std::move(replayed);
       bestFile = file;
+      recovered_ = std::move(*bytes);  // a string's move keeps its buffer: the refs stay valid
+      best.source = recovered_;
     }
   }
   if (best.damaged) {
@@ -214,6 +216,32 @@ KOEventJournal::Replay KOEventJournal::recover(KOFileSystem& fs) {
     recoveredSize_ = best.fileSize;
   }
   return best;
+}
+
+void KOEventJournal::releaseRecovered() { std::string().swap(recovered_); }
+
+std::string_view KOEventJournal::text(const Ref& ref) const {
+  if (KOMappedFile* from = filling_ ? previous_.get() : current_.get()) {
+    return std::string_view(from->data() + ref.at, ref.length);
+  }
+  return std::string_view(recovered_).substr(ref.at, ref.length);
+}
+
+std::vector<std::string> KOEventJournal::Replay::pendingTexts() const {
+  std::vector<std::string> out;
+  for (const Ref& ref : pending) out.emplace_back(text(ref));
+  return out;
+}
+
+std::string KOEventJournal::Replay::recordsJSON(const Batch& batch) const {
+  if (batch.array) return batch.records.empty() ? std::string("[]") : std::string(text(batch.records.front()));
+  std::string out = "[";
+  for (std::size_t i = 0; i < batch.records.size(); ++i) {
+    if (i) out += ',';
+    out += text(batch.records[i]);
+  }
+  out += ']';
+  return out;
 }
 
 bool KOEventJournal::reopen(KOFileSystem& fs) {
@@ -234,6 +262,7 @@ bool KOEventJournal::reopen(KOFileSystem& fs) {
   std::memset(mapped->data() + recoveredEnd_, 0, rest);
   current_ = std::move(mapped);
   used_ = recoveredEnd_;
+  releaseRecovered();  // the mapping holds the same bytes at the same offsets
   return true;
 }
 
@@ -277,37 +306,54 @@ void KOEventJournal::commitNext(KOFileSystem& fs) {
   fs.removeItem(pathOf(previousFile_));
 }
 
-bool KOEventJournal::append(Kind kind, std::string_view payload) {
-  if (!current_ || payload.size() > UINT32_MAX) return false;
-  const std::size_t need = kEntryHeader + payload.size();
-  if (need > current_->size() - used_) return false;
+char* KOEventJournal::beginEntry(std::size_t length) {
+  if (!current_ || length > UINT32_MAX) return nullptr;
+  if (kEntryHeader + length > current_->size() - used_) return nullptr;
+  return current_->data() + used_ + kEntryHeader;
+}
+
+std::uint64_t KOEventJournal::endEntry(Kind kind, std::size_t length) {
   char* entry = current_->data() + used_;
   entry[16] = static_cast<char>(kind);
-  std::memcpy(entry + 17, payload.data(), payload.size());
-  const auto length = static_cast<std::uint32_t>(payload.size());
-  store(entry + 4, length);
-  store(entry + 8, checksum(length, entry + 16, payload.size() + 1));
+  const auto stored = static_cast<std::uint32_t>(length);
+  store(entry + 4, stored);
+  store(entry + 8, checksum(stored, entry + 16, length + 1));
   std::memcpy(entry, kEntryMarker, sizeof kEntryMarker);  // the marker last: a torn entry has none
-  used_ += need;
-  return true;
+  const std::uint64_t at = used_ + kEntryHeader;
+  used_ += kEntryHeader + length;
+  return at;
+}
+
+std::uint64_t KOEventJournal::append(Kind kind, std::string_view payload) {
+  char* to = beginEntry(payload.size());
+  if (!to) return 0;
+  std::memcpy(to, payload.data(), payload.size());
+  return endEntry(kind, payload.size());
 }
 
 bool KOEventJournal::grow() { return current_ && current_->resize(current_->size() * 2); }
 
-bool KOEventJournal::appendSplit(const std::string& id, const Half& first, const Half& second) {
+bool KOEventJournal::appendSplit(const std::string& id, Half& first, Half& second) {
   std::string payload = id + '\n';
+  std::size_t arrayAt[2] = {0, 0};
+  int i = 0;
   for (const Half* half : {&first, &second}) {
     // Each half: its batch payload's length, then the payload ("<id>\n<count>\n<records>").
     const std::string head = half->id + '\n' + std::to_string(half->count) + '\n';
     payload += std::to_string(head.size() + half->recordsJSON.size());
     payload += '\n';
     payload += head;
+    arrayAt[i++] = payload.size();
     payload += half->recordsJSON;
   }
-  return append(Kind::Split, payload);
+  const std::uint64_t at = append(Kind::Split, payload);
+  if (!at) return false;
+  first.at = at + arrayAt[0];
+  second.at = at + arrayAt[1];
+  return true;
 }
 
-bool KOEventJournal::replaySplit(std::string_view payload, Replay& out) {
+bool KOEventJournal::replaySplit(std::string_view payload, std::size_t payloadAt, Replay& out) {
   const std::size_t idEnd = payload.find('\n');
   if (idEnd == std::string_view::npos) return false;
   const std::string parent(payload.substr(0, idEnd));
@@ -324,7 +370,9 @@ bool KOEventJournal::replaySplit(std::string_view payload, Replay& out) {
     if (countEnd == std::string_view::npos) return false;
     Replay::Batch batch;
     batch.count = std::strtoull(std::string(half.substr(halfId + 1, countEnd - halfId - 1)).c_str(), nullptr, 10);
-    batch.recordsJSON = std::string(half.substr(countEnd + 1));
+    const std::size_t arrayAt = payloadAt + (lengthEnd + 1) + countEnd + 1;
+    batch.records = {{arrayAt, static_cast<std::uint32_t>(length - countEnd - 1)}};
+    batch.array = true;
     halves.emplace_back(std::string(half.substr(0, halfId)), std::move(batch));
     pos = lengthEnd + 1 + length;
   }
@@ -333,13 +381,26 @@ bool KOEventJournal::replaySplit(std::string_view payload, Replay& out) {
   return true;
 }
 
-bool KOEventJournal::appendBatch(const std::string& id, std::size_t count, std::string_view recordsJSON) {
-  std::string payload;
-  payload.reserve(id.size() + 24 + recordsJSON.size());
-  payload += id;
-  payload += '\n';
-  payload += std::to_string(count);
-  payload += '\n';
-  payload += recordsJSON;
-  return append(Kind::Batch, payload);
+std::uint64_t KOEventJournal::appendBatch(const std::string& id, std::size_t count,
+                                          std::initializer_list<std::string_view> pieces) {
+  return appendBatch(id, count, std::vector<std::string_view>(pieces));
+}
+
+std::uint64_t KOEventJournal::appendBatch(const std::string& id, std::size_t count,
+                                          const std::vector<std::string_view>& pieces) {
+  // "<id>\n<count>\n" then the records array, written straight into the mapping.
+  char head[64];
+  const int headLength = std::snprintf(head, sizeof head, "%s\n%zu\n", id.c_str(), count);
+  if (headLength <= 0 || static_cast<std::size_t>(headLength) >= sizeof head) return 0;
+  std::size_t length = static_cast<std::size_t>(headLength);
+  for (const std::string_view piece : pieces) length += piece.size();
+  char* to = beginEntry(length);
+  if (!to) return 0;
+  std::memcpy(to, head, static_cast<std::size_t>(headLength));
+  char* p = to + headLength;
+  for (const std::string_view piece : pieces) {
+    std::memcpy(p, piece.data(), piece.size());
+    p += piece.size();
+  }
+  return endEntry(Kind::Batch, length) + static_cast<std::uint64_t>(headLength);
 }

@@ -15,6 +15,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <set>
@@ -39,20 +40,35 @@ class KOEventJournal {
 
   };
 
-  /// What a journal says, replayed in order.
+  /// A stretch of journal bytes: a record's JSON text, or a batch's records as one JSON array.
+  struct Ref {
+    std::uint64_t at = 0;  // from the start of the file
+    std::uint32_t length = 0;
+  };
+
+  /// What a journal says, replayed in order. Texts stay where they are: each is a Ref into `source`
+  /// (the bytes replayed), which a generation that goes on maps at the same offsets.
   struct Replay {
     struct Batch {
-      std::string recordsJSON;  // a JSON array
       std::size_t count = 0;
+      std::vector<Ref> records;  // each a record, or (array) one ref to the records as a JSON array
+      bool array = false;
     };
     std::map<std::string, Batch> batches;  // cut or carried whole, by id
     std::set<std::string> done;
     std::vector<std::string> issued;
-    std::vector<std::string> pending;  // records after the last cut
-    std::size_t damaged = 0;           // entries (or stretches) that could not be used
-    std::uint64_t generation = 0;      // 0: no journal found
-    std::size_t end = 0;               // just past the last entry that could be used
+    std::vector<Ref> pending;      // records after the last cut
+    std::size_t damaged = 0;       // entries (or stretches) that could not be used
+    std::uint64_t generation = 0;  // 0: no journal found
+    std::size_t end = 0;           // just past the last entry that could be used
     std::size_t fileSize = 0;
+    std::string_view source;
+
+    std::string_view text(const Ref& ref) const { return source.substr(ref.at, ref.length); }
+    std::vector<std::string> pendingTexts() const;
+    /// A batch's records as one JSON array.
+    std::string recordsJSON(const Batch& batch) const;
+    std::string recordsJSON(const std::string& id) const { return recordsJSON(batches.at(id)); }
   };
 
   /// The journal's two files are `<basePath>.0` and `<basePath>.1`.
@@ -60,8 +76,10 @@ class KOEventJournal {
   ~KOEventJournal();
 
   /// Reads the newer valid generation. A file that cannot be read, even when tried again, is
-  /// moved aside so that a new generation never overwrites it.
+  /// moved aside so that a new generation never overwrites it. The replay's texts are kept (see
+  /// text) until `reopen`, a new generation or `releaseRecovered`.
   Replay recover(KOFileSystem& fs);
+  void releaseRecovered();
   /// Goes on appending to the generation `recover` read, after its last usable entry: a start does
   /// not copy what the journal already says. False when there is none or it cannot be mapped.
   bool reopen(KOFileSystem& fs);
@@ -75,7 +93,17 @@ class KOEventJournal {
   template <typename Fill>
   bool startGeneration(KOFileSystem& fs, std::size_t contentBytes, Fill&& fill) {
     if (!openNext(fs, contentBytes)) return false;
-    if (!fill(*this)) {
+    bool filled = false;
+    {
+      // While the fill runs, refs still name the previous generation's bytes (see text).
+      struct Filling {
+        bool& flag;
+        explicit Filling(bool& f) : flag(f) { flag = true; }
+        ~Filling() { flag = false; }
+      } filling(filling_);
+      filled = fill(*this);
+    }
+    if (!filled) {
       abandonNext();
       return false;
     }
@@ -83,16 +111,28 @@ class KOEventJournal {
     return true;
   }
 
-  /// Appends one entry; false when no generation is open or it is full.
-  bool append(Kind kind, std::string_view payload);
-  bool appendBatch(const std::string& id, std::size_t count, std::string_view recordsJSON);
-  /// The batch `id` replaced by two halves, each (id, count, records as a JSON array).
+  /// Appends one entry; returns where its payload starts, 0 when no generation is open or it is
+  /// full.
+  std::uint64_t append(Kind kind, std::string_view payload);
+  /// A whole batch whose records array is given in pieces (joined as they are); returns where the
+  /// array starts, 0 when it does not fit.
+  std::uint64_t appendBatch(const std::string& id, std::size_t count, std::initializer_list<std::string_view> pieces);
+  std::uint64_t appendBatch(const std::string& id, std::size_t count, const std::vector<std::string_view>& pieces);
+  std::uint64_t appendBatch(const std::string& id, std::size_t count, std::string_view recordsJSON) {
+    return appendBatch(id, count, {recordsJSON});
+  }
+  /// The batch `id` replaced by two halves, each (id, count, records as a JSON array). On success
+  /// each half's `at` says where its array starts.
   struct Half {
     std::string id;
     std::size_t count = 0;
     std::string_view recordsJSON;
+    std::uint64_t at = 0;
   };
-  bool appendSplit(const std::string& id, const Half& first, const Half& second);
+  bool appendSplit(const std::string& id, Half& first, Half& second);
+  /// The text a ref names: in the current generation, or in the recovered bytes before one is
+  /// open; while a new generation is filled, in the one it replaces. Valid until the next append.
+  std::string_view text(const Ref& ref) const;
   /// Bytes an entry with this payload takes.
   static std::size_t entrySize(std::size_t payloadBytes) { return kEntryHeader + payloadBytes; }
 
@@ -110,7 +150,11 @@ class KOEventJournal {
 
  private:
   /// Adds a split's halves and marks the batch they replace as gone; false when it does not parse.
-  static bool replaySplit(std::string_view payload, Replay& out);
+  static bool replaySplit(std::string_view payload, std::size_t payloadAt, Replay& out);
+  /// Room for an entry of `length` payload bytes: where the payload goes, or nullptr.
+  char* beginEntry(std::size_t length);
+  /// Seals the entry whose payload was written at beginEntry's place; returns where it starts.
+  std::uint64_t endEntry(Kind kind, std::size_t length);
   bool openNext(KOFileSystem& fs, std::size_t contentBytes);
   void abandonNext();
   void commitNext(KOFileSystem& fs);
@@ -125,4 +169,6 @@ class KOEventJournal {
   std::size_t previousUsed_ = 0;
   std::size_t recoveredEnd_ = 0;
   std::size_t recoveredSize_ = 0;
+  std::string recovered_;  // the bytes `recover` replayed, until a generation is open
+  bool filling_ = false;
 };

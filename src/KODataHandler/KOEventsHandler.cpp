@@ -41,8 +41,8 @@ KOEventsHandler& KOEventsHandler::sharedInstance() {
 }
 
 KOEventsHandler::KOEventsHandler()
-    : store_(platform().fileSystem->documentsDirectory() + "/" + kBatchFileName),
-      journal_(platform().fileSystem->documentsDirectory() + "/" + kJournalName) {
+    : journal_(platform().fileSystem->documentsDirectory() + "/" + kJournalName),
+      store_(platform().fileSystem->documentsDirectory() + "/" + kBatchFileName, &journal_) {
   const KOValue configured = platform().preferences->standard().objectForKey(kEventsBatchCount);
   if (configured.isNumber() && configured.intValue() > 0)
     threshold_ = static_cast<std::uint64_t>(configured.intValue());
@@ -77,7 +77,7 @@ bool KOEventsHandler::syncInProgress() const {
 
 std::size_t KOEventsHandler::eventsInMemory() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return views_.size();
+  return views_.size() + heapViews_.size();
 }
 
 std::size_t KOEventsHandler::storedBatchCount() {
@@ -96,6 +96,7 @@ void KOEventsHandler::discardEverythingStored() {
     std::lock_guard<std::mutex> lock(mutex_);
     ensureLoadedLocked();
     views_.clear();
+    heapViews_.clear();
     store_.clear();
     parked_.clear();
     backoffSeconds_ = 0;
@@ -127,15 +128,16 @@ void KOEventsHandler::ensureLoadedLocked() {
   KOFileSystem& fs = *platform().fileSystem;
   store_.load(fs, &fileIds_);
   bool fileBehind = store_.mergedAside();
-  KOEventJournal::Replay replay = journal_.recover(fs);
+  const KOEventJournal::Replay replay = journal_.recover(fs);
   std::int64_t restoredBatches = 0;
-  for (auto& [id, batch] : replay.batches) {
+  for (const auto& [id, batch] : replay.batches) {
     store_.reserveId(id);
-    if (replay.done.count(id) || store_.find(id) || !KOBatchStore::usableId(id)) continue;
-    // Cut before the process died but never written to the file: back under its own id, so that
-    // the service recognises it should it have been sent already.
-    store_.putRecordsJSON(id, batch.recordsJSON, batch.count);
-    ++restoredBatches;
+    if (replay.done.count(id) || !KOBatchStore::usableId(id)) continue;
+    // The journal's copy is the one held from now on, whether the file has the batch or not. One
+    // cut before the process died but never written to the file comes back under its own id, so
+    // that the service recognises it should it have been sent already.
+    if (!fileIds_.count(id)) ++restoredBatches;
+    store_.putInJournal(id, batch.count, batch.records, batch.array);
   }
   for (const std::string& id : replay.done) {
     store_.reserveId(id);
@@ -143,52 +145,73 @@ void KOEventsHandler::ensureLoadedLocked() {
   }
   for (const std::string& id : replay.issued) store_.reserveId(id);
   const auto restoredRecords = static_cast<std::int64_t>(replay.pending.size());
-  // Tracked but never cut: back into the current batch, ahead of anything tracked since.
-  views_.insert(views_.begin(), std::make_move_iterator(replay.pending.begin()),
-                std::make_move_iterator(replay.pending.end()));
+  // Tracked but never cut: back into the current batch (nothing was tracked before this).
+  views_ = replay.pending;
   if (restoredBatches || restoredRecords) {
     logInfo(KOStringFormat::format("Kovantis - Restored %d tracked events and %d batches from the event journal",
                                    {KOValue(restoredRecords), KOValue(restoredBatches)}));
   }
-  // The journal read says all this already: appends go on after its last entry. A new generation
-  // only when there is none (or it cannot be mapped again).
-  if (!journal_.reopen(fs)) startJournalLocked();
+  // The journal read says all this already: appends go on after its last entry, and only batches
+  // the file alone holds are added to it. A new generation when there is none (or it cannot be
+  // mapped again) holds them all.
+  if (journal_.reopen(fs)) {
+    for (const std::string& id : store_.ids()) {
+      if (!store_.find(id)->inJournal) journalBatchLocked(id);
+    }
+  } else {
+    startJournalLocked();
+  }
+  journal_.releaseRecovered();
   if (fileBehind || restoredBatches) persistLocked();
 }
 
 bool KOEventsHandler::startJournalLocked() {
-  // What the batch file does not hold: batches gone since its last write, batches missing from it,
-  // and the records in memory.
+  // Batches gone since the file's last write, so that a restart does not bring them back from it.
   std::vector<const std::string*> gone;
   for (const std::string& id : fileIds_) {
     if (!store_.find(id)) gone.push_back(&id);
   }
-  KOBatchStore::Snapshot missing;
-  std::size_t bytes = 0;
-  for (auto& entry : store_.snapshot()) {
-    if (fileIds_.count(entry.first)) continue;
-    bytes += KOEventJournal::entrySize(entry.second->reportBody().size() + entry.first.size() + 24);
-    missing.push_back(std::move(entry));
-  }
+  const std::vector<std::string> ids = store_.ids();
+  std::size_t bytes = journalLiveBytesLocked() + ids.size() * KOEventJournal::entrySize(40);
   for (const std::string* id : gone) bytes += KOEventJournal::entrySize(id->size());
-  for (const std::string& record : views_) bytes += KOEventJournal::entrySize(record.size());
   const std::string lastIssued = store_.lastIssuedId();
   bytes += KOEventJournal::entrySize(lastIssued.size());
+  // Where each text lands; applied once the generation is complete. Until then refs name the
+  // previous generation's bytes, which the fill reads.
+  std::vector<KOEventJournal::Ref> batchArrays(ids.size());
+  std::vector<KOEventJournal::Ref> records;
+  records.reserve(views_.size() + heapViews_.size());
   const bool started = journal_.startGeneration(*platform().fileSystem, bytes, [&](KOEventJournal& journal) {
     // The ids of batches already accepted and forgotten must not come again.
     if (!journal.append(KOEventJournal::Kind::Issued, lastIssued)) return false;
     for (const std::string* id : gone) {
       if (!journal.append(KOEventJournal::Kind::Done, *id)) return false;
     }
-    for (const auto& [id, batch] : missing) {
-      if (!journal.appendBatch(id, batch->count(), KOBatchStore::recordsText(batch->reportBody()))) return false;
+    std::vector<std::string_view> pieces;
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+      const KOBatchStore::Batch& batch = *store_.find(ids[i]);
+      pieces.clear();
+      store_.recordsPieces(batch, pieces);
+      const std::uint64_t at = journal.appendBatch(ids[i], batch.count, pieces);
+      if (!at) return false;
+      batchArrays[i] = {at, static_cast<std::uint32_t>(store_.recordsBytes(batch))};
     }
-    for (const std::string& record : views_) {
-      if (!journal.append(KOEventJournal::Kind::Record, record)) return false;
+    for (const KOEventJournal::Ref& ref : views_) {
+      const std::uint64_t at = journal.append(KOEventJournal::Kind::Record, journal.text(ref));
+      if (!at) return false;
+      records.push_back({at, ref.length});
+    }
+    for (const std::string& record : heapViews_) {
+      const std::uint64_t at = journal.append(KOEventJournal::Kind::Record, record);
+      if (!at) return false;
+      records.push_back({at, static_cast<std::uint32_t>(record.size())});
     }
     return true;
   });
   if (started) {
+    for (std::size_t i = 0; i < ids.size(); ++i) store_.moveToJournal(ids[i], batchArrays[i]);
+    views_ = std::move(records);
+    heapViews_.clear();
     journalFailed_ = false;
     journalRetryDelay_ = 0;
     return true;
@@ -211,49 +234,67 @@ void KOEventsHandler::retryJournalLocked() {
   platform().dispatch->afterBackground(journalRetryDelay_, [this] {
     std::lock_guard<std::mutex> lock(mutex_);
     journalRetryPending_ = false;
-    // With nothing at risk (every batch in the file, no record in memory) it waits for the next
-    // entry rather than polling a full disk for good.
-    if (journalFailed_ && journalLiveBytesLocked() > 0) startJournalLocked();
+    // With nothing at risk (every batch in the file, no record in memory only) it waits for the
+    // next entry rather than polling a full disk for good.
+    if (journalFailed_ && heapAtRiskLocked()) startJournalLocked();
   });
 }
 
 std::size_t KOEventsHandler::journalLiveBytesLocked() const {
   std::size_t bytes = 0;
-  for (const std::string& record : views_) bytes += KOEventJournal::entrySize(record.size());
-  for (const std::string& id : store_.ids()) {
-    if (fileIds_.count(id)) continue;
-    bytes += KOEventJournal::entrySize(store_.find(id)->reportBody().size());
-  }
+  for (const KOEventJournal::Ref& ref : views_) bytes += KOEventJournal::entrySize(ref.length);
+  for (const std::string& record : heapViews_) bytes += KOEventJournal::entrySize(record.size());
+  for (const std::string& id : store_.ids()) bytes += KOEventJournal::entrySize(store_.recordsBytes(*store_.find(id)));
   return bytes;
 }
 
-void KOEventsHandler::journalLocked(KOEventJournal::Kind kind, std::string_view payload) {
+bool KOEventsHandler::heapAtRiskLocked() const {
+  if (!heapViews_.empty()) return true;
+  for (const std::string& id : store_.ids()) {
+    if (!store_.find(id)->inJournal && !fileIds_.count(id)) return true;
+  }
+  return false;
+}
+
+std::uint64_t KOEventsHandler::journalLocked(KOEventJournal::Kind kind, std::string_view payload) {
   // Once an entry could not be written, none after it is either (a cut would then stand for records
   // the journal lacks): until the retry starts a new generation holding all of it, it is in memory.
   if (journalFailed_) {
     if (!journalRetryPending_) retryJournalLocked();
-    return;
+    return 0;
   }
-  if (journal_.append(kind, payload)) return;
-  // Full: while it holds mostly records still in memory, it grows in place (nothing copied);
-  // otherwise, or when it cannot grow, a new generation holds what this entry would have said (it
-  // is in the store or in memory already).
+  if (const std::uint64_t at = journal_.append(kind, payload)) return at;
+  // Full: while it holds mostly records not yet accepted, it grows in place (nothing copied);
+  // otherwise, or when it cannot grow, a new generation holds what this entry would have said (a
+  // record, once the caller kept it; anything else is in the store already).
   if (journal_.isOpen() && 2 * journalLiveBytesLocked() > journal_.used()) {
     while (journal_.grow()) {
-      if (journal_.append(kind, payload)) return;
+      if (const std::uint64_t at = journal_.append(kind, payload)) return at;
     }
   }
-  startJournalLocked();
+  if (kind != KOEventJournal::Kind::Record) startJournalLocked();
+  return 0;
 }
 
 void KOEventsHandler::journalBatchLocked(const std::string& id) {
+  const KOBatchStore::Batch* batch = store_.find(id);
+  if (!batch || batch->inJournal) return;
   if (journalFailed_) {
     if (!journalRetryPending_) retryJournalLocked();
     return;
   }
-  const auto batch = store_.find(id);
-  if (!batch || journal_.appendBatch(id, batch->count(), KOBatchStore::recordsText(batch->reportBody()))) return;
-  startJournalLocked();  // a new generation carries it
+  const std::size_t count = batch->count;
+  const std::string& json = batch->heapJSON;
+  std::uint64_t at = journal_.appendBatch(id, count, json);
+  if (!at && journal_.isOpen() && 2 * journalLiveBytesLocked() > journal_.used()) {
+    while (!at && journal_.grow()) at = journal_.appendBatch(id, count, json);
+  }
+  if (!at) {
+    startJournalLocked();  // a new generation carries it
+    return;
+  }
+  journaledSinceFile_ += json.size();
+  store_.moveToJournal(id, {at, static_cast<std::uint32_t>(json.size())});
 }
 
 void KOEventsHandler::forgetBatchLocked(const std::string& id) {
@@ -265,8 +306,13 @@ void KOEventsHandler::forgetBatchLocked(const std::string& id) {
 
 std::string KOEventsHandler::recordJSON(const std::string& name, const KOValue* attributes,
                                         const KODictionary* custom) {
-  // Written in one pass, in the record's key order, into a buffer the thread keeps; the record
-  // itself is then one allocation of its exact size (records wait in memory until their cut).
+  return std::string(writeRecord(name, attributes, custom));
+}
+
+std::string_view KOEventsHandler::writeRecord(const std::string& name, const KOValue* attributes,
+                                              const KODictionary* custom) {
+  // Written in one pass, in the record's key order, into a buffer the thread keeps; from there it
+  // is copied once, into the journal.
   thread_local std::string scratch;
   if (scratch.capacity() > 64 * 1024) std::string().swap(scratch);  // one huge event is not kept for good
   scratch.clear();
@@ -295,7 +341,7 @@ std::string KOEventsHandler::recordJSON(const std::string& name, const KOValue* 
   // A NUL character is the one the batch file cannot hold: stored, the record would keep its whole
   // batch out of the file. Refused here, alone.
   if (nul) throw KOTypeError("a key or value holds a NUL character, which cannot be stored");
-  return std::string(scratch);
+  return scratch;
 }
 
 bool KOEventsHandler::acceptsName(const KOSourceLocation& where, const KOValue& name) const {
@@ -324,14 +370,14 @@ bool KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload)
                                 : KovantisUtils::transformPayloadForIncompatibleTypes(andPayload.dictionaryValue());
       marked.set(KO_EVENT_AFTER_PUSH, KOValue(true));
       const KOValue attributes(std::move(marked));
-      append(recordJSON(eventName, &attributes, nullptr));
+      append(writeRecord(eventName, &attributes, nullptr));
     } else if (andPayload.isNil()) {
-      append(recordJSON(eventName, nullptr, nullptr));
+      append(writeRecord(eventName, nullptr, nullptr));
     } else if (!KovantisUtils::payloadNeedsTransform(andPayload.dictionaryValue())) {
-      append(recordJSON(eventName, &andPayload, nullptr));
+      append(writeRecord(eventName, &andPayload, nullptr));
     } else {
       const KOValue attributes(KovantisUtils::transformPayloadForIncompatibleTypes(andPayload.dictionaryValue()));
-      append(recordJSON(eventName, &attributes, nullptr));
+      append(writeRecord(eventName, &attributes, nullptr));
     }
     offerToObserver(eventName, andPayload);
     return true;
@@ -360,7 +406,7 @@ bool KOEventsHandler::trackEvent(const KOValue& name, KOPayloadBuilder& builderP
     KODictionary custom;
     if (!builderPayload.timeStampArray().empty()) custom.set("timestamp", KOValue(builderPayload.timeStampArray()));
     if (!builderPayload.locationArray().empty()) custom.set("location", KOValue(builderPayload.locationArray()));
-    append(recordJSON(name.stringValue(), attributes ? &*attributes : nullptr, custom.empty() ? nullptr : &custom));
+    append(writeRecord(name.stringValue(), attributes ? &*attributes : nullptr, custom.empty() ? nullptr : &custom));
     offerToObserver(name.stringValue(), KOValue());
     return true;
   } catch (const std::exception& e) {
@@ -390,14 +436,21 @@ void KOEventsHandler::offerToObserver(const std::string& name, const KOValue& at
   }
 }
 
-void KOEventsHandler::append(std::string record) {
+void KOEventsHandler::append(std::string_view record) {
   bool cut = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     ensureLoadedLocked();
-    views_.push_back(std::move(record));
-    journalLocked(KOEventJournal::Kind::Record, views_.back());
-    if (views_.size() >= threshold_) cut = cutLocked();
+    const std::uint64_t at = heapViews_.empty() ? journalLocked(KOEventJournal::Kind::Record, record) : 0;
+    journaledSinceFile_ += record.size();  // in the journal now, or with the next generation
+    if (at) {
+      views_.push_back({at, static_cast<std::uint32_t>(record.size())});
+    } else {
+      // Kept on the heap; a new generation, when one can be started, takes it with the rest.
+      heapViews_.emplace_back(record);
+      if (!journalFailed_) startJournalLocked();
+    }
+    if (views_.size() + heapViews_.size() >= threshold_) cut = cutLocked();
   }
   if (cut) syncAfterCut();
 }
@@ -406,15 +459,27 @@ void KOEventsHandler::checkEventCountForCurrentBatchGreaterThanThreshhold() {
   bool cut = false;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (views_.size() >= threshold_) cut = cutLocked();
+    if (views_.size() + heapViews_.size() >= threshold_) cut = cutLocked();
   }
   if (cut) syncAfterCut();
 }
 
 bool KOEventsHandler::cutLocked() {
   ensureLoadedLocked();
-  if (views_.empty()) return false;
-  const std::string id = store_.add(views_, nowMilliseconds());
+  if (views_.empty() && heapViews_.empty()) return false;
+  std::string id;
+  if (heapViews_.empty()) {
+    // The batch is an index of records the journal holds: nothing is copied. The list keeps its
+    // room for the next batch.
+    id = store_.addJournaled(std::vector<KOEventJournal::Ref>(views_.begin(), views_.end()), nowMilliseconds());
+  } else {
+    std::vector<std::string> texts;
+    texts.reserve(views_.size() + heapViews_.size());
+    for (const KOEventJournal::Ref& ref : views_) texts.emplace_back(journal_.text(ref));
+    for (std::string& record : heapViews_) texts.push_back(std::move(record));
+    id = store_.add(texts, nowMilliseconds());
+    heapViews_.clear();
+  }
   views_.clear();
   journalLocked(KOEventJournal::Kind::Cut, id);
   persistLocked();
@@ -423,11 +488,12 @@ bool KOEventsHandler::cutLocked() {
 
 bool KOEventsHandler::journalCarriesFileLocked() const {
   // Every change since the file's last write is in the journal too, so the file needs rewriting
-  // only once the journal grew about as large as the file: each rewrite is then paid for by as
-  // many bytes tracked since, and a cut costs the same however much is stored. A file that would
-  // go (nothing stored) costs nothing to bring up to date; without a journal the file is all.
+  // only once as much was journaled as the file holds: each rewrite (which copies what the file
+  // has and makes XML only for new batches) is then paid for by as many bytes tracked since, and a
+  // cut costs the same however much is stored. A file that would go (nothing stored) costs nothing
+  // to bring up to date; without a journal the file is all.
   if (!journal_.isOpen() || journalFailed_ || store_.empty() || store_.mergedAside()) return false;
-  return journal_.used() < std::max(kJournalCompactBytes, fileBodyBytes_);
+  return journaledSinceFile_ < std::max<std::uint64_t>(kJournalCompactBytes, fileBytes_);
 }
 
 void KOEventsHandler::persistLocked() {
@@ -473,43 +539,60 @@ void KOEventsHandler::retryWriteLocked() {
 }
 
 bool KOEventsHandler::writeSnapshotNow() {
-  // One write at a time, each of a snapshot taken after the previous write: the file never goes
+  // One write at a time, each of the store as it is after the previous write: the file never goes
   // back to an older state.
   std::lock_guard<std::mutex> writing(fileMutex_);
-  KOBatchStore::Snapshot snapshot;
+  std::vector<std::string> ids;
+  KOBatchStore::FileIndex previous;
+  std::uint64_t journaled = 0;  // what this write brings into the file
   {
     std::lock_guard<std::mutex> lock(mutex_);
     fileDirty_ = false;
-    snapshot = store_.snapshot();
+    journaled = journaledSinceFile_;
+    ids = store_.ids();
+    previous = fileIndex_;
   }
+  // A batch new to the file: its records' text, copied out under the lock (the journal's mapping
+  // may move as it grows) one batch at a time.
+  const auto source = [this](const std::string& id) -> std::optional<std::string> {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!store_.find(id)) return std::nullopt;
+    return store_.recordsJSON(id);
+  };
   bool written = false;
+  KOBatchStore::FileIndex index;
   try {
-    if (snapshot.empty()) {
+    if (ids.empty()) {
       removeEventsPlistFile();
       written = !platform().fileSystem->fileExists(store_.path());
     } else {
-      written = KOBatchStore::write(*platform().fileSystem, store_.path(), snapshot);
+      written = KOBatchStore::write(*platform().fileSystem, store_.path(), ids, previous, source, &index);
     }
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, this, "Kovantis - Exception : %@", e);
   }
   std::lock_guard<std::mutex> lock(mutex_);
   if (!written) {
+    // The file may not be what the index says (a write that stopped part-way leaves it, but one
+    // that found it changed does not): the next write makes every batch from its records.
+    fileIndex_.clear();
     // Still due: written again until it succeeds, so a later kill finds these batches on disk.
     retryWriteLocked();
     return false;
   }
   retryDelay_ = 0;
+  journaledSinceFile_ -= std::min(journaledSinceFile_, journaled);
   fileIds_.clear();
-  fileBodyBytes_ = 0;
-  for (const auto& entry : snapshot) {
-    fileIds_.insert(entry.first);
-    fileBodyBytes_ += entry.second->reportBody().size();
+  fileBytes_ = 0;
+  for (const auto& [id, place] : index) {
+    fileIds_.insert(id);
+    fileBytes_ += place.second - place.first;
   }
+  fileIndex_ = std::move(index);
   store_.removeMergedAside(*platform().fileSystem);
-  // The file caught up: the journal starts over with what is still missing from it, once that is
-  // much less than what it holds, or than the room it took (a generation grown for a burst shrinks
-  // back to its starting size once the burst is in the file or delivered).
+  // The journal starts over with what is still held once that is much less than what it holds, or
+  // than the room it took (a generation grown for a burst shrinks back to its starting size once
+  // the burst is delivered).
   const std::size_t live = journalLiveBytesLocked();
   if (!journal_.isOpen() || journalFailed_ || journal_.used() > std::max(kJournalCompactBytes, 2 * live) ||
       (journal_.capacity() > KOEventJournal::kMinimumCapacity &&

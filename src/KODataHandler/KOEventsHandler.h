@@ -1,6 +1,7 @@
-// Where every tracked event ends up: one record per call, kept in memory, cut into batches of the
-// threshold's size, persisted in the batch file and sent batch by batch until the service accepts
-// each. A batch leaves the file only once the service accepted it, or a reset dropped it.
+// Where every tracked event ends up: one record per call, written once into the event journal's
+// mapping (where it is held, not also on the heap), cut into batches of the threshold's size,
+// persisted in the batch file and sent batch by batch until the service accepts each. A batch
+// leaves the file only once the service accepted it, or a reset dropped it.
 #pragma once
 
 #include <atomic>
@@ -90,6 +91,8 @@ class KOEventsHandler {
   void discardEverythingStored();
   /// Serialises one event record (the benchmarks build batches with it).
   static std::string recordJSON(const std::string& name, const KOValue* attributes, const KODictionary* custom);
+  /// The same into a buffer of the calling thread, valid until its next record.
+  static std::string_view writeRecord(const std::string& name, const KOValue* attributes, const KODictionary* custom);
 
  private:
   KOEventsHandler();
@@ -105,16 +108,16 @@ class KOEventsHandler {
 
   /// Event names must be strings; anything else is logged at the caller's place.
   bool acceptsName(const KOSourceLocation& where, const KOValue& name) const;
-  void append(std::string recordJSON);
+  void append(std::string_view recordJSON);
   void offerToObserver(const std::string& name, const KOValue& attributes) const;
   struct Round;  // one sync round's batches and outcomes
   void runSync(SyncRequest request);
   /// Whether the request waits: for the running sync, or out a back-off. Remembers it if so.
   bool waitingLocked(const SyncRequest& request);
   /// Starts a round: cuts when asked, and takes the batches it sends (none: the round is over).
-  KOBatchStore::Snapshot beginRoundLocked(const SyncRequest& request, Round& round);
+  std::vector<std::string> beginRoundLocked(const SyncRequest& request, Round& round);
   void sendRound(const SyncRequest& request, const std::shared_ptr<Round>& round,
-                 const KOBatchStore::Snapshot& batches);
+                 const std::vector<std::string>& batches);
   /// One batch's outcome; the last one ends the round.
   void batchFinished(const SyncRequest& request, Round& round, const std::string& id, long status);
   /// A batch refused for its content: split into two halves under new ids (true), or, a single
@@ -137,19 +140,23 @@ class KOEventsHandler {
   /// Loads the batch file and rebuilds from the journal what the file does not hold: records not
   /// yet cut return to memory, cut batches missing from the file return under their ids.
   void ensureLoadedLocked();
-  /// Notes a tracked record, a cut, or a batch that left the store in the journal.
-  void journalLocked(KOEventJournal::Kind kind, std::string_view payload);
-  /// Notes a whole batch put into the store (not cut from the records in memory).
+  /// Notes a tracked record, a cut, or a batch that left the store in the journal; returns where
+  /// its payload is (0: not in the journal; for a record, the caller keeps it on the heap).
+  std::uint64_t journalLocked(KOEventJournal::Kind kind, std::string_view payload);
+  /// Moves a batch put into the store on the heap (not cut from tracked records) into the journal.
   void journalBatchLocked(const std::string& id);
   /// Removes a batch from the store for good (accepted, or dropped by a reset).
   void forgetBatchLocked(const std::string& id);
-  /// Starts a new journal generation holding only what the batch file does not: records in
-  /// memory, batches missing from the file, and the batches gone since the file was written.
+  /// Starts a new journal generation holding every record not yet accepted (the batches, then the
+  /// records not yet cut) and the batches gone since the file was written; what was held on the
+  /// heap moves into it.
   bool startJournalLocked();
   /// After the journal could not be written: a new generation is tried again, at a bounded pace.
   void retryJournalLocked();
   /// What a new journal generation would hold now, in bytes.
   std::size_t journalLiveBytesLocked() const;
+  /// Whether something is held on the heap only (neither in the journal nor in the file).
+  bool heapAtRiskLocked() const;
   /// After a failed write of the batch file: it stays due and is written again, at a bounded pace.
   void retryWriteLocked();
   /// Ends the running sync and starts the one waiting, if any (a reset before a follow-up).
@@ -157,8 +164,10 @@ class KOEventsHandler {
   std::int64_t nowMilliseconds() const;
 
   mutable std::mutex mutex_;
-  std::mutex fileMutex_;            // taken before mutex_, never while holding it
-  std::vector<std::string> views_;  // records in memory, each as its JSON text
+  std::mutex fileMutex_;  // taken before mutex_, never while holding it
+  KOEventJournal journal_;
+  std::vector<KOEventJournal::Ref> views_;  // records not yet cut, in the journal
+  std::vector<std::string> heapViews_;      // and after them those the journal could not take
   KOBatchStore store_;
   bool syncInProgress_ = false;
   std::optional<SyncRequest> resetInvocation_;
@@ -168,11 +177,12 @@ class KOEventsHandler {
   bool fileDirty_ = false;
   bool writerQueued_ = false;
   bool retryPending_ = false;
-  double retryDelay_ = 0;  // seconds before the next try of a failed write
-  KOEventJournal journal_;
-  std::set<std::string> fileIds_;  // the batches the batch file holds, as of its last write
-  std::size_t fileBodyBytes_ = 0;  // their report bodies' bytes
-  bool journalFailed_ = false;     // entries go to memory only until a new generation starts; logged once
+  double retryDelay_ = 0;                 // seconds before the next try of a failed write
+  std::set<std::string> fileIds_;         // the batches the batch file holds, as of its last write
+  KOBatchStore::FileIndex fileIndex_;     // where each is in it (empty: not known, after a start)
+  std::uint64_t fileBytes_ = 0;           // the file's size as written
+  std::uint64_t journaledSinceFile_ = 0;  // bytes of records and batches journaled since
+  bool journalFailed_ = false;            // entries go to memory only until a new generation starts; logged once
   bool journalRetryPending_ = false;
   double journalRetryDelay_ = 0;  // seconds before the next try of a new generation
   struct FlushWaiter {

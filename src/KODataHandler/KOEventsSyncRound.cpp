@@ -101,18 +101,18 @@ bool KOEventsHandler::waitingLocked(const SyncRequest& request) {
   return true;
 }
 
-KOBatchStore::Snapshot KOEventsHandler::beginRoundLocked(const SyncRequest& request, Round& round) {
+std::vector<std::string> KOEventsHandler::beginRoundLocked(const SyncRequest& request, Round& round) {
   const bool probe = request.byThreshold && backoffSeconds_ > 0;  // the wait is over
   syncInProgress_ = true;
   round.number = ++roundsStarted_;
   ensureLoadedLocked();
   if (!request.onlyForEventsPlist) cutLocked();
-  KOBatchStore::Snapshot batches = store_.snapshot();
+  std::vector<std::string> batches = store_.ids();
   // A batch refused alone waits out its own slow pace, whatever else is sent.
   if (!parked_.empty()) {
     const double now = KovantisDateUtils::now();
-    std::erase_if(batches, [&](const auto& entry) {
-      const auto it = parked_.find(entry.first);
+    std::erase_if(batches, [&](const std::string& id) {
+      const auto it = parked_.find(id);
       return it != parked_.end() && it->second > now;
     });
   }
@@ -120,15 +120,14 @@ KOBatchStore::Snapshot KOEventsHandler::beginRoundLocked(const SyncRequest& requ
     batches.resize(1);
     round.probe = true;
   }
-  round.ids.reserve(batches.size());
-  for (const auto& entry : batches) round.ids.push_back(entry.first);
+  round.ids = batches;
   if (round.ids.empty()) releaseSyncLocked(request.reset);
   return batches;
 }
 
 void KOEventsHandler::runSync(SyncRequest request) {
   auto round = std::make_shared<Round>();
-  KOBatchStore::Snapshot batches;  // immutable batches: their bodies are read after the lock
+  std::vector<std::string> batches;  // their bodies are made as each request is sent
   try {
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -154,19 +153,29 @@ void KOEventsHandler::runSync(SyncRequest request) {
 }
 
 void KOEventsHandler::sendRound(const SyncRequest& request, const std::shared_ptr<Round>& round,
-                                const KOBatchStore::Snapshot& batches) {
+                                const std::vector<std::string>& batches) {
   auto finish = [this, round, request](const std::string& id, long status) {
     batchFinished(request, *round, id, status);
   };
   std::vector<KOServerInterface::Report> reports;
   reports.reserve(batches.size());
-  for (const auto& [id, batch] : batches) {
+  for (const std::string& id : batches) {
     if (KOLogger::loggingEnabled()) {
+      std::string records;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        records = store_.recordsJSON(id);
+      }
       logInfo(KOStringFormat::format("Kovantis - syncing events from storage for Batch %@ and Events :\n %@",
-                                     {KOValue(id), KOValue(KOBatchStore::recordsText(batch->reportBody()))}));
+                                     {KOValue(id), KOValue(records)}));
     }
-    // The body stays where the store keeps it, alive for as long as its request needs it.
-    reports.push_back({id, std::shared_ptr<const std::string>(batch, &batch->reportBody())});
+    // The body is made from the journal only when its request is sent: a round of many batches
+    // holds a copy of the few in flight, not of all.
+    reports.push_back({id, [this, id]() -> std::shared_ptr<const std::string> {
+                         std::lock_guard<std::mutex> lock(mutex_);
+                         std::optional<std::string> body = store_.reportBody(id);
+                         return body ? std::make_shared<const std::string>(std::move(*body)) : nullptr;
+                       }});
   }
   try {
     KOServerInterface::sharedInstance().sendReports(reports, finish);
@@ -342,7 +351,7 @@ void KOEventsHandler::cleanUp() {
 bool KOEventsHandler::splitRefusedLocked(const std::string& id) {
   const auto batch = store_.find(id);
   if (!batch) return false;
-  if (batch->count() < 2) {
+  if (batch->count < 2) {
     // The one record the service will not take: kept, never dropped silently, and offered again
     // at the back-off's slowest pace in case the service changes its mind.
     if (parked_.insert_or_assign(id, KovantisDateUtils::now() + kLongestBackoffSeconds).second) {
@@ -358,7 +367,7 @@ bool KOEventsHandler::splitRefusedLocked(const std::string& id) {
   // under an id of its own, until the record the service refuses stands alone. The journal
   // carries the split in one entry before either half is sent, so a resend after a kill carries
   // the same ids.
-  const KOArray records = batch->records();
+  const KOArray records = store_.records(id);
   KOArray first, second;
   for (std::size_t i = 0; i < records.size(); ++i) (i < records.size() / 2 ? first : second).push_back(records[i]);
   const std::string firstId = store_.issueId(nowMilliseconds());
@@ -367,12 +376,15 @@ bool KOEventsHandler::splitRefusedLocked(const std::string& id) {
   store_.put(secondId, second);
   store_.remove(id);
   parked_.erase(id);
-  const auto a = store_.find(firstId);
-  const auto b = store_.find(secondId);
-  if (!journal_.appendSplit(id, {firstId, a->count(), KOBatchStore::recordsText(a->reportBody())},
-                            {secondId, b->count(), KOBatchStore::recordsText(b->reportBody())})) {
+  KOEventJournal::Half a{firstId, first.size(), store_.find(firstId)->heapJSON};
+  KOEventJournal::Half b{secondId, second.size(), store_.find(secondId)->heapJSON};
+  if (!journalFailed_ && journal_.appendSplit(id, a, b)) {
+    const auto length = [](const KOEventJournal::Half& h) { return static_cast<std::uint32_t>(h.recordsJSON.size()); };
+    store_.moveToJournal(firstId, {a.at, length(a)});
+    store_.moveToJournal(secondId, {b.at, length(b)});
+  } else if (journal_.isOpen() || !journalFailed_) {
     // No room: a new generation holds the store as it now is, halves and all.
-    if (journal_.isOpen() || !journalFailed_) startJournalLocked();
+    startJournalLocked();
   }
   logInfo(KOStringFormat::format(
       "Kovantis - the service refused batch %@: its %@ events are sent again as batches %@ "

@@ -329,6 +329,302 @@ class FragmentWriter final : public KOJSONVisitor {
   std::vector<std::string> keys_;  // the keys of every open object, innermost last
 };
 
+// The common case of the batch file, done without a JSON reader: one pass over JSON text the SDK
+// wrote, straight to the same XML the fragment writer makes. It declines (and the reader's path
+// decides) whatever it does not handle the same way: control characters, a repeated or escaped
+// key, more keys than are cheap to compare, text that is not UTF-8, unusual numbers, a null root,
+// deep nesting, anything that is not plain JSON.
+class FastFragment {
+ public:
+  FastFragment(std::string_view json, std::string& out) : p_(json.data()), end_(json.data() + json.size()), out_(out) {}
+
+  bool run() {
+    skipSpace();
+    if (p_ < end_ && *p_ == 'n') return false;  // a null root: the library path reports it
+    if (!value(0)) return false;
+    skipSpace();
+    return p_ == end_;
+  }
+
+ private:
+  static constexpr int kMaxDepth = 64;
+  static constexpr std::size_t kMaxKeys = 64;
+
+  void skipSpace() {
+    while (p_ < end_ && (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) ++p_;
+  }
+
+  bool literal(std::string_view word) {
+    if (static_cast<std::size_t>(end_ - p_) < word.size() || std::string_view(p_, word.size()) != word) return false;
+    p_ += word.size();
+    return true;
+  }
+
+  bool value(int depth) {
+    if (p_ >= end_) return false;
+    switch (*p_) {
+      case '{':
+        return object(depth + 1);
+      case '[':
+        return array(depth + 1);
+      case '"':
+        out_ += "<string>";
+        if (!string()) return false;
+        out_ += "</string>";
+        return true;
+      case 't':
+        out_ += "<true/>";
+        return literal("true");
+      case 'f':
+        out_ += "<false/>";
+        return literal("false");
+      default:
+        return number();
+    }
+  }
+
+  bool object(int depth) {
+    if (depth > kMaxDepth) return false;
+    ++p_;
+    out_ += "<dict>";
+    const std::size_t firstKey = keys_.size();
+    skipSpace();
+    if (p_ < end_ && *p_ == '}') {
+      ++p_;
+      out_ += "</dict>";
+      return true;
+    }
+    for (;;) {
+      skipSpace();
+      if (p_ >= end_ || *p_ != '"') return false;
+      const std::size_t keyStart = out_.size();
+      const char* raw = p_ + 1;
+      out_ += "<key>";
+      if (!string()) return false;
+      const std::string_view key(raw, static_cast<std::size_t>(p_ - 1 - raw));
+      // An escaped key could equal another written differently; parsing keeps the last of equal keys.
+      if (key.find('\\') != std::string_view::npos || keys_.size() - firstKey >= kMaxKeys) return false;
+      for (std::size_t i = firstKey; i < keys_.size(); ++i) {
+        if (keys_[i] == key) return false;
+      }
+      keys_.push_back(key);
+      out_ += "</key>";
+      skipSpace();
+      if (p_ >= end_ || *p_ != ':') return false;
+      ++p_;
+      skipSpace();
+      if (p_ < end_ && *p_ == 'n') {
+        if (!literal("null")) return false;
+        out_.resize(keyStart);  // null is left out of a dictionary
+      } else if (!value(depth)) {
+        return false;
+      }
+      skipSpace();
+      if (p_ >= end_) return false;
+      if (*p_ == '}') break;
+      if (*p_ != ',') return false;
+      ++p_;
+    }
+    ++p_;
+    keys_.resize(firstKey);
+    out_ += "</dict>";
+    return true;
+  }
+
+  bool array(int depth) {
+    if (depth > kMaxDepth) return false;
+    ++p_;
+    out_ += "<array>";
+    skipSpace();
+    if (p_ < end_ && *p_ == ']') {
+      ++p_;
+      out_ += "</array>";
+      return true;
+    }
+    for (;;) {
+      skipSpace();
+      if (p_ < end_ && *p_ == 'n') {
+        if (!literal("null")) return false;
+        out_ += "<string></string>";  // null is "" in an array
+      } else if (!value(depth)) {
+        return false;
+      }
+      skipSpace();
+      if (p_ >= end_) return false;
+      if (*p_ == ']') break;
+      if (*p_ != ',') return false;
+      ++p_;
+    }
+    ++p_;
+    out_ += "</array>";
+    return true;
+  }
+
+  // The text of a JSON string, XML-escaped; p_ at its opening quote, left after its closing one.
+  bool string() {
+    ++p_;
+    const char* plain = p_;
+    for (;;) {
+      if (p_ >= end_) return false;
+      const auto c = static_cast<unsigned char>(*p_);
+      if (c == '"') break;
+      if (c < 0x20) return false;
+      if (c == '\\' || c == '&' || c == '<' || c == '>') {
+        out_.append(plain, p_);
+        if (c == '\\') {
+          if (!escape()) return false;
+        } else {
+          out_ += c == '&' ? "&amp;" : c == '<' ? "&lt;" : "&gt;";
+          ++p_;
+        }
+        plain = p_;
+        continue;
+      }
+      if (c >= 0x80) {
+        const std::size_t n = utf8Length(p_, end_);
+        if (n == 0) return false;
+        p_ += n;
+        continue;
+      }
+      ++p_;
+    }
+    out_.append(plain, p_);
+    ++p_;
+    return true;
+  }
+
+  bool escape() {
+    if (end_ - p_ < 2) return false;
+    const char e = p_[1];
+    p_ += 2;
+    if (e == '"' || e == '\\' || e == '/') {
+      out_ += e;
+      return true;
+    }
+    if (e != 'u') return false;  // \b \f \n \r \t are control characters
+    std::uint32_t code = 0;
+    if (!hex4(code)) return false;
+    if (code >= 0xD800 && code <= 0xDBFF) {
+      std::uint32_t low = 0;
+      if (end_ - p_ < 2 || p_[0] != '\\' || p_[1] != 'u') return false;
+      p_ += 2;
+      if (!hex4(low) || low < 0xDC00 || low > 0xDFFF) return false;
+      code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+    } else if ((code >= 0xDC00 && code <= 0xDFFF) || code < 0x20) {
+      return false;
+    }
+    if (code == '&' || code == '<' || code == '>') {
+      out_ += code == '&' ? "&amp;" : code == '<' ? "&lt;" : "&gt;";
+      return true;
+    }
+    char bytes[4];
+    std::size_t n = 0;
+    if (code < 0x80) {
+      bytes[n++] = static_cast<char>(code);
+    } else if (code < 0x800) {
+      bytes[n++] = static_cast<char>(0xC0 | (code >> 6));
+      bytes[n++] = static_cast<char>(0x80 | (code & 0x3F));
+    } else if (code < 0x10000) {
+      bytes[n++] = static_cast<char>(0xE0 | (code >> 12));
+      bytes[n++] = static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+      bytes[n++] = static_cast<char>(0x80 | (code & 0x3F));
+    } else {
+      bytes[n++] = static_cast<char>(0xF0 | (code >> 18));
+      bytes[n++] = static_cast<char>(0x80 | ((code >> 12) & 0x3F));
+      bytes[n++] = static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+      bytes[n++] = static_cast<char>(0x80 | (code & 0x3F));
+    }
+    out_.append(bytes, n);
+    return true;
+  }
+
+  bool hex4(std::uint32_t& code) {
+    if (end_ - p_ < 4) return false;
+    for (int i = 0; i < 4; ++i, ++p_) {
+      const char h = *p_;
+      code <<= 4;
+      if (h >= '0' && h <= '9') {
+        code |= static_cast<std::uint32_t>(h - '0');
+      } else if (h >= 'a' && h <= 'f') {
+        code |= static_cast<std::uint32_t>(h - 'a' + 10);
+      } else if (h >= 'A' && h <= 'F') {
+        code |= static_cast<std::uint32_t>(h - 'A' + 10);
+      } else {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  // Bytes of the well-formed UTF-8 sequence at p (no overlong form, surrogate or code point past
+  // U+10FFFF), or 0.
+  static std::size_t utf8Length(const char* p, const char* end) {
+    const auto b = [&](std::size_t i) { return static_cast<unsigned char>(p[i]); };
+    const auto cont = [&](std::size_t i) { return p + i < end && (b(i) & 0xC0) == 0x80; };
+    const unsigned char c = b(0);
+    if (c >= 0xC2 && c <= 0xDF) return cont(1) ? 2 : 0;
+    if (c >= 0xE0 && c <= 0xEF) {
+      if (!cont(1) || !cont(2)) return 0;
+      if ((c == 0xE0 && b(1) < 0xA0) || (c == 0xED && b(1) >= 0xA0)) return 0;
+      return 3;
+    }
+    if (c >= 0xF0 && c <= 0xF4) {
+      if (!cont(1) || !cont(2) || !cont(3)) return 0;
+      if ((c == 0xF0 && b(1) < 0x90) || (c == 0xF4 && b(1) >= 0x90)) return 0;
+      return 4;
+    }
+    return 0;
+  }
+
+  // A number as the reader hands it on: digits alone an integer when it fits, anything else a real.
+  bool number() {
+    const char* start = p_;
+    if (p_ < end_ && *p_ == '-') ++p_;
+    const char* digits = p_;
+    while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
+    if (p_ == digits || (*digits == '0' && p_ - digits > 1)) return false;
+    bool real = false;
+    if (p_ < end_ && *p_ == '.') {
+      real = true;
+      const char* fraction = ++p_;
+      while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
+      if (p_ == fraction) return false;
+    }
+    if (p_ < end_ && (*p_ == 'e' || *p_ == 'E')) {
+      real = true;
+      ++p_;
+      if (p_ < end_ && (*p_ == '+' || *p_ == '-')) ++p_;
+      const char* exponent = p_;
+      while (p_ < end_ && *p_ >= '0' && *p_ <= '9') ++p_;
+      if (p_ == exponent) return false;
+    }
+    char text[32];
+    if (!real) {
+      std::int64_t i = 0;
+      const auto [ptr, ec] = std::from_chars(start, p_, i);
+      if (ec != std::errc() || ptr != p_) return false;  // past int64: a real, the reader's way
+      const auto written = std::to_chars(text, text + sizeof text, i).ptr;
+      out_ += "<integer>";
+      out_.append(text, written);
+      out_ += "</integer>";
+      return true;
+    }
+    double d = 0;
+    const auto [ptr, ec] = std::from_chars(start, p_, d);
+    if (ec != std::errc() || ptr != p_) return false;
+    const auto written = std::to_chars(text, text + sizeof text, d).ptr;
+    out_ += "<real>";
+    out_.append(text, written);
+    out_ += "</real>";
+    return true;
+  }
+
+  const char* p_;
+  const char* end_;
+  std::string& out_;
+  std::vector<std::string_view> keys_;  // the keys of every open object, innermost last
+};
+
 // The value inside a whole document from the library's writer.
 std::string documentBody(const std::string& document) {
   const std::string open = "<plist version=\"1.0\">";
@@ -366,6 +662,8 @@ std::string KOPropertyListSerialization::xmlFragment(const KOValue& value) { ret
 std::string KOPropertyListSerialization::xmlFragmentFromJSON(std::string_view json) {
   std::string out;
   out.reserve(json.size() * 2);
+  if (FastFragment(json, out).run()) return out;
+  out.clear();
   FragmentWriter writer(out);
   if (KOJSONSerialization::read(json, writer)) return out;
   return documentBody(writeXML(KOJSONSerialization::parse(json)));

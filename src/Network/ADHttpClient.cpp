@@ -194,6 +194,14 @@ struct ADHttpClient::Impl {
         }
       }
       for (auto& t : fresh) {
+        if (t->request.bodySource) {
+          t->request.sharedBody = t->request.bodySource();
+          t->request.bodySource = nullptr;
+          if (!t->request.sharedBody) {
+            finish(*t, "the body is no longer there");
+            continue;
+          }
+        }
         if (start(*t)) {
           CURL* easy = t->easy;
           running.emplace(easy, std::move(t));

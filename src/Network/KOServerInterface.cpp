@@ -237,7 +237,7 @@ void KOServerInterface::sendReports(const std::vector<Report>& reports,
     request.url += request.url.find('?') == std::string::npos ? "?batch_id=" : "&batch_id=";
     request.url += report.batchId;
     request.body.clear();
-    request.sharedBody = report.body;
+    request.bodySource = report.body;
     httpClient_.syncRequestWithStatus(std::move(request),
                                       [completion, id = report.batchId](long status) { completion(id, status); });
   }

@@ -41,7 +41,8 @@ class KOServerInterface {
   /// every report (id, accepted), also when none could be sent.
   struct Report {
     std::string batchId;  // digits
-    std::shared_ptr<const std::string> body;
+    /// Makes the body when the request is sent; nothing when the batch is gone.
+    std::function<std::shared_ptr<const std::string>()> body;
   };
   /// Sends each report under its batch id; the completion hears each one's answer status (200:
   /// accepted; 0: no answer came).

@@ -1,6 +1,7 @@
 // A ready HTTP request: what the request generator makes and the HTTP client sends.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,8 +13,11 @@ struct KOURLRequest {
   std::string method;
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
-  /// A body shared with its owner instead (a stored batch's report): sent without a copy.
+  /// A body shared with its owner instead: sent without a copy.
   std::shared_ptr<const std::string> sharedBody;
+  /// A body made only when the request is sent (a stored batch's report): a queue of reports holds
+  /// no copy of their records. Nothing: the body is gone, and the request fails unsent.
+  std::function<std::shared_ptr<const std::string>()> bodySource;
   bool hasBody = false;
   double timeoutSeconds = 60;
   bool verifyCertificates = true;

@@ -32,12 +32,12 @@ TEST_F(KOEventJournalTest, ReplaysRecordsCutsBatchesAndDoneInOrder) {
   EXPECT_EQ(replay.generation, 1u);
   EXPECT_EQ(replay.damaged, 0u);
   ASSERT_EQ(replay.batches.size(), 2u);
-  EXPECT_EQ(replay.batches.at("1000").recordsJSON, R"([{"n":1},{"n":2}])");
+  EXPECT_EQ(replay.recordsJSON("1000"), R"([{"n":1},{"n":2}])");
   EXPECT_EQ(replay.batches.at("1000").count, 2u);
-  EXPECT_EQ(replay.batches.at("2000").recordsJSON, R"([{"n":0}])");
+  EXPECT_EQ(replay.recordsJSON("2000"), R"([{"n":0}])");
   EXPECT_EQ(replay.done, std::set<std::string>{"900"});
   EXPECT_EQ(replay.issued, std::vector<std::string>{"2500"});
-  EXPECT_EQ(replay.pending, std::vector<std::string>{R"({"n":3})"});
+  EXPECT_EQ(replay.pendingTexts(), std::vector<std::string>{R"({"n":3})"});
 }
 
 TEST_F(KOEventJournalTest, DamageLosesTheDamagedEntryOnlyAndNothingIsReadPastTheEnd) {
@@ -51,8 +51,8 @@ TEST_F(KOEventJournalTest, DamageLosesTheDamagedEntryOnlyAndNothingIsReadPastThe
   flipped[at + 5] = '9';
   KOEventJournal::Replay replay = KOEventJournal::replay(flipped);
   EXPECT_EQ(replay.damaged, 1u);
-  EXPECT_EQ(replay.batches.at("1000").recordsJSON, R"([{"n":1}])");
-  EXPECT_EQ(replay.pending, std::vector<std::string>{R"({"n":3})"});
+  EXPECT_EQ(replay.recordsJSON("1000"), R"([{"n":1}])");
+  EXPECT_EQ(replay.pendingTexts(), std::vector<std::string>{R"({"n":3})"});
   EXPECT_EQ(replay.batches.count("2000"), 1u);
 
   // Cut short anywhere: everything before the cut survives, and the replay stays inside the bytes.
@@ -84,9 +84,10 @@ TEST_F(KOEventJournalTest, DamageLosesTheDamagedEntryOnlyAndNothingIsReadPastThe
   entries[4].records = {R"({"n":0})"};
   entries[6].records = {R"({"n":3})"};
   const auto eventsOf = [](const KOEventJournal::Replay& r) {
-    std::multiset<std::string> events(r.pending.begin(), r.pending.end());
+    const std::vector<std::string> pending = r.pendingTexts();
+    std::multiset<std::string> events(pending.begin(), pending.end());
     for (const auto& [id, batch] : r.batches) {
-      const std::string& list = batch.recordsJSON;  // records of {"n":digit}, comma-separated
+      const std::string list = r.recordsJSON(batch);  // records of {"n":digit}, comma-separated
       for (std::size_t i = list.find('{'); i != std::string::npos; i = list.find('{', i + 1)) {
         events.insert(list.substr(i, 7));
       }
@@ -121,7 +122,7 @@ TEST_F(KOEventJournalTest, DamageLosesTheDamagedEntryOnlyAndNothingIsReadPastThe
   for (std::size_t i = KOEventJournal::kFileHeader; i < KOEventJournal::kFileHeader + 40; ++i) garbage[i] = 'x';
   replay = KOEventJournal::replay(garbage);
   EXPECT_GE(replay.damaged, 1u);
-  EXPECT_EQ(replay.pending, std::vector<std::string>{R"({"n":3})"});
+  EXPECT_EQ(replay.pendingTexts(), std::vector<std::string>{R"({"n":3})"});
 }
 
 TEST_F(KOEventJournalTest, ANewGenerationCountsOnlyOnceComplete) {
@@ -133,7 +134,7 @@ TEST_F(KOEventJournalTest, ANewGenerationCountsOnlyOnceComplete) {
     j.append(KOEventJournal::Kind::Record, R"({"n":4})");
     return false;
   }));
-  EXPECT_EQ(KOEventJournal(base()).recover(device().files()).pending, std::vector<std::string>{R"({"n":3})"});
+  EXPECT_EQ(KOEventJournal(base()).recover(device().files()).pendingTexts(), std::vector<std::string>{R"({"n":3})"});
   // Appends still go to the first generation.
   ASSERT_TRUE(journal.append(KOEventJournal::Kind::Record, R"({"n":5})"));
   ASSERT_TRUE(journal.startGeneration(
@@ -141,7 +142,7 @@ TEST_F(KOEventJournalTest, ANewGenerationCountsOnlyOnceComplete) {
   KOEventJournal reader(base());
   const KOEventJournal::Replay replay = reader.recover(device().files());
   EXPECT_EQ(replay.generation, 2u);
-  EXPECT_EQ(replay.pending, std::vector<std::string>{R"({"n":6})"});
+  EXPECT_EQ(replay.pendingTexts(), std::vector<std::string>{R"({"n":6})"});
   EXPECT_TRUE(replay.batches.empty());
 
   // A file that cannot be mapped keeps the current generation; a full one refuses appends.
@@ -161,7 +162,7 @@ TEST_F(KOEventJournalTest, ANewGenerationCountsOnlyOnceComplete) {
   EXPECT_EQ(journal.capacity(), room);
   ASSERT_TRUE(journal.grow());
   EXPECT_EQ(journal.capacity(), 2 * room);
-  EXPECT_EQ(KOEventJournal(base()).recover(device().files()).pending,
+  EXPECT_EQ(KOEventJournal(base()).recover(device().files()).pendingTexts(),
             (std::vector<std::string>{R"({"n":6})", R"({"n":7})"}));
 }
 
@@ -191,7 +192,7 @@ TEST_F(KOEventJournalTest, ADamagedHeaderCopyIsMadeWholeWhenTheGenerationGoesOn)
   bytes[3] = 'x';  // the first copy's magic
   device().rawFiles().writeFile(base() + ".0", bytes);
   KOEventJournal journal(base());
-  EXPECT_EQ(journal.recover(device().files()).pending, std::vector<std::string>{R"({"n":3})"});
+  EXPECT_EQ(journal.recover(device().files()).pendingTexts(), std::vector<std::string>{R"({"n":3})"});
   ASSERT_TRUE(journal.reopen(device().files()));
   ASSERT_TRUE(journal.append(KOEventJournal::Kind::Record, R"({"n":4})"));
   // Now the second copy is damaged: the first, repaired, still names the generation.
@@ -199,7 +200,7 @@ TEST_F(KOEventJournalTest, ADamagedHeaderCopyIsMadeWholeWhenTheGenerationGoesOn)
   bytes[KOEventJournal::kFileHeader / 2 + 9] ^= 0x10;
   const KOEventJournal::Replay replay = KOEventJournal::replay(bytes);
   EXPECT_EQ(replay.generation, 1u);
-  EXPECT_EQ(replay.pending, (std::vector<std::string>{R"({"n":3})", R"({"n":4})"}));
+  EXPECT_EQ(replay.pendingTexts(), (std::vector<std::string>{R"({"n":3})", R"({"n":4})"}));
 }
 
 TEST_F(KOEventJournalTest, AFileThatCannotBeReadIsSetAsideNotReused) {
@@ -233,10 +234,11 @@ TEST_F(KOEventJournalTest, AStartGoesOnAfterTheLastEntryWithoutCopyingTheJournal
   ASSERT_TRUE(journal.reopen(device().files()));
   EXPECT_EQ(journal.generation(), 1u);
   ASSERT_TRUE(journal.append(KOEventJournal::Kind::Record, R"({"n":4})"));
-  const KOEventJournal::Replay replay = KOEventJournal(base()).recover(device().files());
+  KOEventJournal reader(base());
+  const KOEventJournal::Replay replay = reader.recover(device().files());
   EXPECT_EQ(replay.generation, 1u);  // the same generation, in the same file
   EXPECT_EQ(replay.damaged, 0u);
-  EXPECT_EQ(replay.pending, (std::vector<std::string>{R"({"n":3})", R"({"n":4})"}));
+  EXPECT_EQ(replay.pendingTexts(), (std::vector<std::string>{R"({"n":3})", R"({"n":4})"}));
   EXPECT_EQ(replay.batches.size(), 2u);
   EXPECT_FALSE(device().files().fileExists(base() + ".1"));
 }

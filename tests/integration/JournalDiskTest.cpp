@@ -56,10 +56,10 @@ class JournalDiskTest : public KOSDKTestDevice {
     const KOEventJournal::Replay replay = journal.recover(device().rawFiles());
     for (const auto& [id, batch] : replay.batches) {
       if (inFile.count(id) || replay.done.count(id)) continue;
-      const KOValue records = KOJSONSerialization::parse(batch.recordsJSON);
+      const KOValue records = KOJSONSerialization::parse(replay.recordsJSON(batch));
       for (const KOValue& record : records.arrayValue()) take(record);
     }
-    for (const std::string& record : replay.pending) take(KOJSONSerialization::parse(record));
+    for (const std::string& record : replay.pendingTexts()) take(KOJSONSerialization::parse(record));
     return found;
   }
 

@@ -90,6 +90,10 @@ class KOForwardingFileSystem : public KOForwarding<KOFileSystem> {
   std::optional<std::string> readFile(const std::string& path, KOFileError* error = nullptr) const override {
     return target().readFile(path, error);
   }
+  std::optional<std::string> readFileRange(const std::string& path, std::uint64_t offset, std::size_t length,
+                                           KOFileError* error = nullptr) const override {
+    return target().readFileRange(path, offset, length, error);
+  }
   bool writeFile(const std::string& path, std::string_view bytes, KOFileError* error = nullptr,
                  unsigned mode = 0644) override {
     return target().writeFile(path, bytes, error, mode);

@@ -48,6 +48,15 @@ std::optional<std::string> KOSimFaultyFileSystem::readFile(const std::string& pa
   return target().readFile(path, error);
 }
 
+std::optional<std::string> KOSimFaultyFileSystem::readFileRange(const std::string& path, std::uint64_t offset,
+                                                                std::size_t length, KOFileError* error) const {
+  if (fires(KOFileFault::ReadError, path)) {
+    if (error) *error = KOFileError{EIO, "injected read error"};
+    return std::nullopt;
+  }
+  return target().readFileRange(path, offset, length, error);
+}
+
 bool KOSimFaultyFileSystem::writeFile(const std::string& path, std::string_view bytes, KOFileError* error,
                                       unsigned mode) {
   if (fires(KOFileFault::DiskFull, path)) {

@@ -31,6 +31,8 @@ class KOSimFaultyFileSystem : public KOForwardingFileSystem {
 
   // Only the calls that can fail are overridden; the rest go straight through.
   std::optional<std::string> readFile(const std::string& path, KOFileError* error = nullptr) const override;
+  std::optional<std::string> readFileRange(const std::string& path, std::uint64_t offset, std::size_t length,
+                                           KOFileError* error = nullptr) const override;
   bool writeFile(const std::string& path, std::string_view bytes, KOFileError* error = nullptr,
                  unsigned mode = 0644) override;
   /// A full disk stores half of the first piece, then fails.

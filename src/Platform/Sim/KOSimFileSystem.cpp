@@ -61,6 +61,31 @@ std::optional<std::string> KOSimFileSystem::readFile(const std::string& path, KO
   return out;
 }
 
+std::optional<std::string> KOSimFileSystem::readFileRange(const std::string& path, std::uint64_t offset,
+                                                          std::size_t length, KOFileError* error) const {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    fail(error, errno, "open " + path);
+    return std::nullopt;
+  }
+  std::string out(length, '\0');
+  std::size_t got = 0;
+  while (got < length) {
+    const ssize_t n = ::pread(fd, out.data() + got, length - got, static_cast<off_t>(offset + got));
+    if (n == 0) break;
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      fail(error, errno, "read " + path);
+      ::close(fd);
+      return std::nullopt;
+    }
+    got += static_cast<std::size_t>(n);
+  }
+  ::close(fd);
+  out.resize(got);
+  return out;
+}
+
 namespace {
 
 bool writeAll(int fd, std::string_view bytes) {

@@ -17,6 +17,8 @@ class KOSimFileSystem : public KOFileSystem {
   std::string cachesDirectory() const override;
   std::string temporaryDirectory() const override;
   std::optional<std::string> readFile(const std::string& path, KOFileError* error = nullptr) const override;
+  std::optional<std::string> readFileRange(const std::string& path, std::uint64_t offset, std::size_t length,
+                                           KOFileError* error = nullptr) const override;
   bool writeFileInPieces(const std::string& path, const std::function<bool(const KOPieceWriter&)>& produce,
                          KOFileError* error = nullptr, unsigned mode = 0644) override;
   bool writeFile(const std::string& path, std::string_view bytes, KOFileError* error = nullptr,
