@@ -98,7 +98,11 @@ void BM_TrackEvent(benchmark::State& state) {
   KOEventsHandler& events = KOEventsHandler::sharedInstance();
   events.setEventsBatchCountTreshold(UINT64_MAX);
   const KOValue name("PRODUCT_VIEWED");
-  for (auto _ : state) events.trackEvent(name, payload());
+  {
+    KOCallgrindWindow window("track");
+    for (auto _ : state) events.trackEvent(name, payload());
+  }
+  state.counters["window_items"] = static_cast<double>(state.iterations());
 }
 BENCHMARK(BM_TrackEvent)->Iterations(100000);
 
@@ -110,13 +114,17 @@ void BM_TrackEventThroughFacade(benchmark::State& state) {
   KOEventsHandler::sharedInstance().setEventsBatchCountTreshold(UINT64_MAX);
   KOInAppV2Manager::saveInAppCampaignsWithData(KOValue(KODictionary{{"event_list", KOArray{"ADD_TO_CART"}}}), [] {});
   const KOValue name("PRODUCT_VIEWED");
-  for (auto _ : state) sdk.trackEvent(name, payload());
+  {
+    KOCallgrindWindow window("facade");
+    for (auto _ : state) sdk.trackEvent(name, payload());
+  }
+  state.counters["window_items"] = static_cast<double>(state.iterations());
 }
 BENCHMARK(BM_TrackEventThroughFacade)->Iterations(100000);
 
-// The same with the attributes built in the call, as a host app builds them for each event.
-[[gnu::noinline]] void trackWithBuiltPayload(KOEventsHandler& events, const KOValue& name) {
-  events.trackEvent(
+// The host's call with the attributes built in the call, as a host app builds them for each event.
+[[gnu::noinline]] void trackWithBuiltPayload(Kovantis& sdk, const KOValue& name) {
+  sdk.trackEvent(
       name,
       KOValue(KODictionary{
           {"sku", "SKU-12345"}, {"category", "shoes"}, {"brand", "kovantis"}, {"quantity", 2}, {"price", 49.99}}));
@@ -124,10 +132,14 @@ BENCHMARK(BM_TrackEventThroughFacade)->Iterations(100000);
 
 void BM_TrackEventBuiltPayload(benchmark::State& state) {
   KOBenchCleanRig clean;
-  KOEventsHandler& events = KOEventsHandler::sharedInstance();
-  events.setEventsBatchCountTreshold(UINT64_MAX);
+  Kovantis& sdk = Kovantis::sharedInstance();
+  KOEventsHandler::sharedInstance().setEventsBatchCountTreshold(UINT64_MAX);
   const KOValue name("PRODUCT_VIEWED");
-  for (auto _ : state) trackWithBuiltPayload(events, name);
+  {
+    KOCallgrindWindow window("built");
+    for (auto _ : state) trackWithBuiltPayload(sdk, name);
+  }
+  state.counters["window_items"] = static_cast<double>(state.iterations());
 }
 BENCHMARK(BM_TrackEventBuiltPayload)->Iterations(100000);
 
@@ -178,7 +190,7 @@ void BM_HeldMemory(benchmark::State& state) {
     } else {
       track(kHeld);
     }
-    heapPerEvent = static_cast<double>(heapInUse() - before) / static_cast<double>(kHeld);
+    heapPerEvent = (static_cast<double>(heapInUse()) - static_cast<double>(before)) / static_cast<double>(kHeld);
     peakPerEvent = (peakResidentMegabytes() - residentBefore) * 1e6 / static_cast<double>(kHeld);
     state.ResumeTiming();
   }

@@ -93,7 +93,12 @@ KOEventJournal::KOEventJournal(std::string basePath) : basePath_(std::move(baseP
 
 KOEventJournal::~KOEventJournal() = default;
 
-std::size_t KOEventJournal::capacity() const { return current_ ? current_->size() : 0; }
+std::size_t KOEventJournal::capacity() const { return room_; }
+
+void KOEventJournal::noteMapping() {
+  base_ = current_ ? current_->data() : nullptr;
+  room_ = current_ ? current_->size() : 0;
+}
 
 KOEventJournal::Replay KOEventJournal::replay(std::string_view bytes) {
   Replay out;
@@ -261,6 +266,7 @@ bool KOEventJournal::reopen(KOFileSystem& fs) {
   const std::size_t rest = std::min<std::size_t>(recoveredSize_ - recoveredEnd_, 1 << 20);
   std::memset(mapped->data() + recoveredEnd_, 0, rest);
   current_ = std::move(mapped);
+  noteMapping();
   used_ = recoveredEnd_;
   releaseRecovered();  // the mapping holds the same bytes at the same offsets
   return true;
@@ -283,6 +289,7 @@ bool KOEventJournal::openNext(KOFileSystem& fs, std::size_t contentBytes) {
   previousUsed_ = used_;
   previousFile_ = currentFile_;
   current_ = std::move(mapped);
+  noteMapping();
   currentFile_ = next;
   used_ = kFileHeader;
   return true;
@@ -290,6 +297,7 @@ bool KOEventJournal::openNext(KOFileSystem& fs, std::size_t contentBytes) {
 
 void KOEventJournal::abandonNext() {
   current_ = std::move(previous_);
+  noteMapping();
   used_ = previousUsed_;
   currentFile_ = previousFile_;
 }
@@ -307,13 +315,13 @@ void KOEventJournal::commitNext(KOFileSystem& fs) {
 }
 
 char* KOEventJournal::beginEntry(std::size_t length) {
-  if (!current_ || length > UINT32_MAX) return nullptr;
-  if (kEntryHeader + length > current_->size() - used_) return nullptr;
-  return current_->data() + used_ + kEntryHeader;
+  if (!base_ || length > UINT32_MAX) return nullptr;
+  if (kEntryHeader + length > room_ - used_) return nullptr;
+  return base_ + used_ + kEntryHeader;
 }
 
 std::uint64_t KOEventJournal::endEntry(Kind kind, std::size_t length) {
-  char* entry = current_->data() + used_;
+  char* entry = base_ + used_;
   entry[16] = static_cast<char>(kind);
   const auto stored = static_cast<std::uint32_t>(length);
   store(entry + 4, stored);
@@ -331,7 +339,11 @@ std::uint64_t KOEventJournal::append(Kind kind, std::string_view payload) {
   return endEntry(kind, payload.size());
 }
 
-bool KOEventJournal::grow() { return current_ && current_->resize(current_->size() * 2); }
+bool KOEventJournal::grow() {
+  if (!current_ || !current_->resize(current_->size() * 2)) return false;
+  noteMapping();
+  return true;
+}
 
 bool KOEventJournal::appendSplit(const std::string& id, Half& first, Half& second) {
   std::string payload = id + '\n';

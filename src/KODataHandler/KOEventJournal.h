@@ -161,6 +161,10 @@ class KOEventJournal {
 
   std::string basePath_;
   std::unique_ptr<KOMappedFile> current_;
+  // The current mapping's address and size, read on every append without a call.
+  char* base_ = nullptr;
+  std::size_t room_ = 0;
+  void noteMapping();
   std::unique_ptr<KOMappedFile> previous_;  // kept while the next generation is filled
   int currentFile_ = 1;                     // so that the first generation goes to file 0
   int previousFile_ = 0;

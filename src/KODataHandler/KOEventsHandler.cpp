@@ -314,11 +314,12 @@ std::string_view KOEventsHandler::writeRecord(const std::string& name, const KOV
   // Written in one pass, in the record's key order, into a buffer the thread keeps; from there it
   // is copied once, into the journal.
   thread_local std::string scratch;
-  if (scratch.capacity() > 64 * 1024) std::string().swap(scratch);  // one huge event is not kept for good
-  scratch.clear();
+  if (scratch.size() > 64 * 1024) std::string().swap(scratch);  // one huge event is not kept for good
+  if (scratch.size() < 1024) scratch.resize(1024);
   bool nul = false;
+  std::size_t length = 0;
   {
-    KOJSONWriter json(scratch);
+    KOJSONWriter json(scratch, KOJSONOutput::Reuse{});
     json.raw("{\"EVENT_ACTION\":");
     if (!json.string(name)) throw KOTypeError("string is not valid UTF-8");
     if (attributes) {
@@ -337,11 +338,12 @@ std::string_view KOEventsHandler::writeRecord(const std::string& name, const KOV
     json.raw("\",\"EVENT_L_TIME\":\"");
     json.raw(KovantisUtils::localTimeText(now));
     json.raw("\"}");
+    length = json.length();
   }
   // A NUL character is the one the batch file cannot hold: stored, the record would keep its whole
   // batch out of the file. Refused here, alone.
   if (nul) throw KOTypeError("a key or value holds a NUL character, which cannot be stored");
-  return scratch;
+  return std::string_view(scratch.data(), length);
 }
 
 bool KOEventsHandler::acceptsName(const KOSourceLocation& where, const KOValue& name) const {
@@ -360,7 +362,18 @@ bool KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload)
                            "NSMutable Dictionary type");
       return false;
     }
-    if (!andPayload.isNil() && nestingDeeperThan(andPayload.dictionaryValue(), kMaxAttributeNesting)) {
+    // One look at the top level: what needs the transform, and whether anything nests at all (only
+    // then is the nesting walked).
+    bool transform = false;
+    bool nested = false;
+    if (!andPayload.isNil()) {
+      for (const auto& entry : andPayload.dictionaryValue()) {
+        const KOValue::Kind kind = entry.second.kind();
+        transform |= KovantisUtils::kindNeedsTransform(kind);
+        nested |= kind == KOValue::Kind::Dictionary || kind == KOValue::Kind::Array;
+      }
+    }
+    if (nested && nestingDeeperThan(andPayload.dictionaryValue(), kMaxAttributeNesting)) {
       throw KOTypeError("the attributes nest deeper than " + std::to_string(kMaxAttributeNesting) + " levels");
     }
     const std::string& eventName = name.stringValue();
@@ -373,7 +386,7 @@ bool KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload)
       append(writeRecord(eventName, &attributes, nullptr));
     } else if (andPayload.isNil()) {
       append(writeRecord(eventName, nullptr, nullptr));
-    } else if (!KovantisUtils::payloadNeedsTransform(andPayload.dictionaryValue())) {
+    } else if (!transform) {
       append(writeRecord(eventName, &andPayload, nullptr));
     } else {
       const KOValue attributes(KovantisUtils::transformPayloadForIncompatibleTypes(andPayload.dictionaryValue()));

@@ -55,7 +55,15 @@ inline std::size_t utf8SequenceLength(const unsigned char* p, const unsigned cha
 class KOJSONOutput {
  public:
   explicit KOJSONOutput(std::string& out) : out_(out), length_(out.size()) {}
-  ~KOJSONOutput() { out_.resize(length_); }
+  /// Writes over `out` from its start, its present size taken as room, and leaves that size as it
+  /// is (the text is the first length() bytes): a buffer used again and again is not zero-filled
+  /// each time it grows back.
+  struct Reuse {};
+  KOJSONOutput(std::string& out, Reuse) : out_(out), length_(0), room_(out.size()), reuse_(true) {}
+  ~KOJSONOutput() {
+    if (!reuse_) out_.resize(length_);
+  }
+  std::size_t length() const { return length_; }
   KOJSONOutput(const KOJSONOutput&) = delete;
   KOJSONOutput& operator=(const KOJSONOutput&) = delete;
 
@@ -86,11 +94,15 @@ class KOJSONOutput {
   std::string& out_;
   std::size_t length_;
   std::size_t room_ = 0;
+  bool reuse_ = false;
 };
 
 class KOJSONWriter {
  public:
   explicit KOJSONWriter(std::string& out, int maxDepth = KOValue::kMaxNestingDepth) : out_(out), maxDepth_(maxDepth) {}
+  /// Writes over a reused buffer (see KOJSONOutput::Reuse); the text is its first length() bytes.
+  KOJSONWriter(std::string& out, KOJSONOutput::Reuse reuse) : out_(out, reuse), maxDepth_(KOValue::kMaxNestingDepth) {}
+  std::size_t length() const { return out_.length(); }
 
   /// Text that needs no escaping, as it is.
   void raw(std::string_view text) { out_.append(text); }

@@ -160,12 +160,14 @@ std::string_view KovantisUtils::gmtTimeText(double now) {
 }
 
 std::string_view KovantisUtils::localTimeText(double now) {
-  const auto local = static_cast<std::int64_t>(std::floor(now)) + platform().locale->secondsFromGMT(now);
-  // Events come many to a second: the text is made once per second and thread.
+  // Events come many to a second: the text (and the zone's offset, which a time-zone change
+  // moves from the next second on) is made once per second and thread.
+  const auto second = static_cast<std::int64_t>(std::floor(now));
   thread_local std::int64_t cachedSecond = INT64_MIN;
   thread_local char cached[64];
   thread_local std::size_t cachedLength = 0;
-  if (local != cachedSecond) {
+  if (second != cachedSecond) {
+    const std::int64_t local = second + platform().locale->secondsFromGMT(now);
     const auto seconds = static_cast<std::time_t>(local);
     std::tm tm{};
     gmtime_r(&seconds, &tm);
@@ -176,7 +178,7 @@ std::string_view KovantisUtils::localTimeText(double now) {
       p = std::to_chars(p, cached + sizeof cached, parts[i]).ptr;
     }
     cachedLength = static_cast<std::size_t>(p - cached);
-    cachedSecond = local;
+    cachedSecond = second;
   }
   return {cached, cachedLength};
 }
@@ -215,6 +217,8 @@ bool needsTransform(KOValue::Kind kind) {
 }
 
 }  // namespace
+
+bool KovantisUtils::kindNeedsTransform(KOValue::Kind kind) { return needsTransform(kind); }
 
 bool KovantisUtils::payloadNeedsTransform(const KODictionary& payload) {
   return std::any_of(payload.begin(), payload.end(),

@@ -74,6 +74,8 @@ class KovantisUtils {
   static KODictionary transformPayloadForIncompatibleTypes(const KODictionary& payload);
   /// Whether the transformation would change anything (the common payload needs none).
   static bool payloadNeedsTransform(const KODictionary& payload);
+  /// Whether a value of this kind is changed by the transform (the service cannot take it as is).
+  static bool kindNeedsTransform(KOValue::Kind kind);
 
   // Screen and text.
   static double screenWidth();

@@ -333,10 +333,25 @@ std::shared_ptr<const std::set<std::string>> KOInAppV2Handler::refreshTriggerEve
   return triggerEvents_;
 }
 
+bool KOInAppV2Handler::isTriggerEvent(const std::string& name) {
+  KOInAppV2Manager& store = KOInAppV2Manager::sharedInstance();
+  const std::uint64_t version = store.snapshotVersion();
+  const TriggerList* list = triggerList_.load(std::memory_order_acquire);
+  if (!list || list->version != version) {
+    auto events = refreshTriggerEvents();
+    std::lock_guard<std::mutex> lock(mutex_);
+    // Built from a snapshot at least as new as `version`: should the store change meanwhile, the
+    // next event sees a newer version and builds again.
+    triggerLists_.push_back(std::make_unique<const TriggerList>(TriggerList{version, std::move(events)}));
+    list = triggerLists_.back().get();
+    triggerList_.store(list, std::memory_order_release);
+  }
+  return list->events->count(name) > 0;
+}
+
 void KOInAppV2Handler::checkTriggerWithEventName(const std::string& name, const KOValue& payload) {
   try {
-    const auto events = refreshTriggerEvents();
-    if (events->count(name)) smartTriggerInAppForEvent(name, payload);
+    if (isTriggerEvent(name)) smartTriggerInAppForEvent(name, payload);
   } catch (const std::exception& e) {
     KOLogger::logLocated(
         KO_HERE, this, KOLogSeverityException,

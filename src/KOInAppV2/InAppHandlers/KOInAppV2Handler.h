@@ -3,6 +3,7 @@
 // are written once (decide*) and serve both the showing and the decision report a host can read.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -114,6 +115,9 @@ class KOInAppV2Handler {
   KOInAppDecision screenDecision(const KOInAppV2CampaignPropertiesObject& campaign, const std::string& screen) const;
   /// The listed events, rebuilt from the store when its snapshot changed.
   std::shared_ptr<const std::set<std::string>> refreshTriggerEvents();
+  /// Whether an event is on the trigger list: on every tracked event, so without a lock while the
+  /// store's snapshot is the one the list was built from.
+  bool isTriggerEvent(const std::string& name);
   void present(const std::shared_ptr<const KOInAppV2Object>& inApp, const std::string& screen,
                std::map<std::int64_t, KOImageInfo> images = {});
 
@@ -127,6 +131,13 @@ class KOInAppV2Handler {
   std::shared_ptr<const std::set<std::string>> triggerEvents_;
   // The snapshot the set was built from, held so that its address cannot come back for another.
   std::shared_ptr<const KOInAppV2StoreSnapshot> triggerSource_;
+  struct TriggerList {
+    std::uint64_t version;
+    std::shared_ptr<const std::set<std::string>> events;
+  };
+  std::atomic<const TriggerList*> triggerList_{nullptr};
+  // Every list published stays: a tracking thread may still read one. One per change of the store.
+  std::vector<std::unique_ptr<const TriggerList>> triggerLists_;
   std::shared_ptr<KOPresentedScreen> onScreen_;
   std::string onScreenCampaign_;
   KODispatchToken autoDismiss_ = 0;

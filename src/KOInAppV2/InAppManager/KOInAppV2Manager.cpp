@@ -152,6 +152,7 @@ void KOInAppV2Manager::dropCache() {
   std::lock_guard<std::mutex> write(writeMutex_);
   std::lock_guard<std::mutex> lock(cacheMutex_);
   cache_.reset();
+  version_.fetch_add(1, std::memory_order_acq_rel);
 }
 
 std::shared_ptr<const KOInAppV2StoreSnapshot> KOInAppV2Manager::currentLocked() {
@@ -169,6 +170,7 @@ void KOInAppV2Manager::publish(KODictionary stored, std::shared_ptr<const std::s
   next->campaignsXML_ = std::move(campaignsXML);
   std::lock_guard<std::mutex> lock(cacheMutex_);
   cache_ = std::move(next);
+  version_.fetch_add(1, std::memory_order_acq_rel);
 }
 
 KODictionary KOInAppV2Manager::readStoreFile() {

@@ -15,6 +15,7 @@
 // outside the images directory on its account.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -61,6 +62,9 @@ class KOInAppV2Manager {
 
   /// The cached store, read from the file on first use.
   std::shared_ptr<const KOInAppV2StoreSnapshot> snapshot();
+  /// Changes whenever the snapshot may have: what is built from one is current while this is the
+  /// same. One atomic load.
+  std::uint64_t snapshotVersion() const { return version_.load(std::memory_order_acquire); }
   /// Copies of the cached campaign list and event list (nil when none).
   KOValue inAppsArray();
   KOValue eventsArray();
@@ -149,5 +153,6 @@ class KOInAppV2Manager {
 
   std::mutex writeMutex_;  // one change of the store at a time; taken before cacheMutex_
   mutable std::mutex cacheMutex_;
+  std::atomic<std::uint64_t> version_{1};
   std::shared_ptr<const KOInAppV2StoreSnapshot> cache_;
 };
