@@ -36,6 +36,16 @@ KONotificationHandler& push() { return KONotificationHandler::sharedInstance(); 
 KOInAppV2Handler& inApps() { return KOInAppV2Handler::sharedInstance(); }
 KONudgesHandler& nudges() { return KONudgesHandler::sharedInstance(); }
 
+// Handlers subscribe to what they care about when created; create them before anything can post
+// it (a reset can come before or without a start, an event before the in-app fetch).
+void createHandlers() {
+  attributes();
+  KOInAppV2Manager::sharedInstance();
+  inApps();
+  KOInboxHandler::sharedInstance();
+  push();
+}
+
 }  // namespace
 
 Kovantis& Kovantis::sharedInstance() {
@@ -44,13 +54,9 @@ Kovantis& Kovantis::sharedInstance() {
 }
 
 Kovantis::Kovantis() {
-  // Handlers subscribe to what they care about when created; create them before anything can
-  // post it (a reset can come before or without a start, an event before the in-app fetch).
-  attributes();
-  KOInAppV2Manager::sharedInstance();
-  inApps();
-  KOInboxHandler::sharedInstance();
-  push();
+  // Without a platform they cannot be made yet: the start makes them, and each call before it
+  // logs why it did nothing (a flush answers at once).
+  KOLogger::guard(KO_HERE, this, "Kovantis - exception : %@", [] { createHandlers(); });
 }
 
 // The switches live below the handlers, which read them there.
@@ -88,6 +94,7 @@ void Kovantis::initializeWithApiKey(const KOValue& apiKey, KOApplication* inAppl
 void Kovantis::start(const KOValue& apiKey, KOApplication* application, const KODictionary& launchOptions,
                      bool openDeeplinkUrlAutomatically) {
   KOLogger::guard(KO_HERE, this, "Kovantis - exception in initialize is %@", [&] {
+    createHandlers();
     KOInAppV2Manager::removeV1InApps();
     checkReinstallAndSaveAppID(apiKey);
     push().handleLaunchPush(application, launchOptions, openDeeplinkUrlAutomatically);
@@ -420,6 +427,14 @@ void Kovantis::syncNow() {
                   [&] { events().syncTrackedEventsInBackground(false, false, false); });
 }
 void Kovantis::flush(std::function<void(bool allDelivered)> completion) {
+  try {
+    platform();
+  } catch (const std::exception& e) {
+    // Nothing can be sent, and there is no main queue to answer on: the answer comes at once.
+    KOLogger::logException(KO_HERE, this, "Kovantis - SyncNow exception : %@", e);
+    if (completion) completion(false);
+    return;
+  }
   KOLogger::guard(KO_HERE, this, "Kovantis - SyncNow exception : %@", [&] { events().flush(std::move(completion)); });
 }
 

@@ -615,6 +615,10 @@ class KOConsole {
  public:
   virtual ~KOConsole() = default;
   virtual void writeLine(std::string_view line) = 0;
+  /// A line of the SDK's logger with its severity (0 plain, 1 debug, 2 info, 3 warning,
+  /// 4 exception, 5 error), whether or not the line shows a label: a sink that keeps levels apart
+  /// (a test's, a platform log with levels) overrides it. Writes the line by default.
+  virtual void writeLogLine(std::string_view line, int /*severity*/) { writeLine(line); }
 };
 
 using KODispatchToken = std::uint64_t;

@@ -138,7 +138,8 @@ class Kovantis {
   void syncNow();
   /// Like syncNow(), then calls the completion on the main queue once that sync has ended and its
   /// outcome is on disk: true when nothing is left waiting for the service. For a host that must
-  /// know its data left the device (before a logout screen, at the end of a test).
+  /// know its data left the device (before a logout screen, at the end of a test). Without an
+  /// installed platform it answers false at once, on the calling thread.
   void flush(std::function<void(bool allDelivered)> completion);
   void initNewUser();
   /// Registers the device with the service unless it already is.

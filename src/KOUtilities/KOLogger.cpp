@@ -36,9 +36,9 @@ Settings& settings() {
 // A failure while reporting a logger failure must not recurse.
 thread_local int gReportingDepth = 0;
 
-void writeConsole(const std::string& line) {
+void writeConsole(const std::string& line, int severity) {
   if (KOPlatform::isInstalled()) {
-    KOPlatform::current().console->writeLine(line);
+    KOPlatform::current().console->writeLogLine(line, severity);
   } else {
     std::fprintf(stderr, "%s\n", line.c_str());
   }
@@ -163,7 +163,9 @@ std::optional<std::string> KOLogger::getLogforVerbosity(int verbosity, int sever
 void KOLogger::logWithVerbosity(int verbosity, int severity, const KOArray& formatArgs) {
   try {
     if (!loggingEnabled() || verbosity == 0) return;
-    if (std::optional<std::string> line = getLogforVerbosity(verbosity, severity, formatArgs)) writeConsole(*line);
+    if (std::optional<std::string> line = getLogforVerbosity(verbosity, severity, formatArgs)) {
+      writeConsole(*line, severity);
+    }
   } catch (const std::exception& e) {
     reportFailure("LogEntries Logger exception in logWithVerbosity: %@", e);
   }
@@ -192,10 +194,10 @@ void KOLogger::logWithVerbosity(int verbosity, int severity, const KOArray& form
 
 void KOLogger::log(std::string_view format, const KOArray& args) {
   try {
-    writeConsole(createLog(format, args));
+    writeConsole(createLog(format, args), KOLogSeverityNone);
   } catch (...) {
     try {
-      writeConsole("Caught an exception in KOLogger");
+      writeConsole("Caught an exception in KOLogger", KOLogSeverityNone);
     } catch (...) {
     }
   }

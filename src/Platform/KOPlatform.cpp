@@ -32,7 +32,11 @@ void KOPlatform::install(std::shared_ptr<const KOPlatform> platform) {
 
 const KOPlatform& KOPlatform::current() {
   const KOPlatform* p = gCurrent.load(std::memory_order_acquire);
-  if (!p) throw KOAssertionFailure("no KOPlatform installed");
+  if (!p) {
+    throw KOAssertionFailure(
+        "no KOPlatform installed: install one before the first call to the SDK (KOPlatform::install; on the "
+        "simulated device KOSimDevice::install)");
+  }
   return *p;
 }
 

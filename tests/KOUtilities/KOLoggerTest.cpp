@@ -46,6 +46,7 @@ TEST_F(KOLoggerTest, LevelOneFromStartPrintsWithoutLabel) {
   KOLogger::logWithVerbosity(3, 5, KOArray{"no format for verbosity 3"});
   KOLogger::logWithVerbosity(0, 5, KOArray{"verbosity 0 never prints"});
   EXPECT_EQ(lines(), (std::vector<std::string>{"plain error"}));
+  EXPECT_EQ(device().console().entries().at(0).severity, 5) << "the console hears the severity the line leaves out";
 }
 
 TEST_F(KOLoggerTest, LocatedLinesCarryOurFileLineAndMethod) {

@@ -75,7 +75,8 @@ endforeach()
 
 # "Testing your app": every test case passes, the injected failure included.
 run(${CTEST} --test-dir ${examples}/build --output-on-failure)
-foreach(test TheServiceStoresThePurchaseWithItsAttributes ABatchRefusedWithA500IsKeptAndSentAgain)
+foreach(test TheServiceStoresThePurchaseWithItsAttributes ABatchRefusedWithA500IsKeptAndSentAgain
+             APushOpensTheProductAndTheCartShowsTheOffer)
   string(FIND "${run_output}" "PurchaseTest.${test} " at)
   if(at EQUAL -1)
     message(FATAL_ERROR "the README's test PurchaseTest.${test} did not run:\n${run_output}")

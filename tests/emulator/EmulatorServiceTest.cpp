@@ -245,6 +245,44 @@ TEST_F(EmulatorTest, SeedFileIsAppliedAtConstruction) {
   std::filesystem::remove_all(dir);
 }
 
+// Each user keeps the last value reported for each attribute, time stamps and locations included;
+// the user whose attribute came last is the last one.
+TEST_F(EmulatorTest, UsersHoldTheLastValueReportedForEachAttribute) {
+  auto attribute = [](const std::string& key, const std::string& value) {
+    return R"({"EVENT_ACTION":"EVENT_ACTION_USER_ATTRIBUTE","EVENT_ATTRS":{")" + key + R"(":)" + value +
+           R"(},"EVENT_G_TIME":"1700000000"})";
+  };
+  const std::string custom =
+      R"({"EVENT_ACTION":"EVENT_ACTION_USER_ATTRIBUTE","EVENT_ATTRS_CUST":{"timestamp":[{"BDAY":86400000}],)"
+      R"("location":[{"HOME":"52.500000,13.400000"}]},"EVENT_G_TIME":"1700000000"})";
+  const auto reportOf = [](const std::vector<std::string>& views) {
+    std::string joined;
+    for (const auto& v : views) joined += (joined.empty() ? "" : ",") + v;
+    return R"({"viewsInfo":[)" + joined + R"(],"viewsCount":)" + std::to_string(views.size()) + "}";
+  };
+  ASSERT_EQ(post(kReport, universal({{"batch_id", "1"}, {"unique_id", "U-1"}}),
+                 reportOf({attribute("EMAIL", R"("a@x.io")"), attribute("SIZE", "3"), custom,
+                           R"({"EVENT_ACTION":"EVENT_ACTION_DEVICE_ATTRIBUTE","EVENT_ATTRS":{"MODEL":"x"}})"}))
+                ->status,
+            200);
+  ASSERT_EQ(
+      post(kReport, universal({{"batch_id", "2"}, {"unique_id", "U-2"}}), reportOf({attribute("EMAIL", R"("b@x.io")")}))
+          ->status,
+      200);
+  ASSERT_EQ(
+      post(kReport, universal({{"batch_id", "3"}, {"unique_id", "U-1"}}), reportOf({attribute("SIZE", "4")}))->status,
+      200);
+
+  const std::vector<KOEmulatorUser> users = emulator->users();
+  ASSERT_EQ(users.size(), 2u);
+  EXPECT_EQ(users[0].uniqueId, "U-2");
+  EXPECT_EQ(users[1].uniqueId, "U-1") << "its attribute came last";
+  EXPECT_EQ(users[1].appId, "APP-1");
+  EXPECT_EQ(users[1].attributesJSON, R"({"EMAIL":"a@x.io","SIZE":4,"BDAY":86400000,"HOME":"52.500000,13.400000"})")
+      << "the device attribute is not the user's";
+  EXPECT_EQ(users[0].attributesJSON, R"({"EMAIL":"b@x.io"})");
+}
+
 TEST_F(EmulatorTest, CampaignEventsAreCountedPerCampaignFromTheReports) {
   auto event = [](const std::string& name, const std::string& attributes) {
     return R"({"EVENT_ACTION":")" + name + R"(","EVENT_ATTRS":)" + attributes + R"(,"EVENT_G_TIME":"1700000000"})";

@@ -6,7 +6,7 @@
 cmake_minimum_required(VERSION 3.25)
 set(surface KOEmulator Options routes start stop isRunning port baseURL controlURL dashboardURL controlToken seed seedsJSON
             injectFault clearFaults faults reset requests requestCount devices batches events duplicates logs
-            categories geofenceHits campaignEvents inspectJSON peakConcurrentRequests waitForRequests)
+            categories geofenceHits campaignEvents users inspectJSON peakConcurrentRequests waitForRequests)
 execute_process(COMMAND nm -D --defined-only -C ${LIBRARY} OUTPUT_VARIABLE out RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "nm failed on ${LIBRARY}")

@@ -457,6 +457,7 @@ std::vector<KOEmulatorGeofenceHit> KOEmulator::geofenceHits() const {
 std::vector<KOEmulatorCampaignEvents> KOEmulator::campaignEvents() const {
   return impl_->store.all<KOEmulatorCampaignEvents>();
 }
+std::vector<KOEmulatorUser> KOEmulator::users() const { return impl_->store.all<KOEmulatorUser>(); }
 
 std::vector<KOEmulatorRoute> KOEmulator::routes() { return KOEmulatorService::routes(); }
 

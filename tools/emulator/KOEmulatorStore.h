@@ -42,8 +42,8 @@ class KOEmulatorStore {
   void reset(bool seeds);
 
   // The records KOEmulator's accessors of the same kind hand out, in their order: the rows of a
-  // stored kind, or for KOEmulatorEvent and KOEmulatorCampaignEvents what is read out of the
-  // stored reports.
+  // stored kind, or for KOEmulatorEvent, KOEmulatorCampaignEvents and KOEmulatorUser what is read
+  // out of the stored reports.
   template <class Record>
   std::vector<Record> all() const;
   std::vector<KOEmulatorRequest> requests(const std::string& pathFilter) const;
@@ -80,3 +80,5 @@ template <>
 std::vector<KOEmulatorEvent> KOEmulatorStore::all() const;
 template <>
 std::vector<KOEmulatorCampaignEvents> KOEmulatorStore::all() const;
+template <>
+std::vector<KOEmulatorUser> KOEmulatorStore::all() const;

@@ -275,6 +275,7 @@ class KOForwardingConsole : public KOForwarding<KOConsole> {
  public:
   using KOForwarding::KOForwarding;
   void writeLine(std::string_view line) override { target().writeLine(line); }
+  void writeLogLine(std::string_view line, int severity) override { target().writeLogLine(line, severity); }
 };
 
 class KOForwardingDispatch : public KOForwarding<KODispatch> {

@@ -58,6 +58,7 @@ void KOSimApplication::expireBackgroundTasks() {
 }
 
 bool KOSimApplication::canOpenURL(const std::string& url) const {
+  if (urlHandlerFor(url)) return true;
   const auto colon = url.find(':');
   if (colon == std::string::npos || colon == 0) return false;
   std::lock_guard<std::mutex> lock(mutex_);
@@ -67,7 +68,37 @@ bool KOSimApplication::canOpenURL(const std::string& url) const {
 void KOSimApplication::openURL(const std::string& url, std::function<void(bool success)> completion) {
   const bool ok = canOpenURL(url);
   if (ok) screen_->record(KOSimScreen::OpenURL, {{"url", url}});
+  if (auto handler = urlHandlerFor(url)) {
+    // The app hears its URL later on the main queue, and the opener hears what it answered.
+    dispatch_.asyncMain([handler = std::move(handler), url, completion = std::move(completion)] {
+      const bool handled = handler(url);
+      if (completion) completion(handled);
+    });
+    return;
+  }
   if (completion) dispatch_.asyncMain([completion = std::move(completion), ok] { completion(ok); });
+}
+
+void KOSimApplication::setURLHandler(const std::string& prefix, std::function<bool(const std::string&)> handler) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (handler) {
+    urlHandlers_[prefix] = std::move(handler);
+  } else {
+    urlHandlers_.erase(prefix);
+  }
+}
+
+std::function<bool(const std::string&)> KOSimApplication::urlHandlerFor(const std::string& url) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const std::function<bool(const std::string&)>* found = nullptr;
+  std::size_t longest = 0;
+  for (const auto& [prefix, handler] : urlHandlers_) {
+    if (!prefix.empty() && url.starts_with(prefix) && prefix.size() > longest) {
+      found = &handler;
+      longest = prefix.size();
+    }
+  }
+  return found ? *found : nullptr;
 }
 
 void KOSimApplication::addOpenableScheme(const std::string& scheme) {

@@ -41,6 +41,13 @@ class KOSimApplication : public KOApplication {
   void setKeyboardShown(bool shown);
   /// URL schemes the device can open (http, https, tel, mailto and sms by default).
   void addOpenableScheme(const std::string& scheme);
+  /// The app's own URL router: a URL that starts with the prefix (the app's scheme, "myshop://",
+  /// or a site of its links, "https://shop.example/") opens in the app. Whoever opens it (the SDK
+  /// following a deep link, an in-app's button), the handler hears it on the main queue, as the
+  /// system hands an app its URLs, and answers whether it handled it: the opener's completion
+  /// hears that answer. Such a URL is on the screen record too. A later handler for the same
+  /// prefix replaces the earlier one; nullptr removes it.
+  void setURLHandler(const std::string& prefix, std::function<bool(const std::string& url)> handler);
   /// The URLs opened, from the screen record, oldest first.
   std::vector<std::string> openedURLs() const;
   int settingsOpenedCount() const;
@@ -72,6 +79,8 @@ class KOSimApplication : public KOApplication {
 
  private:
   static std::string newToken();
+  // The app's handler for the URL (longest prefix wins); empty when the URL is not the app's.
+  std::function<bool(const std::string&)> urlHandlerFor(const std::string& url) const;
   void deliverToken();
 
   struct Task {
@@ -87,6 +96,7 @@ class KOSimApplication : public KOApplication {
   KOBackgroundTaskIdentifier nextTask_ = 1;
   std::map<KOBackgroundTaskIdentifier, Task> tasks_;
   std::set<std::string> schemes_{"http", "https", "tel", "mailto", "sms"};
+  std::map<std::string, std::function<bool(const std::string&)>> urlHandlers_;  // by prefix
   int settingsOpened_ = 0;
   bool registeredForRemote_ = false;
   bool registrationFails_ = false;

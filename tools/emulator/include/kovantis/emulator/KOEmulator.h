@@ -93,6 +93,8 @@ class KOEmulator {
   std::vector<KOEmulatorGeofenceHit> geofenceHits() const;
   // Push and in-app events per campaign id, in the order each campaign was first reported.
   std::vector<KOEmulatorCampaignEvents> campaignEvents() const;
+  // The users the devices reported attributes for, the one whose attribute came last at the end.
+  std::vector<KOEmulatorUser> users() const;
 
   // The JSON answer of GET /__emulator/<what>, e.g. inspectJSON("events"), or
   // inspectJSON("requests", "/v2/report/add"). Throws std::invalid_argument for an unknown name.

@@ -81,6 +81,14 @@ struct KOEmulatorCampaignEvents {
   int64_t inAppAutoDismissed = 0;  // "iOS_IN_APP_AUTO_DISMISS"
 };
 
+// A user as the service keeps it: the attributes its devices reported for it (the
+// "EVENT_ACTION_USER_ATTRIBUTE" events), each key with the value reported last. Time stamps are
+// milliseconds since 1970, locations "lat,lng", as they were reported.
+struct KOEmulatorUser {
+  std::string appId, uniqueId;
+  std::string attributesJSON;  // {"USER_ATTRIBUTE_USER_EMAIL": "ada@example.com", ...}
+};
+
 struct KOEmulatorFault {
   std::string path;            // exact path, a prefix ending in "/", or "*" for every service path
   int status = 0;              // answer with this status; 0 answers normally (after any delay)
