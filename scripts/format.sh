@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Applies the project's one code format (.clang-format) to every tracked C++ file, or with
+# Applies the project's one code format (.clang-format) to every tracked C and C++ file, or with
 # --check lists the files that are not in it and fails.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-mapfile -t files < <(git ls-files '*.cpp' '*.h')
+mapfile -t files < <(git ls-files '*.cpp' '*.h' '*.c')
 if [ "${1:-}" = "--check" ]; then
   bad=()
   for f in "${files[@]}"; do

@@ -9,6 +9,7 @@ packages=(
   libsqlite3-dev libcpp-httplib-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang-format
+  abigail-tools  # abidw and abidiff: the C libraries' ABI check (tests/structure/abi.sh)
 )
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'install ok installed'; }
@@ -17,6 +18,8 @@ missing=()
 for p in "${packages[@]}"; do
   installed "$p" || missing+=("$p")
 done
+# The C interface's Python test (ctypes): any python3 on the path will do.
+command -v python3 >/dev/null || missing+=(python3)
 
 # The dashboard's browser test: Chromium, and Node.js with npm to drive it. Node and npm are
 # looked for as commands, since a machine may have them from elsewhere (a nodejs build that

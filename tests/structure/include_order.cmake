@@ -11,6 +11,8 @@
 #     the SDK reaches it over sockets only;
 #   the emulator program (tools/emulator/main.cpp, KOEmulatorPreview.cpp)  the emulator's public
 #     header, and the SDK's internals and the simulated device, with which it draws previews;
+#   the C interface (src/C/)  the public headers (Kovantis.h included) and its own files; its
+#     simulated device (src/C/Sim/) also the simulated device's and the emulator's public headers;
 #   the benchmarks (bench/)  what the tests see: the SDK's internals, the simulated device, the
 #     emulator's public header and the tests' support; not the emulator's own files.
 #   cmake -DSOURCE_DIR=<repo> [-DINJECT=<file>:<include>] -P include_order.cmake
@@ -43,6 +45,10 @@ function(role_of path out)
     set(r 2)
   elseif(path MATCHES "^src/Platform/Sim/")
     set(r sim)
+  elseif(path MATCHES "^src/C/Sim/")
+    set(r c_sim)
+  elseif(path MATCHES "^src/C/")
+    set(r c_binding)
   elseif(path MATCHES "^src/[^/]+$")
     set(r ${facade_rank})
   elseif(path MATCHES "^src/([^/]+)/")
@@ -95,6 +101,14 @@ function(may_include file from target to out)
   elseif(from STREQUAL "sim")
     list(FIND below_logger ${target} below)
     if(to STREQUAL "sim" OR to STREQUAL "0" OR below GREATER -1)
+      set(ok TRUE)
+    endif()
+  elseif(from STREQUAL "c_binding")
+    if(to STREQUAL "0" OR to STREQUAL "${facade_rank}" OR to STREQUAL "c_binding")
+      set(ok TRUE)
+    endif()
+  elseif(from STREQUAL "c_sim")
+    if(to MATCHES "^(0|${facade_rank}|c_binding|c_sim|sim|emulator_public)$")
       set(ok TRUE)
     endif()
   elseif(from STREQUAL "emulator_public")
