@@ -152,6 +152,28 @@ inline constexpr const char* KOV_DISMISS_ACTION = "KOV_DISMISS_ACTION";
 inline constexpr const char* KOV_DISMISS_CATEGORY = "KOV_DISMISS_CATEGORY";
 inline constexpr const char* KO_PUSH_PREF_CHANGED_EVENT = "KO_PUSH_PREFERENCE_CHANGED";
 
+// Push payloads: every key the SDK reads from one (docs/formats.md), for a host that builds a payload
+// or a test that fakes one. The platform's block, with the alert the inbox shows:
+inline constexpr const char* KOPushKeyAps = "aps";
+inline constexpr const char* KOPushKeyAlert = "alert";        // in "aps": a text, or an object with a body
+inline constexpr const char* KOPushKeyAlertTitle = "title";   // in an alert object
+inline constexpr const char* KOPushKeyAlertBody = "body";     // in an alert object: the inbox's text
+inline constexpr const char* KOPushKeyBadge = "badge";        // in "aps"
+inline constexpr const char* KOPushKeyCategory = "category";  // in "aps": the buttons the system shows
+// The service's block: without it, or without a campaign id in it, the SDK leaves the push alone.
+inline constexpr const char* KOPushKeyService = "kovantis";
+inline constexpr const char* KOPushKeyCampaignId = "cid";
+inline constexpr const char* KOPushKeySilent = "silentPush";              // present at all: a silent push
+inline constexpr const char* KOPushKeyCouponCode = "couponCode";          // an opened push offers the code
+inline constexpr const char* KOPushKeyLandingPage = "webUrl";             // an opened push opens the page
+inline constexpr const char* KOPushKeyInAppCampaignId = "kov_inapp_cid";  // a push shows this campaign
+inline constexpr const char* KOPushKeyMediaAttachment = "media-attachment";
+// The app's block: its own data, with the deep link the SDK opens and what its inbox screen hands on.
+inline constexpr const char* KOPushKeyAppExtra = "app_extra";
+inline constexpr const char* KOPushKeyDeepLink = "kov_deeplink";
+inline constexpr const char* KOPushKeyScreenName = "screenName";
+inline constexpr const char* KOPushKeyScreenData = "screenData";
+
 // Push receipt: the service's block of a push payload, the keys written into it, and the events.
 inline constexpr const char* kKovantis = "kovantis";
 inline constexpr const char* KOV_APNS_ACTION = "apns_action";

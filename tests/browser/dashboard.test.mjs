@@ -174,7 +174,7 @@ async function main() {
     // A campaign preview, drawn by the emulator program with the simulated phone's renderer.
     const seed = join(work, 'seed.json');
     writeFileSync(seed, JSON.stringify({ inapps: { campaign_info: [{
-      cid: 'welcome', type: 'popup', status: 'active', ui: { title: { text: 'Welcome back' } },
+      cid: 'welcome', type: 'general', status: 'active', widgets: [{ id: 1, type: 'text', content: 'Welcome back' }],
     }] } }));
     const program = await start(emulatorBinary, ['--port', '0', '--data', join(work, 'program'), '--seed', seed, '--quiet'],
       /dashboard\s+(http:\/\/\S+\/)/, 30);

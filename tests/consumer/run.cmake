@@ -1,7 +1,8 @@
 # Installs the SDK into a scratch prefix, then configures, builds and runs separate projects that
 # find it with find_package(Kovantis): a small consumer (project/), and the README's own examples,
-# taken out of README.md here so that the text and what is tested cannot drift apart. Neither
-# project sees the source tree: only the prefix. Run by ctest after the main build.
+# taken out of README.md here so that the text and what is tested cannot drift apart; then builds
+# the README's programs again with pkg-config, from the prefix moved elsewhere. Nothing sees the
+# source tree: only the prefix. Run by ctest after the main build.
 cmake_minimum_required(VERSION 3.25)
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
@@ -86,19 +87,61 @@ endforeach()
 # The installed emulator library exports its documented surface only.
 run(${CMAKE_COMMAND} -DLIBRARY=${prefix}/lib/libkovantis_emulator.so -P ${SOURCE_DIR}/tests/structure/emulator_symbols.cmake)
 
-# The pkg-config modules point at the same installed libraries.
-file(READ ${prefix}/lib/pkgconfig/kovantis.pc pc)
-if(NOT pc MATCHES "-lkovantis")
-  message(FATAL_ERROR "kovantis.pc does not link the library:\n${pc}")
+# What the prefix holds beside the headers: libraries that keep their execute bit, and the seed
+# schema for the seeds' authors.
+execute_process(COMMAND find ${prefix}/lib -name "*.so*" -type f ! -perm -u+x OUTPUT_VARIABLE unexecutable)
+if(unexecutable)
+  message(FATAL_ERROR "installed libraries without their execute bit:\n${unexecutable}")
 endif()
-find_program(PKG_CONFIG pkg-config)
-if(PKG_CONFIG)
-  set(ENV{PKG_CONFIG_PATH} ${prefix}/lib/pkgconfig)
-  run(${PKG_CONFIG} --cflags --libs kovantis-testing)
-  foreach(library kovantis_testing kovantis_emulator kovantis_sim kovantis)
-    if(NOT run_output MATCHES "-l${library}( |\n|$)")
-      message(FATAL_ERROR "pkg-config kovantis-testing does not link ${library}: ${run_output}")
+if(NOT EXISTS ${prefix}/share/kovantis/schemas/seed.schema.json)
+  message(FATAL_ERROR "the seed schema is not installed under ${prefix}/share/kovantis/schemas")
+endif()
+
+# The same programs built with pkg-config instead of CMake, from the prefix moved elsewhere: the
+# modules find everything from their own place.
+set(moved ${WORK_DIR}/moved-prefix)
+file(RENAME ${prefix} ${moved})
+find_program(PKG_CONFIG pkg-config REQUIRED)
+set(ENV{PKG_CONFIG_PATH} ${moved}/lib/pkgconfig)
+run(${PKG_CONFIG} --variable=libdir kovantis)
+string(STRIP "${run_output}" libdir)
+function(pkg_config_build name)  # name.cpp of the README's examples, then the modules
+  run(${PKG_CONFIG} --cflags --libs ${ARGN})
+  string(STRIP "${run_output}" flags)
+  separate_arguments(flags UNIX_COMMAND "${flags}")
+  foreach(flag IN LISTS flags)
+    if(flag MATCHES "^-[IL]" AND NOT flag MATCHES "^-[IL]${moved}/")
+      message(FATAL_ERROR "pkg-config ${ARGN} points outside the prefix: ${flag}")
     endif()
   endforeach()
+  separate_arguments(sanitize UNIX_COMMAND "${flags_of_build}")
+  run(${CXX} -std=c++20 ${sanitize} ${examples}/${name}.cpp -o ${examples}/${name}-pc ${flags} ${extra_libs}
+      -Wl,-rpath,${libdir})
+endfunction()
+set(flags_of_build "${flags}")
+set(extra_libs "")
+pkg_config_build(hello_kovantis kovantis kovantis-sim kovantis-emulator)
+run(${examples}/hello_kovantis-pc)
+string(FIND "${run_output}" "delivered: yes" at)
+if(at EQUAL -1)
+  message(FATAL_ERROR "hello_kovantis built with pkg-config did not deliver:\n${run_output}")
 endif()
-message(STATUS "consumer and the README's examples built and ran against ${prefix}")
+set(extra_libs -lgtest_main -lgtest -pthread)
+pkg_config_build(app_test kovantis-testing)
+run(${examples}/app_test-pc --gtest_list_tests)
+string(REPLACE "\n" ";" lines "${run_output}")
+set(cases "")
+foreach(line IN LISTS lines)
+  if(line MATCHES "^([A-Za-z0-9_]+)\\.")
+    set(suite ${CMAKE_MATCH_1})
+  elseif(line MATCHES "^  ([A-Za-z0-9_]+)")
+    list(APPEND cases ${suite}.${CMAKE_MATCH_1})
+  endif()
+endforeach()
+if(NOT cases)
+  message(FATAL_ERROR "app_test built with pkg-config lists no test:\n${run_output}")
+endif()
+foreach(case IN LISTS cases)  # one process per test case, as the README says
+  run(${examples}/app_test-pc --gtest_filter=${case})
+endforeach()
+message(STATUS "consumer and the README's examples built and ran against ${prefix}, with CMake and then with pkg-config moved to ${moved}")

@@ -1,5 +1,11 @@
 // Faults, reset, inspection and persistence: the controls tests of the SDK rely on.
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <chrono>
 
 #include "EmulatorFixture.h"
@@ -105,6 +111,50 @@ TEST_F(EmulatorTest, ResetForgetsWhatWasReceivedAndOptionallyTheSeeds) {
   client().Post("/__emulator/reset", R"({"seeds":true})", "application/json");
   EXPECT_EQ(json(get("/v1/getConfig", kConfigQuery)->body)["e_b_c"].GetInt(), 30);
   EXPECT_FALSE(errorOf(client().Post("/__emulator/reset", R"({"seeds":"yes"})", "application/json")).empty());
+}
+
+namespace {
+// A request as a script sends it with `curl -X POST URL`: no body and no Content-Length. Returns the
+// answer's text, or "" when none came within two seconds.
+std::string sendWithoutBody(int port, const std::string& method, const std::string& path, const std::string& token) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::string answer;
+  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+    const std::string request = method + " " + path + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) + "\r\n" +
+                                KOEmulator::kTokenHeader + ": " + token + "\r\nConnection: close\r\n\r\n";
+    if (write(fd, request.data(), request.size()) == static_cast<ssize_t>(request.size())) {
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+      char buffer[1024];
+      pollfd p{fd, POLLIN, 0};
+      while (std::chrono::steady_clock::now() < deadline && poll(&p, 1, 100) >= 0) {
+        if (!(p.revents & POLLIN)) continue;
+        const ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n <= 0) break;
+        answer.append(buffer, static_cast<size_t>(n));
+      }
+    }
+  }
+  close(fd);
+  return answer;
+}
+}  // namespace
+
+TEST_F(EmulatorTest, ControlCallsWithoutABodyAreAnsweredAtOnceAsAnEmptyOne) {
+  const std::string token = emulator->controlToken();
+  emulator->seed(R"({"config":{"e_b_c":3}})");
+  post(kReport, universal({{"batch_id", "1"}}), report(2));
+  EXPECT_EQ(sendWithoutBody(port, "POST", "/__emulator/reset", token).rfind("HTTP/1.1 200", 0), 0u);
+  EXPECT_TRUE(emulator->batches().empty());
+  EXPECT_EQ(sendWithoutBody(port, "POST", "/__emulator/seed", token).rfind("HTTP/1.1 200", 0), 0u);
+  EXPECT_EQ(json(get("/v1/getConfig", kConfigQuery)->body)["e_b_c"].GetInt(), 3) << "an empty seed changes nothing";
+  const std::string fault = sendWithoutBody(port, "POST", "/__emulator/fault", token);
+  EXPECT_EQ(fault.rfind("HTTP/1.1 400", 0), 0u) << fault;
+  EXPECT_EQ(fault.find("HTTP layer"), std::string::npos) << "the fault's own refusal: " << fault;
+  EXPECT_EQ(sendWithoutBody(port, "DELETE", "/__emulator/fault", token).rfind("HTTP/1.1 200", 0), 0u);
 }
 
 TEST_F(EmulatorTest, InspectionEndpointsShowTheStoreAndAreNotRecorded) {

@@ -158,8 +158,8 @@ TEST(EmulatorPreview, ACampaignIsDrawnByTheProgramsRendererAndOtherwiseAnsweredW
   httplib::Client cli("127.0.0.1", emulator.start(0));
   cli.set_connection_timeout(5);
   cli.set_read_timeout(10);
-  emulator.seed(R"({"inapps": {"campaign_info": [{"cid": "c1", "type": "popup"}]},
-                    "campaigns": {"c2": {"cid": "c2", "broken": true}},
+  emulator.seed(R"({"inapps": {"campaign_info": [{"cid": "c1", "type": "general"}]},
+                    "campaigns": {"c2": {"cid": "c2", "content": "broken"}},
                     "smart_triggers": {"ADD_TO_CART": {"cid": "c3", "type": "smart"}}})");
   auto shown = cli.Get("/__emulator/campaign_preview?id=c1");
   ASSERT_EQ(statusOf(shown), 200);

@@ -32,19 +32,19 @@ TEST_F(EmulatorTest, CampaignListAnswersWhatChangedSinceTheStampAndWhatIsNoLonge
   emulator->seed(R"({"inapps": {"campaign_info": [
       {"cid": "old", "status": "active", "last_updated": 1000},
       {"cid": "new", "status": "active", "last_updated": "5000"},
-      {"cid": "paused", "status": "paused", "last_updated": 500}],
+      {"cid": "paused", "status": "inactive", "last_updated": 500}],
     "event_list": ["BUY"], "minimum_delay_bw_inapps": 5}})");
   struct Case {
     std::string since, body;
     std::vector<std::string> expected;
   };
   const std::vector<Case> cases = {
-      {"", "{}", {"old:active", "new:active", "paused:paused"}},
-      {"0", R"({"c-9": {"s": 1}})", {"old:active", "new:active", "paused:paused"}},
+      {"", "{}", {"old:active", "new:active", "paused:inactive"}},
+      {"0", R"({"c-9": {"s": 1}})", {"old:active", "new:active", "paused:inactive"}},
       {"1000", "{}", {"new:active"}},
       {"5000", "{}", {}},
       // Held campaigns: one still active and unchanged, one paused on the service, one deleted there.
-      {"5000", R"({"campaign_ids": ["old", "paused", "gone"]})", {"paused:paused", "gone:inactive"}},
+      {"5000", R"({"campaign_ids": ["old", "paused", "gone"]})", {"paused:inactive", "gone:inactive"}},
       {"1000", R"({"campaign_ids": [{"cid": "new"}, {"cid": "gone"}]})", {"new:active", "gone:inactive"}},
       {"5000", R"({"campaign_ids": {"gone": {"s": 1}, "old": {}}})", {"gone:inactive"}},
   };

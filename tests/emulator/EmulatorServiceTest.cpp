@@ -199,7 +199,7 @@ TEST_F(EmulatorTest, AnswersComeFromTheSeeds) {
         "inapps": [{"cid": "c1", "status": "active"}],
         "campaigns": {"c1": {"cid": "c1"}, "c2": {"reason": "expired"}},
         "smart_triggers": {"buy": {"cid": "s1"}},
-        "inbox": [{"cid": "m1"}],
+        "inbox": [{"cid": "m1", "data": {"kovantis": {"cid": "m1"}}}],
         "geofences": {"fencesInfo": [{"geoId": "g1", "lat": 1.5, "lng": 2.5, "distance": 100}]}
     })",
                                kJSON);
@@ -213,13 +213,13 @@ TEST_F(EmulatorTest, AnswersComeFromTheSeeds) {
   EXPECT_EQ(post("/v2/autotriggerinapps", universal({{"event", "buy"}}), R"({"EVENT_ATTRS":{}})")->body,
             R"({"campaign_info":[{"cid":"s1"}]})");
   EXPECT_EQ(get("/v1/getInboxMessages", universal({{"last_updated", "0"}}))->body,
-            R"({"messagesInfo":[{"cid":"m1"}]})");
+            R"({"messagesInfo":[{"cid":"m1","data":{"kovantis":{"cid":"m1"}}}]})");
   auto fences = json(get("/v1/geoFences", universal({{"lat", "1.5"}, {"lng", "2.5"}}))->body);
   EXPECT_EQ(fences["fencesInfo"][0]["distance"].GetInt(), 100);
 }
 
 TEST_F(EmulatorTest, RejectedSeedChangesNothing) {
-  emulator->seed(R"({"inbox":[{"cid":"keep"}]})");
+  emulator->seed(R"({"inbox":[{"cid":"keep","data":{}}]})");
   for (const char* bad : {R"({"inbox":[], "bogus":{}})", R"({"config":[1]})", R"({"campaigns":{"c":1}})",
                           R"([{"config":{}}])", "{", R"({"images":{"/img/a.png":"AA=="}})",
                           R"({"images":{"/images/":"AA=="}})", R"({"images":{"/images/a.png":"A*=="}})",

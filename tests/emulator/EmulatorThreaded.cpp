@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <fstream>
@@ -24,12 +25,14 @@ const httplib::Params kConfigQuery = {{"app_id", "A"}, {"unique_id", "U"}, {"os"
 // running, so a failing test never leaves one behind.
 class Child {
  public:
-  explicit Child(const std::vector<std::string>& args) {
+  // Reads the child's standard output, and its standard error too when `withErrors`.
+  explicit Child(const std::vector<std::string>& args, bool withErrors = false) {
     int fds[2];
     if (pipe(fds) != 0) throw std::runtime_error("pipe failed");
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+    if (withErrors) posix_spawn_file_actions_adddup2(&actions, fds[1], STDERR_FILENO);
     posix_spawn_file_actions_addclose(&actions, fds[0]);
     posix_spawn_file_actions_addclose(&actions, fds[1]);
     std::string binary = KOVANTIS_EMULATOR_BINARY;
@@ -243,11 +246,26 @@ TEST(EmulatorCommandLine, PrintsItsPortServesAndStopsOnSigterm) {
   ASSERT_EQ(reopened.events().size(), 1u) << "what the binary stored is in its data directory";
   EXPECT_EQ(reopened.events()[0].name, "x");
 
-  Child bad({"--port", "seventy", "--data", dir.string()});
-  int status = bad.exitStatus(std::chrono::seconds(30));
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 2);
   std::filesystem::remove_all(dir);
+}
+
+TEST(EmulatorCommandLine, AWrongArgumentIsNamedInOneLineWithStatus2) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"--port", "abc", "--data", "/tmp"}, "kovantis-emulator: --port abc: not a port number"},
+      {{"--port", "99999", "--data", "/tmp"}, "kovantis-emulator: --port 99999: out of range"},
+      {{"--bogus", "--port", "0"}, "kovantis-emulator: unknown option --bogus"},
+      {{"--port", "0", "--data"}, "kovantis-emulator: --data needs a value"},
+      {{"--port", "0"}, "kovantis-emulator: --data DIR is required"},
+  };
+  for (const auto& [args, line] : cases) {
+    Child child(args, /*withErrors=*/true);
+    const std::string out = child.readUntil("\x01never", std::chrono::seconds(30));
+    const int status = child.exitStatus(std::chrono::seconds(30));
+    ASSERT_TRUE(WIFEXITED(status)) << line;
+    EXPECT_EQ(WEXITSTATUS(status), 2) << line;
+    EXPECT_EQ(out.rfind(line, 0), 0u) << out;
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1) << "one line, not the usage text:\n" << out;
+  }
 }
 
 TEST(EmulatorCommandLine, HelpDocumentsEveryOptionAndTheControlAPI) {

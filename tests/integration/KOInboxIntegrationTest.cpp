@@ -111,9 +111,9 @@ TEST_F(KOInboxIntegrationTest, ABadAnswerIsSurvivedAndLosesNothing) {
   KovantisUtils::saveDeviceToken(KOValue("tok-1"));
   KOInboxHandler::saveClickedPushToLocalStorageWithData(
       KOValue(KODictionary{{"kovantis", KODictionary{{"cid", "opened"}}}}));
-  emulator().seed(R"({"inbox": {"messagesInfo": "not a list"}})");
+  emulator().seedUnchecked(R"({"inbox": {"messagesInfo": "not a list"}})");
   EXPECT_TRUE(fetch());
-  emulator().seed(R"({"inbox": [1, "x", {"cid": 5, "c_cr_t": [], "data": {"aps": {"alert": 7}}}]})");
+  emulator().seedUnchecked(R"({"inbox": [1, "x", {"cid": 5, "c_cr_t": [], "data": {"aps": {"alert": 7}}}]})");
   EXPECT_TRUE(fetch());
   EXPECT_EQ(storedCids(), (std::vector<std::string>{"", "opened"}));
   EXPECT_TRUE(device().console().contains("Kovantis - exception while saving push data from server is"));

@@ -83,7 +83,7 @@ TEST_F(ServerInterfaceIntegrationTest, ReportBatchIsStoredUnderItsBatchId) {
 }
 
 TEST_F(ServerInterfaceIntegrationTest, FetchCallsCarryTheirKeysAndAnswerOnTheMainQueue) {
-  emulator().seed(R"({"campaigns": {"c-1": {"id": "c-1"}}, "smart_triggers": {"BUY": {"campaign_info": []}}})");
+  emulator().seed(R"({"campaigns": {"c-1": {"cid": "c-1"}}, "smart_triggers": {"BUY": {"campaign_info": []}}})");
   FetchResult list, single, trigger, inbox, hit, fences;
   server().getInAppCampaignsWithLastUpdatedTime(KOValue(), KODictionary{{"c-9", KODictionary{{"s", 1}}}},
                                                 collect(list));
@@ -99,7 +99,7 @@ TEST_F(ServerInterfaceIntegrationTest, FetchCallsCarryTheirKeysAndAnswerOnTheMai
     EXPECT_TRUE(r->onMain);
     EXPECT_TRUE(r->answer.isDictionary());
   }
-  EXPECT_EQ(single.answer["campaign_info"], KOValue(KOArray{KODictionary{{"id", "c-1"}}}));
+  EXPECT_EQ(single.answer["campaign_info"], KOValue(KOArray{KODictionary{{"cid", "c-1"}}}));
 
   const auto listReq = lastRequest("/campaigns/inappcampaigns/fetch");
   EXPECT_EQ(listReq.query.at("last_updated"), "");

@@ -4,7 +4,7 @@
 # added or dropped here too.
 #   cmake -DLIBRARY=<libkovantis_emulator.so> -P emulator_symbols.cmake
 cmake_minimum_required(VERSION 3.25)
-set(surface KOEmulator Options routes start stop isRunning port baseURL controlURL dashboardURL controlToken seed seedsJSON
+set(surface KOEmulator Options routes start stop isRunning port baseURL controlURL dashboardURL controlToken seed seedUnchecked seedsJSON
             injectFault clearFaults faults reset requests requestCount devices batches events duplicates logs
             categories geofenceHits campaignEvents users inspectJSON peakConcurrentRequests waitForRequests)
 execute_process(COMMAND nm -D --defined-only -C ${LIBRARY} OUTPUT_VARIABLE out RESULT_VARIABLE rc)

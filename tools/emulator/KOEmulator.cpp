@@ -140,7 +140,8 @@ class __attribute__((visibility("hidden"))) KOEmulator::Impl {
  public:
   explicit Impl(Options o) : options(std::move(o)), store(options.dataDir), service(store, faults, options.imagesDir) {}
 
-  void serve(const httplib::Request& req, httplib::Response& res);
+  // `body` is the request's, read by httplib or, for a control call, by the handler below.
+  void serve(const httplib::Request& req, httplib::Response& res, const std::string& body);
   // The dashboard's page and files, and the campaign preview; true when the path was one of them.
   bool serveDashboard(const httplib::Request& req, httplib::Response& res);
   void record(const httplib::Request& req, int status, const std::string& error, const std::string& fault,
@@ -225,7 +226,7 @@ void KOEmulator::Impl::record(const httplib::Request& req, int status, const std
 
 // Every request arrives here. What all service calls share (a fault may hit them, each is
 // recorded and logged) happens around the service's table, which takes the rest.
-void KOEmulator::Impl::serve(const httplib::Request& req, httplib::Response& res) {
+void KOEmulator::Impl::serve(const httplib::Request& req, httplib::Response& res, const std::string& body) {
   const double startedAt = KOEmulatorStore::now();
   if (KOEmulatorService::isControlPath(req.path) || req.path == "/") {
     if (const std::string why = refusal(req, token); !why.empty()) {
@@ -264,7 +265,7 @@ void KOEmulator::Impl::serve(const httplib::Request& req, httplib::Response& res
                         .path = req.path,
                         .query = req.params,
                         .contentType = req.get_header_value("Content-Type"),
-                        .body = req.body,
+                        .body = body,
                         .port = req.local_port};
     KOEmulatorReply reply = service.handle(call);
     res.status = reply.status;
@@ -355,7 +356,24 @@ int KOEmulator::start(int port) {
   server->set_tcp_nodelay(true);
   server->set_payload_max_length(64u << 20);
   Impl* impl = impl_.get();
-  auto handler = [impl](const httplib::Request& req, httplib::Response& res) { impl->serve(req, res); };
+  auto handler = [impl](const httplib::Request& req, httplib::Response& res) { impl->serve(req, res, req.body); };
+  // A request with neither Content-Length nor chunked encoding has an empty body (RFC 9112 6.3);
+  // httplib would wait for one until its read timeout and then refuse the call. Control calls read
+  // their body themselves, so that `curl -X POST .../reset` is answered at once.
+  auto control = [impl](const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& read) {
+    std::string body;
+    if (req.has_header("Content-Length") ||
+        req.get_header_value("Transfer-Encoding").find("chunked") != std::string::npos) {
+      read([&](const char* data, size_t length) {
+        body.append(data, length);
+        return true;
+      });
+    }
+    impl->serve(req, res, body);
+  };
+  const std::string controlPaths = std::string(KOEmulator::kControlPath) + ".*";
+  server->Post(controlPaths, control).Put(controlPaths, control).Patch(controlPaths, control);
+  server->Delete(controlPaths, control);
   server->Get(".*", handler).Post(".*", handler).Put(".*", handler).Patch(".*", handler);
   server->Delete(".*", handler).Options(".*", handler);
   // Errors httplib answers by itself (unreadable request, oversized body) still get a JSON body,
@@ -431,6 +449,7 @@ std::string KOEmulator::dashboardURL() const { return baseURL() + "/"; }
 std::string KOEmulator::controlToken() const { return impl_->token; }
 
 void KOEmulator::seed(const std::string& json) { impl_->service.seed(json); }
+void KOEmulator::seedUnchecked(const std::string& json) { impl_->service.seed(json, false); }
 std::string KOEmulator::seedsJSON() const { return impl_->service.seedsJSON(); }
 void KOEmulator::injectFault(const KOEmulatorFault& fault) { impl_->faults.add(fault); }
 void KOEmulator::clearFaults(const std::string& path) { impl_->faults.clear(path); }

@@ -215,6 +215,8 @@ std::optional<std::string> KOEmulatorService::inspect(const std::string& what, c
   return route->handle(Env{store_, faults_, imagesDir_}, call, Query(call.query)).body;
 }
 
-void KOEmulatorService::seed(const std::string& json) { applySeed(store_, json); }
+void KOEmulatorService::seed(const std::string& json, bool checked) {
+  applySeed(store_, json, checked ? SeedCheck::Schema : SeedCheck::ShapeOnly);
+}
 
 std::string KOEmulatorService::seedsJSON() const { return seedsOf(store_); }

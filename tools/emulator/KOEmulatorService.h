@@ -55,8 +55,9 @@ class KOEmulatorService {
   // The answer of GET /__emulator/<what>; nothing when no inspection row has that name.
   std::optional<std::string> inspect(const std::string& what, const std::string& pathFilter) const;
 
-  // Replaces the sections the seed names; throws std::invalid_argument when it is unusable.
-  void seed(const std::string& json);
+  // Replaces the sections the seed names; throws std::invalid_argument when it is unusable (see
+  // applySeed: `checked` false takes any section of the right shape, as a test of bad answers needs).
+  void seed(const std::string& json, bool checked = true);
   std::string seedsJSON() const;  // every section, defaults included
   // The seeded in-app campaign with this id ("inapps" first, then "campaigns"), as JSON.
   std::optional<std::string> seededCampaign(const std::string& id) const;

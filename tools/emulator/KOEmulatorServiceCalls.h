@@ -141,8 +141,10 @@ inline Reply ok(std::string body = R"({"status":"success"})") { return {200, std
 // The seeds (KOEmulatorServiceSeeds.cpp): a section as stored, else its default.
 std::string section(const KOEmulatorStore& store, const std::string& name);
 std::string seedsOf(const KOEmulatorStore& store);
-// Replaces the sections the seed names; throws std::invalid_argument when it is unusable.
-void applySeed(KOEmulatorStore& store, const std::string& json);
+// Replaces the sections the seed names; throws std::invalid_argument when it is unusable: not a
+// seed's shape, or (when checked) against the seed schema, with the path and the rule it breaks.
+enum class SeedCheck { Schema, ShapeOnly };
+void applySeed(KOEmulatorStore& store, const std::string& json, SeedCheck check = SeedCheck::Schema);
 // What seeding asks of the areas' sections.
 std::map<std::string, int64_t> stampCampaigns(const rapidjson::Value& inapps,
                                               const std::map<std::string, int64_t>& before);

@@ -27,8 +27,15 @@ Reply health(const Env&, const Call& call, const Query&) {
   return {200, "{\"ok\":true,\"port\":" + std::to_string(call.port) + "}", {}};
 }
 
-Reply seed(const Env& env, const Call& call, const Query&) {
-  applySeed(env.store, call.body);
+// An empty body changes nothing. "?unchecked=true" takes sections the schema would refuse, for a
+// test that hands the SDK an answer the service would never give.
+Reply seed(const Env& env, const Call& call, const Query& q) {
+  const std::string unchecked = q.get("unchecked");
+  if (!unchecked.empty() && unchecked != "true" && unchecked != "false") {
+    throw Refusal("query parameter \"unchecked\" must be true or false");
+  }
+  applySeed(env.store, call.body.empty() ? "{}" : call.body,
+            unchecked == "true" ? SeedCheck::ShapeOnly : SeedCheck::Schema);
   return done();
 }
 
@@ -50,7 +57,7 @@ Reply reset(const Env& env, const Call& call, const Query&) {
 }
 
 Reply addFault(const Env& env, const Call& call, const Query&) {
-  env.faults.add(KOEmulatorFaults::fromJSON(call.body));
+  env.faults.add(KOEmulatorFaults::fromJSON(call.body.empty() ? "{}" : call.body));
   return done();
 }
 

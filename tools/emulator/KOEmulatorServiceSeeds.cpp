@@ -6,6 +6,7 @@
 #include <sstream>
 #include <vector>
 
+#include "KOEmulatorSchema.h"
 #include "KOEmulatorServiceCalls.h"
 #include "KOEmulatorStore.h"
 
@@ -100,11 +101,15 @@ std::string seedsOf(const KOEmulatorStore& store) {
   return {buffer.GetString(), buffer.GetSize()};
 }
 
-void applySeed(KOEmulatorStore& store, const std::string& json) {
+void applySeed(KOEmulatorStore& store, const std::string& json, SeedCheck check) {
   rapidjson::Document doc;
   std::string error;
   if (!KOEmulatorJSON::parse(json, doc, error)) throw std::invalid_argument("seed: " + error);
   if (!doc.IsObject()) throw std::invalid_argument("seed must be a JSON object");
+  if (check == SeedCheck::Schema) {
+    if (const std::optional<std::string> why = KOEmulatorSchema::check(doc))
+      throw std::invalid_argument("seed: " + *why);
+  }
 
   // Check every section before storing any, so a bad seed changes nothing.
   std::vector<std::pair<std::string, std::string>> sections;

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
@@ -30,43 +31,47 @@ struct Option {
   const char* name;
   const char* argument;  // nullptr: a flag
   const char* help;
-  std::function<bool(Settings&, const std::string&)> apply;  // false: the value is unusable
+  // Why the value is unusable; empty when it was taken.
+  std::function<std::string(Settings&, const std::string&)> apply;
 };
+
+std::string directory(std::string& into, const std::string& value) {
+  into = value;
+  return value.empty() ? "an empty directory name" : "";
+}
 
 const std::vector<Option>& options() {
   static const std::vector<Option> table = {
       {"--port", "N", "port to listen on, on 127.0.0.1 (required); 0 picks a free one",
-       [](Settings& s, const std::string& v) {
+       [](Settings& s, const std::string& v) -> std::string {
          char* end = nullptr;
+         errno = 0;
          const long p = std::strtol(v.c_str(), &end, 10);
-         if (v.empty() || *end != '\0' || p < 0 || p > 65535) return false;
+         if (v.empty() || *end != '\0' || v.find_first_not_of("0123456789") != std::string::npos) {
+           return "not a port number";
+         }
+         if (errno == ERANGE || p > 65535) return "out of range: a port is 0 to 65535";
          s.port = static_cast<int>(p);
-         return true;
+         return "";
        }},
       {"--data", "DIR", "directory of the store, DIR/emulator.sqlite (required); created when missing",
-       [](Settings& s, const std::string& v) {
-         s.emulator.dataDir = v;
-         return !v.empty();
-       }},
+       [](Settings& s, const std::string& v) { return directory(s.emulator.dataDir, v); }},
       {"--seed", "FILE", "JSON seed applied at start: config, in-app campaigns, inbox, geofences, images",
-       [](Settings& s, const std::string& v) {
+       [](Settings& s, const std::string& v) -> std::string {
          s.emulator.seedFile = v;
-         return !v.empty();
+         return v.empty() ? "an empty file name" : "";
        }},
       {"--images", "DIR", "serve the files under DIR at /images/<relative path>",
-       [](Settings& s, const std::string& v) {
-         s.emulator.imagesDir = v;
-         return !v.empty();
-       }},
+       [](Settings& s, const std::string& v) { return directory(s.emulator.imagesDir, v); }},
       {"--quiet", nullptr, "do not log each service call on stderr",
        [](Settings& s, const std::string&) {
          s.quiet = true;
-         return true;
+         return std::string();
        }},
       {"--help", nullptr, "print this help and exit",
        [](Settings& s, const std::string&) {
          s.help = true;
-         return true;
+         return std::string();
        }},
   };
   return table;
@@ -89,8 +94,9 @@ void printHelp(std::ostream& out, const char* self) {
       << KOEmulator::kTokenHeader << ".\n";
 }
 
-int usage(const char* self) {
-  printHelp(std::cerr, self);
+// A wrong command line: one line that names the argument and says why, as a script's log shows it.
+int refuse(const std::string& why) {
+  std::cerr << "kovantis-emulator: " << why << " (--help lists the options)" << std::endl;
   return 2;
 }
 
@@ -104,19 +110,22 @@ int main(int argc, char** argv) {
     for (const Option& o : options()) {
       if (arg == o.name) option = &o;
     }
-    if (!option) return usage(argv[0]);
+    if (!option) return refuse("unknown option " + arg);
     std::string value;
     if (option->argument) {
-      if (i + 1 >= argc) return usage(argv[0]);
+      if (i + 1 >= argc) return refuse(arg + " needs a value: " + arg + " " + option->argument);
       value = argv[++i];
     }
-    if (!option->apply(settings, value)) return usage(argv[0]);
+    if (const std::string why = option->apply(settings, value); !why.empty()) {
+      return refuse(arg + " " + value + ": " + why);
+    }
   }
   if (settings.help) {
     printHelp(std::cout, argv[0]);
     return 0;
   }
-  if (settings.port < 0 || settings.emulator.dataDir.empty()) return usage(argv[0]);
+  if (settings.port < 0) return refuse("--port N is required (0 picks a free port)");
+  if (settings.emulator.dataDir.empty()) return refuse("--data DIR is required (the directory of its store)");
   settings.emulator.logRequests = !settings.quiet;
   settings.emulator.campaignPicture = kovantisCampaignPreview;
 

@@ -56,10 +56,11 @@ class KOEmulator {
   // The control API (seeds, faults, inspection, reset: README of the emulator) lives under this
   // path on the same port; it is never recorded and never hit by faults.
   static constexpr const char* kControlPath = "/__emulator/";
-  // Where the emulator's dashboard is served, under the control API.
+  // The dashboard's files (its script and style sheet) are served under this path.
   static constexpr const char* kDashboardPath = "/__emulator/dashboard/";
-  std::string controlURL() const;    // baseURL() + kControlPath
-  std::string dashboardURL() const;  // baseURL() + kDashboardPath
+  std::string controlURL() const;  // baseURL() + kControlPath
+  // The dashboard's page, the address to open in a browser: baseURL() + "/".
+  std::string dashboardURL() const;
   // Every call that changes the emulator over HTTP (seed, fault, reset) must carry this per-run
   // secret in the header "X-Kovantis-Token"; the dashboard page is handed it when served, and a
   // page from another origin can neither read it nor send the header. Calls from a browser must
@@ -67,9 +68,15 @@ class KOEmulator {
   static constexpr const char* kTokenHeader = "X-Kovantis-Token";
   std::string controlToken() const;
 
-  // Seeds: a JSON object whose sections replace the ones stored (see README.md). Throws
-  // std::invalid_argument with the reason when the text is not an acceptable seed.
+  // Seeds: a JSON object whose sections replace the ones stored (see README.md), checked against
+  // the seed schema (share/kovantis/schemas/seed.schema.json, docs/formats.md). Throws
+  // std::invalid_argument with the reason when the text is not an acceptable seed: the path of the
+  // wrong value and the rule it breaks, e.g.
+  // seed: inapps.campaign_info[0].widgets[2].action[0].tag: "m_foo" is not one of "m_nav", ...
   void seed(const std::string& json);
+  // The same without the schema: each section needs only its shape (an object, or a list where a
+  // bare list is allowed), so that a test can hand the SDK an answer the service would never give.
+  void seedUnchecked(const std::string& json);
   std::string seedsJSON() const;
 
   void injectFault(const KOEmulatorFault& fault);
