@@ -110,7 +110,7 @@ function(may_include file from target to out)
       set(ok TRUE)
     endif()
   elseif(from MATCHES "^(harness|harness_public|sample)$")
-    if(to IN_LIST public)
+    if(to IN_LIST public OR (from STREQUAL "sample" AND to STREQUAL "sample"))  # and the sample app's own files
       set(ok TRUE)
     endif()
   elseif(from STREQUAL "bench")
