@@ -225,8 +225,12 @@ TEST_F(ConsentTest, PendingHoldsEverythingAndAGrantDeliversEachHeldEventOnce) {
   for (const KOValue& held : storedEvents("HELD")) seqs.insert(held["EVENT_ATTRS"]["seq"].intValue());
   EXPECT_EQ(seqs.size(), 40u);
   for (std::int64_t i = 0; i < 40; ++i) EXPECT_EQ(seqs.count(i), 1u) << i;
-  EXPECT_EQ(storedEvents("EVENT_ACTION_USER_ATTRIBUTE").empty(), false);
-  EXPECT_GE(emulator().requestCount("/v1/getConfig"), 1u) << "the modules go on after the grant";
+  std::size_t emails = 0;
+  for (const KOValue& attribute : storedEvents("EVENT_ACTION_USER_ATTRIBUTE")) {
+    emails += attribute["EVENT_ATTRS"]["USER_ATTRIBUTE_USER_EMAIL"] == KOValue("ada@example.com");
+  }
+  EXPECT_EQ(emails, 1u);
+  EXPECT_TRUE(waitForRequests("/v1/getConfig", 1)) << "the modules go on after the grant";
   EXPECT_EQ(device().preferences().standard().objectForKey(KOConsentGate::kPreferenceKey), KOValue("granted"));
 }
 

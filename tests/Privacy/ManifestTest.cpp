@@ -263,14 +263,22 @@ class ManifestTest : public KOSDKTestDevice {
 
 TEST_F(ManifestTest, EveryKeyAWholeSessionSendsIsDeclared) {
   emulator().seed(privacy_session::seed(emulator().baseURL()));
-  Kovantis::debug(1);  // remote logging: the service turns it on, and a refused report is logged
-  emulator().injectFault(KOEmulatorFault{"/v2/report/add", 503, 0, false, 1, 1.0});
+  Kovantis::debug(1);
   privacy_session::Session session(device(), /*traffic=*/true);
-  session.run();
+  session.start();
+  // Remote logging: once the configuration turned it on, a refused report is logged to the service.
+  ASSERT_TRUE(
+      waitFor([&] { return device().preferences().standard().objectForKey("LOG_ENTRIES_ENABLED").isNumber(); }));
+  emulator().injectFault(KOEmulatorFault{"/v2/report/add", 503, 0, false, 1, 1.0});
+  session.attributesAndEvents();
+  session.push();
+  session.inboxAndInApp();
+  session.geofences();
+  session.lifecycle();
   ASSERT_TRUE(deliverAll());
   sdk().resetUser();
   ASSERT_TRUE(deliverAll());
-  ASSERT_GT(emulator().requestCount("/noformat/logs/"), 0u);
+  ASSERT_TRUE(waitForRequests("/noformat/logs/", 1));
   std::map<std::string, std::string_view> host;
   for (const std::string& key : privacy_session::kHostKeys) host[key] = kInteraction;
   for (const char* key : {"plan", "last_order_at", "home"}) host[key] = kOther;  // its user attributes
