@@ -9,6 +9,8 @@
 #include "KOInAppV2/Nudges/KONudgesHandler.h"
 #include "KOInbox/KOInboxHandler.h"
 #include "KONotification/KONotificationHandler.h"
+#include "KOPrivacy/KOPrivacyHandler.h"
+#include "KOUtilities/KOConsentGate.h"
 #include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOSDKSettings.h"
@@ -35,6 +37,7 @@ KODeviceHandler& device() { return KODeviceHandler::sharedInstance(); }
 KONotificationHandler& push() { return KONotificationHandler::sharedInstance(); }
 KOInAppV2Handler& inApps() { return KOInAppV2Handler::sharedInstance(); }
 KONudgesHandler& nudges() { return KONudgesHandler::sharedInstance(); }
+KOPrivacyHandler& privacy() { return KOPrivacyHandler::sharedInstance(); }
 
 // Handlers subscribe to what they care about when created; create them before anything can post
 // it (a reset can come before or without a start, an event before the in-app fetch).
@@ -94,6 +97,11 @@ void Kovantis::initializeWithApiKey(const KOValue& apiKey, KOApplication* inAppl
 void Kovantis::start(const KOValue& apiKey, KOApplication* application, const KODictionary& launchOptions,
                      bool openDeeplinkUrlAutomatically) {
   KOLogger::guard(KO_HERE, this, "Kovantis - exception in initialize is %@", [&] {
+    privacy().launched();
+    if (KOConsentGate::shared().stopped()) {
+      KOLogger::logPlain("Kovantis - The SDK's data was wiped in this launch: it starts again at the next one");
+      return;
+    }
     createHandlers();
     KOInAppV2Manager::removeV1InApps();
     checkReinstallAndSaveAppID(apiKey);
@@ -241,6 +249,39 @@ void Kovantis::setUserDateOfBirth(const KOValue& date) {
 }
 void Kovantis::setUserLocationLatitude(double latitude, double andLongitude) {
   setUserAttributeLocationLatitude(latitude, andLongitude, KOValue(USER_ATTRIBUTE_USER_LOCATION));
+}
+
+// ---------------------------------------------------------------------------------------- privacy
+
+void Kovantis::setTrackingConsent(KOTrackingConsent consent, KOPendingData pendingData) {
+  KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
+    // A grant lets the modules go on at once: configuration, inbox, in-apps and the held events.
+    if (privacy().setTrackingConsent(consent, pendingData)) updateModules();
+  });
+}
+KOTrackingConsent Kovantis::trackingConsent() const {
+  try {
+    return privacy().trackingConsent();
+  } catch (const std::exception& e) {
+    KOLogger::logException(KO_HERE, this, "Kovantis - Exception : %@", e);
+    return KOTrackingConsent::Pending;
+  }
+}
+void Kovantis::setDefaultTrackingConsent(KOTrackingConsent consent) {
+  KOConsentGate::shared().setDefaultConsent(consent);
+}
+void Kovantis::wipeData(const KOWipeOptions& options) {
+  KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] { privacy().wipeData(options); });
+}
+KOValue Kovantis::exportUserData() {
+  KOValue exported;
+  KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] { exported = privacy().exportUserData(); });
+  return exported;
+}
+std::string Kovantis::exportUserDataJSON() {
+  std::string exported;
+  KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] { exported = privacy().exportUserDataJSON(); });
+  return exported;
 }
 
 // ------------------------------------------------------------------------------------------- push

@@ -1,7 +1,8 @@
 // kovantis-demo: a scripted app session on the simulated device against a local emulator of the
 // service, printing a timeline of what the SDK did and what the service stored. The device lives
 // in a directory of its own, so a second run is the same phone again (--reinstall deletes the app
-// first; the keychain stays, and the SDK reports the reinstall). With --keep the emulator stays up
+// first; the keychain stays, and the SDK reports the reinstall). It ends with the user's privacy
+// choices and a wipe of the SDK's data (PrivacySection.cpp). With --keep the emulator stays up
 // after the session, its dashboard showing what the service received, until Ctrl-C.
 #include <algorithm>
 #include <cmath>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "DemoSeeds.h"
+#include "PrivacySection.h"
 #include "Sim/KOSimDevice.h"
 #include "kovantis/KOConstants.h"
 #include "kovantis/KOInAppDelegate.h"
@@ -584,6 +586,8 @@ int main(int argc, char** argv) {
   for (const auto& r : emulator.requests("/v2/report/add")) failed += r.status != 200;
   step("report requests (failed)",
        std::to_string(emulator.requests("/v2/report/add").size()) + " (" + std::to_string(failed) + ")");
+
+  runPrivacySection(device, emulator, root + "/export.json");
 
   const auto lines = device.console().lines();
   if (!lines.empty()) {

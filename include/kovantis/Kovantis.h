@@ -15,6 +15,7 @@
 #include "kovantis/KOInAppDelegate.h"
 #include "kovantis/KOPayloadBuilder.h"
 #include "kovantis/KOPlatform.h"
+#include "kovantis/KOPrivacy.h"
 #include "kovantis/KOValue.h"
 #include "kovantis/KOViewDescription.h"
 
@@ -85,6 +86,26 @@ class Kovantis {
   void setUserGender(int gender);
   void setUserDateOfBirth(const KOValue& date);
   void setUserLocationLatitude(double latitude, double andLongitude);
+
+  // ---------------------------------------------------------------------------- privacy
+  /// The user's tracking consent (KOPrivacy.h), kept across launches. Granting sends what was held
+  /// while pending. Denying discards it; when consent was granted, the app may have the events
+  /// held on the device sent first (KOPendingData::Send), in one last sync that tells the service.
+  void setTrackingConsent(KOTrackingConsent consent, KOPendingData pendingData = KOPendingData::Discard);
+  KOTrackingConsent trackingConsent() const;
+  /// The consent of an install where the app never chose one: Granted, unless an app that must ask
+  /// first sets Pending (before the start). Not kept: set it at every launch.
+  static void setDefaultTrackingConsent(KOTrackingConsent consent);
+  /// Removes everything the SDK keeps on the device (files, preferences, app-group entries,
+  /// keychain items), stops its region monitoring, timers and requests, and leaves it as on a
+  /// fresh install: the SDK does nothing more until the app's next launch.
+  void wipeData(const KOWipeOptions& options = {});
+  /// Everything the device keeps about the user, for an access request: {"consent", "identifiers",
+  /// "attributes", "events" (not yet accepted by the service), "inbox", "inAppStatistics", "push",
+  /// "geofences" (watched now), "appGroup"}, each under the names the SDK keeps it by.
+  KOValue exportUserData();
+  /// The same as JSON (dates as seconds since 1970, data as hexadecimal text); "" on failure.
+  std::string exportUserDataJSON();
 
   // ------------------------------------------------------------------------------- push
   /// Asks for permission (badge, sound, alert), registers for remote notifications and installs

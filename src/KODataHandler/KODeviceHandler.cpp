@@ -5,6 +5,7 @@
 
 #include "KOEventsHandler.h"
 #include "KOUserAttributesHandler.h"
+#include "KOUtilities/KOConsentGate.h"
 #include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOKeychain.h"
 #include "KOUtilities/KOLogger.h"
@@ -58,6 +59,8 @@ void KODeviceHandler::addDeviceWithCompletion(std::function<void(bool)> completi
       KOLogger::logPlain("Kovantis - could not register for push");
       return;
     }
+    // Registered once consent is granted: a refused call would count as registered.
+    if (!KOConsentGate::shared().mayCallService()) return;
     KOServerInterface::sharedInstance().initializeWith({}, [this, completion](bool) {
       try {
         // Registered whatever the answer: the service adds the device again from any later call.
@@ -111,6 +114,7 @@ void KODeviceHandler::checkOwedReinstall() {
 
 void KODeviceHandler::queryForAdvertisingID() {
   KOLogger::guard(KO_HERE, this, "Kovantis - exception is %@", [&] {
+    if (!KOConsentGate::shared().mayRecord()) return;  // not even read while the user says no
     const KOValue advertisingId = KovantisUtils::advertiserID();
     if (advertisingId.isAbsent() || advertisingId == KovantisUtils::getSavedAdvertisingID()) return;
     KOUserAttributesHandler::sharedInstance().trackUserAttribute(advertisingId, KOValue(KO_ADVERTISING_IDENTIFIER));

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cmath>
 
+#include "KOUtilities/KOConsentGate.h"
 #include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOJSONWriter.h"
@@ -107,6 +108,12 @@ void KOEventsHandler::discardEverythingStored() {
   writeSnapshotNow();  // removes the file
   std::lock_guard<std::mutex> lock(mutex_);
   startJournalLocked();  // and nothing comes back from the journal
+}
+
+void KOEventsHandler::discardAllPending() {
+  discardEverythingStored();
+  if (checkIfFileExists()) removeDatFile();
+  logInfo("Kovantis - The events held on the device were discarded");
 }
 
 KOBackgroundTaskIdentifier KOEventsHandler::syncInBackgroundTask(KOApplication* application) {
@@ -355,6 +362,7 @@ bool KOEventsHandler::acceptsName(const KOSourceLocation& where, const KOValue& 
 
 bool KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload) {
   try {
+    if (!KOConsentGate::shared().mayRecord()) return false;
     if (!acceptsName(KO_HERE, name)) return false;
     if (!andPayload.isNil() && !andPayload.isDictionary()) {
       KOLogger::logLocated(KO_HERE, this, KOLogSeverityException,
@@ -402,6 +410,7 @@ bool KOEventsHandler::trackEvent(const KOValue& name, const KOValue& andPayload)
 
 bool KOEventsHandler::trackEvent(const KOValue& name, KOPayloadBuilder& builderPayload) {
   try {
+    if (!KOConsentGate::shared().mayRecord()) return false;
     if (!acceptsName(KO_HERE, name)) return false;
     // Checked before anything copies or normalises them.
     const KOPayloadBuilder& parts = builderPayload;

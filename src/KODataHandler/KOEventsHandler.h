@@ -61,6 +61,9 @@ class KOEventsHandler {
   void removeEventsPlistFile();
   /// The end of a reset: user data cleared, then "KOV_INIT_NEW_USER" posted.
   void cleanUp();
+  /// Drops every event held on the device, in memory and on file (batch file, journal, the older
+  /// generation's file): the user refused consent. Nothing of them is ever sent.
+  void discardAllPending();
   /// Sends the events of the older SDK generation's file once, and keeps them as a batch on failure.
   void syncToServerFromDumpFile();
 
@@ -112,6 +115,10 @@ class KOEventsHandler {
   void offerToObserver(const std::string& name, const KOValue& attributes) const;
   struct Round;  // one sync round's batches and outcomes
   void runSync(SyncRequest request);
+  /// A sync asked for while consent holds everything on the device: nothing is sent, and what the
+  /// request owes is still done (a reset clears the user's data, a flush is answered, a background
+  /// task ends).
+  void holdSync(const SyncRequest& request);
   /// Whether the request waits: for the running sync, or out a back-off. Remembers it if so.
   bool waitingLocked(const SyncRequest& request);
   /// Starts a round: cuts when asked, and takes the batches it sends (none: the round is over).

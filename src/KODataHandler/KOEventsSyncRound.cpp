@@ -3,8 +3,10 @@
 // and the flushes it answers.
 #include <algorithm>
 #include <atomic>
+#include <utility>
 
 #include "KOEventsHandler.h"
+#include "KOUtilities/KOConsentGate.h"
 #include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOSDKNotifications.h"
@@ -126,6 +128,7 @@ std::vector<std::string> KOEventsHandler::beginRoundLocked(const SyncRequest& re
 }
 
 void KOEventsHandler::runSync(SyncRequest request) {
+  if (!KOConsentGate::shared().mayUpload()) return holdSync(request);
   auto round = std::make_shared<Round>();
   std::vector<std::string> batches;  // their bodies are made as each request is sent
   try {
@@ -150,6 +153,28 @@ void KOEventsHandler::runSync(SyncRequest request) {
     logSyncException(e);
     if (round->number != 0) completeFlushes(round->number, true);
   }
+}
+
+void KOEventsHandler::holdSync(const SyncRequest& request) {
+  if (request.reset) cleanUp();
+  std::vector<FlushWaiter> waiting;
+  KOBackgroundTaskIdentifier task = KOBackgroundTaskInvalid;
+  bool nothingHeld = false;
+  {
+    // Answered from what is known without loading or writing anything: a denied app touches no file.
+    std::lock_guard<std::mutex> lock(mutex_);
+    waiting.swap(flushWaiters_);
+    KOFileSystem& fs = *platform().fileSystem;
+    nothingHeld = store_.loaded() ? store_.empty() && views_.empty()
+                                  : !fs.fileExists(store_.path()) && !fs.fileExists(journal_.pathOf(0)) &&
+                                        !fs.fileExists(journal_.pathOf(1));
+    if (request.inBackground) task = std::exchange(bgTask_, KOBackgroundTaskInvalid);
+  }
+  for (FlushWaiter& w : waiting) {
+    if (w.completion)
+      platform().dispatch->asyncMain([done = std::move(w.completion), nothingHeld] { done(nothingHeld); });
+  }
+  if (task != KOBackgroundTaskInvalid) platform().application->endBackgroundTask(task);
 }
 
 void KOEventsHandler::sendRound(const SyncRequest& request, const std::shared_ptr<Round>& round,

@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "KOEventsHandler.h"
+#include "KOUtilities/KOConsentGate.h"
 #include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOPropertyListFile.h"
@@ -221,6 +222,7 @@ bool KOUserAttributesHandler::setUserAttribute(const KOValue& value, const KOVal
 
 void KOUserAttributesHandler::trackUserAttribute(const KOValue& value, const KOValue& forKey) {
   KOLogger::guard(KO_HERE, this, "Kovantis - exception : %@", [&] {
+    if (!KOConsentGate::shared().mayRecord()) return;  // the user said no: not even a log line
     if (setUserAttribute(value, forKey)) {
       KOLogger::logPlain(KOStringFormat::format("Kovantis - UserAttribute %@ tracked with Value %@", {forKey, value}));
     } else {
@@ -254,15 +256,23 @@ void KOUserAttributesHandler::cleanUpUserData() {
       prefs.removeObjectForKey(key);
     }
     prefs.synchronize();
-    KOUserAttributesHandler& handler = sharedInstance();
-    std::lock_guard<std::mutex> writing(handler.fileMutex_);  // no write of the old cache after this
-    {
-      std::lock_guard<std::mutex> lock(handler.mutex_);
-      handler.cache_.emplace();
-      handler.dirty_ = false;
-    }
-    handler.userAttributeRemovePlistFile();
+    sharedInstance().forgetSentValues();
   } catch (const std::exception& e) {
     KOLogger::logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
   }
+}
+
+void KOUserAttributesHandler::forgetSentValues() {
+  std::lock_guard<std::mutex> writing(fileMutex_);  // no write of the old cache after this
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    cache_.emplace();
+    dirty_ = false;
+  }
+  userAttributeRemovePlistFile();
+}
+
+KODictionary KOUserAttributesHandler::sentValues() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return cacheLocked();
 }

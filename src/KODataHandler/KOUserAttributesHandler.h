@@ -30,6 +30,11 @@ class KOUserAttributesHandler {
   bool doesUserAttributeExistsWithKey(const KOValue& key, const KOValue& andValue);
   /// Clears the identity and time settings and the cache, so every attribute is sent again.
   static void cleanUpUserData();
+  /// Forgets which values were sent (in memory and the cache file), so that each is sent again
+  /// when set: the events that carried them were discarded.
+  void forgetSentValues();
+  /// The values remembered as sent, by key.
+  KODictionary sentValues();
 
   std::string userAttributePlistFilePath() const;
   bool checkIfUserAttributePlistExists() const;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "KOGeofenceModel.h"
+#include "KOUtilities/KOConsentGate.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOStringFormat.h"
 #include "KOUtilities/KOValueHelpers.h"
@@ -93,6 +94,8 @@ void KOGeofenceHandler::startGeofenceWithManager(std::shared_ptr<KOLocationManag
       return;
     }
     becomeDelegateOf(manager);
+    // While the user says no, the manager is kept and nothing more: a later grant goes on from here.
+    if (KOConsentGate::shared().optedOut()) return;
     if (!locationManagerAllowedPermission()) return;
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -114,6 +117,7 @@ void KOGeofenceHandler::initializeLocationManager() {
     if (!manager) throw std::runtime_error("this platform makes no location manager");
   }
   becomeDelegateOf(manager);
+  if (KOConsentGate::shared().optedOut()) return;
   if (!locationManagerAllowedPermission()) return;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -150,6 +154,8 @@ bool KOGeofenceHandler::locationManagerAllowedPermission() {
 
 void KOGeofenceHandler::callServerWithLocation(const KOLocation* location) {
   KOLogger::guard(KO_HERE, this, kFetchFailure, [&] {
+    // Not asked while consent is not granted; a grant asks then (resumeAfterConsent).
+    if (!KOConsentGate::shared().mayCallService()) return;
     {
       // Once per process: later locations do not ask again, whatever the answer.
       std::lock_guard<std::mutex> lock(mutex_);
@@ -223,6 +229,7 @@ void KOGeofenceHandler::geofenceHit(const KOCircularRegion& region, const std::s
                                     const std::string& andGeoId) {
   KOLogger::guard(KO_HERE, this, kHitFailure, [&] {
     if (!KovantisUtils::checkIfString(andGeoId, kRegionSuffix)) return;  // a region of the host's
+    if (!KOConsentGate::shared().mayCallService()) return;               // not kept for later, like a failed report
     const std::string geoId = dropLastCharacters(andGeoId, 3);
     const KOLocationCoordinate center = region.center;
     // Reported once: a failed report is logged, not kept for later.
@@ -266,7 +273,7 @@ void KOGeofenceHandler::locationManager(KOLocationManager&, const KOLocationErro
 void KOGeofenceHandler::locationManager(KOLocationManager& manager,
                                         KOAuthorizationStatus didChangeAuthorizationStatus) {
   KOLogger::guard(KO_HERE, this, kStartFailure, [&] {
-    if (locationStarted() || !systemHasAuthorizationRequests()) return;
+    if (locationStarted() || !systemHasAuthorizationRequests() || KOConsentGate::shared().optedOut()) return;
     if (didChangeAuthorizationStatus != KOAuthorizationStatusAuthorizedAlways &&
         didChangeAuthorizationStatus != KOAuthorizationStatusAuthorizedWhenInUse) {
       return;
@@ -297,4 +304,43 @@ void KOGeofenceHandler::regionCrossed(const KOCircularRegion& region, const char
   } else {
     geofenceHit(region, transitionType, region.identifier);
   }
+}
+
+// ------------------------------------------------------------------------------------- consent
+
+std::vector<KOCircularRegion> KOGeofenceHandler::watchedRegions() const {
+  std::vector<KOCircularRegion> ours;
+  if (const auto manager = locationManager()) {
+    for (const KOCircularRegion& region : manager->monitoredRegions()) {
+      if (KovantisUtils::checkIfString(region.identifier, kRegionSuffix)) ours.push_back(region);
+    }
+  }
+  return ours;
+}
+
+void KOGeofenceHandler::withdrawRegions() {
+  KOLogger::guard(KO_HERE, this, kStartFailure, [&] {
+    const auto manager = locationManager();
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      geoFencesCalled_ = false;
+    }
+    if (!manager) return;
+    manager->stopUpdatingLocation();
+    // The host's own regions stay: only those the SDK added go.
+    for (const KOCircularRegion& region : watchedRegions()) manager->stopMonitoringForRegion(region);
+  });
+}
+
+void KOGeofenceHandler::resumeAfterConsent() {
+  KOLogger::guard(KO_HERE, this, kStartFailure, [&] {
+    const auto manager = locationManager();
+    if (!manager) return;  // the host never started geofencing
+    if (!locationStarted()) {
+      if (!locationManagerAllowedPermission()) return;
+      std::lock_guard<std::mutex> lock(mutex_);
+      locationStarted_ = true;
+    }
+    if (!geoFencesCalled()) manager->startUpdatingLocation();  // the first update asks for the fences
+  });
 }

@@ -62,6 +62,14 @@ class KOGeofenceHandler : public KOLocationManagerDelegate {
   void locationManagerDidEnterRegion(KOLocationManager& manager, const KOCircularRegion& region) override;
   void locationManagerDidExitRegion(KOLocationManager& manager, const KOCircularRegion& region) override;
 
+  /// The user said no: the SDK's regions are no longer watched and location updates stop; the
+  /// fences are asked for again once consent is granted (resumeAfterConsent).
+  void withdrawRegions();
+  /// Consent granted: geofencing the host started goes on (permission, then the fences).
+  void resumeAfterConsent();
+  /// The regions of the SDK's fences the location manager watches.
+  std::vector<KOCircularRegion> watchedRegions() const;
+
   /// A location as log lines show it.
   static std::string describe(const KOLocation& location);
 

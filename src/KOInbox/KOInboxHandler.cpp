@@ -7,6 +7,7 @@
 
 #include "KOInboxPushDataModel.h"
 #include "KOUtilities/KOAtomicFile.h"
+#include "KOUtilities/KOConsentGate.h"
 #include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOPropertyListFile.h"
@@ -111,6 +112,7 @@ std::string KOInboxHandler::getFilePathForInboxMessages() {
 
 void KOInboxHandler::saveClickedPushToLocalStorageWithData(const KOValue& payload) {
   KOLogger::guard(KO_HERE, nullptr, KOLogSeverityError, kSaveOpenedFailure, [&] {
+    if (!KOConsentGate::shared().mayRecord()) return;
     const KOValue& kovantis = validObjectForKey(payload, "kovantis");
     if (kovantis.isAbsent()) return;
     const KOValue& cid = validObjectForKey(kovantis.dictionaryValue(), "cid");
@@ -247,7 +249,7 @@ void KOInboxHandler::getInboxMessagesWithCompletion(std::function<void(bool)> co
   };
   bool sent = false;
   KOLogger::guard(KO_HERE, nullptr, KOLogSeverityError, kFetchFailure, [&] {
-    if (KovantisUtils::getDeviceToken().isAbsent()) return;
+    if (KovantisUtils::getDeviceToken().isAbsent() || !KOConsentGate::shared().mayCallService()) return;
     const KOValue last = KovantisUtils::getlastUpdatedTimeForInbox();
     std::string time;
     if (last.isAbsent()) {

@@ -7,6 +7,7 @@
 #include "KODataHandler/KOUserAttributesHandler.h"
 #include "KOInAppV2/InAppHandlers/KOInAppV2Handler.h"
 #include "KOInbox/KOInboxHandler.h"
+#include "KOUtilities/KOConsentGate.h"
 #include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOSDKNotifications.h"
@@ -80,6 +81,7 @@ void KONotificationHandler::didRegisterForUserNotificationSettings(int grantedTy
 
 void KONotificationHandler::pushEnabled() {
   try {
+    if (!KOConsentGate::shared().mayRecord()) return;  // a change is reported once the user allows it
     {
       std::lock_guard<std::mutex> lock(preferenceMutex_);
       const KOValue stored = prefs().objectForKey(KO_PUSH_PREFERENCE_KEY);
@@ -93,6 +95,7 @@ void KONotificationHandler::pushEnabled() {
 
 void KONotificationHandler::pushDisabled() {
   try {
+    if (!KOConsentGate::shared().mayRecord()) return;
     {
       std::lock_guard<std::mutex> lock(preferenceMutex_);
       const KOValue stored = prefs().objectForKey(KO_PUSH_PREFERENCE_KEY);

@@ -10,12 +10,15 @@
 #include <thread>
 #include <unordered_map>
 
+#include "KOUtilities/KOConsentGate.h"
 #include "KOUtilities/KOJSONSerialization.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOStringFormat.h"
 #include "kovantis/KOPlatform.h"
 
 namespace {
+
+constexpr const char* kHeldForConsent = "not sent: tracking consent is not granted";
 
 // What one finished transfer reports to its completion.
 struct Outcome {
@@ -124,6 +127,9 @@ struct ADHttpClient::Impl {
 
   void submit(std::unique_ptr<Transfer> t) {
     ++inFlight;
+    // Every request of the SDK passes here: without the user's consent none leaves the device. It
+    // fails as a request that got no answer, and its caller keeps what it would have sent.
+    if (!KOConsentGate::shared().admits(t->request.url)) return finish(*t, kHeldForConsent);
     {
       std::lock_guard<std::mutex> lock(mutex);
       if (!stopping) {
@@ -290,7 +296,8 @@ void ADHttpClient::fetchRequest(KOURLRequest request, FetchCompletion completion
     if (!completion) return;
     KOPlatform::current().dispatch->asyncMain([completion, answer = std::move(answer)] {
       try {
-        completion(answer);
+        // An answer that arrives once the user said no (or the data was wiped) is not used.
+        completion(KOConsentGate::shared().optedOut() ? KOValue() : answer);
       } catch (const std::exception& e) {
         KOLogger::logException(KO_HERE, nullptr, "Kovantis - Exception : %@", e);
       }

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "KOUtilities/KOConsentGate.h"
 #include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOStackTrace.h"
@@ -47,6 +48,10 @@ void addLegacyNames(KODictionary& p, const LegacyValues& v) {
   setObjectNilHandled(p, v.model, KOValue("device_model"));
   setObjectNilHandled(p, v.osVersion, KOValue("device_version"));
 }
+
+// Every call but the reports waits for the user's consent; one refused here fails at once, as a
+// call that got no answer, before anything is built for it.
+bool held() { return !KOConsentGate::shared().mayCallService(); }
 
 std::string coordinate(double degrees) { return KOStringFormat::format("%f", {KOValue(degrees)}); }
 
@@ -142,10 +147,13 @@ KODictionary KOServerInterface::getUniversalParams() {
     setObjectNilHandled(p, KOValue(w.integration), KOValue("integration_type"));
   }
   addLegacyNames(p, {version, appId, account, token, model, osVersion});
+  // The denial's last sync tells the service of it: nothing leaves the device afterwards.
+  KOConsentGate& consent = KOConsentGate::shared();
+  if (consent.closing()) p.set(KOConsentGate::kDenialQueryKey, KOValue("denied"));
 
-  // An app extension of the same group builds its requests from these.
+  // An app extension of the same group builds its requests from these (not once the user said no).
   const KOValue group = platform.preferences->standard().objectForKey(KOV_APP_GROUP_ID_KEY);
-  if (group.isString() && !group.stringValue().empty()) {
+  if (group.isString() && !group.stringValue().empty() && consent.mayCallService()) {
     if (KOPreferenceStore* shared = platform.preferences->suite(group.stringValue())) {
       shared->setObject(KOValue(p), KOV_APP_GROUP_PARAMS_KEY);
       shared->synchronize();
@@ -185,6 +193,10 @@ void KOServerInterface::fetch(int service, const KODictionary& params, const KOV
 
 void KOServerInterface::initializeWith(const KODictionary&, SuccessCompletion completion) {
   try {
+    if (held()) {
+      if (completion) completion(false);
+      return;
+    }
     KODictionary body;
     if (const std::string vendor = KOPlatform::current().deviceInfo->identifierForVendor(); !vendor.empty()) {
       body.set("IDFV", KOValue(vendor));
@@ -247,6 +259,7 @@ template <typename Build>
 void KOServerInterface::fetchGuarded(const KOSourceLocation& where, int service, Build build,
                                      FetchCompletion completion) {
   try {
+    if (held()) return failFetch(completion);
     auto [params, body] = build();
     fetch(service, params, body, completion);  // a copy: the failure path below still needs it
   } catch (const std::exception& e) {
@@ -339,6 +352,7 @@ void KOServerInterface::getGeofencesForLocation(const KOLocationCoordinate* loca
 
 void KOServerInterface::setNotificationCategoriesWithCategories(const KOArray& categories) {
   try {
+    if (held()) return;  // still due: sent from a later start
     send(KOServiceNumberSendCategories, getUniversalParams(), KOValue(KODictionary{{"data", categories}}),
          [](bool success) {
            if (success) {
@@ -359,6 +373,7 @@ void KOServerInterface::setNotificationCategoriesWithCategories(const KOArray& c
 
 void KOServerInterface::getConfigForKovantis() {
   try {
+    if (held()) return;
     const KOValue last = prefs().objectForKey(kConfigLastUpdatedKey);
     if (last.isDate() && last.dateValue().secondsSince1970 + kConfigInterval > KovantisDateUtils::now()) return;
     const KOValue appId = appIdOrFail();
@@ -397,6 +412,7 @@ void KOServerInterface::getConfigForKovantis() {
 void KOServerInterface::sendLogToLogEntries(const std::string& message, const KOValue& andTraceBack,
                                             const std::string& andLevel) {
   try {
+    if (held()) return;
     KOPreferenceStore& store = prefs();
     if (store.objectForKey(kLogEntriesTokenKey).isNil()) {
       store.setObject(KOValue(KO_DEFAULT_LOG_TOKEN), kLogEntriesTokenKey);

@@ -84,6 +84,11 @@ foreach(test TheServiceStoresThePurchaseWithItsAttributes ABatchRefusedWithA500I
   endif()
 endforeach()
 
+# The privacy manifest ships with the package, for the app's own.
+if(NOT EXISTS ${prefix}/share/kovantis/PrivacyInfo.xcprivacy)
+  message(FATAL_ERROR "the privacy manifest was not installed (share/kovantis/PrivacyInfo.xcprivacy)")
+endif()
+
 # The installed emulator library exports its documented surface only.
 run(${CMAKE_COMMAND} -DLIBRARY=${prefix}/lib/libkovantis_emulator.so -P ${SOURCE_DIR}/tests/structure/emulator_symbols.cmake)
 

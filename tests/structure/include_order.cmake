@@ -1,6 +1,6 @@
 # Dependencies point one way: include/kovantis <- KOUtilities <- Network <- the handler folders <-
 # the facade (src/Kovantis.cpp). Among the handler folders: KODataHandler <- KOInbox, KOGeofence,
-# KORichPush (peers: none includes another) <- KOInAppV2 <- KONotification. Reads every
+# KORichPush (peers: none includes another) <- KOInAppV2 <- KONotification <- KOPrivacy. Reads every
 # #include "..." of the SDK and of the code around it, and fails on one that points against that
 # order or past what the including file's role allows:
 #   the simulated device (src/Platform/Sim/)  public headers and the serialisers below the logger;
@@ -21,8 +21,8 @@ cmake_minimum_required(VERSION 3.25)
 # INJECT adds one include to a file as if it were written there (the check's own test).
 
 # Rank of each handler folder; folders of one rank are peers and may not include each other.
-set(handler_ranks KODataHandler=3 KOInbox=4 KOGeofence=4 KORichPush=4 KOInAppV2=5 KONotification=6)
-set(facade_rank 7)
+set(handler_ranks KODataHandler=3 KOInbox=4 KOGeofence=4 KORichPush=4 KOInAppV2=5 KONotification=6 KOPrivacy=7)
+set(facade_rank 8)
 # The serialisers the simulated device may use: they neither log nor reach the platform.
 set(below_logger src/KOUtilities/KOPropertyListSerialization.h src/KOUtilities/KOJSONSerialization.h
                  src/KOUtilities/KOUTF8.h src/KOUtilities/KOJSONWriter.h
@@ -33,7 +33,7 @@ set(emulator_program tools/emulator/main.cpp tools/emulator/KOEmulatorPreview.cp
 set(search_dirs include src src/Platform tools/emulator/include testing/include tests/support)
 
 # The role of a file of the repository: an SDK layer as a number (public 0, utilities 1, network 2,
-# handlers 3 to 6, facade 7), or a name. Empty: not ours to check.
+# handlers 3 to 7, facade 8), or a name. Empty: not ours to check.
 function(role_of path out)
   set(r "")
   if(path STREQUAL "include/kovantis/Kovantis.h")

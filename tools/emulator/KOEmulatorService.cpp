@@ -100,6 +100,7 @@ constexpr Route kRoutes[] = {
     {"GET", "/__emulator/categories", Kind::Inspection, categories},
     {"GET", "/__emulator/geofence_hits", Kind::Inspection, geofenceHits},
     {"GET", "/__emulator/campaign_events", Kind::Inspection, campaignEvents},
+    {"GET", "/__emulator/privacy", Kind::Inspection, privacy},
     {"GET", "/__emulator/seed", Kind::Inspection, seeds},
     {"GET", "/__emulator/fault", Kind::Inspection, faults},
     {"GET", "/__emulator/timeline", Kind::Control, timeline},

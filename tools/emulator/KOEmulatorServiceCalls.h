@@ -162,6 +162,8 @@ Handler geofenceHit, geofences;
 Handler image;
 // The control API and the dashboard's views (KOEmulatorServiceControl.cpp).
 Handler health, seed, reset, addFault, clearFaults, timeline, requestLog, changes;
+// What the service knows of each device's consent and wipes (KOEmulatorServicePrivacy.cpp).
+Handler privacy;
 // The inspections, also reached in-process through KOEmulator::inspectJSON.
 Handler requests, devices, batches, events, duplicates, logs, categories, geofenceHits, campaignEvents, seeds, faults;
 

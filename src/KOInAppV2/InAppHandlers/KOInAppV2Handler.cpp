@@ -15,6 +15,7 @@
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInAppV2/InAppView/KOInAppV2ViewBuilder.h"
 #include "KOInAppV2/Nudges/KONudgesHandler.h"
+#include "KOUtilities/KOConsentGate.h"
 #include "KOUtilities/KOInternalConstants.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOSDKSettings.h"
@@ -218,6 +219,7 @@ bool KOInAppV2Handler::currentlyFetchingInApps() const {
 
 void KOInAppV2Handler::getInAppCampaigns() {
   try {
+    if (!KOConsentGate::shared().mayCallService()) return;  // fetched once consent is granted
     const std::optional<double> last = secondsOf(KovantisUtils::getLastInUpdatedTimeForInApps());
     const KOValue stamp(last ? KOStringFormat::format("%.0f", {KOValue(std::floor(*last))}) + "000" : std::string("0"));
     KOArray ids;
@@ -361,6 +363,7 @@ void KOInAppV2Handler::checkTriggerWithEventName(const std::string& name, const 
 }
 
 void KOInAppV2Handler::smartTriggerInAppForEvent(const std::string& name, const KOValue& payload) {
+  if (!KOConsentGate::shared().mayCallService()) return;
   KOServerInterface::sharedInstance().triggerSmartInAppWithEvent(name, payload, [this, name](const KOValue& response) {
     KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
       const KOValue& list = validObjectForKey(response, KO_INAPP_CAMPAIGN_INFO_KEY);
@@ -418,6 +421,8 @@ void KOInAppV2Handler::showInAppV2WithObject(std::shared_ptr<const KOInAppV2Obje
     auto manager = std::make_shared<KODownloadManager>();
     manager->download(urls,
                       [this, inApp, images, manager, screen](bool success, const KOValue&, const KOValue& results) {
+                        // The user said no while the images came: nothing is kept, nothing shows.
+                        if (!KOConsentGate::shared().mayShow()) return;
                         const std::string cid = inApp->campaignPropertiesObject().campaignId();
                         if (!success || !results.isArray()) {
                           {
@@ -461,6 +466,7 @@ void KOInAppV2Handler::showInAppV2WithObject(std::shared_ptr<const KOInAppV2Obje
 void KOInAppV2Handler::present(const std::shared_ptr<const KOInAppV2Object>& inApp, const std::string& screen,
                                std::map<std::int64_t, KOImageInfo> images) {
   KOLogger::guard(KO_HERE, this, "Kovantis - InApp Exception %@", [&] {
+    if (!KOConsentGate::shared().mayShow()) return;  // nothing new shows once the user said no
     const KOInAppV2CampaignPropertiesObject& campaign = inApp->campaignPropertiesObject();
     const KOInAppDecision decision = screenDecision(campaign, screen);
     if (decision.refusedBy == kKeyboard)
@@ -555,6 +561,7 @@ bool KOInAppV2Handler::isSelfHandled(const KOInAppV2Object& inApp) {
 }
 
 void KOInAppV2Handler::returnSelfHandledInAppData(const KOInAppV2Object& inApp) {
+  if (!KOConsentGate::shared().mayShow()) return;
   const auto delegate = KOSDKSettings::shared().inAppDelegate();
   if (!delegate) return;
   delegate->selfHandledInAppWithData(KODictionary{{"campaign_id", inApp.campaignPropertiesObject().campaignId()},
@@ -562,6 +569,7 @@ void KOInAppV2Handler::returnSelfHandledInAppData(const KOInAppV2Object& inApp) 
 }
 
 void KOInAppV2Handler::fetchAndShowInAppForCampaignID(const std::string& campaignID, bool forTestInApp) {
+  if (!KOConsentGate::shared().mayCallService()) return;
   KOServerInterface::sharedInstance().getInAppForCampaignID(
       campaignID, [campaignID, forTestInApp](const KOValue& response) {
         KOLogger::guard(KO_HERE, nullptr, "Kovantis - InApp Exception %@", [&] {

@@ -9,6 +9,7 @@
 #include "KOInAppV2/InAppHandlers/KOInAppV2Handler.h"
 #include "KOInAppV2/InAppManager/KOInAppV2Manager.h"
 #include "KOInAppV2/InAppView/KOInAppV2ViewBuilder.h"
+#include "KOUtilities/KOConsentGate.h"
 #include "KOUtilities/KOLogger.h"
 #include "KOUtilities/KOSDKSettings.h"
 #include "KOUtilities/KOValueHelpers.h"
@@ -52,7 +53,8 @@ void KONudgesHandler::getNudgeViewForViewController(const KOViewController* view
                                                     const Completion& completion) {
   if (KOSDKSettings::shared().disableInApps()) return;
   KOLogger::guard(KO_HERE, this, "Kovantis - Exception : %@", [&] {
-    const auto nudge = chooseFor(KOInAppV2Handler::screenNameFor(viewController));
+    const auto nudge =
+        KOConsentGate::shared().mayShow() ? chooseFor(KOInAppV2Handler::screenNameFor(viewController)) : nullptr;
     const KOSize size{KovantisUtils::screenWidthForInApp(), KovantisUtils::screenHeightForInApp()};
     if (!completion) return;
     if (!nudge) return completion(KOViewDescription{}, "");
@@ -90,6 +92,7 @@ void KONudgesHandler::showNudgeWithNudgeObject(std::shared_ptr<const KOInAppV2Ob
 
 void KONudgesHandler::present(const KOViewController& viewController, std::shared_ptr<const KOInAppV2Object> nudge,
                               int position) {
+  if (!KOConsentGate::shared().mayShow()) return;
   const KOSize size{KovantisUtils::screenWidthForInApp(), KovantisUtils::screenHeightForInApp()};
   KOViewDescription strip = describe(*nudge, size);
   if (position == KONudgePositionBottom) strip.frame.y = size.height - strip.frame.height;

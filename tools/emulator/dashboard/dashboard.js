@@ -80,6 +80,18 @@ async function drawDevices() {
   select.value = chosen;
 }
 
+// Each install's consent as its last call said it, and the installs a wipe ended (the service's
+// rule: /__emulator/privacy).
+async function drawPrivacy() {
+  const installs = await getJSON('privacy');
+  fill('privacy', installs.map((d) => [
+    { text: d.unique_id, cls: 'code' }, { text: d.device_unique_id, cls: 'code' },
+    { text: d.consent, cls: d.consent === 'denied' ? 'bad' : '' },
+    d.wiped ? { text: 'wiped (then ' + short(d.followed_by, 24) + ')', cls: 'bad' } : 'kept',
+    d.calls, time(d.last_seen),
+  ]));
+}
+
 // The timeline is paged: a page is asked for with the cursor the previous one answered.
 const timeline = { pages: [], cursor: null, names: new Set(), asked: 0 };
 
@@ -307,7 +319,7 @@ let busy = false;
 
 async function refresh(all) {
   await drawSeeds();
-  await Promise.all([drawDevices(), drawBatches(), drawRequests(), drawFaults(), drawCampaigns(), drawCategories(),
+  await Promise.all([drawDevices(), drawPrivacy(), drawBatches(), drawRequests(), drawFaults(), drawCampaigns(), drawCategories(),
     drawGeofences(), drawLogs(), all || timeline.pages.length <= 50 ? drawTimeline(false) : null]);
 }
 
