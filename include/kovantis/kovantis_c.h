@@ -134,6 +134,22 @@ KOV_API kov_status kov_add_device(kov_bool_callback completion, void* ctx);
 /* Logout: tracks "KOV_LOGOUT", sends what is stored, then clears the user's data. */
 KOV_API kov_status kov_reset_user(void);
 
+/* ----------------------------------------------------------------------------- privacy */
+
+/* The user's tracking consent, kept across launches. */
+typedef enum kov_consent { KOV_CONSENT_GRANTED = 0, KOV_CONSENT_DENIED = 1, KOV_CONSENT_PENDING = 2 } kov_consent;
+/* What a denial does with what is held: sent in one last sync, or discarded at once. */
+typedef enum kov_pending_data { KOV_PENDING_SEND = 0, KOV_PENDING_DISCARD = 1 } kov_pending_data;
+KOV_API kov_status kov_set_tracking_consent(kov_consent consent, kov_pending_data pending_data);
+KOV_API kov_status kov_tracking_consent(kov_consent* consent);
+/* The consent of an install where the app never chose (call before the start): Pending to ask first. */
+KOV_API kov_status kov_set_default_tracking_consent(kov_consent consent);
+/* Removes everything the SDK keeps on the device; keep_persistent_device_id (0 or 1) keeps the
+ * keychain's device id. */
+KOV_API kov_status kov_wipe_data(int keep_persistent_device_id);
+/* Everything the device keeps about the user, as JSON (free with kov_free). */
+KOV_API kov_status kov_export_user_data(char** data_json);
+
 /* ------------------------------------------------------------------------------------ push */
 
 /* Categories as JSON: [{"identifier": "ORDER", "actions": [{"identifier": "TRACK", "title": "Track",

@@ -430,3 +430,64 @@ kov_status kov_handle_action_with_identifier(const char* identifier, const char*
 }
 
 }  // extern "C"
+
+// ------------------------------------------------------------------------------------- privacy
+
+namespace {
+
+KOTrackingConsent consentOf(kov_consent consent) {
+  switch (consent) {
+    case KOV_CONSENT_GRANTED:
+      return KOTrackingConsent::Granted;
+    case KOV_CONSENT_DENIED:
+      return KOTrackingConsent::Denied;
+    case KOV_CONSENT_PENDING:
+      return KOTrackingConsent::Pending;
+  }
+  KOC::fail(KOV_INVALID_ARGUMENT, "consent must be KOV_CONSENT_GRANTED, KOV_CONSENT_DENIED or KOV_CONSENT_PENDING");
+}
+
+}  // namespace
+
+kov_status kov_set_tracking_consent(kov_consent consent, kov_pending_data pending_data) {
+  return KOC::call([&] {
+    KOC::requireInstalled();
+    if (pending_data != KOV_PENDING_SEND && pending_data != KOV_PENDING_DISCARD) {
+      KOC::fail(KOV_INVALID_ARGUMENT, "pending_data must be KOV_PENDING_SEND or KOV_PENDING_DISCARD");
+    }
+    sdk().setTrackingConsent(consentOf(consent),
+                             pending_data == KOV_PENDING_SEND ? KOPendingData::Send : KOPendingData::Discard);
+  });
+}
+
+kov_status kov_tracking_consent(kov_consent* consent) {
+  return KOC::call([&] {
+    KOC::requireInstalled();
+    KOC::needPointer(consent, "consent");
+    *consent = static_cast<kov_consent>(static_cast<int>(sdk().trackingConsent()));
+  });
+}
+
+kov_status kov_set_default_tracking_consent(kov_consent consent) {
+  return KOC::call([&] { Kovantis::setDefaultTrackingConsent(consentOf(consent)); });
+}
+
+kov_status kov_wipe_data(int keep_persistent_device_id) {
+  return KOC::call([&] {
+    KOC::requireInstalled();
+    if (keep_persistent_device_id != 0 && keep_persistent_device_id != 1) {
+      KOC::fail(KOV_INVALID_ARGUMENT, "keep_persistent_device_id must be 0 or 1");
+    }
+    KOWipeOptions options;
+    options.keepPersistentDeviceId = keep_persistent_device_id == 1;
+    sdk().wipeData(options);
+  });
+}
+
+kov_status kov_export_user_data(char** data_json) {
+  return KOC::call([&] {
+    KOC::requireInstalled();
+    KOC::needPointer(data_json, "data_json");
+    KOC::answer(data_json, sdk().exportUserDataJSON());
+  });
+}
