@@ -2,11 +2,13 @@
 // the process, and a service that refuses everything.
 #pragma once
 
+#include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -131,6 +133,25 @@ inline double senderCPUSeconds() {
     seconds += static_cast<double>(utime + stime) / static_cast<double>(ticks);
   }
   return seconds;
+}
+
+// What a tracked event costs the whole process (recording, cuts, file writes, sync rounds) while
+// the service is down, with `range(0)` events already stored.
+inline void trackWhileStored(benchmark::State& state) {
+  KOBenchCleanRig clean;
+  holdWithServiceDown(clean.rig, static_cast<std::size_t>(state.range(0)));
+  // Long enough for the batch file's rewrites to be paid for in the figure as they are in use,
+  // whatever is stored.
+  const std::size_t kTracked = std::max<std::size_t>(30000, static_cast<std::size_t>(state.range(0)));
+  double cpu = 0;
+  for (auto _ : state) {
+    const double before = processCPUSeconds();
+    track(kTracked);
+    waitForBackground(clean.rig);
+    cpu += processCPUSeconds() - before;
+  }
+  state.counters["cpu_us_per_event"] = cpu * 1e6 / static_cast<double>(kTracked * state.iterations());
+  state.counters["stored_events"] = static_cast<double>(state.range(0));
 }
 
 }  // namespace kobench

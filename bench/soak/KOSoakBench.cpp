@@ -15,20 +15,7 @@ using namespace kobench;
 
 // What a tracked event costs the whole process while the service is down, with `range(0)` events
 // already stored.
-void BM_TrackWhileStoredLarge(benchmark::State& state) {
-  KOBenchCleanRig clean;
-  holdWithServiceDown(clean.rig, static_cast<std::size_t>(state.range(0)));
-  const std::size_t kTracked = std::max<std::size_t>(30000, static_cast<std::size_t>(state.range(0)));
-  double cpu = 0;
-  for (auto _ : state) {
-    const double before = processCPUSeconds();
-    track(kTracked);
-    waitForBackground(clean.rig);
-    cpu += processCPUSeconds() - before;
-  }
-  state.counters["cpu_us_per_event"] = cpu * 1e6 / static_cast<double>(kTracked * state.iterations());
-  state.counters["stored_events"] = static_cast<double>(state.range(0));
-}
+void BM_TrackWhileStoredLarge(benchmark::State& state) { trackWhileStored(state); }
 BENCHMARK(BM_TrackWhileStoredLarge)
     ->Arg(100000)
     ->Arg(1000000)
