@@ -166,9 +166,11 @@ void KOEventsHandler::ensureLoadedLocked() {
       if (!store_.find(id)->inJournal) journalBatchLocked(id);
     }
   } else {
-    startJournalLocked();
+    startJournalLocked();  // on success it lets go of the bytes read
   }
-  journal_.releaseRecovered();
+  // Without a generation (a full disk at start) the refs still name the bytes read: kept until one
+  // starts.
+  if (journal_.isOpen()) journal_.releaseRecovered();
   if (fileBehind || restoredBatches) persistLocked();
 }
 
@@ -219,6 +221,7 @@ bool KOEventsHandler::startJournalLocked() {
     for (std::size_t i = 0; i < ids.size(); ++i) store_.moveToJournal(ids[i], batchArrays[i]);
     views_ = std::move(records);
     heapViews_.clear();
+    journal_.releaseRecovered();
     journalFailed_ = false;
     journalRetryDelay_ = 0;
     return true;
