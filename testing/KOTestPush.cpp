@@ -2,26 +2,28 @@
 
 #include <utility>
 
+#include "kovantis/KOConstants.h"
+
 namespace {
 
-// Every key of the payload the builder writes, in one place: the platform's block, the service's
-// block and the app's extras.
+// Every key of the payload the builder writes, in one place: the public names a host writes, and
+// the platform's own flag for a background push.
 namespace key {
-constexpr const char* kPlatformBlock = "aps";
-constexpr const char* kAlert = "alert";
-constexpr const char* kAlertTitle = "title";
-constexpr const char* kAlertBody = "body";
-constexpr const char* kBadge = "badge";
-constexpr const char* kCategory = "category";
+constexpr const char* kPlatformBlock = KOPushKeyAps;
+constexpr const char* kAlert = KOPushKeyAlert;
+constexpr const char* kAlertTitle = KOPushKeyAlertTitle;
+constexpr const char* kAlertBody = KOPushKeyAlertBody;
+constexpr const char* kBadge = KOPushKeyBadge;
+constexpr const char* kCategory = KOPushKeyCategory;
 constexpr const char* kContentAvailable = "content-available";
-constexpr const char* kServiceBlock = "kovantis";
-constexpr const char* kCampaignId = "cid";
-constexpr const char* kCoupon = "couponCode";
-constexpr const char* kLandingPage = "webUrl";
-constexpr const char* kInAppCampaign = "kov_inapp_cid";
-constexpr const char* kSilent = "silentPush";
-constexpr const char* kAppBlock = "app_extra";
-constexpr const char* kDeepLink = "kov_deeplink";
+constexpr const char* kServiceBlock = KOPushKeyService;
+constexpr const char* kCampaignId = KOPushKeyCampaignId;
+constexpr const char* kCoupon = KOPushKeyCouponCode;
+constexpr const char* kLandingPage = KOPushKeyLandingPage;
+constexpr const char* kInAppCampaign = KOPushKeyInAppCampaignId;
+constexpr const char* kSilent = KOPushKeySilent;
+constexpr const char* kAppBlock = KOPushKeyAppExtra;
+constexpr const char* kDeepLink = KOPushKeyDeepLink;
 }  // namespace key
 
 void setIn(KODictionary& payload, const std::string& block, const std::string& name, KOValue value) {
