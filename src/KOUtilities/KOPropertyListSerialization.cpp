@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
@@ -368,15 +369,15 @@ class FastFragment {
       case '[':
         return array(depth + 1);
       case '"':
-        out_ += "<string>";
+        put("<string>");
         if (!string()) return false;
-        out_ += "</string>";
+        put("</string>");
         return true;
       case 't':
-        out_ += "<true/>";
+        put("<true/>");
         return literal("true");
       case 'f':
-        out_ += "<false/>";
+        put("<false/>");
         return literal("false");
       default:
         return number();
@@ -386,12 +387,12 @@ class FastFragment {
   bool object(int depth) {
     if (depth > kMaxDepth) return false;
     ++p_;
-    out_ += "<dict>";
+    put("<dict>");
     const std::size_t firstKey = keys_.size();
     skipSpace();
     if (p_ < end_ && *p_ == '}') {
       ++p_;
-      out_ += "</dict>";
+      put("</dict>");
       return true;
     }
     for (;;) {
@@ -399,7 +400,7 @@ class FastFragment {
       if (p_ >= end_ || *p_ != '"') return false;
       const std::size_t keyStart = out_.size();
       const char* raw = p_ + 1;
-      out_ += "<key>";
+      put("<key>");
       if (!string()) return false;
       const std::string_view key(raw, static_cast<std::size_t>(p_ - 1 - raw));
       // An escaped key could equal another written differently; parsing keeps the last of equal keys.
@@ -408,7 +409,7 @@ class FastFragment {
         if (keys_[i] == key) return false;
       }
       keys_.push_back(key);
-      out_ += "</key>";
+      put("</key>");
       skipSpace();
       if (p_ >= end_ || *p_ != ':') return false;
       ++p_;
@@ -427,25 +428,25 @@ class FastFragment {
     }
     ++p_;
     keys_.resize(firstKey);
-    out_ += "</dict>";
+    put("</dict>");
     return true;
   }
 
   bool array(int depth) {
     if (depth > kMaxDepth) return false;
     ++p_;
-    out_ += "<array>";
+    put("<array>");
     skipSpace();
     if (p_ < end_ && *p_ == ']') {
       ++p_;
-      out_ += "</array>";
+      put("</array>");
       return true;
     }
     for (;;) {
       skipSpace();
       if (p_ < end_ && *p_ == 'n') {
         if (!literal("null")) return false;
-        out_ += "<string></string>";  // null is "" in an array
+        put("<string></string>");  // null is "" in an array
       } else if (!value(depth)) {
         return false;
       }
@@ -456,41 +457,57 @@ class FastFragment {
       ++p_;
     }
     ++p_;
-    out_ += "</array>";
+    put("</array>");
     return true;
   }
+
+  // What a byte of a string asks for: 0 copy, 1 the closing quote, 2 an escape, 3 an XML entity,
+  // 4 never in a string here (a control character), 5 the start of a multi-byte sequence.
+  static constexpr std::array<std::uint8_t, 256> kByteClass = [] {
+    std::array<std::uint8_t, 256> table{};
+    for (int c = 0; c < 0x20; ++c) table[c] = 4;
+    table['"'] = 1;
+    table['\\'] = 2;
+    table['&'] = table['<'] = table['>'] = 3;
+    for (int c = 0x80; c < 0x100; ++c) table[c] = 5;
+    return table;
+  }();
+
+  void put(std::string_view text) { out_.append(text.data(), text.size()); }
 
   // The text of a JSON string, XML-escaped; p_ at its opening quote, left after its closing one.
   bool string() {
     ++p_;
     const char* plain = p_;
     for (;;) {
+      while (p_ < end_ && kByteClass[static_cast<unsigned char>(*p_)] == 0) ++p_;
       if (p_ >= end_) return false;
-      const auto c = static_cast<unsigned char>(*p_);
-      if (c == '"') break;
-      if (c < 0x20) return false;
-      if (c == '\\' || c == '&' || c == '<' || c == '>') {
-        out_.append(plain, p_);
-        if (c == '\\') {
-          if (!escape()) return false;
-        } else {
-          out_ += c == '&' ? "&amp;" : c == '<' ? "&lt;" : "&gt;";
+      const char c = *p_;
+      switch (kByteClass[static_cast<unsigned char>(c)]) {
+        case 1:
+          out_.append(plain, p_);
           ++p_;
+          return true;
+        case 2:
+          out_.append(plain, p_);
+          if (!escape()) return false;
+          plain = p_;
+          break;
+        case 3:
+          out_.append(plain, p_);
+          put(c == '&' ? std::string_view("&amp;") : c == '<' ? std::string_view("&lt;") : std::string_view("&gt;"));
+          plain = ++p_;
+          break;
+        case 5: {
+          const std::size_t n = utf8Length(p_, end_);
+          if (n == 0) return false;
+          p_ += n;
+          break;
         }
-        plain = p_;
-        continue;
+        default:
+          return false;
       }
-      if (c >= 0x80) {
-        const std::size_t n = utf8Length(p_, end_);
-        if (n == 0) return false;
-        p_ += n;
-        continue;
-      }
-      ++p_;
     }
-    out_.append(plain, p_);
-    ++p_;
-    return true;
   }
 
   bool escape() {
@@ -514,7 +531,7 @@ class FastFragment {
       return false;
     }
     if (code == '&' || code == '<' || code == '>') {
-      out_ += code == '&' ? "&amp;" : code == '<' ? "&lt;" : "&gt;";
+      put(code == '&' ? std::string_view("&amp;") : code == '<' ? std::string_view("&lt;") : std::string_view("&gt;"));
       return true;
     }
     char bytes[4];
@@ -604,18 +621,18 @@ class FastFragment {
       const auto [ptr, ec] = std::from_chars(start, p_, i);
       if (ec != std::errc() || ptr != p_) return false;  // past int64: a real, the reader's way
       const auto written = std::to_chars(text, text + sizeof text, i).ptr;
-      out_ += "<integer>";
+      put("<integer>");
       out_.append(text, written);
-      out_ += "</integer>";
+      put("</integer>");
       return true;
     }
     double d = 0;
     const auto [ptr, ec] = std::from_chars(start, p_, d);
     if (ec != std::errc() || ptr != p_) return false;
     const auto written = std::to_chars(text, text + sizeof text, d).ptr;
-    out_ += "<real>";
+    put("<real>");
     out_.append(text, written);
-    out_ += "</real>";
+    put("</real>");
     return true;
   }
 
