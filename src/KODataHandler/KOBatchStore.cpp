@@ -310,7 +310,7 @@ void logUnstorable(const std::string& id, const std::exception& e) {
 // The batch file as it is written: pieces handed to the writer, and where each batch lands.
 class FileWriter {
  public:
-  FileWriter(KOFileSystem& fs, const std::string& path, const KOFileSystem::KOPieceWriter& sink)
+  FileWriter(KOFileSystem* fs, const std::string& path, const KOFileSystem::KOPieceWriter& sink)
       : fs_(fs), path_(path), sink_(sink) {
     chunk_.reserve(kFilePiece + 4096);
   }
@@ -337,7 +337,7 @@ class FileWriter {
     std::size_t next = 0;  // the first batch of the run not yet checked
     while (at < runEnd_) {
       const auto length = static_cast<std::size_t>(std::min<std::uint64_t>(runEnd_ - at, kFilePiece));
-      const std::optional<std::string> bytes = fs_.readFileRange(path_, at, length);
+      const std::optional<std::string> bytes = fs_ ? fs_->readFileRange(path_, at, length) : std::nullopt;
       if (!bytes || bytes->size() != length) return false;
       // Each batch starts with its key: one that does not says the file is not what was written.
       for (; next < run_.size() && run_[next].second < at + length; ++next) {
@@ -363,7 +363,7 @@ class FileWriter {
   }
 
  private:
-  KOFileSystem& fs_;
+  KOFileSystem* fs_;  // what the previous file is read through (none: nothing is copied)
   const std::string& path_;
   const KOFileSystem::KOPieceWriter& sink_;
   std::string chunk_;
@@ -374,47 +374,59 @@ class FileWriter {
 
 }  // namespace
 
-bool KOBatchStore::write(KOFileSystem& fs, const std::string& path, const std::vector<std::string>& ids,
-                         const FileIndex& previous, const RecordsSource& source, FileIndex* written) {
-  FileIndex index;
-  bool copied = true;
-  const auto produce = [&](const KOFileSystem::KOPieceWriter& sink) {
-    FileWriter file(fs, path, sink);
-    file.chunk() += KOPropertyListSerialization::kXMLPrologue;
-    file.chunk() += "<dict>\n";
-    for (const std::string& id : ids) {
-      if (const auto it = previous.find(id); it != previous.end()) {
-        const std::uint64_t at = file.position();
-        index[id] = {at, at + (it->second.second - it->second.first)};
-        if (!file.copy(id, it->second.first, it->second.second)) return copied = false;
-        continue;
-      }
-      if (!file.copyRun()) return copied = false;
-      const std::optional<std::string> json = source(id);
-      if (!json) continue;  // gone meanwhile
-      try {
-        const std::string fragment = KOPropertyListSerialization::xmlFragmentFromJSON(*json);
-        const std::uint64_t at = file.position();
-        std::string& chunk = file.chunk();
-        chunk += "<key>";
-        chunk += id;  // digits only: nothing to escape
-        chunk += "</key>";
-        chunk += fragment;
-        index[id] = {at, file.position()};
-      } catch (const std::exception& e) {
-        logUnstorable(id, e);
-      }
-      if (!file.maybeFlush()) return false;
+namespace {
+
+// The file's text for `ids`, handed to `sink` a piece at a time: each batch in `previous` copied from
+// the file at `path`, any other made from its JSON. `index` receives where each batch lands; false
+// when the sink stopped or a copy failed (`copied` false then).
+bool produceFileText(KOFileSystem* fs, const std::string& path, const std::vector<std::string>& ids,
+                     const KOBatchStore::FileIndex& previous, const KOBatchStore::RecordsSource& source,
+                     const KOFileSystem::KOPieceWriter& sink, KOBatchStore::FileIndex& index, bool& copied) {
+  FileWriter file(fs, path, sink);
+  file.chunk() += KOPropertyListSerialization::kXMLPrologue;
+  file.chunk() += "<dict>\n";
+  for (const std::string& id : ids) {
+    if (const auto it = previous.find(id); it != previous.end()) {
+      const std::uint64_t at = file.position();
+      index[id] = {at, at + (it->second.second - it->second.first)};
+      if (!file.copy(id, it->second.first, it->second.second)) return copied = false;
+      continue;
     }
     if (!file.copyRun()) return copied = false;
-    file.chunk() += "</dict>\n</plist>\n";
-    return file.flush();
-  };
+    const std::optional<std::string> json = source(id);
+    if (!json) continue;  // gone meanwhile
+    try {
+      const std::string fragment = KOPropertyListSerialization::xmlFragmentFromJSON(*json);
+      const std::uint64_t at = file.position();
+      std::string& chunk = file.chunk();
+      chunk += "<key>";
+      chunk += id;  // digits only: nothing to escape
+      chunk += "</key>";
+      chunk += fragment;
+      index[id] = {at, file.position()};
+    } catch (const std::exception& e) {
+      logUnstorable(id, e);
+    }
+    if (!file.maybeFlush()) return false;
+  }
+  if (!file.copyRun()) return copied = false;
+  file.chunk() += "</dict>\n</plist>\n";
+  return file.flush();
+}
+
+}  // namespace
+
+bool KOBatchStore::write(KOFileSystem& fs, const std::string& path, const std::vector<std::string>& ids,
+                         const FileIndex& previous, const RecordsSource& source, FileIndex* written) {
   if (ids.empty()) {
     if (written) written->clear();
     return !fs.fileExists(path) || fs.removeItem(path);
   }
-  const bool ok = KOAtomicFile::writeInPieces(fs, path, produce);
+  FileIndex index;
+  bool copied = true;
+  const bool ok = KOAtomicFile::writeInPieces(fs, path, [&](const KOFileSystem::KOPieceWriter& sink) {
+    return produceFileText(&fs, path, ids, previous, source, sink, index, copied);
+  });
   if (!copied) {
     // What the file held could not be read back as written: the next write makes every batch
     // from its records instead.
@@ -433,15 +445,15 @@ bool KOBatchStore::write(KOFileSystem& fs, const std::string& filePath) const {
 }
 
 std::string KOBatchStore::fileText() const {
-  std::string text = std::string(KOPropertyListSerialization::kXMLPrologue) + "<dict>\n";
-  for (const auto& [id, batch] : batches_) {
-    try {
-      std::string fragment = KOPropertyListSerialization::xmlFragmentFromJSON(recordsJSON(id));
-      text += "<key>" + id + "</key>";
-      text += fragment;
-    } catch (const std::exception& e) {
-      logUnstorable(id, e);
-    }
-  }
-  return text + "</dict>\n</plist>\n";
+  std::string text;
+  FileIndex index;
+  bool copied = true;
+  produceFileText(
+      nullptr, path_, ids(), {}, [this](const std::string& id) { return std::optional(recordsJSON(id)); },
+      [&](std::string_view piece) {
+        text += piece;
+        return true;
+      },
+      index, copied);
+  return text;
 }

@@ -75,6 +75,11 @@ class KOBatchStore {
   void clear();
 
   std::vector<std::string> ids() const;
+  /// Visits every batch in id order, without copying the ids.
+  template <typename Visit>
+  void forEachBatch(Visit&& visit) const {
+    for (const auto& [id, batch] : batches_) visit(id, batch);
+  }
   std::size_t size() const { return batches_.size(); }
   bool empty() const { return batches_.empty(); }
   const Batch* find(const std::string& id) const;

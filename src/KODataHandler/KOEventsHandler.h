@@ -169,6 +169,9 @@ class KOEventsHandler {
   /// Ends the running sync and starts the one waiting, if any (a reset before a follow-up).
   void releaseSyncLocked(bool afterReset);
   std::int64_t nowMilliseconds() const;
+  // A journal generation that grew past this, and past twice what it holds live, starts over once
+  // the file caught up; the file is rewritten at most once per this much journaled.
+  static constexpr std::size_t kJournalCompactBytes = 64 * 1024;
 
   mutable std::mutex mutex_;
   std::mutex fileMutex_;  // taken before mutex_, never while holding it

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "KOJSONSerialization.h"
+#include "KOJSONWriter.h"
 #include "KOUTF8.h"
 
 namespace {
@@ -462,14 +463,16 @@ class FastFragment {
   }
 
   // What a byte of a string asks for: 0 copy, 1 the closing quote, 2 an escape, 3 an XML entity,
-  // 4 never in a string here (a control character), 5 the start of a multi-byte sequence.
+  // 4 never in a string here (a control character, or no UTF-8 lead), 5 the start of a
+  // multi-byte sequence.
   static constexpr std::array<std::uint8_t, 256> kByteClass = [] {
     std::array<std::uint8_t, 256> table{};
     for (int c = 0; c < 0x20; ++c) table[c] = 4;
     table['"'] = 1;
     table['\\'] = 2;
     table['&'] = table['<'] = table['>'] = 3;
-    for (int c = 0x80; c < 0x100; ++c) table[c] = 5;
+    for (int c = 0x80; c < 0x100; ++c) table[c] = 4;  // a byte no sequence starts with
+    for (int c = 0xC2; c <= 0xF4; ++c) table[c] = 5;
     return table;
   }();
 
@@ -499,7 +502,8 @@ class FastFragment {
           plain = ++p_;
           break;
         case 5: {
-          const std::size_t n = utf8Length(p_, end_);
+          const std::size_t n = utf8SequenceLength(reinterpret_cast<const unsigned char*>(p_),
+                                                   reinterpret_cast<const unsigned char*>(end_));
           if (n == 0) return false;
           p_ += n;
           break;
@@ -571,26 +575,6 @@ class FastFragment {
       }
     }
     return true;
-  }
-
-  // Bytes of the well-formed UTF-8 sequence at p (no overlong form, surrogate or code point past
-  // U+10FFFF), or 0.
-  static std::size_t utf8Length(const char* p, const char* end) {
-    const auto b = [&](std::size_t i) { return static_cast<unsigned char>(p[i]); };
-    const auto cont = [&](std::size_t i) { return p + i < end && (b(i) & 0xC0) == 0x80; };
-    const unsigned char c = b(0);
-    if (c >= 0xC2 && c <= 0xDF) return cont(1) ? 2 : 0;
-    if (c >= 0xE0 && c <= 0xEF) {
-      if (!cont(1) || !cont(2)) return 0;
-      if ((c == 0xE0 && b(1) < 0xA0) || (c == 0xED && b(1) >= 0xA0)) return 0;
-      return 3;
-    }
-    if (c >= 0xF0 && c <= 0xF4) {
-      if (!cont(1) || !cont(2) || !cont(3)) return 0;
-      if ((c == 0xF0 && b(1) < 0x90) || (c == 0xF4 && b(1) >= 0x90)) return 0;
-      return 4;
-    }
-    return 0;
   }
 
   // A number as the reader hands it on: digits alone an integer when it fits, anything else a real.
